@@ -1,0 +1,45 @@
+// The event loop as the platform sees it: work is handed to a later turn of the one event thread.
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <functional>
+
+namespace Kiv {
+
+class EventLoop {
+  public:
+    virtual ~EventLoop() = default;
+    /// Runs `work` on a later turn, in the order posted. Event thread only.
+    virtual void post(std::function<void()> work) = 0;
+};
+
+/// A loop that turns when told to: for simulations and tests.
+class ManualEventLoop final : public EventLoop {
+  public:
+    void post(std::function<void()> work) override { queue_.push_back(std::move(work)); }
+
+    bool idle() const { return queue_.empty(); }
+
+    /// Runs what was posted before the call; returns how many pieces of work that were.
+    std::size_t turn() {
+        const std::size_t due = queue_.size();
+        for (std::size_t i = 0; i < due; ++i) {
+            const std::function<void()> work = std::move(queue_.front());
+            queue_.pop_front();
+            work();
+        }
+        return due;
+    }
+
+    /// Turns until nothing is left, at most `limit` turns; false when work was left then.
+    bool runUntilIdle(std::size_t limit = 1000000) {
+        while (!idle() && limit-- > 0) turn();
+        return idle();
+    }
+
+  private:
+    std::deque<std::function<void()>> queue_;
+};
+
+}  // namespace Kiv
