@@ -1,0 +1,55 @@
+# What `cmake --install` puts in place: libraries, headers below include/vorn,
+# programs, a CMake package and a pkg-config file.
+
+if(NOT TARGET VornPlatform)
+    return()
+endif()
+
+include(CMakePackageConfigHelpers)
+
+set(header_dir ${CMAKE_INSTALL_INCLUDEDIR}/vorn)
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/VornPolicyCpu)
+
+set(libraries VornPlatform)
+if(TARGET VornPolicyCpu)
+    list(APPEND libraries VornPolicyCpu)
+endif()
+foreach(library ${libraries})
+    target_include_directories(${library} INTERFACE $<INSTALL_INTERFACE:${header_dir}>)
+    target_compile_features(${library} INTERFACE cxx_std_20)
+endforeach()
+
+install(TARGETS ${libraries} vorn_fmt vorn_xxhash EXPORT VornTargets)
+install(EXPORT VornTargets NAMESPACE Vorn:: DESTINATION ${package_dir})
+
+foreach(folder platform types catalogue entrylog linkage swtable interface)
+    if(IS_DIRECTORY ${CMAKE_SOURCE_DIR}/${folder})
+        install(DIRECTORY ${folder} DESTINATION ${header_dir}
+            FILES_MATCHING PATTERN "*.h" PATTERN "*.inl")
+    endif()
+endforeach()
+set(VORN_PC_CFLAGS "-I\${includedir}/vorn")
+if(VORN_FMT_UNPACKED)
+    install(DIRECTORY ${fmt_include}/fmt DESTINATION ${VORN_THIRD_PARTY_INCLUDE})
+    string(APPEND VORN_PC_CFLAGS " -isystem \${includedir}/vorn/third_party")
+endif()
+
+get_property(programs GLOBAL PROPERTY VORN_PROGRAMS)
+list(FILTER programs EXCLUDE REGEX "^vorn-example-")
+if(programs)
+    install(TARGETS ${programs})
+endif()
+
+configure_package_config_file(cmake/VornPolicyCpuConfig.cmake.in
+    ${CMAKE_BINARY_DIR}/VornPolicyCpuConfig.cmake INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/VornPolicyCpuConfigVersion.cmake
+    COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/VornPolicyCpuConfig.cmake
+    ${CMAKE_BINARY_DIR}/VornPolicyCpuConfigVersion.cmake DESTINATION ${package_dir})
+
+# The prefix is written relative to the file, so that a tree can be moved.
+file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" prefix_from_pc "${prefix_from_pc}")
+configure_file(cmake/vorn-policy-cpu.pc.in ${CMAKE_BINARY_DIR}/vorn-policy-cpu.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/vorn-policy-cpu.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,81 @@
+# How folders become targets.
+
+# The sources of some folders, main.cpp (a program's) left out.
+function(vorn_sources result)
+    set(all "")
+    foreach(folder ${ARGN})
+        file(GLOB_RECURSE found CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${folder}/*.cpp)
+        list(APPEND all ${found})
+    endforeach()
+    list(FILTER all EXCLUDE REGEX "/main\\.cpp$")
+    set(${result} ${all} PARENT_SCOPE)
+endfunction()
+
+# What nearly every source includes, compiled once for all libraries and programs.
+function(vorn_precompiled_headers)
+    set(empty ${CMAKE_BINARY_DIR}/empty.cpp)
+    file(GENERATE OUTPUT ${empty} CONTENT "")
+    add_library(vorn_pch OBJECT ${empty})
+    target_link_libraries(vorn_pch PRIVATE vorn_fmt)
+    target_precompile_headers(vorn_pch PRIVATE
+        <algorithm> <array> <atomic> <chrono> <compare> <concepts> <cstddef> <cstdint> <cstring>
+        <functional> <map> <memory> <optional> <set> <span> <string> <string_view> <tuple>
+        <type_traits> <unordered_map> <utility> <variant> <vector> <fmt/format.h>)
+endfunction()
+
+function(vorn_common target)
+    target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>)
+    set_target_properties(${target} PROPERTIES DEFINE_SYMBOL "")
+endfunction()
+
+# vorn_library(name SHARED|STATIC folder...)
+function(vorn_library name kind)
+    vorn_sources(sources ${ARGN})
+    if(NOT sources)
+        return()
+    endif()
+    add_library(${name} ${kind} ${sources})
+    vorn_common(${name})
+    target_link_libraries(${name} PUBLIC vorn_fmt)
+    target_precompile_headers(${name} REUSE_FROM vorn_pch)
+endfunction()
+
+# Links what exists of the libraries named.
+function(vorn_link target scope)
+    if(NOT TARGET ${target})
+        return()
+    endif()
+    foreach(library ${ARGN})
+        if(TARGET ${library})
+            target_link_libraries(${target} ${scope} ${library})
+        endif()
+    endforeach()
+endfunction()
+
+# vorn_program(name "source..." library...)
+function(vorn_program name sources)
+    foreach(source ${sources})
+        # Looked for with a glob, so that a file that comes later is noticed.
+        file(GLOB found CONFIGURE_DEPENDS ${source} ${CMAKE_SOURCE_DIR}/${source})
+        if(NOT found)
+            return()
+        endif()
+    endforeach()
+    add_executable(${name} ${sources})
+    vorn_common(${name})
+    target_link_libraries(${name} PRIVATE vorn_fmt)
+    vorn_link(${name} PRIVATE ${ARGN})
+    target_precompile_headers(${name} REUSE_FROM vorn_pch)
+    set_property(GLOBAL APPEND PROPERTY VORN_PROGRAMS ${name})
+endfunction()
+
+# Each sub-folder with a main.cpp is a program: <prefix><folder>.
+function(vorn_programs_below folder prefix)
+    file(GLOB mains CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${folder}/*/main.cpp)
+    foreach(main ${mains})
+        get_filename_component(path ${main} DIRECTORY)
+        get_filename_component(name ${path} NAME)
+        file(GLOB sources CONFIGURE_DEPENDS ${path}/*.cpp)
+        vorn_program(${prefix}${name} "${sources}" ${ARGN})
+    endforeach()
+endfunction()

@@ -1,0 +1,84 @@
+# Each folder below tests/ with sources is one program, one ctest test and one
+# report: tests/a/b is test_a_b and writes test-reports/test_a_b.xml.
+
+find_package(GTest REQUIRED)
+find_package(rapidcheck REQUIRED)
+
+set(VORN_REPORTS ${CMAKE_BINARY_DIR}/test-reports)
+set(VORN_TEST_TIMEOUT_S 300)
+
+add_library(vorn_test_settings INTERFACE)
+target_link_libraries(vorn_test_settings INTERFACE vorn_fmt GTest::gmock GTest::gtest rapidcheck)
+target_compile_definitions(vorn_test_settings INTERFACE
+    VORN_SOURCE_DIR="${CMAKE_SOURCE_DIR}"
+    VORN_BUILD_DIR="${CMAKE_BINARY_DIR}"
+    VORN_AGENT_PATH="${CMAKE_BINARY_DIR}/vorn-agent"
+    VORN_HWD_PATH="${CMAKE_BINARY_DIR}/vorn-hwd"
+    VORN_PLUGIN_PATH="${CMAKE_BINARY_DIR}/libVornPolicyCpu.so")
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+    # Tests are compiled once and run for seconds: the faster compilation wins.
+    target_compile_options(vorn_test_settings INTERFACE -O1)
+endif()
+
+add_library(vorn_test_pch OBJECT ${CMAKE_BINARY_DIR}/empty.cpp)
+target_link_libraries(vorn_test_pch PRIVATE vorn_test_settings)
+target_precompile_headers(vorn_test_pch PRIVATE
+    <gtest/gtest.h> <gmock/gmock.h> <fmt/format.h>
+    <algorithm> <array> <chrono> <cstdint> <filesystem> <fstream> <functional> <map> <memory>
+    <optional> <set> <sstream> <string> <tuple> <utility> <vector>)
+
+set(vorn_test_libraries VornPlatform VornPolicyCpu vorn_agent vorn_hwside)
+
+file(GLOB support_sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/support/*.cpp)
+if(support_sources)
+    add_library(vorn_test_support STATIC ${support_sources})
+    vorn_common(vorn_test_support)
+    target_link_libraries(vorn_test_support PUBLIC vorn_test_settings)
+    vorn_link(vorn_test_support PUBLIC ${vorn_test_libraries} vorn_process_libraries)
+    target_precompile_headers(vorn_test_support REUSE_FROM vorn_test_pch)
+endif()
+
+file(GLOB_RECURSE test_sources CONFIGURE_DEPENDS
+    RELATIVE ${CMAKE_SOURCE_DIR}/tests ${CMAKE_SOURCE_DIR}/tests/*.cpp)
+list(FILTER test_sources EXCLUDE REGEX "^(support|install)/")
+set(test_folders "")
+foreach(source ${test_sources})
+    get_filename_component(folder ${source} DIRECTORY)
+    string(MAKE_C_IDENTIFIER "test_${folder}" name)
+    list(APPEND test_folders ${name})
+    list(APPEND ${name}_sources ${CMAKE_SOURCE_DIR}/tests/${source})
+endforeach()
+list(REMOVE_DUPLICATES test_folders)
+
+foreach(name ${test_folders})
+    add_executable(${name} ${${name}_sources})
+    vorn_common(${name})
+    # Linked even where no symbol is used: libraries register themselves when loaded.
+    target_link_options(${name} PRIVATE LINKER:--no-as-needed)
+    target_link_libraries(${name} PRIVATE vorn_test_settings GTest::gtest_main)
+    vorn_link(${name} PRIVATE vorn_test_support ${vorn_test_libraries} vorn_process_libraries)
+    target_precompile_headers(${name} REUSE_FROM vorn_test_pch)
+    add_test(NAME ${name}
+        COMMAND ${name} --gtest_output=xml:${VORN_REPORTS}/${name}.xml
+        WORKING_DIRECTORY ${CMAKE_BINARY_DIR})
+endforeach()
+
+# A finding of a sanitizer ends the test that meets it.
+set(VORN_TEST_ENVIRONMENT
+    "ASAN_OPTIONS=halt_on_error=1:detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1"
+    "UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1"
+    "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1")
+if(test_folders)
+    set_tests_properties(${test_folders} PROPERTIES
+        TIMEOUT ${VORN_TEST_TIMEOUT_S} ENVIRONMENT "${VORN_TEST_ENVIRONMENT}")
+endif()
+
+# A user's program against an installed tree, by CMake package and by pkg-config.
+if(TARGET VornPlatform AND TARGET VornPolicyCpu AND EXISTS ${CMAKE_SOURCE_DIR}/tests/install/run)
+    string(JOIN " " sanitize ${VORN_SANITIZE_FLAGS})
+    add_test(NAME installed_consumer
+        COMMAND ${CMAKE_SOURCE_DIR}/tests/install/run
+            ${CMAKE_BINARY_DIR} ${CMAKE_CXX_COMPILER} "${sanitize}")
+    set_tests_properties(installed_consumer PROPERTIES
+        TIMEOUT ${VORN_TEST_TIMEOUT_S} ENVIRONMENT "${VORN_TEST_ENVIRONMENT}")
+endif()
