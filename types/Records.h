@@ -1,0 +1,108 @@
+// The shared-memory records of every table: one committed value a key, one record a change.
+//
+// Plain values, written by the agent and read by the hardware side and by tools, so their layout is
+// pinned. A table's own header gives the key, the log entry and the resource keys.
+#pragma once
+
+#include <array>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include <fmt/format.h>
+
+#include "platform/asic/Versions.h"
+#include "platform/brumo/Text.h"
+
+namespace VornPolicyCpu {
+
+/// What a change record says was done.
+enum class LogOperation : std::uint8_t {
+    entryWritten = 0,
+    entryDeleted = 1,
+    allDeleted = 2,  ///< all entries of the unit
+};
+
+/// The first member of every log entry.
+struct LogEntryHead {
+    std::uint32_t revision = 1;
+    std::uint32_t origin = 0xFFFFFFFF;  ///< 0xFFFFFFFF: no origin; the match tables leave it 0
+
+    bool operator==(const LogEntryHead&) const = default;
+};
+static_assert(sizeof(LogEntryHead) == 8);
+
+/// One change in a table's change log. Every key is 8 bytes.
+///
+///   0         8      16    24     28     30    31    32
+///   | version | head | key | word | unit | op  | pad |
+template <class Key> struct LogShimoEntry {
+    Asic::LogVersion version;  ///< the record's key
+    LogEntryHead head;         ///< of the log entry; the default for a table delete
+    Key key;                   ///< of the entry; zero for a table delete
+    std::uint32_t word = 0xFFFFFF;  ///< of the log entry; the default for a table delete
+    Asic::UnitId unitId;
+    LogOperation operation = LogOperation::entryWritten;
+    std::uint8_t padding = 0;
+
+    bool operator==(const LogShimoEntry&) const = default;
+    std::string toText() const {
+        return fmt::format("version {} key {} unit {} operation {}", version, key, unitId,
+                           static_cast<unsigned>(operation));
+    }
+};
+
+/// The committed value of one key on one unit.
+template <class Key, class LogEntry, class ResourceKeys> struct ConfigShimoEntry {
+    Key key;
+    LogEntry logEntry;
+    ResourceKeys rsrcKeys;
+    Asic::LogVersion version;  ///< of the change that last wrote the key; 0 in the default value
+    bool inDeletion = false;   ///< deleted, but the hardware side may still hold it
+};
+
+/// Copies text into a fixed field, cut to its size and padded with zeros.
+template <std::size_t Size> std::array<char, Size> fixedText(std::string_view text) {
+    std::array<char, Size> field{};
+    std::memcpy(field.data(), text.data(), text.size() < Size ? text.size() : Size);
+    return field;
+}
+
+/// The text in a fixed field, up to its first zero.
+template <std::size_t Size> std::string textOf(const std::array<char, Size>& field) {
+    return {field.data(), strnlen(field.data(), Size)};
+}
+
+/// What a table's type library offers: an 8-byte key, the entry as feature code writes it, the log
+/// entry as shared memory holds it, and the keys of the resources that the entry needs.
+template <class T>
+concept TableTypes = requires(const typename T::Entry& entry, const typename T::LogEntry& logEntry,
+                              const typename T::ResourceKeys& rsrcKeys,
+                              const typename T::Key& key) {
+    requires sizeof(typename T::Key) == 8;
+    requires std::is_trivially_copyable_v<typename T::LogEntry>;
+    requires std::is_trivially_copyable_v<typename T::ResourceKeys>;
+    { key.hash(0U) } -> std::same_as<std::uint32_t>;
+    { key.isEq(key) } -> std::same_as<bool>;
+    { key <=> key };
+    { entry.isEq(entry) } -> std::same_as<bool>;
+    { logEntry.isEq(logEntry) } -> std::same_as<bool>;
+    { rsrcKeys.isEq(rsrcKeys) } -> std::same_as<bool>;
+    { entry.toLogEntry() } -> std::same_as<typename T::LogEntry>;
+    { entry.resourceKeys() } -> std::same_as<typename T::ResourceKeys>;
+    { T::Entry::from(logEntry, rsrcKeys) } -> std::same_as<typename T::Entry>;
+    { T::kName } -> std::convertible_to<std::string_view>;
+};
+
+/// Resource keys of a table whose entries need no resources.
+struct NoResourceKeys {
+    bool operator==(const NoResourceKeys&) const = default;
+    bool isEq(const NoResourceKeys&) const { return true; }
+    std::string toText() const { return "none"; }
+};
+
+}  // namespace VornPolicyCpu
