@@ -58,8 +58,8 @@ else()
 endif()
 
 # Programs and libraries find each other where they lie: in the build folder,
-# and after an installation to any prefix.
-set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+# and after an installation to any prefix. One path serves both.
+set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
 file(RELATIVE_PATH lib_from_bin /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
 set(CMAKE_INSTALL_RPATH "$ORIGIN;$ORIGIN/${lib_from_bin}")
 
