@@ -1,0 +1,110 @@
+// A group of tables that one hardware side programs: the announcement log, the acknowledgements,
+// the resolver and the families of the group.
+//
+// Event thread only. Whoever runs the event loop calls acknowledgementsArrived() when the doorbell
+// rings.
+//
+// What always holds:
+//  1. Announcements are in the order of the changes; none is lost while the process lives, and a
+//     restart announces anew what the change logs hold and the announcement log does not.
+//  2. An acknowledgement that goes backwards, beyond the last version of its table, or names a
+//     table that the group does not know is refused with a trace, and changes nothing.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "platform/asic/GroupResolver.h"
+#include "platform/asic/NeededEntry.h"
+#include "platform/asic/OrderedSwTableSet.h"
+#include "platform/brumo/String.h"
+#include "platform/kiv/EventLoop.h"
+#include "platform/regdb/EntityManager.h"
+
+namespace Asic {
+
+class GroupInterface final : public Kiv::Entity {
+  public:
+    /// Published when some table's acknowledged version has moved.
+    static constexpr Kiv::AttributeId kAcknowledged = 1;
+
+    /// Mounts the group's files. Throws KivShimo::MountError.
+    GroupInterface(std::string canonicalName, std::uint16_t agentAndGroupId,
+                   const Brumo::Ptr<Regdb::EntityManager>& entityManager, Kiv::EventLoop& loop);
+    ~GroupInterface() override;
+
+    const std::string& name() const { return name_; }
+    std::uint16_t agentAndGroupId() const { return agentAndGroupId_; }
+    const Brumo::Ptr<GroupResolver>& groupResolver() const { return resolver_; }
+
+    /// Announces a change to the hardware side. `needed` may be null.
+    void addLogEntry(SwTableId tableId, LogVersion version,
+                     const Brumo::Ptr<const NeededEntry>& needed);
+    /// Whether the announcement log takes further changes that can wait.
+    bool hasRoom() const;
+
+    void swTableSetIs(const Brumo::Ptr<OrderedSwTableSet>& set);
+    void swTableSetDel(SwTableId tableId);
+    bool swTableSetHas(SwTableId tableId) const { return sets_.contains(tableId); }
+    /// Null when there is none.
+    Brumo::Ptr<OrderedSwTableSet> swTableSet(SwTableId tableId) const;
+
+    /// Tells up to which version a table that is announced here without a set (a resource table)
+    /// has handed versions out, so that its acknowledgements can be checked.
+    void announcedVersionIs(SwTableId tableId, LogVersion version);
+    LogVersion announcedVersion(SwTableId tableId) const;
+
+    /// The acknowledged version as the hardware side's map has it; nothing when the table is not in
+    /// it, or there is no map yet. Throws KivShimo::CorruptionError.
+    std::optional<LogVersion> tableVersionInMap(SwTableId tableId) const;
+    /// Reports corruption of the map, which is traced and counted.
+    void doCorruptionDetected(std::string_view message) const;
+    std::uint64_t corruptions() const { return corruptions_; }
+
+    /// The acknowledged version as it was taken over; version 0 when there is none.
+    LogVersion acknowledgedVersion(SwTableId tableId) const;
+    /// Reads the hardware side's map and hands what has moved to the tables; takes up pauses.
+    void acknowledgementsArrived();
+
+    /// Prepares to sleep: from the return on, the hardware side rings. False when there is work,
+    /// which acknowledgementsArrived() takes up; then the caller must not sleep.
+    bool sleepPrepared();
+    void awake();
+
+    /// The socket path at which the hardware side listens, and ours.
+    std::string hardwareDoorbellPath() const;
+    std::string agentDoorbellPath() const;
+
+    /// For tests and tools: changes that found no room in the announcement log and wait in memory.
+    std::size_t announcementsWaiting() const { return waiting_.size(); }
+
+  private:
+    struct SharedMemory;  ///< the mounted files; keeps their headers out of this one
+    struct Announcement {
+        SwTableId tableId;
+        LogVersion version;
+        Brumo::Ptr<const NeededEntry> needed;
+    };
+
+    bool append(const Announcement& announcement);
+    void appendWaiting();
+    bool acknowledge(SwTableId tableId, LogVersion version);
+    void refuse(SwTableId tableId, LogVersion version, std::string_view why);
+
+    std::string name_;
+    std::uint16_t agentAndGroupId_;
+    Brumo::Ptr<GroupResolver> resolver_;
+    std::unique_ptr<SharedMemory> shm_;
+    std::map<SwTableId, Brumo::Ptr<OrderedSwTableSet>> sets_;
+    std::map<SwTableId, LogVersion> announced_;
+    std::map<SwTableId, LogVersion> acknowledged_;
+    std::map<SwTableId, LogVersion> refused_;  ///< so that a lie is traced once
+    std::deque<Announcement> waiting_;
+    mutable std::uint64_t corruptions_ = 0;
+};
+
+}  // namespace Asic

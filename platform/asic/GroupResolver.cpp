@@ -1,0 +1,201 @@
+#include "platform/asic/GroupResolver.h"
+
+#include <utility>
+
+#include "platform/brumo/Assert.h"
+
+namespace Asic {
+
+namespace {
+
+const Brumo::TraceSource trace("GroupResolver", "GroupResolver");
+
+bool ofTable(const Brumo::Ptr<ResolverEntry>& entry, const OrderedSwTable* table) {
+    return entry->orderingTable() == table;
+}
+
+}  // namespace
+
+void GroupResolver::resolverQueueEnq(const Entry& entry) {
+    ++queued_;
+    Lane& lane = lanes_[entry->orderingTable()];
+    if (lane.barrier != nullptr) {
+        lane.held.push_back(entry);
+    } else {
+        admit(lane, entry);
+    }
+}
+
+void GroupResolver::admit(Lane& lane, const Entry& entry) {
+    if (entry->isTableDeleted()) {
+        lane.barrier = entry;
+        if (lane.unfinished == 0) readyIs(entry);
+        return;
+    }
+    ++lane.unfinished;
+    const auto [last, first] = lane.lastOfKey.try_emplace(entry->orderingKey(), entry.get());
+    if (first) {
+        readyIs(entry);
+        return;
+    }
+    last->second->nextOfKey_ = entry;
+    last->second = entry.get();
+}
+
+void GroupResolver::readyIs(const Entry& entry) {
+    ready_.push_back(entry);
+    schedule();
+}
+
+void GroupResolver::schedule() {
+    if (scheduled_ || suspended_) return;
+    scheduled_ = true;
+    loop_.post([self = Brumo::Ptr<GroupResolver>(this)] { self->pass(); });
+}
+
+void GroupResolver::pass() {
+    scheduled_ = false;
+    std::size_t budget = budget_;
+    if (probe_) probeFullLogs(budget);
+    while (budget > 0 && !suspended_ && !ready_.empty()) {
+        if (hasRoom_ && !hasRoom_()) return;  // updateGenId() schedules the next pass
+        --budget;
+        const Entry entry = std::move(ready_.front());
+        ready_.pop_front();
+        if (!attempt(entry)) park(entry);
+    }
+    if (!ready_.empty() || probe_) schedule();
+}
+
+bool GroupResolver::attempt(const Entry& entry) {
+    const OrderedSwTable* table = entry->orderingTable();
+    entry->blockerIs({});
+    if (!entry->isResolved()) return false;
+    entry->commitEntry(entry);
+    finish(table, entry);
+    return true;
+}
+
+/// One table's log has room for all that wait for it or for none: ask them in turn until one finds
+/// none. So a log that stays full costs one question a table.
+void GroupResolver::probeFullLogs(std::size_t& budget) {
+    probe_ = false;
+    std::vector<const OrderedSwTable*> tables;
+    for (const auto& [table, entries] : waitingForLog_) tables.push_back(table);
+    for (const OrderedSwTable* table : tables) {
+        while (!suspended_) {
+            const auto waiting = waitingForLog_.find(table);  // a commit may have ended the table
+            if (waiting == waitingForLog_.end()) break;
+            if (budget == 0 || (hasRoom_ && !hasRoom_())) {
+                probe_ = budget == 0;
+                return;
+            }
+            --budget;
+            const Entry entry = std::move(waiting->second.front());
+            waiting->second.pop_front();
+            if (waiting->second.empty()) waitingForLog_.erase(waiting);
+            if (attempt(entry)) continue;
+            if (entry->blocker().cause != Blocker::Cause::logFull) {
+                park(entry);
+                continue;
+            }
+            waitingForLog_[table].push_front(entry);
+            break;
+        }
+    }
+}
+
+void GroupResolver::park(const Entry& entry) {
+    const Blocker& blocker = entry->blocker();
+    if (blocker.cause == Blocker::Cause::logFull) {
+        waitingForLog_[entry->orderingTable()].push_back(entry);
+        return;
+    }
+    Brumo::require(blocker.entity != nullptr, "blocker.entity != nullptr",
+                   "a change that waits says for what");
+    WaitList& list = waiting_[blocker.entity.get()];
+    if (list.entity == nullptr) {
+        list.entity = blocker.entity;
+        const Kiv::Entity* entity = blocker.entity.get();
+        list.subscription =
+            entity->publisher().subscribe([this, entity](const Kiv::Change&) { wake(entity); });
+    }
+    list.entries.push_back(entry);
+}
+
+void GroupResolver::wake(const Kiv::Entity* entity) {
+    const auto found = waiting_.find(entity);
+    if (found == waiting_.end()) return;
+    const WaitList list = std::move(found->second);
+    waiting_.erase(found);
+    for (const Entry& entry : list.entries) readyIs(entry);
+}
+
+void GroupResolver::finish(const OrderedSwTable* table, const Entry& entry) {
+    const auto found = lanes_.find(table);
+    if (found == lanes_.end()) return;  // the table went while the change was committed
+    Lane& lane = found->second;
+    --queued_;
+    if (entry->isTableDeleted()) {
+        lane.barrier = nullptr;
+        while (lane.barrier == nullptr && !lane.held.empty()) {
+            const Entry next = std::move(lane.held.front());
+            lane.held.pop_front();
+            admit(lane, next);
+        }
+    } else {
+        --lane.unfinished;
+        if (entry->nextOfKey_ != nullptr) {
+            readyIs(std::exchange(entry->nextOfKey_, nullptr));
+        } else {
+            lane.lastOfKey.erase(entry->orderingKey());
+        }
+        if (lane.unfinished == 0 && lane.barrier != nullptr) readyIs(lane.barrier);
+    }
+}
+
+void GroupResolver::updateGenId() {
+    ++genId_;
+    if (!waitingForLog_.empty()) probe_ = true;
+    if (probe_ || !ready_.empty()) schedule();
+}
+
+void GroupResolver::maybeUpdateSuspend() {
+    if (suspendRequested_ == suspended_) return;
+    suspended_ = suspendRequested_;
+    trace(2, " suspended: {}", suspended_);
+    const bool old = !suspended_;
+    publisher().publish(kSuspended, &old);
+    if (!suspended_ && (!ready_.empty() || probe_)) schedule();
+}
+
+void GroupResolver::suspendRequestedIs(bool requested) {
+    suspendRequested_ = requested;
+    maybeUpdateSuspend();
+}
+
+void GroupResolver::resolverQueueDel(const OrderedSwTable* table) {
+    const auto lane = lanes_.find(table);
+    if (lane == lanes_.end()) return;
+    queued_ -= lane->second.unfinished + lane->second.held.size() +
+               (lane->second.barrier != nullptr ? 1 : 0);
+    lanes_.erase(lane);
+    waitingForLog_.erase(table);
+    std::erase_if(ready_, [table](const Entry& entry) { return ofTable(entry, table); });
+    for (auto list = waiting_.begin(); list != waiting_.end();) {
+        std::erase_if(list->second.entries,
+                      [table](const Entry& entry) { return ofTable(entry, table); });
+        list = list->second.entries.empty() ? waiting_.erase(list) : std::next(list);
+    }
+}
+
+void GroupResolver::forEachWaiting(const std::function<void(const ResolverEntry&)>& visit) const {
+    for (const auto& [entity, list] : waiting_) {
+        for (const Entry& entry : list.entries) visit(*entry);
+    }
+    for (const auto& [table, entries] : waitingForLog_) {
+        for (const Entry& entry : entries) visit(*entry);
+    }
+}
+
+}  // namespace Asic

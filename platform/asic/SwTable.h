@@ -1,0 +1,182 @@
+// Software tables as the framework sees them: what all tables are, and the handles of changes.
+//
+// Event thread only, but for what is read-only after construction.
+//
+// What always holds:
+//  1. A handle knows its table's identity for as long as it lives, its table only while that lives.
+//  2. An entry state leaves `created` exactly once for good; observers of the handle learn it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "platform/asic/CanonicalTableName.h"
+#include "platform/asic/SwTableStats.h"
+#include "platform/asic/Versions.h"
+#include "platform/brumo/Ptr.h"
+#include "platform/kiv/Entity.h"
+
+namespace Asic {
+
+class OrderedSwTableSet;
+
+/// Base of all software tables.
+class SwTableBase : public Kiv::Entity {
+  public:
+    /// States of a change, and of a request to a resource table.
+    enum class EntryState : std::uint8_t {
+        created = 0,    ///< not committed yet; a resource: pending
+        written = 1,    ///< in the entry log, waiting for the hardware side; a resource: pending
+        undefined = 2,  ///< never used
+        exhausted = 3,  ///< a resource: none was left; a dependency: failed
+        complete = 4,   ///< done; a resource: allocated
+        failed = 5,     ///< answered with failure
+        resourceFailed = 6,  ///< a resource: lost; a dependency: failed
+    };
+};
+
+using EntryState = SwTableBase::EntryState;
+
+/// What a change may wait for: the handle of another table's change.
+class DependencyEntryHandle : public Kiv::Entity {
+  public:
+    /// Attributes that handles publish; the old value is an EntryState.
+    static constexpr Kiv::AttributeId kEntryState = 1;
+
+    EntryState entryState() const { return entryState_; }
+    void entryStateIs(EntryState state) {
+        if (state == entryState_) return;
+        const EntryState old = entryState_;
+        entryState_ = state;
+        publisher().publish(kEntryState, &old);
+    }
+    /// True for the states in which a change that waits for this one fails.
+    bool failed() const {
+        return entryState_ == EntryState::exhausted || entryState_ == EntryState::failed ||
+               entryState_ == EntryState::resourceFailed;
+    }
+
+    virtual SwTableId tableId() const = 0;
+    /// The version of the change in its table's log; version 0 before it is committed.
+    virtual TableVersion entryTableVersion() const = 0;
+
+  private:
+    EntryState entryState_ = EntryState::created;
+};
+
+/// A table with a canonical name.
+class NamedSwTable : public SwTableBase {
+  public:
+    explicit NamedSwTable(Brumo::Ptr<const CanonicalTableName> name) : name_(std::move(name)) {}
+
+    /// May be null.
+    const Brumo::Ptr<const CanonicalTableName>& canonicalTableName() const { return name_; }
+
+    virtual void doCreateHwTable() {}
+    virtual void doCreateHwTableResponse() {}
+    virtual void reconcile() {}
+
+  private:
+    Brumo::Ptr<const CanonicalTableName> name_;
+};
+
+/// What a table family reports of itself.
+class OrderedSwTableStatus final : public Kiv::Entity {
+  public:
+    static constexpr Kiv::AttributeId kPendingHwWrites = 1;  ///< old value: bool
+
+    explicit OrderedSwTableStatus(SwTableId tableId) : tableId_(tableId) {}
+
+    SwTableId tableId() const { return tableId_; }
+    /// Whether some change of the family has not been acknowledged by the hardware side.
+    bool pendingHwWrites() const { return pendingHwWrites_; }
+    void pendingHwWritesIs(bool pending) {
+        if (pending == pendingHwWrites_) return;
+        pendingHwWrites_ = pending;
+        const bool old = !pending;
+        publisher().publish(kPendingHwWrites, &old);
+    }
+
+  private:
+    SwTableId tableId_;
+    bool pendingHwWrites_ = false;
+};
+
+/// The ordered software table of one unit.
+class OrderedSwTable : public NamedSwTable {
+  public:
+    /// Attributes that tables publish; the old value is of the attribute's type where it has one.
+    enum Attribute : Kiv::AttributeId {
+        kSwTableHelper = 1,
+        kTransientAddEntry,
+        kTransientRemoveEntry,
+        kTransientVersionForKey,
+        kTransientRemoveAllVersion,  ///< old value: MajorVersion
+        kEntryLog,
+        kGroupResolver,
+        kEntryHandleInLog,  ///< "old value": the new back element's std::uint32_t number
+        kLinkage,
+        kStatus,
+    };
+
+    class EntryHandle;
+    /// Called once, when a change completes or fails. May call back into the table.
+    using ResponseHandler = std::function<void(const Brumo::Ptr<const EntryHandle>&)>;
+
+    OrderedSwTable(Brumo::Ptr<const CanonicalTableName> name, SwTableId tableId, UnitId unit,
+                   OrderedSwTableSet* tableSet)
+        : NamedSwTable(std::move(name)), tableId_(tableId), unitId_(unit), tableSet_(tableSet) {}
+
+    /// The hardware side has consumed the table's log up to `version`.
+    virtual void tableStatusVersion(LogVersion version) = 0;
+    /// Whether changes are staged, or committed and not yet acknowledged.
+    virtual bool hasPendingHwWrites() const = 0;
+    /// The last version that the table's log has handed out.
+    virtual LogVersion logVersion() const = 0;
+
+    SwTableId tableId() const { return tableId_; }
+    UnitId unitId() const { return unitId_; }
+    /// The family's set that this table belongs to; outlives the table.
+    OrderedSwTableSet* tableSet() const { return tableSet_; }
+    /// Null before statsIs().
+    const Brumo::Ptr<SwTableStats>& stats() const { return stats_; }
+    /// Creates the statistics.
+    void statsIs() { stats_ = Brumo::make<SwTableStats>(); }
+    const Brumo::Ptr<OrderedSwTableStatus>& status() const { return status_; }
+    void statusIs(Brumo::Ptr<OrderedSwTableStatus> status) {
+        status_ = std::move(status);
+        publisher().publish(kStatus);
+    }
+
+  private:
+    SwTableId tableId_;
+    UnitId unitId_;
+    OrderedSwTableSet* tableSet_;
+    Brumo::Ptr<SwTableStats> stats_;
+    Brumo::Ptr<OrderedSwTableStatus> status_;
+};
+
+/// The handle of one change.
+class OrderedSwTable::EntryHandle : public DependencyEntryHandle {
+  public:
+    static constexpr Kiv::AttributeId kLogVersion = 2;
+    static constexpr Kiv::AttributeId kSwTable = 3;
+
+    explicit EntryHandle(EntryVersion version) : entryVersion_(version) {}
+
+    EntryVersion entryVersion() const { return entryVersion_; }
+    LogVersion logVersion() const { return logVersion_; }
+    void logVersionIs(LogVersion version) {
+        if (version == logVersion_) return;
+        const LogVersion old = logVersion_;
+        logVersion_ = version;
+        publisher().publish(kLogVersion, &old);
+    }
+    TableVersion entryTableVersion() const override { return {tableId(), logVersion_}; }
+
+  private:
+    EntryVersion entryVersion_;
+    LogVersion logVersion_;
+};
+
+}  // namespace Asic
