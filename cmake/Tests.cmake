@@ -15,8 +15,11 @@ target_compile_definitions(vorn_test_settings INTERFACE
     VORN_AGENT_PATH="${CMAKE_BINARY_DIR}/vorn-agent"
     VORN_HWD_PATH="${CMAKE_BINARY_DIR}/vorn-hwd"
     VORN_PLUGIN_PATH="${CMAKE_BINARY_DIR}/libVornPolicyCpu.so")
-if(CMAKE_BUILD_TYPE STREQUAL "Release")
-    # Tests are compiled once and run for seconds: the faster compilation wins.
+# Tests are compiled once and run for seconds: the faster compilation wins. With
+# sanitizers, optimising the test libraries' templates takes most of the time.
+if(VORN_SANITIZE)
+    target_compile_options(vorn_test_settings INTERFACE -O0)
+elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
     target_compile_options(vorn_test_settings INTERFACE -O1)
 endif()
 
