@@ -99,7 +99,8 @@ TEST_F(PcapFileTest, NamesAFileThatIsNoCapture) {
 TEST_F(PcapFileTest, NamesAnUnknownLinkType) {
     begin(105);
     file_.close();
-    EXPECT_NE(failure().find("link type 105 (IEEE802_11) is none of"), std::string::npos) << failure();
+    EXPECT_NE(failure().find("link type 105 (IEEE802_11) is none of"), std::string::npos)
+        << failure();
 }
 
 TEST_F(PcapFileTest, NamesThePacketThatAFileBreaksOffIn) {

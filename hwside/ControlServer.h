@@ -1,0 +1,71 @@
+// The control socket: requests and answers as lines of JSON.
+//
+// Event thread only. A Unix stream socket of mode 0660; whoever is neither of the server's user nor
+// root is turned away. Every line is one request and gets one line as its answer, in order: an
+// object whose member "ok" says whether it was done, else "error" says why not.
+//
+// What always holds:
+//  1. Whatever a peer sends, the server lives on; a line longer than kRequestLimit_bytes ends its
+//     connection.
+//  2. A peer that does not read its answers costs one answer: the next request is read only after
+//     the answer is sent.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+
+#include <asio/io_context.hpp>
+#include <asio/local/stream_protocol.hpp>
+#include <asio/steady_timer.hpp>
+
+#include "hwside/Json.h"
+
+namespace HwSide {
+
+class ControlServer {
+public:
+    static constexpr std::size_t kRequestLimit_bytes = 65536;
+
+    /// Answers a request; what it throws becomes the "error" of the answer.
+    using Handler = std::function<Json(const Json& request)>;
+
+    /// Listens at `path`, in place of a socket that a dead process left. Throws std::system_error
+    /// with the path.
+    ControlServer(asio::io_context& io, std::string path, Handler handler);
+    ControlServer(const ControlServer&) = delete;
+    ControlServer& operator=(const ControlServer&) = delete;
+    ~ControlServer();
+
+private:
+    class Connection;
+
+    void accept();
+
+    asio::local::stream_protocol::acceptor acceptor_;
+    asio::steady_timer pause_;
+    std::string path_;
+    Handler handler_;
+};
+
+/// The answer to one line; never throws for what the line holds.
+std::string controlAnswer(const ControlServer::Handler& handler, const std::string& line);
+
+/// Sends requests to a server and waits for the answers.
+class ControlClient {
+public:
+    /// Throws std::system_error with the path.
+    explicit ControlClient(const std::string& path);
+
+    /// The answer, whether done or not. Throws std::runtime_error when the connection breaks or
+    /// what arrives is no answer.
+    Json request(const Json& request);
+
+private:
+    asio::io_context io_;
+    asio::local::stream_protocol::socket socket_{io_};
+    std::string path_;
+    std::string received_;
+};
+
+}  // namespace HwSide
