@@ -1,0 +1,76 @@
+// Feature code: brings the tables of the agent's units from what they hold to what a policy wants.
+//
+// Event thread only. A load writes what is new or different and removes what the policy no longer
+// has; entries that are as they should be are not touched. Loads may follow each other at any time:
+// each compares with what the tables hold or are about to hold.
+//
+// What always holds:
+//  1. A match entry is written after its action: it depends on the action's handle while the
+//     action's own write is in progress.
+//  2. An action is removed when no match entry of its unit is being changed any more, none is held
+//     that names it, and none has failed: the hardware never holds a match whose action is gone.
+//  3. What failed is written again by the next load, and only then.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "agent/PolicyCompiler.h"
+#include "catalogue/TableOperations.h"
+
+namespace Agent {
+
+/// The tables of one unit.
+struct UnitTables {
+    Asic::UnitId unit;
+    Brumo::Ptr<VornPolicyCpu::TableOperations<ActionTypes>> actions;
+    Brumo::Ptr<VornPolicyCpu::TableOperations<V4Types>> ipv4;
+    Brumo::Ptr<VornPolicyCpu::TableOperations<V6Types>> ipv6;
+};
+
+/// What became of one load, over all units and tables.
+struct LoadFigures {
+    std::uint64_t number = 0;  ///< loads count from 1; 0: there was none
+    std::string file;
+    std::uint64_t written = 0;
+    std::uint64_t removed = 0;  ///< actions to be removed in the end included
+    std::uint64_t unchanged = 0;
+    std::uint64_t complete = 0;  ///< changes that the hardware side has acknowledged
+    std::uint64_t failed = 0;
+    std::uint64_t inProgress = 0;
+    std::string firstFailure;
+};
+
+class PolicyLoader {
+public:
+    /// `finished` is called once for each load with changes that no later one has overtaken, when
+    /// its last change is complete or has failed.
+    PolicyLoader(std::vector<UnitTables> units, std::function<void(const LoadFigures&)> finished);
+    PolicyLoader(const PolicyLoader&) = delete;
+    PolicyLoader& operator=(const PolicyLoader&) = delete;
+    ~PolicyLoader();
+
+    /// Stages all changes but the removal of actions, which follows by itself.
+    const LoadFigures& load(std::shared_ptr<const CompiledPolicy> policy);
+
+    /// Of the last load.
+    const LoadFigures& figures() const { return *figures_; }
+    const std::vector<UnitTables>& units() const { return units_; }
+
+private:
+    class UnitLoader;
+
+    void finishIfDone();
+
+    std::vector<UnitTables> units_;
+    std::function<void(const LoadFigures&)> finished_;
+    std::shared_ptr<LoadFigures> figures_;
+    bool reported_ = true;
+    std::vector<std::shared_ptr<UnitLoader>> loaders_;
+};
+
+}  // namespace Agent

@@ -1,0 +1,211 @@
+#include "agent/UnitLoader.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+#include "agent/StableHash.h"
+
+namespace Agent {
+
+namespace {
+
+/// What the table holds or is about to hold, by packed key.
+template <class Types>
+std::unordered_map<std::uint64_t, typename Types::Entry> heldBy(
+    const VornPolicyCpu::TableOperations<Types>& table) {
+    std::unordered_map<std::uint64_t, typename Types::Entry> held;
+    held.reserve(table.count());
+    table.forEach(
+        [&](const typename Types::Entry& entry) { held.try_emplace(packed(entry.key), entry); });
+    return held;
+}
+
+/// Whether feature code would write the same; the resolved indexes are the linkages' business.
+bool sameRequest(ActionEntry held, const ActionEntry& wanted) {
+    held.counterIndex = wanted.counterIndex;
+    held.policerIndex = wanted.policerIndex;
+    held.featureId = wanted.featureId;
+    return held.isEq(wanted);
+}
+
+template <class Entry>
+std::string nameOf(const std::vector<Named<Entry>>& entries, std::uint64_t key) {
+    for (const Named<Entry>& named : entries) {
+        if (packed(named.entry.key) == key)
+            return named.name;
+    }
+    return fmt::format("{:016x}", key);
+}
+
+}  // namespace
+
+void PolicyLoader::UnitLoader::load(const Policy& policy, const Figures& figures) {
+    policy_ = policy;
+    figures_ = figures;
+    loadActions();
+    loadMatches<V4Types>(*tables_.ipv4, policy_->ipv4, failedV4_);
+    loadMatches<V6Types>(*tables_.ipv6, policy_->ipv6, failedV6_);
+    removeStaleActions();
+}
+
+void PolicyLoader::UnitLoader::loadActions() {
+    auto held = heldBy(*tables_.actions);
+    for (const Named<ActionEntry>& named : policy_->actions) {
+        const ActionEntry wanted = forUnit(named.entry, tables_.unit);
+        const auto found = held.find(packed(wanted.key));
+        if (found != held.end() && sameRequest(found->second, wanted))
+            ++figures_->unchanged;
+        else
+            writeAction(wanted);
+        if (found != held.end())
+            held.erase(found);
+    }
+    // Whatever an earlier load still had to remove is found again, unless this policy wants it.
+    staleActions_.clear();
+    for (const auto& [key, entry] : held)
+        staleActions_.push_back(entry.key);
+    std::sort(staleActions_.begin(), staleActions_.end());
+    figures_->removed += staleActions_.size();
+    figures_->inProgress += staleActions_.size();
+}
+
+void PolicyLoader::UnitLoader::writeAction(const ActionEntry& entry) {
+    ++figures_->written;
+    ++figures_->inProgress;
+    const std::uint64_t key = packed(entry.key);
+    const auto handler = [weak = weak_from_this(), figures = figures_, key](const Handle& handle) {
+        const auto self = weak.lock();
+        if (self == nullptr)
+            return;
+        const auto found = self->actionWrites_.find(key);
+        if (found != self->actionWrites_.end() && found->second == handle)
+            self->actionWrites_.erase(found);
+        if (book(handle, *figures))
+            self->noteFailure(*figures, "action " + nameOf(self->policy_->actions, key));
+        self->changed();
+    };
+    actionWrites_[key] = tables_.actions->write(entry.key, entry, nullptr, handler);
+}
+
+template <class Types>
+void PolicyLoader::UnitLoader::loadMatches(VornPolicyCpu::TableOperations<Types>& table,
+                                           const std::vector<Named<typename Types::Entry>>& wanted,
+                                           FailedKeys& failed) {
+    using Entry = typename Types::Entry;
+    auto held = heldBy(table);
+    std::vector<const Entry*> writes;
+    for (const Named<Entry>& named : wanted) {
+        const std::uint64_t key = packed(named.entry.key);
+        const auto found = held.find(key);
+        // A write that failed with its action is still staged, but will never be committed.
+        if (found != held.end() && found->second.isEq(named.entry) && !failed.contains(key))
+            ++figures_->unchanged;
+        else
+            writes.push_back(&named.entry);
+        if (found != held.end())
+            held.erase(found);
+    }
+    // The highest priority first: no entry comes into force before those that go before it.
+    std::stable_sort(writes.begin(), writes.end(),
+                     [](const Entry* a, const Entry* b) { return a->priority > b->priority; });
+    std::vector<typename Types::Key> stale;
+    for (const auto& [key, entry] : held)
+        stale.push_back(entry.key);
+    std::sort(stale.begin(), stale.end());
+
+    const bool roomForBoth = table.count() + writes.size() <= kMaxEntries;
+    if (roomForBoth) {
+        for (const Entry* entry : writes)
+            writeMatch(table, *entry, failed);
+    }
+    for (const typename Types::Key& key : stale)
+        removeMatch(table, key, failed);
+    if (!roomForBoth) {
+        for (const Entry* entry : writes)
+            writeMatch(table, *entry, failed);
+    }
+}
+
+template <class Types>
+void PolicyLoader::UnitLoader::writeMatch(VornPolicyCpu::TableOperations<Types>& table,
+                                          const typename Types::Entry& entry, FailedKeys& failed) {
+    ++figures_->written;
+    const auto action = actionWrites_.find(packed(entry.actionKey));
+    table.write(entry.key, entry, action == actionWrites_.end() ? nullptr : action->second,
+                matchHandler(packed(entry.key), failed));
+}
+
+template <class Types>
+void PolicyLoader::UnitLoader::removeMatch(VornPolicyCpu::TableOperations<Types>& table,
+                                           const typename Types::Key& key, FailedKeys& failed) {
+    ++figures_->removed;
+    table.remove(key, nullptr, matchHandler(packed(key), failed));
+}
+
+Asic::OrderedSwTable::ResponseHandler PolicyLoader::UnitLoader::matchHandler(std::uint64_t key,
+                                                                             FailedKeys& failed) {
+    ++figures_->inProgress;
+    ++matchesInProgress_;
+    return [weak = weak_from_this(), figures = figures_, key, &failed](const Handle& handle) {
+        const auto self = weak.lock();  // keeps `failed`, a member of it
+        if (self == nullptr)
+            return;
+        --self->matchesInProgress_;
+        const auto earlier = failed.find(key);
+        if (book(handle, *figures)) {
+            failed[key] = figures->number;
+            self->noteFailure(*figures, &failed == &self->failedV4_
+                                            ? "ipv4 entry " + nameOf(self->policy_->ipv4, key)
+                                            : "ipv6 entry " + nameOf(self->policy_->ipv6, key));
+        } else if (earlier != failed.end() && earlier->second < figures->number) {
+            failed.erase(earlier);
+        }
+        self->removeStaleActions();
+        self->changed();
+    };
+}
+
+void PolicyLoader::UnitLoader::removeStaleActions() {
+    if (matchesInProgress_ != 0 || staleActions_.empty())
+        return;
+    const std::vector<ActionTypes::Key> stale = std::move(staleActions_);
+    staleActions_.clear();
+    if (!failedV4_.empty() || !failedV6_.empty()) {
+        // The entry that was to be replaced is still there, and with it maybe a stale action.
+        figures_->removed -= stale.size();
+        figures_->inProgress -= stale.size();
+        return;
+    }
+    for (const ActionTypes::Key& key : stale)
+        removeAction(key);
+}
+
+void PolicyLoader::UnitLoader::removeAction(const ActionTypes::Key& key) {
+    actionWrites_.erase(packed(key));
+    tables_.actions->remove(key, nullptr,
+                            [weak = weak_from_this(), figures = figures_](const Handle& handle) {
+                                const auto self = weak.lock();
+                                if (self == nullptr)
+                                    return;
+                                book(handle, *figures);
+                                self->changed();
+                            });
+}
+
+bool PolicyLoader::UnitLoader::book(const Handle& handle, LoadFigures& figures) {
+    --figures.inProgress;
+    if (handle->failed()) {
+        ++figures.failed;
+        return true;
+    }
+    ++figures.complete;
+    return false;
+}
+
+void PolicyLoader::UnitLoader::noteFailure(LoadFigures& figures, const std::string& what) const {
+    if (figures.firstFailure.empty())
+        figures.firstFailure = fmt::format("{} of unit {}", what, tables_.unit);
+}
+
+}  // namespace Agent

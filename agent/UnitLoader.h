@@ -1,0 +1,69 @@
+// The part of a load that concerns one unit.
+//
+// Event thread only. Owned by the PolicyLoader; response handlers refer to it weakly.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "agent/PolicyLoader.h"
+
+namespace Agent {
+
+class PolicyLoader::UnitLoader : public std::enable_shared_from_this<UnitLoader> {
+public:
+    using Figures = std::shared_ptr<LoadFigures>;
+    using Policy = std::shared_ptr<const CompiledPolicy>;
+
+    /// `changed` is called whenever the figures of a load have moved.
+    UnitLoader(UnitTables tables, std::function<void()> changed)
+        : tables_(std::move(tables)), changed_(std::move(changed)) {}
+
+    void load(const Policy& policy, const Figures& figures);
+    /// The loader goes: nothing is to be told any more.
+    void detach() { changed_ = nullptr; }
+
+private:
+    using Handle = Brumo::Ptr<const Asic::OrderedSwTable::EntryHandle>;
+    /// Keys whose last change failed, with the number of the load that made it.
+    using FailedKeys = std::unordered_map<std::uint64_t, std::uint64_t>;
+
+    void loadActions();
+    void writeAction(const ActionEntry& entry);
+    template <class Types>
+    void loadMatches(VornPolicyCpu::TableOperations<Types>& table,
+                     const std::vector<Named<typename Types::Entry>>& wanted, FailedKeys& failed);
+    template <class Types>
+    void writeMatch(VornPolicyCpu::TableOperations<Types>& table,
+                    const typename Types::Entry& entry, FailedKeys& failed);
+    template <class Types>
+    void removeMatch(VornPolicyCpu::TableOperations<Types>& table, const typename Types::Key& key,
+                     FailedKeys& failed);
+    /// The handler of a change of a match entry.
+    Asic::OrderedSwTable::ResponseHandler matchHandler(std::uint64_t key, FailedKeys& failed);
+
+    void removeStaleActions();
+    void removeAction(const ActionTypes::Key& key);
+    /// Books a change that has ended. Returns whether it failed.
+    static bool book(const Handle& handle, LoadFigures& figures);
+    void noteFailure(LoadFigures& figures, const std::string& what) const;
+    void changed() const {
+        if (changed_)
+            changed_();
+    }
+
+    UnitTables tables_;
+    std::function<void()> changed_;
+    Policy policy_;                                           ///< of the last load
+    Figures figures_;                                         ///< of the last load
+    std::unordered_map<std::uint64_t, Handle> actionWrites_;  ///< in progress, by packed key
+    FailedKeys failedV4_;
+    FailedKeys failedV6_;
+    std::uint64_t matchesInProgress_ = 0;  ///< of all loads
+    std::vector<ActionTypes::Key> staleActions_;
+};
+
+}  // namespace Agent
