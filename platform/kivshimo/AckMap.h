@@ -1,0 +1,105 @@
+// The acknowledgements: how far the hardware has each table, and what else its side has to say.
+//
+// Written by the hardware side, the file's only writer; read by the agent and by tools.
+//
+// What always holds:
+//  1. The acknowledged version of a table never goes backwards while the file lives.
+//  2. Each number verifies itself; a reader gets a number that was stored, or CorruptionError.
+//  3. A reader opens the file when it is there: it may come later than the agent, and go.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/kivshimo/Errors.h"
+#include "platform/kivshimo/detail/MappedFile.h"
+
+namespace KivShimo {
+
+constexpr std::size_t kMostAckTables = 64;
+
+/// One table's acknowledgement.
+struct Acknowledged {
+    std::uint32_t tableId;
+    std::uint64_t version;
+};
+
+class AckMapWriter {
+public:
+    /// Mounts the map at ROOT/PATH.table for writing, making it when it is not there. Throws
+    /// MountError, DuplicateWriterError.
+    AckMapWriter(const std::string& root, const std::string& path);
+
+    /// False, and nothing changes, when the version is below the acknowledged one, or 64 other
+    /// tables are there.
+    bool ackIs(std::uint32_t tableId, std::uint64_t version);
+    std::optional<std::uint64_t> acknowledged(std::uint32_t tableId) const;
+    std::vector<Acknowledged> all() const;
+    /// Forgets all tables and the consumed position: the agent's logs are others now.
+    void reset();
+
+    /// The position in the announce log up to which everything is done, and which log that is.
+    void consumedIs(std::uint64_t position) { consumed_.valueIs(position); }
+    std::uint64_t consumed() const { return consumed_.value(); }
+    void announceIdentityIs(std::uint64_t identity) { announceIdentity_.valueIs(identity); }
+    std::uint64_t announceIdentity() const { return announceIdentity_.value(); }
+
+    /// Asks the agent to pause between two changes, or to go on.
+    void pauseRequestedIs(bool requested);
+    bool pauseRequested() const;
+
+    const std::string& file() const { return mapping_.file(); }
+    std::uint64_t identity() const { return mapping_.identity(); }
+    bool wiped() const { return detail::loaded(mapping_.dynamic().wiped) != detail::kNotWiped; }
+    void clearWiped();
+    /// This process's word for a Sleeper.
+    std::uint64_t& sleepEpoch() { return mapping_.dynamicHeader().sleepEpoch; }
+    /// Tables whose acknowledgement was rotten at the mount; they count as not acknowledged.
+    std::uint64_t corruptions() const { return corruptions_; }
+
+private:
+    struct Entry {
+        std::uint32_t tableId;
+        detail::VerifiedWordWriter version;
+    };
+
+    explicit AckMapWriter(detail::WriterFile mapping);
+    void takeUp();
+    const Entry* entryOf(std::uint32_t tableId) const;
+
+    detail::WriterFile mapping_;
+    detail::VerifiedWordWriter consumed_;
+    detail::VerifiedWordWriter announceIdentity_;
+    std::vector<Entry> entries_;  ///< entry i lies in row i of the file
+    std::uint64_t corruptions_ = 0;
+};
+
+class AckMapReader {
+public:
+    /// Empty when there is no such file yet. Throws MountError.
+    static std::optional<AckMapReader> open(const std::string& file);
+
+    /// Empty when the table was never acknowledged. Throws CorruptionError.
+    std::optional<std::uint64_t> acknowledged(std::uint32_t tableId) const;
+    /// Throws CorruptionError.
+    std::vector<Acknowledged> all() const;
+    /// Throws CorruptionError.
+    std::uint64_t consumed() const;
+    std::uint64_t announceIdentity() const;
+    bool pauseRequested() const;
+
+    const std::string& file() const { return mapping_.file(); }
+    std::uint64_t identity() const { return mapping_.identity(); }
+    bool stale() const { return mapping_.stale(); }
+    /// The hardware side's word for a Waker.
+    const std::uint64_t& sleepEpoch() const { return mapping_.dynamic().sleepEpoch; }
+
+private:
+    explicit AckMapReader(detail::ReaderFile mapping) : mapping_(std::move(mapping)) {}
+
+    detail::ReaderFile mapping_;
+};
+
+}  // namespace KivShimo

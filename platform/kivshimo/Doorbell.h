@@ -1,0 +1,82 @@
+// Doorbells: how one process wakes another that sleeps, and only then.
+//
+// Each side owns one Doorbell to sleep on and a Sleeper for its own epoch word, and has a Waker for
+// the other side's. Event thread of each process.
+//
+// How a wake-up is never lost. The sleeper makes its epoch odd, then looks for work once more, then
+// blocks. The waker publishes work, then reads the epoch. Between the two steps each has a fence of
+// the one total order that sequentially consistent fences have. If the waker's fence comes first,
+// the sleeper's second look sees the work; if the sleeper's comes first, the waker sees the odd
+// epoch and rings. Both may happen; a ring too many wakes a process that finds nothing to do.
+//
+// What always holds:
+//  1. An epoch word is written by its owner only; the waker reads it from a mapping.
+//  2. A waker rings at most once for an epoch, so a burst costs one system call.
+//  3. Ringing never blocks. A peer that is not there, or whose socket is full, needs no ring: a
+//     full socket wakes it, and a process that starts looks for work before it sleeps.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "platform/kivshimo/detail/MappedFile.h"
+
+namespace KivShimo {
+
+/// The receiving end: a datagram socket in the state directory, mode 0660. Removes the socket file
+/// when it ends.
+class Doorbell {
+public:
+    /// Replaces a socket file that a dead process left. Throws MountError.
+    explicit Doorbell(std::string path);
+    Doorbell(const Doorbell&) = delete;
+    Doorbell& operator=(const Doorbell&) = delete;
+    ~Doorbell();
+
+    /// Becomes readable when somebody rings.
+    int fd() const { return socket_.fd(); }
+    /// Takes all rings off; returns how many there were.
+    unsigned drain();
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+    detail::Descriptor socket_;
+};
+
+/// Rings the bell at the path. False when nobody is there.
+bool ring(const std::string& path);
+
+/// The sleeping half.
+class Sleeper {
+public:
+    /// `epoch`: the word in a file that this process writes. A process that was killed asleep left
+    /// it odd; it is awake now.
+    explicit Sleeper(std::uint64_t& epoch);
+
+    /// Says that this process is about to block. Look for work once more afterwards, then block.
+    void asleep();
+    /// Says that it works again.
+    void awake();
+
+private:
+    std::atomic_ref<std::uint64_t> epoch_;
+};
+
+/// The waking half.
+class Waker {
+public:
+    /// `epoch`: the other side's word, in a mapping that outlives this object.
+    Waker(const std::uint64_t& epoch, std::string path);
+
+    /// Call after publishing work. True when the bell was rung.
+    bool published();
+
+private:
+    const std::uint64_t* epoch_;
+    std::string path_;
+    std::uint64_t rungFor_ = 0;
+};
+
+}  // namespace KivShimo

@@ -1,0 +1,154 @@
+// A keyed collection of fixed capacity in shared memory, as its one writer sees it.
+//
+// Event thread of the writing process; a member of a table class. Values are trivially copyable and
+// offer `key()`; keys offer `hash(unsigned)`, `isEq` and `<=>`. Readers: MapReader.h.
+//
+// What always holds:
+//  1. A value does not move while its key is in the map.
+//  2. Elements are ordered by (hash, key). A walk resumes at a key, whether or not it is still
+//     there, so it survives every change in between.
+//  3. The writer's own index (keys, chains, free slots) is in its private memory, rebuilt from the
+//     slots at each mount; what lies in the file for readers is written, never trusted. So a rotten
+//     value can be replaced and erased like any other.
+//  4. Every value that is returned was verified; a rotten one throws CorruptionError.
+//  5. A full map refuses new keys and changes nothing then.
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <bit>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+#include "platform/brumo/Assert.h"
+#include "platform/kiv/HashMap2018.h"
+#include "platform/kivshimo/Table.h"
+#include "platform/kivshimo/detail/MapLayout.h"
+#include "platform/kivshimo/detail/SlotSet.h"
+
+namespace KivShimo {
+
+template <class Value>
+class Map {
+    static_assert(std::is_trivially_copyable_v<Value> && std::is_default_constructible_v<Value>);
+
+public:
+    using Key = std::remove_cvref_t<decltype(std::declval<const Value&>().key())>;
+
+    static CollectionLayout layout(std::string name) {
+        return {std::move(name), detail::CollectionKind::map, sizeof(Value),
+                layoutFingerprint<Value>()};
+    }
+
+    /// Takes up the collection of that name. REQUIRES: the table's type declares it.
+    Map(Table& table, std::string_view name);
+    Map(const Map&) = delete;
+    Map& operator=(const Map&) = delete;
+
+    std::uint64_t capacity() const { return slots_; }
+    std::uint64_t count() const { return slots_ - free_.count(); }
+
+    /// False when the key is new and there is no room.
+    bool insertOrReplace(const Value& value);
+    /// False when the key was not there.
+    bool erase(const Key& key);
+    bool has(const Key& key) const { return slotOf(key) != detail::Link::kNone; }
+    /// Throws CorruptionError.
+    std::optional<Value> find(const Key& key) const;
+
+    /// Walks: the first element; the first at or after a key; the first after a key. Each throws
+    /// CorruptionError when the element that comes is rotten; the key walks below do not.
+    std::optional<Value> first() const { return valueIn(slotFromBucket(0)); }
+    std::optional<Value> lowerBound(const Key& key) const { return valueIn(slotFrom(key, true)); }
+    std::optional<Value> next(const Key& key) const { return valueIn(slotFrom(key, false)); }
+    std::optional<Key> firstKey() const { return keyIn(slotFromBucket(0)); }
+    std::optional<Key> lowerBoundKey(const Key& key) const { return keyIn(slotFrom(key, true)); }
+    std::optional<Key> nextKey(const Key& key) const { return keyIn(slotFrom(key, false)); }
+
+    /// Calls `visit(value)` for each element in order; `visit` may change the map.
+    template <class Visit>
+    void forEach(Visit&& visit) const {
+        for (std::optional<Value> value = first(); value; value = next(value->key())) {
+            visit(*value);
+        }
+    }
+
+    /// Checks everything that always holds, in memory and in the file; ends the process otherwise.
+    void assertConsistent() const;
+
+private:
+    using Slot = detail::MapSlot<Value>;
+    static_assert(sizeof(Slot) == detail::mapSlotBytes(sizeof(Value)));
+
+    struct Node {
+        std::uint32_t hash = 0;
+        std::uint32_t next = detail::Link::kNone;
+        Key key{};
+    };
+
+    std::size_t bucketOf(std::uint32_t hash) const {
+        return bits_ == 0 ? 0 : hash >> (32U - bits_);
+    }
+    Slot& slotAt(std::uint32_t slot) const { return slotArea_[slot]; }
+    /// Slot before which the key belongs in its chain, and the one that precedes it.
+    struct Place {
+        std::uint32_t before;
+        std::uint32_t at;
+    };
+    Place placeOf(const Kiv::KeyOrder<Key>& wanted) const;
+    bool matches(std::uint32_t slot, const Kiv::KeyOrder<Key>& wanted) const {
+        return slot != detail::Link::kNone && nodes_[slot].hash == wanted.hash &&
+               nodes_[slot].key.isEq(wanted.key);
+    }
+    std::uint32_t slotOf(const Key& key) const {
+        const Kiv::KeyOrder<Key> wanted(key);
+        const Place place = placeOf(wanted);
+        return matches(place.at, wanted) ? place.at : detail::Link::kNone;
+    }
+    std::uint32_t slotFrom(const Key& key, bool orAt) const;
+    std::uint32_t slotFromBucket(std::size_t bucket) const {
+        const std::optional<std::size_t> used = usedBuckets_.atOrAfter(bucket);
+        return used ? heads_[*used] : detail::Link::kNone;
+    }
+    std::optional<Value> valueIn(std::uint32_t slot) const;
+    std::optional<Key> keyIn(std::uint32_t slot) const {
+        return slot == detail::Link::kNone ? std::nullopt : std::optional<Key>(nodes_[slot].key);
+    }
+
+    void store(std::uint32_t slot, const Value& value);
+    void setFree(std::uint32_t slot);
+    void linkIs(std::uint32_t before, std::size_t bucket, std::uint32_t target);
+    void publishHead(std::size_t bucket);
+    void publishLink(std::uint32_t slot);
+    /// Readers that found nothing look again when the sequence has moved meanwhile.
+    void structureChanges();
+    void structureChanged();
+
+    // Mount
+    void rebuild(Table& table);
+    bool takeUp(Table& table, std::uint32_t slot);
+    void chainUp(std::vector<std::uint32_t>& taken);
+
+    std::string file_;
+    std::string name_;
+    std::uint64_t slots_;
+    std::uint64_t seed_;
+    unsigned bits_;
+    std::uint64_t* headArea_;   ///< in the file
+    Slot* slotArea_;            ///< in the file
+    std::uint64_t* structure_;  ///< in the file
+
+    // The writer's own, rebuilt at each mount
+    std::vector<Node> nodes_;
+    std::vector<std::uint32_t> heads_;
+    detail::SlotSet usedBuckets_;
+    detail::SlotSet free_;
+};
+
+}  // namespace KivShimo
+
+#include "platform/kivshimo/detail/MapWriting.h"

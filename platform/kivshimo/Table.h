@@ -1,0 +1,142 @@
+// Tables of shared memory as their one writer sees them, and the registry of their types.
+//
+// Event thread of the writing process. A type library derives a class from Table for each table
+// type, gives it collections as members and registers it; mounting makes an object of it.
+//
+// What always holds:
+//  1. A table object exists only while its file is mapped and locked for writing.
+//  2. The collections' indexes were rebuilt from their slots when the object was made.
+//  3. What a mount finds torn or rotten is traced, counted and repaired to "free".
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/kiv/Entity.h"
+#include "platform/kivshimo/Errors.h"
+#include "platform/kivshimo/detail/MappedFile.h"
+
+namespace KivShimo {
+
+/// A collection as a table type declares it; made by Map<Value>::layout and the like.
+struct CollectionLayout {
+    std::string name;
+    detail::CollectionKind kind;
+    std::uint32_t recordBytes;
+    std::uint64_t fingerprint;
+};
+
+/// What identifies a record's layout: its size, and what the type says itself where it does.
+template <class Record>
+constexpr std::uint64_t layoutFingerprint() {
+    std::uint64_t result = detail::mixed(sizeof(Record), alignof(Record));
+    if constexpr (requires { Record::kLayoutFingerprint; }) {
+        result = detail::mixed(result, Record::kLayoutFingerprint);
+    }
+    return result;
+}
+
+/// The words of a mounted table that readers follow.
+class CollectionControl {
+public:
+    explicit CollectionControl(detail::DynamicHeader& header)
+        : header_(&header), scratchpad_(header.scratchpad) {}
+
+    /// The number published last; 0 in a fresh table.
+    std::uint64_t scratchpad() const { return scratchpad_.value(); }
+    /// Publishes: a reader that sees the number sees every store before it.
+    void scratchpadIs(std::uint64_t value) { scratchpad_.valueIs(value); }
+    /// The number could not be read when the table was mounted; it counts as 0.
+    bool scratchpadRotten() const { return scratchpad_.rotten(); }
+
+    /// The table had existed and its content was lost. Stays until cleared, over restarts too.
+    bool wiped() const { return detail::loaded(header_->wiped) != detail::kNotWiped; }
+    void clearWiped() {
+        detail::word(header_->wiped).store(detail::kNotWiped, std::memory_order_release);
+    }
+
+private:
+    detail::DynamicHeader* header_;
+    detail::VerifiedWordWriter scratchpad_;
+};
+
+/// What a table object is made of; comes from the mount and goes to the base class.
+struct TableMount {
+    std::string path;
+    std::unique_ptr<detail::WriterFile> file;
+};
+
+class Table : public Kiv::Entity {
+public:
+    explicit Table(TableMount mount);
+
+    const std::string& path() const { return path_; }
+    const std::string& file() const { return file_->file(); }
+
+    CollectionControl& collectionControl() { return control_; }
+    const CollectionControl& collectionControl() const { return control_; }
+    Journal& journal() { return file_->journal(); }
+    std::uint64_t identity() const { return file_->identity(); }
+
+    /// Takes notice of a corruption: a trace at level 1, and the count.
+    virtual void doCorruptionDetected(std::string_view message);
+    std::uint64_t corruptions() const { return corruptions_; }
+
+    /// For the collections that are made as members.
+    detail::WriterFile& mapping() { return *file_; }
+
+private:
+    std::string path_;
+    std::unique_ptr<detail::WriterFile> file_;
+    CollectionControl control_;
+    std::uint64_t corruptions_ = 0;
+};
+
+using TableFactory = Brumo::Ptr<Table> (*)(TableMount mount);
+
+/// A table type: its collections and how its objects are made.
+struct TableType {
+    std::vector<CollectionLayout> collections;
+    TableFactory factory;
+};
+
+/// The type of a class that offers `static std::vector<CollectionLayout> layouts()` and a
+/// constructor from TableMount.
+template <class T>
+TableType tableTypeOf() {
+    return {T::layouts(),
+            [](TableMount mount) -> Brumo::Ptr<Table> { return Brumo::make<T>(std::move(mount)); }};
+}
+
+/// Process-wide.
+class TableTypes {
+public:
+    static TableTypes& instance();
+
+    /// Null when no such type is registered.
+    const TableType* type(std::string_view typeName) const;
+
+private:
+    friend class TableTypeRegistration;
+    TableTypes() = default;
+
+    std::map<std::string, TableType, std::less<>> types_;
+};
+
+/// Registers a type for as long as the object lives; a name registered twice ends the process.
+class TableTypeRegistration {
+public:
+    TableTypeRegistration(std::string typeName, TableType type);
+    TableTypeRegistration(const TableTypeRegistration&) = delete;
+    TableTypeRegistration& operator=(const TableTypeRegistration&) = delete;
+    ~TableTypeRegistration();
+
+private:
+    std::string typeName_;
+};
+
+}  // namespace KivShimo

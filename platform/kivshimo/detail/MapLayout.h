@@ -1,0 +1,77 @@
+// How a keyed collection lies in its area: bucket heads, then slots.
+//
+// Shared by the writer and the readers of maps.
+//
+// What always holds:
+//  1. A slot's sequence word is odd while the slot is stored; bit 1 says that it holds a value. A
+//     free slot has checksum 0. The two must agree, so no single wrong bit hides a value.
+//  2. Links carry a check of their own place, so a rotten link is noticed and never followed.
+//  3. Buckets divide hashes by their leading bits and chains are sorted by (hash, key): the order
+//     of buckets and chains is the order of the collection.
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+#include "platform/kivshimo/detail/Words.h"
+
+namespace KivShimo::detail {
+
+constexpr std::uint64_t kMidStore = 1;
+constexpr std::uint64_t kHoldsValue = 2;
+constexpr std::uint64_t kSequenceStep = 4;
+
+/// A slot.
+///
+///   0          8          16     24            24 + value, in whole words
+///   | sequence | checksum | link | value words |
+template <class Value>
+struct MapSlot {
+    std::uint64_t sequence;
+    std::uint64_t checksum;
+    std::uint64_t link;
+    std::uint64_t value[Words<Value>::kCount];
+};
+
+constexpr std::size_t mapSlotBytes(std::size_t valueBytes) {
+    return 24 + 8 * wordsOf(valueBytes);
+}
+
+/// Bytes of the area: one head of 8 bytes for each bucket, as many buckets as slots or more.
+constexpr std::uint64_t mapBuckets(std::uint64_t slots) {
+    return std::bit_ceil(slots < 2 ? std::uint64_t{2} : slots);
+}
+constexpr std::uint64_t mapBytes(std::uint64_t slots, std::size_t valueBytes) {
+    return 8 * mapBuckets(slots) + slots * mapSlotBytes(valueBytes);
+}
+
+/// A link to a slot, or to none, with a check of the place where it stands.
+struct Link {
+    static constexpr std::uint32_t kNone = 0xFFFFFFFF;
+
+    static std::uint64_t encoded(std::uint32_t target, std::uint64_t place) {
+        return std::uint64_t{target} | mixed(place, target) << 32U;
+    }
+    /// Empty when the word is no link of that place.
+    static std::optional<std::uint32_t> decoded(std::uint64_t stored, std::uint64_t place) {
+        const auto target = static_cast<std::uint32_t>(stored);
+        if (stored != encoded(target, place))
+            return std::nullopt;
+        return target;
+    }
+    static std::uint64_t headPlace(std::uint64_t seed, std::uint64_t bucket) {
+        return mixed(seed, bucket << 1U);
+    }
+    static std::uint64_t slotPlace(std::uint64_t seed, std::uint64_t slot) {
+        return mixed(seed, slot << 1U | 1U);
+    }
+};
+
+/// Seeds a slot's checksum.
+constexpr std::uint64_t slotSeed(std::uint64_t seed, std::uint64_t slot) {
+    return mixed(seed, ~slot);
+}
+
+}  // namespace KivShimo::detail

@@ -1,0 +1,315 @@
+// The writer's side of a keyed collection: the bodies of Map's functions.
+//
+// Included by Map.h only.
+//
+// What always holds:
+//  1. A new value is stored whole before a link leads to it; a value is unlinked before its slot is
+//     set free. So every prefix of the stores is a map.
+//  2. A slot's sequence is odd before the first and even after the last store into it.
+#pragma once
+
+#include "platform/kivshimo/Map.h"
+
+namespace KivShimo {
+
+template <class Value>
+Map<Value>::Map(Table& table, std::string_view name)
+    : file_(table.file()),
+      name_(name),
+      slots_(0),
+      seed_(0),
+      bits_(0),
+      headArea_(nullptr),
+      slotArea_(nullptr),
+      structure_(nullptr),
+      usedBuckets_(0),
+      free_(0) {
+    detail::WriterFile& mapping = table.mapping();
+    const std::size_t number = mapping.collectionNumber(name);
+    const detail::CollectionHeader& header = mapping.header().collection[number];
+    slots_ = header.slots;
+    seed_ = mapping.seed(number);
+    const std::uint64_t buckets = detail::mapBuckets(slots_);
+    bits_ = static_cast<unsigned>(std::countr_zero(buckets));
+    headArea_ = reinterpret_cast<std::uint64_t*>(mapping.writableArea(number));
+    slotArea_ = reinterpret_cast<Slot*>(headArea_ + buckets);
+    structure_ = &mapping.dynamicHeader().structure[number];
+    nodes_.resize(slots_);
+    heads_.assign(buckets, detail::Link::kNone);
+    usedBuckets_ = detail::SlotSet(buckets);
+    free_ = detail::SlotSet(slots_);
+    rebuild(table);
+}
+
+template <class Value>
+bool Map<Value>::insertOrReplace(const Value& value) {
+    const Key key = value.key();
+    const Kiv::KeyOrder<Key> wanted(key);
+    const Place place = placeOf(wanted);
+    if (matches(place.at, wanted)) {
+        store(place.at, value);
+        return true;
+    }
+    const std::optional<std::size_t> room = free_.atOrAfter(0);
+    if (!room)
+        return false;
+    const auto slot = static_cast<std::uint32_t>(*room);
+    free_.remove(slot);
+    nodes_[slot] = {wanted.hash, place.at, key};
+    structureChanges();
+    store(slot, value);
+    publishLink(slot);
+    linkIs(place.before, bucketOf(wanted.hash), slot);
+    structureChanged();
+    return true;
+}
+
+template <class Value>
+bool Map<Value>::erase(const Key& key) {
+    const Kiv::KeyOrder<Key> wanted(key);
+    const Place place = placeOf(wanted);
+    if (!matches(place.at, wanted))
+        return false;
+    structureChanges();
+    linkIs(place.before, bucketOf(wanted.hash), nodes_[place.at].next);
+    setFree(place.at);
+    structureChanged();
+    free_.add(place.at);
+    return true;
+}
+
+template <class Value>
+std::optional<Value> Map<Value>::find(const Key& key) const {
+    return valueIn(slotOf(key));
+}
+
+template <class Value>
+typename Map<Value>::Place Map<Value>::placeOf(const Kiv::KeyOrder<Key>& wanted) const {
+    Place place{detail::Link::kNone, heads_[bucketOf(wanted.hash)]};
+    while (place.at != detail::Link::kNone &&
+           Kiv::KeyOrder<Key>(nodes_[place.at].hash, nodes_[place.at].key) < wanted) {
+        place = {place.at, nodes_[place.at].next};
+    }
+    return place;
+}
+
+template <class Value>
+std::uint32_t Map<Value>::slotFrom(const Key& key, bool orAt) const {
+    const Kiv::KeyOrder<Key> wanted(key);
+    std::uint32_t slot = placeOf(wanted).at;
+    if (!orAt && matches(slot, wanted))
+        slot = nodes_[slot].next;
+    return slot != detail::Link::kNone ? slot : slotFromBucket(bucketOf(wanted.hash) + 1);
+}
+
+template <class Value>
+std::optional<Value> Map<Value>::valueIn(std::uint32_t slot) const {
+    if (slot == detail::Link::kNone)
+        return std::nullopt;
+    const Slot& stored = slotAt(slot);
+    const auto words = detail::Words<Value>::loadFrom(stored.value);
+    if (words.checksum(detail::slotSeed(seed_, slot)) != detail::loaded(stored.checksum)) {
+        throw CorruptionError(file_, name_, slot, "value does not verify");
+    }
+    const Value value = words.value();
+    if (!value.key().isEq(nodes_[slot].key)) {
+        throw CorruptionError(file_, name_, slot, "value has another key");
+    }
+    return value;
+}
+
+template <class Value>
+void Map<Value>::store(std::uint32_t slot, const Value& value) {
+    Slot& place = slotAt(slot);
+    const detail::Words<Value> words(value);
+    const std::uint64_t checksum = words.checksum(detail::slotSeed(seed_, slot));
+    const std::uint64_t before = detail::loaded(place.sequence) & ~detail::kMidStore;
+    detail::word(place.sequence).store(before | detail::kMidStore, std::memory_order_relaxed);
+    // No store below is seen before the odd sequence by a reader whose fence stands after its
+    // loads.
+    std::atomic_thread_fence(std::memory_order_release);
+    words.storeTo(place.value);
+    detail::word(place.checksum).store(checksum, std::memory_order_relaxed);
+    detail::word(place.sequence)
+        .store((before | detail::kHoldsValue) + detail::kSequenceStep, std::memory_order_release);
+}
+
+template <class Value>
+void Map<Value>::setFree(std::uint32_t slot) {
+    Slot& place = slotAt(slot);
+    const std::uint64_t before = detail::loaded(place.sequence) & ~detail::kMidStore;
+    detail::word(place.sequence).store(before | detail::kMidStore, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+    detail::word(place.checksum).store(0, std::memory_order_relaxed);
+    detail::word(place.sequence)
+        .store((before & ~detail::kHoldsValue) + detail::kSequenceStep, std::memory_order_release);
+}
+
+template <class Value>
+void Map<Value>::linkIs(std::uint32_t before, std::size_t bucket, std::uint32_t target) {
+    if (before != detail::Link::kNone) {
+        nodes_[before].next = target;
+        publishLink(before);
+        return;
+    }
+    heads_[bucket] = target;
+    if (target == detail::Link::kNone) {
+        usedBuckets_.remove(bucket);
+    } else {
+        usedBuckets_.add(bucket);
+    }
+    publishHead(bucket);
+}
+
+template <class Value>
+void Map<Value>::publishHead(std::size_t bucket) {
+    detail::word(headArea_[bucket])
+        .store(detail::Link::encoded(heads_[bucket], detail::Link::headPlace(seed_, bucket)),
+               std::memory_order_release);
+}
+
+template <class Value>
+void Map<Value>::publishLink(std::uint32_t slot) {
+    detail::word(slotAt(slot).link)
+        .store(detail::Link::encoded(nodes_[slot].next, detail::Link::slotPlace(seed_, slot)),
+               std::memory_order_release);
+}
+
+template <class Value>
+void Map<Value>::structureChanges() {
+    detail::word(*structure_).store(detail::loaded(*structure_) | 1U, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+}
+
+template <class Value>
+void Map<Value>::structureChanged() {
+    detail::word(*structure_)
+        .store((detail::loaded(*structure_) | 1U) + 1, std::memory_order_release);
+}
+
+/// What a mount makes of a slot. A killed writer leaves an odd sequence; what verifies in spite of
+/// it is the value before or the new one, whole, and is kept.
+///
+///   checksum   sequence says   verifies   verdict
+///   0          free            -          free
+///   0          odd             -          free: a removal, or a first store, was cut off
+///   0          value           -          rotten: freed, counted
+///   other      any             yes        kept; the sequence is put right
+///   other      odd             no         torn: freed, counted
+///   other      even            no         rotten: freed, counted
+template <class Value>
+bool Map<Value>::takeUp(Table& table, std::uint32_t slot) {
+    Slot& place = slotAt(slot);
+    const std::uint64_t sequence = detail::loaded(place.sequence);
+    const std::uint64_t checksum = detail::loaded(place.checksum);
+    const bool odd = (sequence & detail::kMidStore) != 0;
+    const bool holdsValue = (sequence & detail::kHoldsValue) != 0;
+    if (checksum == 0 && !odd && !holdsValue)
+        return false;
+    if (checksum != 0) {
+        const auto words = detail::Words<Value>::loadFrom(place.value);
+        if (words.checksum(detail::slotSeed(seed_, slot)) == checksum) {
+            if (odd || !holdsValue) {
+                detail::word(place.sequence)
+                    .store(((sequence & ~detail::kMidStore) | detail::kHoldsValue) +
+                               detail::kSequenceStep,
+                           std::memory_order_release);
+            }
+            const Key key = words.value().key();
+            nodes_[slot] = {key.hash(0), detail::Link::kNone, key};
+            return true;
+        }
+    }
+    setFree(slot);
+    if (checksum != 0 || !odd) {
+        table.doCorruptionDetected(
+            CorruptionError(file_, name_, slot, odd ? "torn value dropped" : "rotten value dropped")
+                .what());
+    }
+    return false;
+}
+
+template <class Value>
+void Map<Value>::rebuild(Table& table) {
+    std::vector<std::uint32_t> taken;
+    structureChanges();
+    for (std::uint32_t slot = 0; slot < slots_; ++slot) {
+        if (takeUp(table, slot)) {
+            taken.push_back(slot);
+        } else {
+            free_.add(slot);
+        }
+    }
+    std::sort(taken.begin(), taken.end(), [this](std::uint32_t a, std::uint32_t b) {
+        return Kiv::KeyOrder<Key>(nodes_[a].hash, nodes_[a].key) <
+               Kiv::KeyOrder<Key>(nodes_[b].hash, nodes_[b].key);
+    });
+    // Two slots of one key cannot come from any sequence of stores; the first is kept.
+    const auto last =
+        std::unique(taken.begin(), taken.end(), [&](std::uint32_t a, std::uint32_t b) {
+            if (!nodes_[a].key.isEq(nodes_[b].key))
+                return false;
+            setFree(b);
+            free_.add(b);
+            table.doCorruptionDetected(
+                CorruptionError(file_, name_, b, "second value of a key dropped").what());
+            return true;
+        });
+    taken.erase(last, taken.end());
+    chainUp(taken);
+    structureChanged();
+}
+
+/// Links the slots, which come in the map's order, and publishes every head.
+template <class Value>
+void Map<Value>::chainUp(std::vector<std::uint32_t>& taken) {
+    for (auto slot = taken.rbegin(); slot != taken.rend(); ++slot) {
+        const std::size_t bucket = bucketOf(nodes_[*slot].hash);
+        nodes_[*slot].next = heads_[bucket];
+        heads_[bucket] = *slot;
+        usedBuckets_.add(bucket);
+        publishLink(*slot);
+    }
+    for (std::size_t bucket = 0; bucket < heads_.size(); ++bucket)
+        publishHead(bucket);
+}
+
+template <class Value>
+void Map<Value>::assertConsistent() const {
+    using Brumo::require;
+    std::uint64_t seen = 0;
+    const Node* before = nullptr;
+    for (std::size_t bucket = 0; bucket < heads_.size(); ++bucket) {
+        require(usedBuckets_.has(bucket) == (heads_[bucket] != detail::Link::kNone), "used bucket");
+        require(detail::Link::decoded(detail::loaded(headArea_[bucket]),
+                                      detail::Link::headPlace(seed_, bucket)) == heads_[bucket],
+                "published head");
+        for (std::uint32_t slot = heads_[bucket]; slot != detail::Link::kNone;
+             slot = nodes_[slot].next) {
+            const Node& node = nodes_[slot];
+            require(bucketOf(node.hash) == bucket && node.hash == node.key.hash(0), "bucket");
+            require(before == nullptr || Kiv::KeyOrder<Key>(before->hash, before->key) <
+                                             Kiv::KeyOrder<Key>(node.hash, node.key),
+                    "sorted");
+            require(detail::Link::decoded(detail::loaded(slotAt(slot).link),
+                                          detail::Link::slotPlace(seed_, slot)) == node.next,
+                    "published link");
+            const std::uint64_t sequence = detail::loaded(slotAt(slot).sequence);
+            require((sequence & 3U) == detail::kHoldsValue && !free_.has(slot), "slot in use");
+            require(valueIn(slot).has_value(), "value");
+            before = &node;
+            ++seen;
+        }
+    }
+    require(seen == count(), "count");
+    require((detail::loaded(*structure_) & 1U) == 0, "structure sequence");
+    for (std::size_t slot = 0; slot < slots_; ++slot) {
+        if (!free_.has(slot))
+            continue;
+        const Slot& place = slotArea_[slot];
+        require(detail::loaded(place.checksum) == 0 && (detail::loaded(place.sequence) & 3U) == 0,
+                "free slot");
+    }
+}
+
+}  // namespace KivShimo

@@ -1,0 +1,134 @@
+// Access to words of shared memory: copies in both directions, and words that verify themselves.
+//
+// Used by the writer and the readers of one mapping, which may be different processes.
+//
+// What always holds:
+//  1. Every word that another process may read while it is written is accessed as an atomic.
+//  2. A VerifiedWord is read as the value stored last, or the one before while a store is under
+//  way;
+//     zeroed or rotten memory never reads as a value.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <type_traits>
+
+namespace KivShimo::detail {
+
+/// XXH3 of the bytes; never 0, which means "nothing stored here".
+std::uint64_t checksumOf(const void* bytes, std::size_t size, std::uint64_t seed);
+
+/// A cheap mixture of two words: for seeds and for checks of single words.
+constexpr std::uint64_t mixed(std::uint64_t a, std::uint64_t b) {
+    std::uint64_t x = a ^ (b + 0x9E3779B97F4A7C15U) * 0xBF58476D1CE4E5B9U;
+    x = (x ^ x >> 30U) * 0xBF58476D1CE4E5B9U;
+    x = (x ^ x >> 27U) * 0x94D049BB133111EBU;
+    return x ^ x >> 31U;
+}
+
+/// A word of a mapping as an atomic. Readers have the mapping read-only; they only load.
+inline std::atomic_ref<std::uint64_t> word(const std::uint64_t& place) {
+    static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free);
+    return std::atomic_ref<std::uint64_t>(const_cast<std::uint64_t&>(place));
+}
+
+inline std::uint64_t loaded(const std::uint64_t& place) {
+    return word(place).load(std::memory_order_relaxed);
+}
+
+constexpr std::size_t wordsOf(std::size_t bytes) {
+    return (bytes + 7) / 8;
+}
+
+/// A value as words, the last one filled up with zeros: how it is copied and checksummed.
+template <class T>
+struct Words {
+    static_assert(std::is_trivially_copyable_v<T>);
+    static constexpr std::size_t kCount = wordsOf(sizeof(T));
+
+    Words() = default;
+    explicit Words(const T& value) { std::memcpy(words, &value, sizeof(T)); }
+
+    T value() const {
+        T result;
+        std::memcpy(static_cast<void*>(&result), words, sizeof(T));
+        return result;
+    }
+    std::uint64_t checksum(std::uint64_t seed) const {
+        return checksumOf(words, sizeof(words), seed);
+    }
+    /// Relaxed stores; the caller orders them with its fences.
+    void storeTo(std::uint64_t* place) const {
+        for (std::size_t i = 0; i < kCount; ++i) {
+            word(place[i]).store(words[i], std::memory_order_relaxed);
+        }
+    }
+    /// Relaxed loads; what comes back may be torn until the caller has verified it.
+    static Words loadFrom(const std::uint64_t* place) {
+        Words result;
+        for (std::size_t i = 0; i < kCount; ++i)
+            result.words[i] = loaded(place[i]);
+        return result;
+    }
+
+    std::uint64_t words[kCount]{};
+};
+
+/// One published number in two cells that take turns. A store writes the cell that holds the older
+/// number, so a writer that dies in the middle leaves the newer one whole.
+///
+///   0       8        16      24      32       40      48
+///   | value | serial | check | value | serial | check |
+struct VerifiedWord {
+    struct Cell {
+        std::uint64_t value;
+        std::uint64_t serial;  ///< counts the stores; the higher valid one is the newer
+        std::uint64_t check;
+
+        static std::uint64_t checkOf(std::uint64_t value, std::uint64_t serial) {
+            return mixed(mixed(value, serial), 0x766572696679U) | 1U;
+        }
+    };
+    Cell cells[2];
+
+    struct Reading {
+        std::uint64_t value;
+        std::uint64_t serial;
+    };
+    /// The newer valid cell; empty when neither is valid.
+    std::optional<Reading> newest() const;
+    /// What a reader gets: tries again while the writer overtakes it. Empty means rotten.
+    std::optional<std::uint64_t> read() const;
+};
+static_assert(sizeof(VerifiedWord) == 48);
+
+/// The one writer's access to a VerifiedWord.
+class VerifiedWordWriter {
+public:
+    /// Takes up what is stored; a rotten word counts as 0 and `rotten()` says so.
+    explicit VerifiedWordWriter(VerifiedWord& place);
+
+    std::uint64_t value() const { return value_; }
+    bool rotten() const { return rotten_; }
+
+    /// All stores before are visible to whoever reads the value with VerifiedWord::read.
+    void valueIs(std::uint64_t value) {
+        VerifiedWord::Cell& cell = place_->cells[++serial_ & 1U];
+        word(cell.value).store(value, std::memory_order_relaxed);
+        word(cell.serial).store(serial_, std::memory_order_relaxed);
+        word(cell.check)
+            .store(VerifiedWord::Cell::checkOf(value, serial_), std::memory_order_release);
+        value_ = value;
+    }
+
+private:
+    VerifiedWord* place_;
+    std::uint64_t value_ = 0;
+    std::uint64_t serial_ = 0;
+    bool rotten_ = false;
+};
+
+}  // namespace KivShimo::detail

@@ -1,0 +1,70 @@
+// The ring trace: the last messages of a process in a file, always on, readable after a kill.
+//
+// One thread records, the one that made the ring; anybody dumps. Recording formats nothing: it
+// stores numbers, and the text is made when the file is read.
+//
+// What always holds:
+//  1. A slot is 64 bytes; its sequence is stored last, so a kill leaves whole messages only, and a
+//     slot that is being overwritten is left out of a dump.
+//  2. The formats lie in the file, so a dump needs nothing but the file.
+//  3. A format that does not fit any more gets id 0, whose messages say "?".
+#pragma once
+
+#include <array>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace RingTrace {
+
+/// Identifies a registered format in its ring.
+using MessageId = std::uint32_t;
+
+class Ring {
+public:
+    static constexpr std::size_t kMostArguments = 4;
+    static constexpr std::size_t kMostText = 31;
+    static constexpr std::size_t kMostFormats = 256;
+
+    /// Makes the file new with room for `slots` messages, a power of two. Throws std::system_error
+    /// with the path.
+    Ring(const std::string& file, std::size_t slots);
+    Ring(const Ring&) = delete;
+    Ring& operator=(const Ring&) = delete;
+    ~Ring();
+
+    /// Registers a format with `{}` placeholders; the same text gives the same id.
+    MessageId message(std::string_view format);
+
+    /// Records up to 4 numbers.
+    template <std::integral... Arguments>
+    requires(sizeof...(Arguments) <= kMostArguments) void record(MessageId id,
+                                                                 Arguments... arguments) {
+        const std::array<std::uint64_t, kMostArguments> words{
+            static_cast<std::uint64_t>(arguments)...};
+        store(id, sizeof...(Arguments), words);
+    }
+    /// Records a text, cut to 31 bytes.
+    void record(MessageId id, std::string_view text);
+
+    /// The messages still there, oldest first: "SECONDS.NANOSECONDS TEXT".
+    std::vector<std::string> dump() const;
+    /// The same from a file, whoever wrote it. Throws std::system_error, or std::runtime_error when
+    /// the file is no ring.
+    static std::vector<std::string> dump(const std::string& file);
+
+private:
+    void store(MessageId id, std::size_t kind, const std::array<std::uint64_t, 4>& words);
+
+    std::string file_;
+    std::byte* base_ = nullptr;
+    std::size_t bytes_ = 0;
+    std::size_t slots_;
+    std::uint64_t sequence_ = 0;
+    std::vector<std::string> formats_;
+};
+
+}  // namespace RingTrace
