@@ -17,6 +17,7 @@ class CounterResourceHandle final : public Asic::ResourceHandle<CrpsIndexRequest
 public:
     using ResourceHandle::ResourceHandle;
 
+    /// All ones before the request is answered.
     std::uint32_t counterIndex() const { return counterIndex_; }
     /// 1 to 255, given by the request key alone: moves and restarts do not change it. 0 before the
     /// request is answered.
@@ -26,7 +27,7 @@ public:
     void featureIdIs(std::uint8_t featureId) { featureId_ = featureId; }
 
 private:
-    std::uint32_t counterIndex_ = 0;
+    std::uint32_t counterIndex_ = 0xFFFFFFFF;
     std::uint8_t featureId_ = 0;
 };
 
@@ -37,7 +38,7 @@ struct CounterBinding {
 
     static constexpr std::string_view kLibrary = "VornCountersLib";
     static constexpr std::string_view kClassName = "CrpsIndexRequestResourceTable";
-    static constexpr std::uint64_t kIndexLimit = std::uint64_t{1} << 32U;
+    static constexpr std::uint64_t kIndexLimit = 0xFFFFFFFF;
 
     static std::uint8_t featureId(const Key& key) {
         return static_cast<std::uint8_t>(1 + key.hash(0) % 255);
@@ -46,6 +47,10 @@ struct CounterBinding {
                          const ClientData& /*clientData*/) {
         handle.counterIndexIs(index);
         handle.featureIdIs(featureId);
+    }
+    static bool shows(const Handle& handle, std::uint32_t index, std::uint8_t featureId,
+                      const ClientData& /*clientData*/) {
+        return handle.counterIndex() == index && handle.featureId() == featureId;
     }
 };
 
@@ -61,11 +66,10 @@ public:
     /// table.
     CrpsIndexRequestResourceTable(std::string name,
                                   const Brumo::Ptr<Regdb::EntityManager>& entityManager,
-                                  Brumo::Ptr<Asic::GroupInterface> group, Kiv::EventLoop& loop,
-                                  std::uint32_t poolSize = kPoolSize,
+                                  const Brumo::Ptr<Asic::GroupInterface>& group,
+                                  Kiv::EventLoop& loop, std::uint32_t poolSize = kPoolSize,
                                   Asic::SwTableId tableId = kTableId)
-        : ResourceTable(std::move(name), tableId, poolSize, entityManager, std::move(group), loop) {
-    }
+        : ResourceTable(std::move(name), tableId, poolSize, entityManager, group, loop) {}
 
     Brumo::Ptr<ClientInstance> makeClientInstance();
 };

@@ -17,6 +17,7 @@ class PolicerResourceHandle final : public Asic::ResourceHandle<PolicerIndexRequ
 public:
     using ResourceHandle::ResourceHandle;
 
+    /// All ones before the request is answered.
     std::uint16_t policerIndex() const { return policerIndex_; }
     /// What the policer is set to, once the request is answered.
     const PolicerIndexRequestClientData& clientData() const { return clientData_; }
@@ -25,7 +26,7 @@ public:
     void clientDataIs(const PolicerIndexRequestClientData& data) { clientData_ = data; }
 
 private:
-    std::uint16_t policerIndex_ = 0;
+    std::uint16_t policerIndex_ = 0xFFFF;
     PolicerIndexRequestClientData clientData_;
 };
 
@@ -36,13 +37,17 @@ struct PolicerBinding {
 
     static constexpr std::string_view kLibrary = "VornPolicerLib";
     static constexpr std::string_view kClassName = "PolicerIndexRequestResourceTable";
-    static constexpr std::uint64_t kIndexLimit = std::uint64_t{1} << 16U;
+    static constexpr std::uint64_t kIndexLimit = 0xFFFF;
 
     static std::uint8_t featureId(const Key& /*key*/) { return 0; }
     static void valuesIs(Handle& handle, std::uint32_t index, std::uint8_t /*featureId*/,
                          const ClientData& clientData) {
         handle.policerIndexIs(static_cast<std::uint16_t>(index));
         handle.clientDataIs(clientData);
+    }
+    static bool shows(const Handle& handle, std::uint32_t index, std::uint8_t /*featureId*/,
+                      const ClientData& clientData) {
+        return handle.policerIndex() == index && handle.clientData() == clientData;
     }
 };
 
@@ -57,11 +62,10 @@ public:
     /// `name` as in "PolicerIndexRequest.VornPolicyCpu"; the rest as for every resource table.
     PolicerIndexRequestResourceTable(std::string name,
                                      const Brumo::Ptr<Regdb::EntityManager>& entityManager,
-                                     Brumo::Ptr<Asic::GroupInterface> group, Kiv::EventLoop& loop,
-                                     std::uint32_t poolSize = kPoolSize,
+                                     const Brumo::Ptr<Asic::GroupInterface>& group,
+                                     Kiv::EventLoop& loop, std::uint32_t poolSize = kPoolSize,
                                      Asic::SwTableId tableId = kTableId)
-        : ResourceTable(std::move(name), tableId, poolSize, entityManager, std::move(group), loop) {
-    }
+        : ResourceTable(std::move(name), tableId, poolSize, entityManager, group, loop) {}
 
     Brumo::Ptr<ClientInstance> makeClientInstance();
 };

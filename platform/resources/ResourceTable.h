@@ -27,7 +27,9 @@
 #include "platform/asic/GroupInterface.h"
 #include "platform/asic/OrderedTableInterface.h"
 #include "platform/kiv/EventLoop.h"
+#include "platform/resources/ResourceGroup.h"
 #include "platform/resources/ResourceHandle.h"
+#include "platform/resources/ResourceRecord.h"
 
 namespace Asic {
 
@@ -59,6 +61,15 @@ struct NoClientData {
 
 template <class Binding>
 class ResourceClient;
+template <class Binding>
+class ResourceEngine;
+
+/// The surroundings of a resource table, for those who bring their own.
+template <class Binding>
+struct ResourceTableParts {
+    std::unique_ptr<ResourceStore<ResourceRecord<Binding>>> store;
+    std::unique_ptr<ResourceGroup> group;  ///< may be null
+};
 
 template <class Binding>
 class ResourceTable : public ResourceTableBase {
@@ -66,17 +77,20 @@ public:
     using Key = typename Binding::Key;
     using ClientData = typename Binding::ClientData;
     using Handle = typename Binding::Handle;
+    using Parts = ResourceTableParts<Binding>;
 
     /// `group` may be null: then there are no announcements and no needed versions, and only the
     /// state of a change handle tells when the hardware has taken a change in. `loop` outlives the
     /// table. Throws KivShimo::MountError.
     ResourceTable(std::string name, SwTableId tableId, std::uint32_t poolSize,
                   const Brumo::Ptr<Regdb::EntityManager>& entityManager,
-                  Brumo::Ptr<GroupInterface> group, Kiv::EventLoop& loop);
+                  const Brumo::Ptr<GroupInterface>& group, Kiv::EventLoop& loop);
+    ResourceTable(std::string name, SwTableId tableId, std::uint32_t poolSize, Parts parts,
+                  Kiv::EventLoop& loop);
     ~ResourceTable() override;
 
-    const std::string& name() const;
-    SwTableId tableId() const;
+    const std::string& name() const { return name_; }
+    SwTableId tableId() const { return tableId_; }
     /// Allocations, restored ones included, and requests that wait.
     std::size_t entries() const override;
     ResourcePoolFigures pool() const;
@@ -84,16 +98,19 @@ public:
     std::vector<ResourceKeyInfo<Key>> keys() const;
 
     /// Gives the key another index; its users learn it on a later turn. False, and nothing has
-    /// changed, when the key has no index or no other is left. A failed resource is whole again.
+    /// changed, when the key has no answered index or no other is left. A failed resource is whole
+    /// again.
     bool move(const Key& key);
-    /// The resource is lost; it keeps its index. False when the key has none. Not remembered over
-    /// a restart.
+    /// The resource is lost; it keeps its index. False when the key has no answered index. Not
+    /// remembered over a restart.
     bool fail(const Key& key);
-    /// Ends a failure. False when the key has no index.
+    /// Ends a failure. False when the key has no answered index.
     bool restore(const Key& key);
 
     /// Gives back what was allocated before the restart, and by client instances that are gone, and
-    /// has not been requested since. REQUIRES: the tables that use this one are restored.
+    /// is not used or held since. Pending returns from before the restart end when all that the
+    /// tables have handed out by now is acknowledged. REQUIRES: the tables that use this one are
+    /// restored.
     void sweepUnclaimed();
 
     /// Ends the process unless what always holds does.
@@ -101,8 +118,10 @@ public:
 
 private:
     friend class ResourceClient<Binding>;
-    class State;
-    std::unique_ptr<State> state_;
+
+    std::string name_;
+    SwTableId tableId_;
+    std::unique_ptr<ResourceEngine<Binding>> engine_;
 };
 
 }  // namespace Asic
