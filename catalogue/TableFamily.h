@@ -9,8 +9,9 @@
 
 namespace VornPolicyCpu {
 
-template <class Types> class TableFamily : public Asic::TableInterfaceBase {
-  public:
+template <class Types>
+class TableFamily : public Asic::TableInterfaceBase {
+public:
     using Asic::TableInterfaceBase::TableInterfaceBase;
 
     /// Makes the table of a unit, restored from what a process before left, or cleared when

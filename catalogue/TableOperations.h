@@ -12,8 +12,9 @@
 namespace VornPolicyCpu {
 
 /// The operations of one table of one unit. `Types` is the table's type library.
-template <class Types> class TableOperations : public Asic::OrderedSwTable {
-  public:
+template <class Types>
+class TableOperations : public Asic::OrderedSwTable {
+public:
     using Key = typename Types::Key;
     using Entry = typename Types::Entry;
     using HandlePtr = Brumo::Ptr<const Asic::OrderedSwTable::EntryHandle>;

@@ -79,7 +79,8 @@ struct MatchCommon {
     bool operator==(const MatchCommon&) const = default;
 
     /// Copies between an entry and a log entry, whose members have the same names.
-    template <class LogEntry> void copyTo(LogEntry& log) const {
+    template <class LogEntry>
+    void copyTo(LogEntry& log) const {
         log.key = key;
         log.actionId = actionKey.id;
         log.actionSub = actionKey.sub;
@@ -88,7 +89,8 @@ struct MatchCommon {
         log.bytes = bytes;
         log.label = label;
     }
-    template <class LogEntry> void copyFrom(const LogEntry& log) {
+    template <class LogEntry>
+    void copyFrom(const LogEntry& log) {
         key = log.key;
         actionKey.id = log.actionId;
         actionKey.sub = log.actionSub;

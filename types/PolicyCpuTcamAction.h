@@ -58,7 +58,8 @@ constexpr std::uint32_t kNoRedirect = 0xFFFFFF;
 struct PolicyCpuTcamActionLogEntry {
     Brumo::Unaligned<LogEntryHead> head;
     Brumo::Unaligned<PolicyCpuTcamActionEntryKey> key;
-    Brumo::Unaligned<std::uint32_t> redirect = kNoRedirect;  ///< index of another destination than the CPU
+    Brumo::Unaligned<std::uint32_t> redirect =
+        kNoRedirect;  ///< index of another destination than the CPU
     Brumo::Unaligned<std::uint32_t> counterIndex = kNoCounterIndex;
     Brumo::Unaligned<std::uint16_t> policerIndex = kNoPolicerIndex;
     std::uint8_t featureId = 0;

@@ -40,10 +40,11 @@ static_assert(sizeof(LogEntryHead) == 8);
 ///
 ///   0         8      16    24     28     30    31    32
 ///   | version | head | key | word | unit | op  | pad |
-template <class Key> struct LogShimoEntry {
-    Asic::LogVersion version;  ///< the record's key
-    LogEntryHead head;         ///< of the log entry; the default for a table delete
-    Key key;                   ///< of the entry; zero for a table delete
+template <class Key>
+struct LogShimoEntry {
+    Asic::LogVersion version;       ///< the record's key
+    LogEntryHead head;              ///< of the log entry; the default for a table delete
+    Key key;                        ///< of the entry; zero for a table delete
     std::uint32_t word = 0xFFFFFF;  ///< of the log entry; the default for a table delete
     Asic::UnitId unitId;
     LogOperation operation = LogOperation::entryWritten;
@@ -57,23 +58,28 @@ template <class Key> struct LogShimoEntry {
 };
 
 /// The committed value of one key on one unit.
-template <class Key, class LogEntry, class ResourceKeys> struct ConfigShimoEntry {
-    Key key;
+template <class Key, class LogEntry, class ResourceKeys>
+struct ConfigShimoEntry {
+    Key entryKey;
     LogEntry logEntry;
     ResourceKeys rsrcKeys;
     Asic::LogVersion version;  ///< of the change that last wrote the key; 0 in the default value
     bool inDeletion = false;   ///< deleted, but the hardware side may still hold it
+
+    const Key& key() const { return entryKey; }
 };
 
 /// Copies text into a fixed field, cut to its size and padded with zeros.
-template <std::size_t Size> std::array<char, Size> fixedText(std::string_view text) {
+template <std::size_t Size>
+std::array<char, Size> fixedText(std::string_view text) {
     std::array<char, Size> field{};
     std::memcpy(field.data(), text.data(), text.size() < Size ? text.size() : Size);
     return field;
 }
 
 /// The text in a fixed field, up to its first zero.
-template <std::size_t Size> std::string textOf(const std::array<char, Size>& field) {
+template <std::size_t Size>
+std::string textOf(const std::array<char, Size>& field) {
     return {field.data(), strnlen(field.data(), Size)};
 }
 
@@ -88,7 +94,7 @@ concept TableTypes = requires(const typename T::Entry& entry, const typename T::
     requires std::is_trivially_copyable_v<typename T::ResourceKeys>;
     { key.hash(0U) } -> std::same_as<std::uint32_t>;
     { key.isEq(key) } -> std::same_as<bool>;
-    { key <=> key };
+    {key <=> key};
     { entry.isEq(entry) } -> std::same_as<bool>;
     { logEntry.isEq(logEntry) } -> std::same_as<bool>;
     { rsrcKeys.isEq(rsrcKeys) } -> std::same_as<bool>;

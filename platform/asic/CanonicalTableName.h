@@ -17,23 +17,26 @@ inline std::string canonicalName(TableType type, std::string_view own, std::stri
     const std::string ownName(own);
     const std::string secondName(second);
     switch (type) {
-        case TableType::ordered: return "OrderedSwTable." + secondName + "." + ownName;
-        case TableType::partiallyOrdered: return "PartiallyOrderedSwTable." + ownName;
-        case TableType::resource: return "ResourceTable." + secondName + "::" + ownName;
+        case TableType::ordered:
+            return "OrderedSwTable." + secondName + "." + ownName;
+        case TableType::partiallyOrdered:
+            return "PartiallyOrderedSwTable." + ownName;
+        case TableType::resource:
+            return "ResourceTable." + secondName + "::" + ownName;
     }
     Brumo::assertionFailed("false", "Table type undefined!", __FILE__, __LINE__);
 }
 
 /// A table's name object; immutable, any thread.
 class CanonicalTableName final : public Brumo::RefCounted {
-  public:
+public:
     CanonicalTableName(TableType type, std::string_view own, std::string_view second)
         : name_(canonicalName(type, own, second)) {}
 
     const std::string& name() const { return name_; }
     std::string toText() const { return name_; }
 
-  private:
+private:
     std::string name_;
 };
 

@@ -51,12 +51,12 @@ inline std::string acknowledgementsPath(std::string_view canonicalGroupName) {
 /// The unit of a configuration path; nothing when the path is of another form.
 inline std::optional<UnitId> getUnitIdFromConfigPath(std::string_view path) {
     const auto slash = path.rfind('/');
-    const std::string_view number =
-        slash == std::string_view::npos ? path : path.substr(slash + 1);
+    const std::string_view number = slash == std::string_view::npos ? path : path.substr(slash + 1);
     UnitId unit;
     const auto [end, error] =
         std::from_chars(number.data(), number.data() + number.size(), unit.value);
-    if (error != std::errc{} || end != number.data() + number.size()) return std::nullopt;
+    if (error != std::errc{} || end != number.data() + number.size())
+        return std::nullopt;
     return unit;
 }
 

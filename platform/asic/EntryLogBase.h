@@ -9,7 +9,7 @@ namespace Asic {
 
 /// Event thread only.
 class EntryLogBase : public Kiv::Entity {
-  public:
+public:
     EntryLogBase(SwTableId tableId, Brumo::Ptr<Regdb::EntityManager> entityManager,
                  Brumo::Ptr<GroupInterface> groupInterface, Brumo::String agentName)
         : tableId_(tableId),
@@ -25,7 +25,7 @@ class EntryLogBase : public Kiv::Entity {
     /// The last version handed out; 0 when none was.
     LogVersion tableVersion() const { return tableVersion_; }
 
-  protected:
+protected:
     /// Hands the next versions out and returns the last of them.
     LogVersion tableVersionInc(std::uint64_t by) {
         tableVersion_.value += by;
@@ -34,7 +34,7 @@ class EntryLogBase : public Kiv::Entity {
     /// Takes up the counter where the process before left it.
     void tableVersionRestored(LogVersion version) { tableVersion_ = version; }
 
-  private:
+private:
     SwTableId tableId_;
     Brumo::Ptr<Regdb::EntityManager> entityManager_;
     Brumo::Ptr<GroupInterface> groupInterface_;

@@ -9,7 +9,7 @@ namespace Asic {
 
 /// Event thread only.
 class GenId final : public Kiv::Entity {
-  public:
+public:
     static constexpr Kiv::AttributeId kMajorId = 1;  ///< old value: std::uint64_t
 
     std::uint64_t majorId() const { return majorId_; }
@@ -19,7 +19,7 @@ class GenId final : public Kiv::Entity {
         publisher().publish(kMajorId, &old);
     }
 
-  private:
+private:
     std::uint64_t majorId_ = 0;
 };
 

@@ -28,7 +28,7 @@
 namespace Asic {
 
 class GroupInterface final : public Kiv::Entity {
-  public:
+public:
     /// Published when some table's acknowledged version has moved.
     static constexpr Kiv::AttributeId kAcknowledged = 1;
 
@@ -44,6 +44,8 @@ class GroupInterface final : public Kiv::Entity {
     /// Announces a change to the hardware side. `needed` may be null.
     void addLogEntry(SwTableId tableId, LogVersion version,
                      const Brumo::Ptr<const NeededEntry>& needed);
+    /// What a change needs that must come after everything announced so far.
+    Brumo::Ptr<NeededEntry> everythingAnnounced() const;
     /// Whether the announcement log takes further changes that can wait.
     bool hasRoom() const;
 
@@ -53,8 +55,8 @@ class GroupInterface final : public Kiv::Entity {
     /// Null when there is none.
     Brumo::Ptr<OrderedSwTableSet> swTableSet(SwTableId tableId) const;
 
-    /// Tells up to which version a table that is announced here without a set (a resource table)
-    /// has handed versions out, so that its acknowledgements can be checked.
+    /// Tells that a table has handed versions out up to this one, so that its acknowledgements can
+    /// be checked.
     void announcedVersionIs(SwTableId tableId, LogVersion version);
     LogVersion announcedVersion(SwTableId tableId) const;
 
@@ -74,6 +76,8 @@ class GroupInterface final : public Kiv::Entity {
     /// which acknowledgementsArrived() takes up; then the caller must not sleep.
     bool sleepPrepared();
     void awake();
+    /// Rings the hardware side, whether it sleeps or not: an agent does it once when it starts.
+    void wakeHardwareSide();
 
     /// The socket path at which the hardware side listens, and ours.
     std::string hardwareDoorbellPath() const;
@@ -82,7 +86,7 @@ class GroupInterface final : public Kiv::Entity {
     /// For tests and tools: changes that found no room in the announcement log and wait in memory.
     std::size_t announcementsWaiting() const { return waiting_.size(); }
 
-  private:
+private:
     struct SharedMemory;  ///< the mounted files; keeps their headers out of this one
     struct Announcement {
         SwTableId tableId;
@@ -90,6 +94,8 @@ class GroupInterface final : public Kiv::Entity {
         Brumo::Ptr<const NeededEntry> needed;
     };
 
+    void takeUpAnnouncements();
+    bool acknowledgementsPending();
     bool append(const Announcement& announcement);
     void appendWaiting();
     bool acknowledge(SwTableId tableId, LogVersion version);

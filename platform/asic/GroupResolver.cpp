@@ -29,7 +29,8 @@ void GroupResolver::resolverQueueEnq(const Entry& entry) {
 void GroupResolver::admit(Lane& lane, const Entry& entry) {
     if (entry->isTableDeleted()) {
         lane.barrier = entry;
-        if (lane.unfinished == 0) readyIs(entry);
+        if (lane.unfinished == 0)
+            readyIs(entry);
         return;
     }
     ++lane.unfinished;
@@ -48,7 +49,8 @@ void GroupResolver::readyIs(const Entry& entry) {
 }
 
 void GroupResolver::schedule() {
-    if (scheduled_ || suspended_) return;
+    if (scheduled_ || suspended_)
+        return;
     scheduled_ = true;
     loop_.post([self = Brumo::Ptr<GroupResolver>(this)] { self->pass(); });
 }
@@ -56,21 +58,26 @@ void GroupResolver::schedule() {
 void GroupResolver::pass() {
     scheduled_ = false;
     std::size_t budget = budget_;
-    if (probe_) probeFullLogs(budget);
+    if (probe_)
+        probeFullLogs(budget);
     while (budget > 0 && !suspended_ && !ready_.empty()) {
-        if (hasRoom_ && !hasRoom_()) return;  // updateGenId() schedules the next pass
+        if (hasRoom_ && !hasRoom_())
+            return;  // updateGenId() schedules the next pass
         --budget;
         const Entry entry = std::move(ready_.front());
         ready_.pop_front();
-        if (!attempt(entry)) park(entry);
+        if (!attempt(entry))
+            park(entry);
     }
-    if (!ready_.empty() || probe_) schedule();
+    if (!ready_.empty() || probe_)
+        schedule();
 }
 
 bool GroupResolver::attempt(const Entry& entry) {
     const OrderedSwTable* table = entry->orderingTable();
     entry->blockerIs({});
-    if (!entry->isResolved()) return false;
+    if (!entry->isResolved())
+        return false;
     entry->commitEntry(entry);
     finish(table, entry);
     return true;
@@ -81,11 +88,13 @@ bool GroupResolver::attempt(const Entry& entry) {
 void GroupResolver::probeFullLogs(std::size_t& budget) {
     probe_ = false;
     std::vector<const OrderedSwTable*> tables;
-    for (const auto& [table, entries] : waitingForLog_) tables.push_back(table);
+    for (const auto& [table, entries] : waitingForLog_)
+        tables.push_back(table);
     for (const OrderedSwTable* table : tables) {
         while (!suspended_) {
             const auto waiting = waitingForLog_.find(table);  // a commit may have ended the table
-            if (waiting == waitingForLog_.end()) break;
+            if (waiting == waitingForLog_.end())
+                break;
             if (budget == 0 || (hasRoom_ && !hasRoom_())) {
                 probe_ = budget == 0;
                 return;
@@ -93,8 +102,10 @@ void GroupResolver::probeFullLogs(std::size_t& budget) {
             --budget;
             const Entry entry = std::move(waiting->second.front());
             waiting->second.pop_front();
-            if (waiting->second.empty()) waitingForLog_.erase(waiting);
-            if (attempt(entry)) continue;
+            if (waiting->second.empty())
+                waitingForLog_.erase(waiting);
+            if (attempt(entry))
+                continue;
             if (entry->blocker().cause != Blocker::Cause::logFull) {
                 park(entry);
                 continue;
@@ -125,15 +136,18 @@ void GroupResolver::park(const Entry& entry) {
 
 void GroupResolver::wake(const Kiv::Entity* entity) {
     const auto found = waiting_.find(entity);
-    if (found == waiting_.end()) return;
+    if (found == waiting_.end())
+        return;
     const WaitList list = std::move(found->second);
     waiting_.erase(found);
-    for (const Entry& entry : list.entries) readyIs(entry);
+    for (const Entry& entry : list.entries)
+        readyIs(entry);
 }
 
 void GroupResolver::finish(const OrderedSwTable* table, const Entry& entry) {
     const auto found = lanes_.find(table);
-    if (found == lanes_.end()) return;  // the table went while the change was committed
+    if (found == lanes_.end())
+        return;  // the table went while the change was committed
     Lane& lane = found->second;
     --queued_;
     if (entry->isTableDeleted()) {
@@ -150,23 +164,28 @@ void GroupResolver::finish(const OrderedSwTable* table, const Entry& entry) {
         } else {
             lane.lastOfKey.erase(entry->orderingKey());
         }
-        if (lane.unfinished == 0 && lane.barrier != nullptr) readyIs(lane.barrier);
+        if (lane.unfinished == 0 && lane.barrier != nullptr)
+            readyIs(lane.barrier);
     }
 }
 
 void GroupResolver::updateGenId() {
     ++genId_;
-    if (!waitingForLog_.empty()) probe_ = true;
-    if (probe_ || !ready_.empty()) schedule();
+    if (!waitingForLog_.empty())
+        probe_ = true;
+    if (probe_ || !ready_.empty())
+        schedule();
 }
 
 void GroupResolver::maybeUpdateSuspend() {
-    if (suspendRequested_ == suspended_) return;
+    if (suspendRequested_ == suspended_)
+        return;
     suspended_ = suspendRequested_;
     trace(2, " suspended: {}", suspended_);
     const bool old = !suspended_;
     publisher().publish(kSuspended, &old);
-    if (!suspended_ && (!ready_.empty() || probe_)) schedule();
+    if (!suspended_ && (!ready_.empty() || probe_))
+        schedule();
 }
 
 void GroupResolver::suspendRequestedIs(bool requested) {
@@ -176,7 +195,8 @@ void GroupResolver::suspendRequestedIs(bool requested) {
 
 void GroupResolver::resolverQueueDel(const OrderedSwTable* table) {
     const auto lane = lanes_.find(table);
-    if (lane == lanes_.end()) return;
+    if (lane == lanes_.end())
+        return;
     queued_ -= lane->second.unfinished + lane->second.held.size() +
                (lane->second.barrier != nullptr ? 1 : 0);
     lanes_.erase(lane);
@@ -191,10 +211,12 @@ void GroupResolver::resolverQueueDel(const OrderedSwTable* table) {
 
 void GroupResolver::forEachWaiting(const std::function<void(const ResolverEntry&)>& visit) const {
     for (const auto& [entity, list] : waiting_) {
-        for (const Entry& entry : list.entries) visit(*entry);
+        for (const Entry& entry : list.entries)
+            visit(*entry);
     }
     for (const auto& [table, entries] : waitingForLog_) {
-        for (const Entry& entry : entries) visit(*entry);
+        for (const Entry& entry : entries)
+            visit(*entry);
     }
 }
 

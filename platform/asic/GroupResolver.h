@@ -39,7 +39,7 @@ struct Blocker {
 
 /// One queued change.
 class ResolverEntry : public Brumo::RefCounted {
-  public:
+public:
     ResolverEntry(Brumo::Ptr<const DependencyEntryHandle> dependency, EntryFlags flags)
         : dependency_(std::move(dependency)), flags_(flags) {}
 
@@ -61,7 +61,7 @@ class ResolverEntry : public Brumo::RefCounted {
     const Blocker& blocker() const { return blocker_; }
     void blockerIs(Blocker blocker) { blocker_ = std::move(blocker); }
 
-  private:
+private:
     friend class GroupResolver;
 
     Brumo::Ptr<const DependencyEntryHandle> dependency_;
@@ -71,7 +71,7 @@ class ResolverEntry : public Brumo::RefCounted {
 };
 
 class GroupResolver final : public Kiv::Entity {
-  public:
+public:
     static constexpr Kiv::AttributeId kSuspended = 1;  ///< old value: bool
     /// Commits a turn unless told otherwise: about a tenth of a millisecond of work.
     static constexpr std::size_t kDefaultBudget = 256;
@@ -102,7 +102,7 @@ class GroupResolver final : public Kiv::Entity {
     void hasRoomIs(std::function<bool()> hasRoom) { hasRoom_ = std::move(hasRoom); }
     void budgetIs(std::size_t commitsATurn) { budget_ = commitsATurn; }
 
-  private:
+private:
     using Entry = Brumo::Ptr<ResolverEntry>;
 
     /// Changes of one table. Behind a remove-all that is not committed yet, everything is held.

@@ -11,7 +11,7 @@ namespace Asic {
 
 /// The tables of a family by unit.
 class OrderedSwTableSet final : public Kiv::Entity {
-  public:
+public:
     OrderedSwTableSet(SwTableId tableId, Brumo::Ptr<OrderedSwTableStatus> status)
         : tableId_(tableId), status_(std::move(status)) {}
 
@@ -28,17 +28,19 @@ class OrderedSwTableSet final : public Kiv::Entity {
 
     /// Recomputes the family's pending-writes status.
     void maybeUpdatePendingHwWrites() {
-        if (status_ == nullptr) return;
+        if (status_ == nullptr)
+            return;
         for (const auto& [unit, table] : tables_) {
             if (table->hasPendingHwWrites()) {
                 status_->pendingHwWritesIs(true);
                 return;
             }
         }
-        if (!tables_.empty()) status_->pendingHwWritesIs(false);
+        if (!tables_.empty())
+            status_->pendingHwWritesIs(false);
     }
 
-  private:
+private:
     SwTableId tableId_;
     Brumo::Ptr<OrderedSwTableStatus> status_;
     std::map<UnitId, Brumo::Ptr<OrderedSwTable>> tables_;

@@ -16,13 +16,13 @@ class TableInterfaceBase;
 
 /// Base of resource tables; a resource library derives its own from it.
 class ResourceTableBase : public Kiv::Entity {
-  public:
+public:
     /// Requests that the table knows, restored ones included.
     virtual std::size_t entries() const = 0;
 };
 
 class OrderedTableInterface final : public Kiv::Entity {
-  public:
+public:
     /// `loop` outlives this object.
     OrderedTableInterface(Brumo::Ptr<Regdb::EntityManager> entityManager, std::string agentName,
                           Kiv::EventLoop& loop);
@@ -50,7 +50,7 @@ class OrderedTableInterface final : public Kiv::Entity {
     Brumo::Ptr<ResourceTableBase> resourceTable(const std::string& library,
                                                 const std::string& name) const;
 
-  private:
+private:
     Brumo::Ptr<Regdb::EntityManager> entityManager_;
     std::string agentName_;
     Kiv::EventLoop& loop_;
@@ -60,7 +60,7 @@ class OrderedTableInterface final : public Kiv::Entity {
 };
 
 class TableInterfaceBase : public Kiv::Entity {
-  public:
+public:
     explicit TableInterfaceBase(Brumo::Ptr<OrderedTableInterface> orderedTableIntf)
         : orderedTableIntf_(std::move(orderedTableIntf)) {}
 
@@ -71,13 +71,13 @@ class TableInterfaceBase : public Kiv::Entity {
     /// Unregisters the family.
     virtual void onDelete() = 0;
 
-  private:
+private:
     Brumo::Ptr<OrderedTableInterface> orderedTableIntf_;
 };
 
 /// The process's families by registry name; it keeps them.
 class SwTableInterfacesSingleton {
-  public:
+public:
     static SwTableInterfacesSingleton& instance();
 
     bool swTableIntfHas(const std::string& name) const { return interfaces_.contains(name); }
@@ -87,7 +87,7 @@ class SwTableInterfacesSingleton {
     /// The agent calls this after onDelete(), when it has no more use of the family.
     void swTableIntfDel(const std::string& name) { interfaces_.erase(name); }
 
-  private:
+private:
     std::map<std::string, Brumo::Ptr<TableInterfaceBase>> interfaces_;
 };
 

@@ -22,7 +22,7 @@ class OrderedSwTableSet;
 
 /// Base of all software tables.
 class SwTableBase : public Kiv::Entity {
-  public:
+public:
     /// States of a change, and of a request to a resource table.
     enum class EntryState : std::uint8_t {
         created = 0,    ///< not committed yet; a resource: pending
@@ -39,13 +39,14 @@ using EntryState = SwTableBase::EntryState;
 
 /// What a change may wait for: the handle of another table's change.
 class DependencyEntryHandle : public Kiv::Entity {
-  public:
+public:
     /// Attributes that handles publish; the old value is an EntryState.
     static constexpr Kiv::AttributeId kEntryState = 1;
 
     EntryState entryState() const { return entryState_; }
     void entryStateIs(EntryState state) {
-        if (state == entryState_) return;
+        if (state == entryState_)
+            return;
         const EntryState old = entryState_;
         entryState_ = state;
         publisher().publish(kEntryState, &old);
@@ -60,13 +61,13 @@ class DependencyEntryHandle : public Kiv::Entity {
     /// The version of the change in its table's log; version 0 before it is committed.
     virtual TableVersion entryTableVersion() const = 0;
 
-  private:
+private:
     EntryState entryState_ = EntryState::created;
 };
 
 /// A table with a canonical name.
 class NamedSwTable : public SwTableBase {
-  public:
+public:
     explicit NamedSwTable(Brumo::Ptr<const CanonicalTableName> name) : name_(std::move(name)) {}
 
     /// May be null.
@@ -76,13 +77,13 @@ class NamedSwTable : public SwTableBase {
     virtual void doCreateHwTableResponse() {}
     virtual void reconcile() {}
 
-  private:
+private:
     Brumo::Ptr<const CanonicalTableName> name_;
 };
 
 /// What a table family reports of itself.
 class OrderedSwTableStatus final : public Kiv::Entity {
-  public:
+public:
     static constexpr Kiv::AttributeId kPendingHwWrites = 1;  ///< old value: bool
 
     explicit OrderedSwTableStatus(SwTableId tableId) : tableId_(tableId) {}
@@ -91,20 +92,21 @@ class OrderedSwTableStatus final : public Kiv::Entity {
     /// Whether some change of the family has not been acknowledged by the hardware side.
     bool pendingHwWrites() const { return pendingHwWrites_; }
     void pendingHwWritesIs(bool pending) {
-        if (pending == pendingHwWrites_) return;
+        if (pending == pendingHwWrites_)
+            return;
         pendingHwWrites_ = pending;
         const bool old = !pending;
         publisher().publish(kPendingHwWrites, &old);
     }
 
-  private:
+private:
     SwTableId tableId_;
     bool pendingHwWrites_ = false;
 };
 
 /// The ordered software table of one unit.
 class OrderedSwTable : public NamedSwTable {
-  public:
+public:
     /// Attributes that tables publish; the old value is of the attribute's type where it has one.
     enum Attribute : Kiv::AttributeId {
         kSwTableHelper = 1,
@@ -148,7 +150,7 @@ class OrderedSwTable : public NamedSwTable {
         publisher().publish(kStatus);
     }
 
-  private:
+private:
     SwTableId tableId_;
     UnitId unitId_;
     OrderedSwTableSet* tableSet_;
@@ -158,7 +160,7 @@ class OrderedSwTable : public NamedSwTable {
 
 /// The handle of one change.
 class OrderedSwTable::EntryHandle : public DependencyEntryHandle {
-  public:
+public:
     static constexpr Kiv::AttributeId kLogVersion = 2;
     static constexpr Kiv::AttributeId kSwTable = 3;
 
@@ -167,14 +169,15 @@ class OrderedSwTable::EntryHandle : public DependencyEntryHandle {
     EntryVersion entryVersion() const { return entryVersion_; }
     LogVersion logVersion() const { return logVersion_; }
     void logVersionIs(LogVersion version) {
-        if (version == logVersion_) return;
+        if (version == logVersion_)
+            return;
         const LogVersion old = logVersion_;
         logVersion_ = version;
         publisher().publish(kLogVersion, &old);
     }
     TableVersion entryTableVersion() const override { return {tableId(), logVersion_}; }
 
-  private:
+private:
     EntryVersion entryVersion_;
     LogVersion logVersion_;
 };

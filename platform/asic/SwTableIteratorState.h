@@ -9,7 +9,7 @@
 namespace Asic {
 
 class SwTableIteratorStateBase : public Brumo::RefCounted {
-  public:
+public:
     enum Flag : std::uint8_t {
         kCurrentEntryValid = 1,
         kInAddCollection = 2,
@@ -26,7 +26,7 @@ class SwTableIteratorStateBase : public Brumo::RefCounted {
     bool inAddColl() const { return has(kInAddCollection); }
     bool inTblCfg() const { return has(kInConfiguration); }
 
-  private:
+private:
     std::uint8_t flags_ = 0;
 };
 

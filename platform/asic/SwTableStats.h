@@ -8,7 +8,7 @@
 namespace Asic {
 
 class SwTableStats final : public Brumo::RefCounted {
-  public:
+public:
     std::uint64_t entryWriteCnt() const { return entryWriteCnt_; }
     std::uint64_t entryRemoveCnt() const { return entryRemoveCnt_; }
     std::uint64_t commitCnt() const { return commitCnt_; }
@@ -32,7 +32,7 @@ class SwTableStats final : public Brumo::RefCounted {
     void tableClearCntInc(std::uint64_t n) { tableClearCnt_ += n; }
     void lastCommitTimeIs(double seconds) { lastCommitTime_ = seconds; }
 
-  private:
+private:
     std::uint64_t entryWriteCnt_ = 0;
     std::uint64_t entryRemoveCnt_ = 0;
     std::uint64_t commitCnt_ = 0;

@@ -28,6 +28,8 @@ void LogHandle::emit(std::string_view argument) const {
     sink()(message_, text);
 }
 
-LogSink logSinkIs(LogSink next) { return std::exchange(sink(), std::move(next)); }
+LogSink logSinkIs(LogSink next) {
+    return std::exchange(sink(), std::move(next));
+}
 
 }  // namespace Brumo

@@ -18,14 +18,14 @@ struct LogMessage {
 
 /// A registered message; made at load time, one for each source unit that emits it.
 class LogHandle {
-  public:
+public:
     explicit LogHandle(LogMessage message) : message_(message) {}
 
     const LogMessage& message() const { return message_; }
     /// Emits the message with its placeholder replaced.
     void emit(std::string_view argument) const;
 
-  private:
+private:
     LogMessage message_;
 };
 

@@ -20,19 +20,19 @@ namespace Brumo {
 
 /// Says whether more than one thread may touch reference counts. Set before a second thread starts.
 class ThreadControl {
-  public:
+public:
     static bool multiThreaded() { return multiThreaded_.load(std::memory_order_relaxed); }
     static void multiThreadedIs(bool value) {
         multiThreaded_.store(value, std::memory_order_relaxed);
     }
 
-  private:
+private:
     static std::atomic<bool> multiThreaded_;
 };
 
 /// Base of every object that a Ptr can hold.
 class RefCounted {
-  public:
+public:
     RefCounted(const RefCounted&) = delete;
     RefCounted& operator=(const RefCounted&) = delete;
     virtual ~RefCounted() = default;
@@ -40,14 +40,15 @@ class RefCounted {
     /// Number of Ptrs to this object; 1 while it is being made. For tests and tools.
     std::uint32_t users() const { return users_.load(std::memory_order_relaxed); }
 
-  protected:
+protected:
     RefCounted() = default;
 
     /// Called when the last Ptr has gone; the default ends the object.
     virtual void lastUserGone() const { delete this; }
 
-  private:
-    template <class T> friend class Ptr;
+private:
+    template <class T>
+    friend class Ptr;
 
     void userAdded() const {
         if (ThreadControl::multiThreaded()) {
@@ -59,20 +60,23 @@ class RefCounted {
 
     void userGone() const {
         if (ThreadControl::multiThreaded()) {
-            if (users_.fetch_sub(1, std::memory_order_acq_rel) == 1) lastUserGone();
+            if (users_.fetch_sub(1, std::memory_order_acq_rel) == 1)
+                lastUserGone();
             return;
         }
         const std::uint32_t left = users() - 1;
         users_.store(left, std::memory_order_relaxed);
-        if (left == 0) lastUserGone();
+        if (left == 0)
+            lastUserGone();
     }
 
     mutable std::atomic<std::uint32_t> users_{1};
 };
 
 /// Shared owner of a RefCounted object; null by default.
-template <class T> class Ptr {
-  public:
+template <class T>
+class Ptr {
+public:
     using element_type = T;
 
     constexpr Ptr() = default;
@@ -82,13 +86,12 @@ template <class T> class Ptr {
     Ptr(const Ptr& other) : object_(other.object_) { acquire(); }
     Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
     template <class U>
-        requires std::is_convertible_v<U*, T*>
-    Ptr(const Ptr<U>& other) : object_(other.get()) {
+    requires std::is_convertible_v<U*, T*> Ptr(const Ptr<U>& other) : object_(other.get()) {
         acquire();
     }
     template <class U>
-        requires std::is_convertible_v<U*, T*>
-    Ptr(Ptr<U>&& other) noexcept : object_(other.detach()) {}
+    requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& other)
+    noexcept : object_(other.detach()) {}
     ~Ptr() { release(); }
 
     Ptr& operator=(Ptr other) noexcept {
@@ -114,34 +117,40 @@ template <class T> class Ptr {
     friend bool operator==(const Ptr& a, const Ptr& b) { return a.object_ == b.object_; }
     friend bool operator==(const Ptr& a, std::nullptr_t) { return a.object_ == nullptr; }
 
-  private:
+private:
     void acquire() const {
-        if (object_ != nullptr) object_->userAdded();
+        if (object_ != nullptr)
+            object_->userAdded();
     }
     void release() const {
-        if (object_ != nullptr) object_->userGone();
+        if (object_ != nullptr)
+            object_->userGone();
     }
 
     T* object_ = nullptr;
 };
 
 /// Makes an object and its first Ptr.
-template <class T, class... Arguments> Ptr<T> make(Arguments&&... arguments) {
+template <class T, class... Arguments>
+Ptr<T> make(Arguments&&... arguments) {
     return Ptr<T>::adopt(new T(std::forward<Arguments>(arguments)...));
 }
 
-template <class T, class U> Ptr<T> staticCast(const Ptr<U>& other) {
+template <class T, class U>
+Ptr<T> staticCast(const Ptr<U>& other) {
     return Ptr<T>(static_cast<T*>(other.get()));
 }
 
 /// Null when the object is no T.
-template <class T, class U> Ptr<T> dynamicCast(const Ptr<U>& other) {
+template <class T, class U>
+Ptr<T> dynamicCast(const Ptr<U>& other) {
     return Ptr<T>(dynamic_cast<T*>(other.get()));
 }
 
 }  // namespace Brumo
 
-template <class T> struct std::hash<Brumo::Ptr<T>> {
+template <class T>
+struct std::hash<Brumo::Ptr<T>> {
     std::size_t operator()(const Brumo::Ptr<T>& ptr) const noexcept {
         return std::hash<T*>{}(ptr.get());
     }

@@ -21,16 +21,19 @@ concept Printable = requires(const T& value) {
 
 }  // namespace Brumo
 
-template <Brumo::Printable T> struct fmt::formatter<T> : fmt::formatter<std::string_view> {
-    template <class Context> auto format(const T& value, Context& context) const {
+template <Brumo::Printable T>
+struct fmt::formatter<T> : fmt::formatter<std::string_view> {
+    template <class Context>
+    auto format(const T& value, Context& context) const {
         return fmt::formatter<std::string_view>::format(std::string_view(value.toText()), context);
     }
 };
 
 template <class T>
-    requires Brumo::Printable<std::remove_const_t<T>>
+requires Brumo::Printable<std::remove_const_t<T>>
 struct fmt::formatter<Brumo::Ptr<T>> : fmt::formatter<std::string_view> {
-    template <class Context> auto format(const Brumo::Ptr<T>& ptr, Context& context) const {
+    template <class Context>
+    auto format(const Brumo::Ptr<T>& ptr, Context& context) const {
         return fmt::formatter<std::string_view>::format(ptr ? ptr->toText() : std::string("null"),
                                                         context);
     }

@@ -50,7 +50,8 @@ std::uint32_t parseLevels(std::string_view text, std::string_view rule) {
         const int first = parseLevel(range.substr(0, dash), rule);
         const int last =
             dash == std::string_view::npos ? first : parseLevel(range.substr(dash + 1), rule);
-        for (int level = first; level <= last; ++level) levels |= 1U << level;
+        for (int level = first; level <= last; ++level)
+            levels |= 1U << level;
     }
     return levels;
 }
@@ -60,12 +61,13 @@ std::vector<FilterRule> parseFilter(std::string_view text) {
     while (!text.empty()) {
         const auto semicolon = text.find(';');
         const std::string_view rule = text.substr(0, semicolon);
-        text = semicolon == std::string_view::npos ? std::string_view{}
-                                                   : text.substr(semicolon + 1);
+        text =
+            semicolon == std::string_view::npos ? std::string_view{} : text.substr(semicolon + 1);
         const auto slash = rule.rfind('/');
-        if (slash == std::string_view::npos || slash == 0) rejectFilter(rule);
-        rules.push_back({std::string(rule.substr(0, slash)),
-                         parseLevels(rule.substr(slash + 1), rule)});
+        if (slash == std::string_view::npos || slash == 0)
+            rejectFilter(rule);
+        rules.push_back(
+            {std::string(rule.substr(0, slash)), parseLevels(rule.substr(slash + 1), rule)});
     }
     return rules;
 }
@@ -73,7 +75,7 @@ std::vector<FilterRule> parseFilter(std::string_view text) {
 /// All handles and the filter that gives them their levels. Handles may be made by static
 /// initialisers, so this exists from the first use on.
 class Registry {
-  public:
+public:
     static Registry& instance() {
         static Registry registry;
         return registry;
@@ -94,7 +96,8 @@ class Registry {
         const std::lock_guard guard(mutex_);
         rules_ = std::move(rules);
         filter_ = text;
-        for (auto& [name, handle] : handles_) handle->levelsIs(levelsOf(name));
+        for (auto& [name, handle] : handles_)
+            handle->levelsIs(levelsOf(name));
     }
 
     std::string filter() const {
@@ -105,13 +108,14 @@ class Registry {
     std::vector<std::string> names() const {
         const std::lock_guard guard(mutex_);
         std::vector<std::string> result;
-        for (const auto& entry : handles_) result.push_back(entry.first);
+        for (const auto& entry : handles_)
+            result.push_back(entry.first);
         return result;
     }
 
     TraceSink sink = standardErrorTraceSink();
 
-  private:
+private:
     Registry() {
         const char* environment = std::getenv("VORN_TRACE");
         filter_ = environment != nullptr ? environment : kDefaultFilter;
@@ -127,7 +131,8 @@ class Registry {
     std::uint32_t levelsOf(const std::string& name) const {
         std::uint32_t levels = 0;
         for (const FilterRule& rule : rules_) {
-            if (fnmatch(rule.glob.c_str(), name.c_str(), 0) == 0) levels = rule.levels;
+            if (fnmatch(rule.glob.c_str(), name.c_str(), 0) == 0)
+                levels = rule.levels;
         }
         return levels;
     }
@@ -139,9 +144,9 @@ class Registry {
 };
 
 void writeLine(std::FILE* file, const TraceRecord& record) {
-    const std::string line = fmt::format("{} {} {}::{}:{}{}\n", record.level, record.handle,
-                                         record.className, record.function,
-                                         record.text.starts_with(' ') ? "" : " ", record.text);
+    const std::string line =
+        fmt::format("{} {} {}::{}:{}{}\n", record.level, record.handle, record.className,
+                    record.function, record.text.starts_with(' ') ? "" : " ", record.text);
     std::fwrite(line.data(), 1, line.size(), file);
 }
 
@@ -155,7 +160,8 @@ void TraceSource::emit(int level, const char* function, fmt::string_view text,
                        fmt::format_args args) const {
     const std::string line = fmt::vformat(text, args);
     const TraceSink& sink = Registry::instance().sink;
-    if (sink) sink({level, handle_->name(), className_, function, line});
+    if (sink)
+        sink({level, handle_->name(), className_, function, line});
 }
 
 TraceSink traceSinkIs(TraceSink sink) {
@@ -168,17 +174,25 @@ TraceSink standardErrorTraceSink() {
 
 TraceSink fileTraceSink(const std::string& path) {
     std::shared_ptr<std::FILE> file(std::fopen(path.c_str(), "ae"), [](std::FILE* open) {
-        if (open != nullptr) std::fclose(open);
+        if (open != nullptr)
+            std::fclose(open);
     });
-    if (!file) throw std::system_error(errno, std::generic_category(), "open trace file " + path);
+    if (!file)
+        throw std::system_error(errno, std::generic_category(), "open trace file " + path);
     std::setvbuf(file.get(), nullptr, _IOLBF, 0);
     return [file](const TraceRecord& record) { writeLine(file.get(), record); };
 }
 
-void traceFilterIs(const std::string& filter) { Registry::instance().filterIs(filter); }
+void traceFilterIs(const std::string& filter) {
+    Registry::instance().filterIs(filter);
+}
 
-std::string traceFilter() { return Registry::instance().filter(); }
+std::string traceFilter() {
+    return Registry::instance().filter();
+}
 
-std::vector<std::string> traceHandleNames() { return Registry::instance().names(); }
+std::vector<std::string> traceHandleNames() {
+    return Registry::instance().names();
+}
 
 }  // namespace Brumo

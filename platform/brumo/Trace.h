@@ -34,7 +34,7 @@ struct TraceRecord {
 };
 
 class TraceHandle {
-  public:
+public:
     explicit TraceHandle(std::string name) : name_(std::move(name)) {}
 
     /// The handle of that name, made on first use.
@@ -48,13 +48,14 @@ class TraceHandle {
     void levelsIs(std::uint32_t levels) { levels_.store(levels, std::memory_order_relaxed); }
     std::uint32_t levels() const { return levels_.load(std::memory_order_relaxed); }
 
-  private:
+private:
     std::string name_;
     std::atomic<std::uint32_t> levels_{0};
 };
 
 /// The text of a line together with the function that it stands in.
-template <class... Arguments> struct TraceText {
+template <class... Arguments>
+struct TraceText {
     template <class Text>
     // NOLINTNEXTLINE(google-explicit-constructor): stands where a literal is written
     consteval TraceText(const Text& literal, const char* where = __builtin_FUNCTION())
@@ -66,7 +67,7 @@ template <class... Arguments> struct TraceText {
 
 /// A class that traces on a handle; a constant of the class.
 class TraceSource {
-  public:
+public:
     TraceSource(std::string_view handle, std::string_view className)
         : handle_(&TraceHandle::named(handle)), className_(className) {}
 
@@ -80,7 +81,16 @@ class TraceSource {
         }
     }
 
-  private:
+    /// The same, in the name of another function: for steps that stand in functions of their own.
+    template <class... Arguments>
+    void in(const char* function, int level, TraceText<std::type_identity_t<Arguments>...> line,
+            const Arguments&... arguments) const {
+        if (handle_->enabled(level)) [[unlikely]] {
+            emit(level, function, line.text, fmt::make_format_args(arguments...));
+        }
+    }
+
+private:
     void emit(int level, const char* function, fmt::string_view text, fmt::format_args args) const;
 
     TraceHandle* handle_;
@@ -96,7 +106,8 @@ TraceSink traceSinkIs(TraceSink sink);
 /// Writes "LEVEL HANDLE CLASS::FUNCTION:TEXT" lines to standard error.
 TraceSink standardErrorTraceSink();
 
-/// Appends the same lines to a file. Throws std::system_error with the path when it cannot be opened.
+/// Appends the same lines to a file. Throws std::system_error with the path when it cannot be
+/// opened.
 TraceSink fileTraceSink(const std::string& path);
 
 /// Sets the filter: "GLOB/LEVELS[;GLOB/LEVELS...]" with LEVELS like "1-3,8"; the last match counts.

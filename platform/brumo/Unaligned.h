@@ -10,10 +10,11 @@
 namespace Brumo {
 
 /// A T of alignment 1 and the same bytes; converts to and from T. Plain value.
-template <class T> class Unaligned {
+template <class T>
+class Unaligned {
     static_assert(std::is_trivially_copyable_v<T>);
 
-  public:
+public:
     constexpr Unaligned() : Unaligned(T{}) {}
     // NOLINTNEXTLINE(google-explicit-constructor): stands for a T
     constexpr Unaligned(const T& value)
@@ -24,7 +25,7 @@ template <class T> class Unaligned {
 
     friend bool operator==(const Unaligned& a, const Unaligned& b) { return a.get() == b.get(); }
 
-  private:
+private:
     std::array<std::byte, sizeof(T)> bytes_;
 };
 

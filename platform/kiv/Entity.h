@@ -19,26 +19,26 @@ struct TypeData {
 
 /// Base of every entity. Event thread only.
 class Entity : public Brumo::RefCounted {
-  public:
+public:
     virtual const Publisher& publisher() const { return publisher_; }
     virtual const TypeData& typeData() const;
     /// Called when the entity gets a parent in the entity tree.
     virtual void handleParent() {}
 
-  private:
+private:
     Publisher publisher_;
 };
 
 /// An attribute was given a null object that it cannot hold.
 class NullArgumentError : public std::invalid_argument {
-  public:
+public:
     explicit NullArgumentError(std::string_view attribute)
         : std::invalid_argument("null argument for attribute " + std::string(attribute)) {}
 };
 
 /// A collection already holds another object under the key.
 class ReinstantiationError : public std::logic_error {
-  public:
+public:
     explicit ReinstantiationError(std::string_view attribute)
         : std::logic_error("re-instantiation in attribute " + std::string(attribute)) {}
 };

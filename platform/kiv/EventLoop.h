@@ -8,7 +8,7 @@
 namespace Kiv {
 
 class EventLoop {
-  public:
+public:
     virtual ~EventLoop() = default;
     /// Runs `work` on a later turn, in the order posted. Event thread only.
     virtual void post(std::function<void()> work) = 0;
@@ -16,7 +16,7 @@ class EventLoop {
 
 /// A loop that turns when told to: for simulations and tests.
 class ManualEventLoop final : public EventLoop {
-  public:
+public:
     void post(std::function<void()> work) override { queue_.push_back(std::move(work)); }
 
     bool idle() const { return queue_.empty(); }
@@ -34,11 +34,12 @@ class ManualEventLoop final : public EventLoop {
 
     /// Turns until nothing is left, at most `limit` turns; false when work was left then.
     bool runUntilIdle(std::size_t limit = 1000000) {
-        while (!idle() && limit-- > 0) turn();
+        while (!idle() && limit-- > 0)
+            turn();
         return idle();
     }
 
-  private:
+private:
     std::deque<std::function<void()>> queue_;
 };
 

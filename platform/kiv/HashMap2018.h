@@ -19,7 +19,8 @@
 namespace Kiv {
 
 /// What orders the elements of keyed collections, in memory and in shared memory alike.
-template <class Key> struct KeyOrder {
+template <class Key>
+struct KeyOrder {
     std::uint32_t hash;
     const Key& key;
 
@@ -31,17 +32,17 @@ template <class Key> struct KeyOrder {
     }
 };
 
-template <class Key, class Value> class HashMap2018 {
-  public:
+template <class Key, class Value>
+class HashMap2018 {
+public:
     /// An element as iteration shows it.
     struct Node {
         Key key;
         Value value;
 
-        Node(const Key& k, Value v, std::uint32_t h)
-            : key(k), value(std::move(v)), hash(h) {}
+        Node(const Key& k, Value v, std::uint32_t h) : key(k), value(std::move(v)), hash(h) {}
 
-      private:
+    private:
         friend class HashMap2018;
         std::uint32_t hash;
         std::unique_ptr<Node> next;
@@ -74,9 +75,7 @@ template <class Key, class Value> class HashMap2018 {
         return **link;
     }
 
-    Value* find(const Key& key) {
-        return const_cast<Value*>(std::as_const(*this).find(key));
-    }
+    Value* find(const Key& key) { return const_cast<Value*>(std::as_const(*this).find(key)); }
     const Value* find(const Key& key) const {
         const KeyOrder<Key> wanted(key);
         const Node* node = atOrAfterInBucket(wanted);
@@ -87,7 +86,8 @@ template <class Key, class Value> class HashMap2018 {
     bool erase(const Key& key) {
         const KeyOrder<Key> wanted(key);
         std::unique_ptr<Node>* link = linkAtOrAfter(wanted);
-        if (*link == nullptr || !matches(**link, wanted)) return false;
+        if (*link == nullptr || !matches(**link, wanted))
+            return false;
         const std::unique_ptr<Node> gone = std::move(*link);
         *link = std::move(gone->next);
         --size_;
@@ -114,20 +114,26 @@ template <class Key, class Value> class HashMap2018 {
         return node != nullptr ? node : firstFromBucket(bucketOf(wanted.hash) + 1);
     }
 
+    /// First element after the key, or null.
+    const Node* after(const Key& key) const {
+        const Node* node = lowerBound(key);
+        return node != nullptr && node->key.isEq(key) ? next(*node) : node;
+    }
+
     /// The element after `node`, or null. REQUIRES: the map was not changed since `node` was found.
     const Node* next(const Node& node) const {
-        return node.next != nullptr ? node.next.get()
-                                    : firstFromBucket(bucketOf(node.hash) + 1);
+        return node.next != nullptr ? node.next.get() : firstFromBucket(bucketOf(node.hash) + 1);
     }
 
     /// Calls `visit(key, value)` for each element, in order. `visit` must not change the map.
-    template <class Visit> void forEach(Visit&& visit) const {
+    template <class Visit>
+    void forEach(Visit&& visit) const {
         for (const Node* node = first(); node != nullptr; node = next(*node)) {
             visit(node->key, node->value);
         }
     }
 
-  private:
+private:
     static constexpr unsigned kSmallestBits = 3;
 
     static bool matches(const Node& node, const KeyOrder<Key>& wanted) {
@@ -155,7 +161,8 @@ template <class Key, class Value> class HashMap2018 {
 
     const Node* firstFromBucket(std::size_t bucket) const {
         for (; bucket < buckets_.size(); ++bucket) {
-            if (buckets_[bucket] != nullptr) return buckets_[bucket].get();
+            if (buckets_[bucket] != nullptr)
+                return buckets_[bucket].get();
         }
         return nullptr;
     }
@@ -172,7 +179,8 @@ template <class Key, class Value> class HashMap2018 {
                 std::unique_ptr<Node> node = std::move(head);
                 head = std::move(node->next);
                 const std::size_t bucket = bucketOf(node->hash);
-                if (tail == nullptr || bucket != tailBucket) tail = &buckets_[bucket];
+                if (tail == nullptr || bucket != tailBucket)
+                    tail = &buckets_[bucket];
                 tailBucket = bucket;
                 *tail = std::move(node);
                 tail = &(*tail)->next;

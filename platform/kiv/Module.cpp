@@ -23,7 +23,8 @@ const Module* ModuleRegistry::module(std::string_view name) const {
 
 std::vector<std::string> ModuleRegistry::moduleNames() const {
     std::vector<std::string> names;
-    for (const auto& entry : modules_) names.push_back(entry.first);
+    for (const auto& entry : modules_)
+        names.push_back(entry.first);
     return names;
 }
 
@@ -33,6 +34,8 @@ ModuleRegistration::ModuleRegistration(Module module) : name_(module.name) {
     Brumo::require(inserted, "module registered once", name_);
 }
 
-ModuleRegistration::~ModuleRegistration() { ModuleRegistry::instance().modules_.erase(name_); }
+ModuleRegistration::~ModuleRegistration() {
+    ModuleRegistry::instance().modules_.erase(name_);
+}
 
 }  // namespace Kiv

@@ -24,7 +24,7 @@ struct Module {
 };
 
 class ModuleRegistry {
-  public:
+public:
     static ModuleRegistry& instance();
 
     /// Null when no such module is registered.
@@ -33,14 +33,15 @@ class ModuleRegistry {
 
     /// The factory of a module as a function pointer type; null when there is no such module or
     /// its factory is of another type.
-    template <class Function> Function factory(std::string_view name) const {
+    template <class Function>
+    Function factory(std::string_view name) const {
         const Module* found = module(name);
         const Function* function =
             found == nullptr ? nullptr : std::any_cast<Function>(&found->factory);
         return function == nullptr ? nullptr : *function;
     }
 
-  private:
+private:
     friend class ModuleRegistration;
     ModuleRegistry() = default;
 
@@ -50,13 +51,13 @@ class ModuleRegistry {
 /// Registers a module for as long as the library that owns this object stays loaded. The same name
 /// registered twice ends the process: two copies of a library must not be loaded together.
 class ModuleRegistration {
-  public:
+public:
     explicit ModuleRegistration(Module module);
     ModuleRegistration(const ModuleRegistration&) = delete;
     ModuleRegistration& operator=(const ModuleRegistration&) = delete;
     ~ModuleRegistration();
 
-  private:
+private:
     std::string name_;
 };
 

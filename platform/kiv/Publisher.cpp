@@ -14,7 +14,8 @@ std::uint64_t Observers::add(Observer observer) {
 void Observers::remove(std::uint64_t id) {
     const auto slot = std::find_if(slots_.begin(), slots_.end(),
                                    [id](const Slot& candidate) { return candidate.id == id; });
-    if (slot == slots_.end()) return;
+    if (slot == slots_.end())
+        return;
     if (notifying_ > 0) {
         slot->id = 0;  // erased when the notification is over: its callback may be running
     } else {
@@ -29,7 +30,8 @@ void Observers::notify(const Change& change) {
         Notifying(const Notifying&) = delete;
         Notifying& operator=(const Notifying&) = delete;
         ~Notifying() {
-            if (--observers.notifying_ > 0) return;
+            if (--observers.notifying_ > 0)
+                return;
             std::erase_if(observers.slots_, [](const Slot& slot) { return slot.id == 0; });
         }
         Observers& observers;
@@ -37,7 +39,8 @@ void Observers::notify(const Change& change) {
     const Notifying guard(*this);
     const std::size_t present = slots_.size();
     for (std::size_t i = 0; i < present; ++i) {
-        if (slots_[i].id == 0) continue;
+        if (slots_[i].id == 0)
+            continue;
         const Observer observer = slots_[i].observer;  // the vector may grow under the call
         observer(change);
     }
@@ -60,13 +63,15 @@ Subscription& Subscription::operator=(Subscription&& other) noexcept {
 }
 
 void Subscription::reset() {
-    if (observers_ == nullptr) return;
+    if (observers_ == nullptr)
+        return;
     observers_->remove(id_);
     observers_ = nullptr;
 }
 
 Subscription Publisher::subscribe(Observer observer) const {
-    if (observers_ == nullptr) observers_ = Brumo::make<detail::Observers>();
+    if (observers_ == nullptr)
+        observers_ = Brumo::make<detail::Observers>();
     const std::uint64_t id = observers_->add(std::move(observer));
     return {observers_, id};
 }

@@ -26,7 +26,10 @@ struct Change {
     AttributeId attribute;
     const void* oldValue = nullptr;
 
-    template <class T> const T& oldAs() const { return *static_cast<const T*>(oldValue); }
+    template <class T>
+    const T& oldAs() const {
+        return *static_cast<const T*>(oldValue);
+    }
 };
 
 using Observer = std::function<void(const Change&)>;
@@ -34,13 +37,13 @@ using Observer = std::function<void(const Change&)>;
 namespace detail {
 
 class Observers : public Brumo::RefCounted {
-  public:
+public:
     std::uint64_t add(Observer observer);
     void remove(std::uint64_t id);
     void notify(const Change& change);
     std::size_t count() const;
 
-  private:
+private:
     struct Slot {
         std::uint64_t id;
         Observer observer;
@@ -55,7 +58,7 @@ class Observers : public Brumo::RefCounted {
 
 /// An observer's stay with a publisher; ends with the object. Movable.
 class Subscription {
-  public:
+public:
     Subscription() = default;
     Subscription(Subscription&& other) noexcept = default;
     Subscription& operator=(Subscription&& other) noexcept;
@@ -64,7 +67,7 @@ class Subscription {
     void reset();
     bool active() const { return observers_ != nullptr; }
 
-  private:
+private:
     friend class Publisher;
     Subscription(Brumo::Ptr<detail::Observers> observers, std::uint64_t id)
         : observers_(std::move(observers)), id_(id) {}
@@ -74,7 +77,7 @@ class Subscription {
 };
 
 class Publisher {
-  public:
+public:
     Publisher() = default;
     Publisher(const Publisher&) = delete;
     Publisher& operator=(const Publisher&) = delete;
@@ -82,12 +85,13 @@ class Publisher {
     [[nodiscard]] Subscription subscribe(Observer observer) const;
 
     void publish(AttributeId attribute, const void* oldValue = nullptr) const {
-        if (observers_ != nullptr) [[unlikely]] notify({attribute, oldValue});
+        if (observers_ != nullptr) [[unlikely]]
+            notify({attribute, oldValue});
     }
 
     std::size_t observers() const { return observers_ ? observers_->count() : 0; }
 
-  private:
+private:
     void notify(const Change& change) const;
 
     mutable Brumo::Ptr<detail::Observers> observers_;

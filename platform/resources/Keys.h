@@ -33,7 +33,8 @@ constexpr std::uint32_t hashOf64(std::uint64_t bits, unsigned seed) {
 ///
 ///   0        4      6      8
 ///   | request | unit | rsvd |
-template <class Library> struct IndexRequestKey {
+template <class Library>
+struct IndexRequestKey {
     std::uint32_t requestId = 0;  ///< what the index is for, as the requester numbers it
     std::uint16_t unit = 0;       ///< the chip unit that will use the index
     std::uint16_t reserved = 0;
@@ -71,9 +72,9 @@ enum class PolicerMode : std::uint16_t { none = 0, packets = 1, bits = 2 };
 ///   0      8       16         32     34
 ///   | rate | burst | name[16] | mode |
 struct PolicerIndexRequestClientData {
-    Brumo::Unaligned<std::uint64_t> rate;    ///< packets or bits a second, as `mode` says
-    Brumo::Unaligned<std::uint64_t> burst;   ///< packets or bits
-    std::array<char, 16> name{};  ///< for people; zero-padded
+    Brumo::Unaligned<std::uint64_t> rate;   ///< packets or bits a second, as `mode` says
+    Brumo::Unaligned<std::uint64_t> burst;  ///< packets or bits
+    std::array<char, 16> name{};            ///< for people; zero-padded
     Brumo::Unaligned<PolicerMode> mode;
 
     bool operator==(const PolicerIndexRequestClientData&) const = default;

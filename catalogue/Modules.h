@@ -1,0 +1,82 @@
+// What each source unit of a table registers of itself when the library is loaded.
+#pragma once
+
+#include "catalogue/Binding.h"
+#include "catalogue/TableFamily.h"
+#include "platform/kiv/Module.h"
+
+namespace VornPolicyCpu {
+
+/// A module named after a table's source unit, in the library's namespace.
+template <class B> std::string moduleName(std::string_view unit) {
+    return std::string(kTableNamespace) + "::" + className<B>(unit);
+}
+
+/// The type data of a table's class with the attributes that it publishes.
+template <class B>
+Kiv::TypeData typeDataOf(std::string_view role, std::vector<std::string> attributes) {
+    return {moduleName<B>(role), std::move(attributes)};
+}
+
+template <class B> const Kiv::TypeData& entryLogTypeData() {
+    static const Kiv::TypeData data = typeDataOf<B>(
+        "EntryLog", {"tableId", "entityManager", "groupInterface", "agentName", "tableVersion",
+                     "tableEntryLog", "tableConfigShimo"});
+    return data;
+}
+
+template <class B> const Kiv::TypeData& swTableTypeData() {
+    static const Kiv::TypeData data = typeDataOf<B>(
+        "SwTable",
+        {"swTableHelper", "transientAddEntry", "transientRemoveEntry", "transientVersionForKey",
+         "transientRemoveAllVersion", "entryLog", "groupResolver", "entryHandleInLog"});
+    return data;
+}
+
+template <class B> const Kiv::TypeData& interfaceTypeData() {
+    static const Kiv::TypeData data = typeDataOf<B>(
+        "Interface", {"tableName", "groupName", "agentName", "tableNamespace", "entryLog",
+                      "swTableStatus", "swTableSet"});
+    return data;
+}
+
+template <class L> const Kiv::TypeData& linkageTypeData() {
+    static const Kiv::TypeData data{
+        std::string(kTableNamespace) + "::" + std::string(L::kClassName),
+        {"swTable", "resTblClient", "entryUsageSm", "publisher"}};
+    return data;
+}
+
+template <class B> Kiv::Module entryLogModule() {
+    return {moduleName<B>("EntryLog"), {entryLogTypeData<B>()}, {}};
+}
+
+template <class B> Kiv::Module infraTypesModuleOf() {
+    return {moduleName<B>("InfraTypes"),
+            {typeDataOf<B>("EntryWrapper",
+                           {"entry", "entryHandle", "logEntry", "rsrcKeys", "isDeleted"}),
+             typeDataOf<B>("ResolverEntry",
+                           {"dependantEntryHandle", "flags", "swTable", "entryWrapper"}),
+             typeDataOf<B>("SwTableHelperBase", {})},
+            {}};
+}
+
+template <class B> Kiv::Module swTableModuleOf() {
+    return {moduleName<B>("SwTable"), {swTableTypeData<B>()}, {}};
+}
+
+template <class B, class... L> Kiv::Module linkageModule() {
+    return {moduleName<B>("ResourceTableLinkage"), {linkageTypeData<L>()...}, {}};
+}
+
+/// The one module with a factory: through it an agent enters the library.
+template <class B> Kiv::Module interfaceModule() {
+    const TableFamilyFactory<typename B::Types> factory =
+        [](const Brumo::Ptr<Asic::OrderedTableInterface>& orderedTableIntf)
+        -> Brumo::Ptr<TableFamily<typename B::Types>> {
+        return Interface<B>::getIntf(orderedTableIntf);
+    };
+    return {moduleName<B>("Interface"), {interfaceTypeData<B>()}, factory};
+}
+
+}  // namespace VornPolicyCpu

@@ -1,0 +1,74 @@
+// Reclaiming what the hardware side has consumed: change records, and values in deletion.
+#pragma once
+
+#include "entrylog/EntryLog.h"
+
+namespace VornPolicyCpu {
+
+template <class B> void EntryLog<B>::cleanupEntryLog(Asic::LogVersion version) {
+    Traces<B>::entryLog(8, " version {}", version);
+    if (cleanedUpTo_.value != 0 && cleanedUpTo_ > version) {
+        // What lies between is reclaimed already: visiting it again finds nothing.
+        cleanedUpTo_ = version;
+        return;
+    }
+    // The first cleanup may follow a restart, with records left at any version: it walks the whole
+    // log, and corruption ends its walk. A later one looks single versions up, and goes on.
+    const bool isWalk = cleanedUpTo_.value == 0;
+    auto next = versionAtOrAfter(cleanedUpTo_);
+    while (next.has_value() && *next <= version) {
+        const Asic::LogVersion current = *next;
+        const auto record = changeRecord(current);
+        if (record.has_value()) {
+            tableEntryLog_->entryLogConfigDel(current);
+            reclaim(*record);
+        } else if (isWalk) {
+            break;
+        }
+        if (current == version) break;
+        next = versionAtOrAfter({current.value + 1});
+    }
+    cleanedUpTo_ = version;
+}
+
+template <class B>
+std::optional<Asic::LogVersion> EntryLog<B>::versionAtOrAfter(Asic::LogVersion version) const {
+    if (tableEntryLog_ == nullptr) return std::nullopt;
+    return tableEntryLog_->entryLogConfigVersionAtOrAfter(version);
+}
+
+/// The record of a version; nothing when it cannot be read, which is reported.
+template <class B>
+auto EntryLog<B>::changeRecord(Asic::LogVersion version) const -> std::optional<Record> {
+    try {
+        return tableEntryLog_->entryLogConfig(version);
+    } catch (const KivShimo::CorruptionError& error) {
+        tableEntryLog_->doCorruptionDetected(error.what());
+        return std::nullopt;
+    }
+}
+
+/// A value that was written again after the deletion has another version, and stays.
+template <class B> void EntryLog<B>::reclaim(const Record& record) {
+    const auto config = tableConfigShimo(record.unitId);
+    if (config == nullptr) {
+        Traces<B>::entryLog.in("cleanupEntryLog", 3, " configShimo not found for unitId: {}",
+                               record.unitId);
+        return;
+    }
+    const auto operation = static_cast<unsigned>(record.operation);
+    if ((operation & static_cast<unsigned>(LogOperation::entryDeleted)) != 0) {
+        const auto stored = configEntry(record.key, record.unitId);
+        if (stored.has_value() && stored->version == record.version) {
+            config->swTableEntriesDel(record.key);
+        }
+    } else if ((operation & static_cast<unsigned>(LogOperation::allDeleted)) != 0) {
+        Traces<B>::entryLog.in("cleanupEntryLog", 3, " deleteing all entries for unitId: {}",
+                               record.unitId);
+        forEachValue(*config, [&](const ConfigValue& value) {
+            if (value.version == record.version) config->swTableEntriesDel(value.key());
+        });
+    }
+}
+
+}  // namespace VornPolicyCpu

@@ -1,0 +1,133 @@
+// The entry log of a table: what of it survives the agent.
+//
+// It is the only writer of the table's persisted state: per unit the committed value of every key,
+// and per table one change log, in which every change is one record with a new version. The
+// hardware side reads the log in version order and acknowledges versions; cleanup then reclaims the
+// records, and the values of deleted keys.
+//
+// Event thread only. The interface of the family owns it; tables refer to it.
+//
+// What always holds:
+//  1. Versions are handed out in strictly increasing order, one an accepted change, shared by all
+//     units; a suppressed write and an ignored delete take none.
+//  2. A change is visible to readers in this order: value, record, published version, announcement.
+//  3. A key in deletion keeps its value, marked, until the record of its deletion is reclaimed.
+//  4. Corruption found while reading goes to the table's corruption handler and reads as the default
+//     value; a walk ends there.
+#pragma once
+
+#include <map>
+#include <optional>
+
+#include "catalogue/Binding.h"
+#include "platform/asic/EntryLogBase.h"
+#include "types/Shimo.h"
+
+namespace VornPolicyCpu {
+
+template <class B> class EntryLog final : public Asic::EntryLogBase {
+  public:
+    using Types = typename B::Types;
+    using Key = typename B::Key;
+    using LogEntry = typename B::LogEntry;
+    using ResourceKeys = typename B::ResourceKeys;
+    using ConfigTable = ConfigShimo<Types>;
+    using ChangeLog = EntryLogShimo<Types>;
+    using ConfigValue = typename ConfigTable::Value;
+    using Record = typename ChangeLog::Record;
+    using NeededPtr = Brumo::Ptr<const Asic::NeededEntry>;
+
+    static constexpr Kiv::AttributeId kTableConfigShimo = 1;
+
+    /// Mounts the change log. Throws KivShimo::MountError.
+    EntryLog(Asic::SwTableId tableId, Brumo::Ptr<Regdb::EntityManager> entityManager,
+             Brumo::Ptr<Asic::GroupInterface> groupInterface, Brumo::String agentName);
+
+    const Kiv::TypeData& typeData() const override;
+
+    // Mounting.
+
+    /// Mounts a unit's configuration and drops what was deleted at or before `logVersion`, up to
+    /// which the hardware side has consumed the log (0: nothing is dropped).
+    void mountShimoConfig(Asic::UnitId unitId, Asic::LogVersion logVersion);
+    void tableConfigShimoIs(Asic::UnitId unitId, Brumo::Ptr<ConfigTable> configShimo);
+    void tableConfigShimoDel(Asic::UnitId unitId);
+    void tableConfigShimoDelAll();
+    /// Null when the unit's configuration is not mounted.
+    Brumo::Ptr<ConfigTable> tableConfigShimo(Asic::UnitId unitId) const;
+    bool tableConfigShimoHas(Asic::UnitId unitId) const {
+        return tableConfigShimo_.contains(unitId);
+    }
+    /// Null when it could not be mounted.
+    const Brumo::Ptr<ChangeLog>& tableEntryLog() const { return tableEntryLog_; }
+    /// Records in the change log.
+    std::size_t entryLogConfigs() const {
+        return tableEntryLog_ == nullptr ? 0 : tableEntryLog_->entryLogConfigs();
+    }
+
+    // Changes. REQUIRES: the unit's configuration is mounted.
+
+    /// Writes an entry and returns the version of the write; with `suppressIdenticalWrites` and an
+    /// equal entry in the log, writes nothing and returns the version of the earlier write.
+    Asic::LogVersion entryIs(const LogEntry& logEntry, const ResourceKeys& rsrcKeys,
+                             const NeededPtr& neededEntry, Asic::UnitId unitId,
+                             const Brumo::Ptr<Asic::SwTableStats>& stats,
+                             bool suppressIdenticalWrites);
+    /// Deletes a key and returns the version of the deletion; 0 when the log holds no value for it.
+    Asic::LogVersion entryDel(const Key& key, const NeededPtr& neededEntry, Asic::UnitId unitId);
+    /// Deletes all entries of a unit and returns the version of the deletion.
+    Asic::LogVersion tableDel(const NeededPtr& neededEntry, Asic::UnitId unitId);
+
+    // Reads.
+
+    /// The stored log entry; the default when absent or in deletion.
+    LogEntry entry(const Key& key, Asic::UnitId unitId) const;
+    bool entryHas(const Key& key, Asic::UnitId unitId) const;
+    /// Also of a key in deletion.
+    ResourceKeys entryRsrcKeys(const Key& key, Asic::UnitId unitId) const;
+    /// Also of a key in deletion: the version of its deletion. 0 when absent.
+    Asic::LogVersion entryLogVersion(const Key& key, Asic::UnitId unitId) const;
+    /// Live keys. REQUIRES: the unit's configuration is mounted.
+    std::uint32_t entrys(Asic::UnitId unitId) const;
+    std::uint32_t entrysInDeletion(Asic::UnitId unitId) const;
+    /// The stored value, in deletion or not; nothing when absent.
+    std::optional<ConfigValue> configEntry(const Key& key, Asic::UnitId unitId) const;
+
+    // Cleanup.
+
+    /// Reclaims the records up to `version`, which the hardware side has consumed, and the values
+    /// whose deletion they record. Takes time by the records there are, whatever the version.
+    void cleanupEntryLog(Asic::LogVersion version);
+    /// The target of the last cleanup; may move backwards.
+    Asic::LogVersion cleanedUpTo() const { return cleanedUpTo_; }
+
+  private:
+    void handleInitialized();
+    void mountShimoChangeLog();
+    void announceWhatWasNot();
+    Record recordOf(Asic::LogVersion version, const LogEntry& logEntry, Asic::UnitId unitId,
+                    LogOperation operation) const;
+    void publish(const Record& record, const NeededPtr& neededEntry);
+    std::optional<Asic::LogVersion> suppressed(const LogEntry& logEntry,
+                                               const ResourceKeys& rsrcKeys, Asic::UnitId unitId,
+                                               Asic::SwTableStats& stats) const;
+    std::optional<Asic::LogVersion> versionAtOrAfter(Asic::LogVersion version) const;
+    std::optional<Record> changeRecord(Asic::LogVersion version) const;
+    void reclaim(const Record& record);
+    /// Calls `visit` for each value of the unit; it may change or delete the value it was given.
+    template <class Visit> void forEachValue(ConfigTable& config, Visit&& visit) const;
+
+    Brumo::Ptr<ChangeLog> tableEntryLog_;
+    std::map<Asic::UnitId, Brumo::Ptr<ConfigTable>> tableConfigShimo_;
+    Asic::LogVersion cleanedUpTo_;
+};
+
+template <class B>
+Brumo::Ptr<EntryLog<B>> entryLogFactory(Asic::SwTableId tableId,
+                                        const Brumo::Ptr<Regdb::EntityManager>& entityManager,
+                                        const Brumo::Ptr<Asic::GroupInterface>& groupInterface,
+                                        const Brumo::String& agentName) {
+    return Brumo::make<EntryLog<B>>(tableId, entityManager, groupInterface, agentName);
+}
+
+}  // namespace VornPolicyCpu

@@ -1,0 +1,157 @@
+// Connecting an entry log to its shared-memory tables, and telling lost ones from new ones.
+#pragma once
+
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "entrylog/EntryLog.h"
+#include "platform/asic/GenId.h"
+#include "platform/brumo/Assert.h"
+#include "platform/brumo/Log.h"
+#include "platform/kivshimo/EntityManager.h"
+
+namespace VornPolicyCpu {
+
+/// The messages of entry logs; operators know them by identifier.
+namespace LogMessages {
+
+inline constexpr int kSeverity = 3;
+inline constexpr std::string_view kNoAction = "\x01";
+
+inline const Brumo::LogHandle exception{
+    {"HW_ABSTRACTION_EXCEPTION", "%s", "Exception", kNoAction, kSeverity}};
+inline const Brumo::LogHandle relaunchError{
+    {"HW_ABSTRACTION_RELAUNCH_ERROR", "%s", "Duplicate Writer Detected, shimo path not cleaned up",
+     kNoAction, kSeverity}};
+inline const Brumo::LogHandle error{
+    {"HW_ABSTRACTION_ERROR", "Hardware abstraction error: unable to load item: %s",
+     "Hardware abstraction error: unable to load some persistent items. Some agents will be "
+     "restarted",
+     kNoAction, kSeverity}};
+
+}  // namespace LogMessages
+
+/// Agents that watch the entity at this path followed by an agent's name restart when it moves.
+inline constexpr std::string_view kRelaunchConfigPath = "hardware/crest/agent/relaunch/config/";
+
+/// Mounts `path` for writing as a T and returns it; null when what is there is no T. When the table
+/// was lost since it was last mounted, calls `wipedFn`, asks for a relaunch of the agents that
+/// depend on it, and clears the mark.
+template <class T>
+Brumo::Ptr<T> checkAndwriteMountShimo(
+    const Brumo::Ptr<Regdb::EntityManager>& entityManager, const std::string& typeName,
+    const std::string& path, const Brumo::String& agentName,
+    const std::function<void(KivShimo::MountInfo&)>& mountInfoFn,
+    const std::function<KivShimo::CollectionControl&(const Brumo::Ptr<T>&)>& collectionControlFn,
+    const std::function<void()>& wipedFn) {
+    const std::string& systemName = entityManager->systemName();
+    auto shimoManager = KivShimo::EntityManager::get(systemName, entityManager->local());
+    if (std::getenv("NOT_LOCAL_EM") != nullptr) {
+        shimoManager = KivShimo::EntityManager::get(systemName, false);
+    }
+    constexpr int kMountType = 0;
+    KivShimo::MountInfo mountInfo(kMountType);
+    mountInfoFn(mountInfo);
+    const auto mountGroup = shimoManager->mountGroup();
+    mountGroup->mountIs(path, typeName, mountInfo);
+    mountGroup->close();
+    const Brumo::Ptr<T> result = Brumo::dynamicCast<T>(shimoManager->entity(path));
+    if (result == nullptr) return nullptr;
+
+    KivShimo::CollectionControl& control = collectionControlFn(result);
+    if (control.wiped()) {
+        wipedFn();
+        const auto relaunch = Brumo::dynamicCast<Asic::GenId>(
+            entityManager->entity(std::string(kRelaunchConfigPath) + agentName));
+        if (relaunch != nullptr) relaunch->majorIdInc(1);
+        control.clearWiped();
+    }
+    return result;
+}
+
+template <class B>
+EntryLog<B>::EntryLog(Asic::SwTableId tableId, Brumo::Ptr<Regdb::EntityManager> entityManager,
+                      Brumo::Ptr<Asic::GroupInterface> groupInterface, Brumo::String agentName)
+    : Asic::EntryLogBase(tableId, std::move(entityManager), std::move(groupInterface),
+                         std::move(agentName)) {
+    handleInitialized();
+}
+
+template <class B> void EntryLog<B>::handleInitialized() {
+    Traces<B>::entryLog(8, "");
+    mountShimoChangeLog();
+}
+
+template <class B> void EntryLog<B>::mountShimoChangeLog() {
+    Traces<B>::entryLog(8, "");
+    const std::string path = Constants<Types>::tableEntryLogShimoPath();
+    tableEntryLog_ = checkAndwriteMountShimo<ChangeLog>(
+        entityManager(), Constants<Types>::entryLogShimoType(), path, agentName(),
+        [](KivShimo::MountInfo& info) { info.collectionIs({kEntryLogConfig, kEntryLogConfigCapacity, 0}); },
+        [](const Brumo::Ptr<ChangeLog>& log) -> KivShimo::CollectionControl& {
+            return log->collectionControl();
+        },
+        [] { LogMessages::error.emit(fmt::format("{}::{}", "entryLog", Types::kName)); });
+    if (tableEntryLog_ == nullptr) return;
+    tableVersionRestored({tableEntryLog_->collectionControl().scratchpad()});
+    Traces<B>::entryLog(2, " Mounted entryLog: {}, tableVersion: {}", path, tableVersion());
+    announceWhatWasNot();
+}
+
+/// A process that was killed between publishing a change and announcing it left it unannounced.
+/// What such a change needed is not known any more: everything announced before it is enough.
+template <class B> void EntryLog<B>::announceWhatWasNot() {
+    const auto& group = groupInterface();
+    if (group == nullptr) return;
+    const Asic::LogVersion announced = group->announcedVersion(tableId());
+    for (auto next = versionAtOrAfter({announced.value + 1});
+         next.has_value() && *next <= tableVersion();
+         next = versionAtOrAfter({next->value + 1})) {
+        group->addLogEntry(tableId(), *next, group->everythingAnnounced());
+    }
+    group->announcedVersionIs(tableId(), tableVersion());
+}
+
+template <class B>
+void EntryLog<B>::mountShimoConfig(Asic::UnitId unitId, Asic::LogVersion logVersion) {
+    Traces<B>::entryLog(8, " unitId:{}, logVersion: {}", unitId, logVersion);
+    const std::string path = Constants<Types>::configShimoPath(unitId);
+    const auto cfgShimo = checkAndwriteMountShimo<ConfigTable>(
+        entityManager(), Constants<Types>::configShimoType(), path, agentName(),
+        [](KivShimo::MountInfo& info) { info.collectionIs({kSwTableEntries, kSwTableEntriesCapacity, 0}); },
+        [](const Brumo::Ptr<ConfigTable>& config) -> KivShimo::CollectionControl& {
+            return config->collectionControl();
+        },
+        [] { LogMessages::error.emit(fmt::format("{}::{}", "entryCfg", Types::kName)); });
+    Brumo::require(cfgShimo != nullptr, "cfgShimo");
+    tableConfigShimoIs(unitId, cfgShimo);
+    Traces<B>::entryLog(2, " Mounted config for unitId: {} at {}", unitId, path);
+    if (logVersion.value == 0) return;
+    forEachValue(*cfgShimo, [&](const ConfigValue& value) {
+        if (value.inDeletion && value.version <= logVersion) cfgShimo->swTableEntriesDel(value.key());
+    });
+}
+
+template <class B>
+void EntryLog<B>::tableConfigShimoIs(Asic::UnitId unitId, Brumo::Ptr<ConfigTable> configShimo) {
+    tableConfigShimo_[unitId] = std::move(configShimo);
+    publisher().publish(kTableConfigShimo);
+}
+
+template <class B> void EntryLog<B>::tableConfigShimoDel(Asic::UnitId unitId) {
+    if (tableConfigShimo_.erase(unitId) > 0) publisher().publish(kTableConfigShimo);
+}
+
+template <class B> void EntryLog<B>::tableConfigShimoDelAll() {
+    while (!tableConfigShimo_.empty()) tableConfigShimoDel(tableConfigShimo_.begin()->first);
+}
+
+template <class B>
+auto EntryLog<B>::tableConfigShimo(Asic::UnitId unitId) const -> Brumo::Ptr<ConfigTable> {
+    const auto found = tableConfigShimo_.find(unitId);
+    return found == tableConfigShimo_.end() ? nullptr : found->second;
+}
+
+}  // namespace VornPolicyCpu

@@ -1,0 +1,180 @@
+// Writing changes into an entry log and reading values back.
+#pragma once
+
+#include "entrylog/EntryLog.h"
+#include "platform/brumo/Assert.h"
+
+namespace VornPolicyCpu {
+
+template <class B>
+Asic::LogVersion EntryLog<B>::entryIs(const LogEntry& logEntry, const ResourceKeys& rsrcKeys,
+                                      const NeededPtr& neededEntry, Asic::UnitId unitId,
+                                      const Brumo::Ptr<Asic::SwTableStats>& stats,
+                                      bool suppressIdenticalWrites) {
+    const auto config = tableConfigShimo_.find(unitId);
+    if (config == tableConfigShimo_.end()) [[unlikely]] {
+        Brumo::require(
+            false, "tableConfigShimoHas( unitId )",
+            fmt::format("Config shimo for unitId:{} is not created yet!", unitId));
+    }
+    if (suppressIdenticalWrites) {
+        if (const auto earlier = suppressed(logEntry, rsrcKeys, unitId, *stats)) return *earlier;
+    }
+    const Asic::LogVersion version = tableVersionInc(1);
+    Traces<B>::entryLog(
+        8, " logEntry: {} neededEntry: {} version: {} unitId: {} suppressIdenticalWrites: {}",
+        logEntry, neededEntry, version, unitId, suppressIdenticalWrites);
+    config->second->swTableEntriesIs({logEntry.key, logEntry, rsrcKeys, version, false});
+    publish(recordOf(version, logEntry, unitId, LogOperation::entryWritten), neededEntry);
+    return version;
+}
+
+/// The version of an earlier write that is identical to this one; nothing when it is to be written.
+template <class B>
+std::optional<Asic::LogVersion> EntryLog<B>::suppressed(const LogEntry& logEntry,
+                                                        const ResourceKeys& rsrcKeys,
+                                                        Asic::UnitId unitId,
+                                                        Asic::SwTableStats& stats) const {
+    const auto stored = configEntry(logEntry.key, unitId);
+    if (!stored.has_value() || stored->inDeletion) return std::nullopt;
+    if (!stored->logEntry.isEq(logEntry) || !stored->rsrcKeys.isEq(rsrcKeys)) {
+        Traces<B>::entryLog.in(
+            "entryIs", 3,
+            "Not Suppressing write because entry or resource key is different  for key: {}",
+            rsrcKeys);
+        stats.suppressCheckDiffCntInc(1);
+        return std::nullopt;
+    }
+    stats.suppressedWriteCntInc(1);
+    Traces<B>::entryLog.in("entryIs", 3, "Suppressing identical write for key: {}", rsrcKeys);
+    if (stored->version.value == 0) return std::nullopt;
+    return stored->version;
+}
+
+template <class B>
+Asic::LogVersion EntryLog<B>::entryDel(const Key& key, const NeededPtr& neededEntry,
+                                       Asic::UnitId unitId) {
+    Traces<B>::entryLog(8, " key:{} neededEntry: {} unitId: {}", key, neededEntry, unitId);
+    auto stored = configEntry(key, unitId);
+    if (!stored.has_value()) {
+        Traces<B>::entryLog(3, " key: {} entry does not exist. So ignoring delete", key);
+        return {};
+    }
+    const Asic::LogVersion version = tableVersionInc(1);
+    stored->version = version;
+    stored->inDeletion = true;
+    tableConfigShimo(unitId)->swTableEntriesIs(*stored);
+    publish(recordOf(version, stored->logEntry, unitId, LogOperation::entryDeleted), neededEntry);
+    return version;
+}
+
+template <class B>
+Asic::LogVersion EntryLog<B>::tableDel(const NeededPtr& neededEntry, Asic::UnitId unitId) {
+    Traces<B>::entryLog(8, " neededEntry:{}, unitId: {}", neededEntry, unitId);
+    const Asic::LogVersion version = tableVersionInc(1);
+    const auto config = tableConfigShimo(unitId);
+    forEachValue(*config, [&](ConfigValue value) {
+        if (value.inDeletion) return;
+        value.version = version;
+        value.inDeletion = true;
+        config->swTableEntriesIs(value);
+    });
+    Record record;
+    record.version = version;
+    record.unitId = unitId;
+    record.operation = LogOperation::allDeleted;
+    publish(record, neededEntry);
+    return version;
+}
+
+template <class B>
+auto EntryLog<B>::recordOf(Asic::LogVersion version, const LogEntry& logEntry, Asic::UnitId unitId,
+                           LogOperation operation) const -> Record {
+    Record record;
+    record.version = version;
+    record.head = logEntry.head;
+    record.key = logEntry.key;
+    record.word = logEntry.word();
+    record.unitId = unitId;
+    record.operation = operation;
+    return record;
+}
+
+/// Readers take up a version when it is published, so its record must be there by then.
+template <class B>
+void EntryLog<B>::publish(const Record& record, const NeededPtr& neededEntry) {
+    tableEntryLog_->entryLogConfigIs(record);
+    tableEntryLog_->collectionControl().scratchpadIs(record.version.value);
+    groupInterface()->addLogEntry(tableId(), record.version, neededEntry);
+}
+
+template <class B>
+auto EntryLog<B>::configEntry(const Key& key, Asic::UnitId unitId) const
+    -> std::optional<ConfigValue> {
+    const auto config = tableConfigShimo_.find(unitId);
+    if (config == tableConfigShimo_.end()) return std::nullopt;
+    try {
+        return config->second->swTableEntries(key);
+    } catch (const KivShimo::CorruptionError& error) {
+        config->second->doCorruptionDetected(error.what());
+        return std::nullopt;
+    }
+}
+
+template <class B>
+auto EntryLog<B>::entry(const Key& key, Asic::UnitId unitId) const -> LogEntry {
+    Traces<B>::entryLog(8, " key: {} unitId:{}", key, unitId);
+    const auto stored = configEntry(key, unitId);
+    return stored.has_value() && !stored->inDeletion ? stored->logEntry : LogEntry{};
+}
+
+template <class B> bool EntryLog<B>::entryHas(const Key& key, Asic::UnitId unitId) const {
+    Traces<B>::entryLog(8, " key: {} unitId:{}", key, unitId);
+    const auto stored = configEntry(key, unitId);
+    return stored.has_value() && !stored->inDeletion;
+}
+
+template <class B>
+auto EntryLog<B>::entryRsrcKeys(const Key& key, Asic::UnitId unitId) const -> ResourceKeys {
+    Traces<B>::entryLog(8, " key: {} unitId:{}", key, unitId);
+    const auto stored = configEntry(key, unitId);
+    return stored.has_value() ? stored->rsrcKeys : ResourceKeys{};
+}
+
+template <class B>
+Asic::LogVersion EntryLog<B>::entryLogVersion(const Key& key, Asic::UnitId unitId) const {
+    Traces<B>::entryLog(8, " key: {} unitId:{}", key, unitId);
+    const auto stored = configEntry(key, unitId);
+    return stored.has_value() ? stored->version : Asic::LogVersion{};
+}
+
+template <class B> std::uint32_t EntryLog<B>::entrys(Asic::UnitId unitId) const {
+    Traces<B>::entryLog(8, " unitId:{}", unitId);
+    const auto config = tableConfigShimo(unitId);
+    Brumo::require(config != nullptr, "tableConfigShimoHas( unitId )");
+    return static_cast<std::uint32_t>(config->swTableEntriesCount()) - entrysInDeletion(unitId);
+}
+
+template <class B> std::uint32_t EntryLog<B>::entrysInDeletion(Asic::UnitId unitId) const {
+    Traces<B>::entryLog(8, " unitId:{}", unitId);
+    const auto config = tableConfigShimo(unitId);
+    std::uint32_t inDeletion = 0;
+    if (config == nullptr) return inDeletion;
+    forEachValue(*config, [&](const ConfigValue& value) { inDeletion += value.inDeletion ? 1 : 0; });
+    return inDeletion;
+}
+
+template <class B>
+template <class Visit>
+void EntryLog<B>::forEachValue(ConfigTable& config, Visit&& visit) const {
+    try {
+        for (auto value = config.swTableEntriesFromStart(); value.has_value();
+             value = config.swTableEntriesAfter(value->key())) {
+            visit(*value);
+        }
+    } catch (const KivShimo::CorruptionError& error) {
+        config.doCorruptionDetected(error.what());
+    }
+}
+
+}  // namespace VornPolicyCpu

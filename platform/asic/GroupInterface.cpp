@@ -1,0 +1,273 @@
+#include "platform/asic/GroupInterface.h"
+
+#include <algorithm>
+#include <bit>
+#include <utility>
+#include <vector>
+
+#include "platform/asic/Constants.h"
+#include "platform/brumo/Trace.h"
+#include "platform/kivshimo/AckMap.h"
+#include "platform/kivshimo/AnnounceLog.h"
+#include "platform/kivshimo/Doorbell.h"
+#include "platform/kivshimo/EntityManager.h"
+#include "platform/kivshimo/Paths.h"
+
+namespace Asic {
+
+namespace {
+
+const Brumo::TraceSource trace("GroupInterface", "GroupInterface");
+
+/// Slots of the announcement log that changes which can wait leave to those that cannot: updates
+/// of entries whose resource has moved, and cleared tables.
+constexpr std::uint64_t kReserveShare = 8;
+
+std::uint64_t announceSlots() {
+    const std::uint64_t ceiling = KivShimo::EntityManager::capacityCeiling();
+    return std::bit_floor(std::min<std::uint64_t>(KivShimo::kAnnounceSlots, ceiling));
+}
+
+std::string rootOf(const Regdb::EntityManager& entityManager) {
+    return KivShimo::EntityManager::get(entityManager.systemName(), entityManager.local())->root();
+}
+
+}  // namespace
+
+struct GroupInterface::SharedMemory {
+    SharedMemory(const std::string& rootDirectory, const std::string& group)
+        : root(rootDirectory),
+          announcements(root, Constants::announcementsPath(group), announceSlots()),
+          sleeper(announcements.sleepEpoch()),
+          acknowledgementsFile(KivShimo::tableFile(root, Constants::acknowledgementsPath(group))) {
+    }
+
+    /// Opens the hardware side's map when it is there and not open, or was replaced.
+    KivShimo::AckMapReader* map() {
+        if (reader.has_value() && !reader->stale()) return &*reader;
+        waker.reset();
+        reader = KivShimo::AckMapReader::open(acknowledgementsFile);
+        if (!reader.has_value()) return nullptr;
+        waker.emplace(reader->sleepEpoch(), root + "/hwd.bell");
+        return &*reader;
+    }
+
+    std::string root;
+    KivShimo::AnnounceLogWriter announcements;
+    KivShimo::Sleeper sleeper;
+    std::string acknowledgementsFile;
+    std::optional<KivShimo::AckMapReader> reader;
+    std::optional<KivShimo::Waker> waker;
+};
+
+GroupInterface::GroupInterface(std::string canonicalName, std::uint16_t agentAndGroupId,
+                               const Brumo::Ptr<Regdb::EntityManager>& entityManager,
+                               Kiv::EventLoop& loop)
+    : name_(std::move(canonicalName)),
+      agentAndGroupId_(agentAndGroupId),
+      resolver_(Brumo::make<GroupResolver>(loop)),
+      shm_(std::make_unique<SharedMemory>(rootOf(*entityManager), name_)) {
+    resolver_->hasRoomIs([this] { return hasRoom(); });
+    takeUpAnnouncements();
+}
+
+GroupInterface::~GroupInterface() { resolver_->hasRoomIs({}); }
+
+/// Learns from what is acknowledged, and from what the hardware side has still to read, how far
+/// each table was announced by the process before.
+void GroupInterface::takeUpAnnouncements() {
+    try {
+        std::uint64_t position = 0;
+        if (KivShimo::AckMapReader* map = shm_->map(); map != nullptr) {
+            for (const auto& [tableId, version] : map->all()) {
+                announcedVersionIs(SwTableId(tableId), {version});
+            }
+            if (map->announceIdentity() == shm_->announcements.identity()) {
+                position = map->consumed();
+                shm_->announcements.consumedIs(position);
+            }
+        }
+        const auto log = KivShimo::AnnounceLogReader::open(shm_->announcements.file());
+        if (!log.has_value()) return;
+        while (const auto announcement = log->next(position + 1)) {
+            announcedVersionIs(SwTableId(announcement->tableId), {announcement->version});
+            position = announcement->position;
+        }
+    } catch (const KivShimo::CorruptionError& error) {
+        doCorruptionDetected(error.what());
+    }
+}
+
+void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
+                                 const Brumo::Ptr<const NeededEntry>& needed) {
+    announcedVersionIs(tableId, version);
+    const Announcement announcement{tableId, version, needed};
+    if (!waiting_.empty() || !append(announcement)) {
+        if (waiting_.empty()) trace(1, " announcement log of {} is full", name_);
+        waiting_.push_back(announcement);
+        return;
+    }
+    if (shm_->waker.has_value()) shm_->waker->published();
+}
+
+bool GroupInterface::append(const Announcement& announcement) {
+    std::vector<KivShimo::NeededVersion> needed;
+    if (announcement.needed != nullptr) {
+        for (const TableVersion& version : *announcement.needed) {
+            needed.push_back({version.tableId.whole(), version.version.value});
+        }
+    }
+    return shm_->announcements.append(announcement.tableId.whole(), announcement.version.value,
+                                      needed);
+}
+
+void GroupInterface::appendWaiting() {
+    bool appended = false;
+    while (!waiting_.empty() && append(waiting_.front())) {
+        waiting_.pop_front();
+        appended = true;
+    }
+    if (appended && shm_->waker.has_value()) shm_->waker->published();
+}
+
+bool GroupInterface::hasRoom() const {
+    const auto& announcements = shm_->announcements;
+    return waiting_.empty() && announcements.free() > announcements.slots() / kReserveShare;
+}
+
+Brumo::Ptr<NeededEntry> GroupInterface::everythingAnnounced() const {
+    auto needed = Brumo::make<NeededEntry>();
+    for (const auto& [tableId, version] : announced_) needed->add({tableId, version});
+    return needed;
+}
+
+void GroupInterface::swTableSetIs(const Brumo::Ptr<OrderedSwTableSet>& set) {
+    sets_[set->tableId()] = set;
+}
+
+void GroupInterface::swTableSetDel(SwTableId tableId) { sets_.erase(tableId); }
+
+Brumo::Ptr<OrderedSwTableSet> GroupInterface::swTableSet(SwTableId tableId) const {
+    const auto found = sets_.find(tableId);
+    return found == sets_.end() ? nullptr : found->second;
+}
+
+void GroupInterface::announcedVersionIs(SwTableId tableId, LogVersion version) {
+    LogVersion& announced = announced_[tableId];
+    announced = std::max(announced, version);
+}
+
+LogVersion GroupInterface::announcedVersion(SwTableId tableId) const {
+    const auto found = announced_.find(tableId);
+    return found == announced_.end() ? LogVersion{} : found->second;
+}
+
+std::optional<LogVersion> GroupInterface::tableVersionInMap(SwTableId tableId) const {
+    KivShimo::AckMapReader* map = shm_->map();
+    if (map == nullptr) return std::nullopt;
+    const auto version = map->acknowledged(tableId.whole());
+    if (!version.has_value()) return std::nullopt;
+    return LogVersion{*version};
+}
+
+void GroupInterface::doCorruptionDetected(std::string_view message) const {
+    ++corruptions_;
+    trace(1, " corruption: {}", message);
+}
+
+LogVersion GroupInterface::acknowledgedVersion(SwTableId tableId) const {
+    const auto found = acknowledged_.find(tableId);
+    return found == acknowledged_.end() ? LogVersion{} : found->second;
+}
+
+void GroupInterface::acknowledgementsArrived() {
+    try {
+        KivShimo::AckMapReader* map = shm_->map();
+        if (map == nullptr) return;
+        const auto acknowledgements = map->all();
+        if (map->announceIdentity() == shm_->announcements.identity()) {
+            shm_->announcements.consumedIs(map->consumed());
+        }
+        appendWaiting();
+        resolver_->suspendRequestedIs(map->pauseRequested());
+        bool moved = false;
+        for (const auto& [tableId, version] : acknowledgements) {
+            moved |= acknowledge(SwTableId(tableId), {version});
+        }
+        if (moved) publisher().publish(kAcknowledged);
+        resolver_->updateGenId();
+    } catch (const KivShimo::CorruptionError& error) {
+        doCorruptionDetected(error.what());
+    }
+}
+
+/// True when the table's acknowledged version has moved. A handler may end tables, so they are held.
+bool GroupInterface::acknowledge(SwTableId tableId, LogVersion version) {
+    LogVersion& taken = acknowledged_[tableId];
+    if (version == taken) return false;
+    if (!sets_.contains(tableId) && !announced_.contains(tableId)) {
+        refuse(tableId, version, "no such table");
+        return false;
+    }
+    if (version < taken) {
+        refuse(tableId, version, "goes backwards");
+        return false;
+    }
+    if (version > announcedVersion(tableId)) {
+        refuse(tableId, version, "beyond the last version");
+        return false;
+    }
+    taken = version;
+    const Brumo::Ptr<OrderedSwTableSet> set = swTableSet(tableId);
+    if (set == nullptr) return true;
+    std::vector<Brumo::Ptr<OrderedSwTable>> tables;
+    for (const auto& [unit, table] : set->swTables()) tables.push_back(table);
+    for (const auto& table : tables) table->tableStatusVersion(version);
+    return true;
+}
+
+/// Traced once for each lie, however often the map is read.
+void GroupInterface::refuse(SwTableId tableId, LogVersion version, std::string_view why) {
+    LogVersion& last = refused_[tableId];
+    if (last == version) return;
+    last = version;
+    trace(1, " refused acknowledgement of version {} for table id: {}: {}", version, tableId, why);
+}
+
+bool GroupInterface::sleepPrepared() {
+    shm_->sleeper.asleep();
+    return !acknowledgementsPending();
+}
+
+/// Whether the hardware side's map says anything that was not taken up yet.
+bool GroupInterface::acknowledgementsPending() {
+    try {
+        const KivShimo::AckMapReader* map = shm_->map();
+        if (map == nullptr) return false;
+        if (map->pauseRequested() != resolver_->suspended()) return true;
+        if (map->announceIdentity() == shm_->announcements.identity() &&
+            map->consumed() > shm_->announcements.consumed()) {
+            return true;
+        }
+        for (const auto& [tableId, version] : map->all()) {
+            const SwTableId table(tableId);
+            const LogVersion pending{version};
+            if (pending <= acknowledgedVersion(table)) continue;
+            const auto refused = refused_.find(table);
+            if (refused == refused_.end() || refused->second != pending) return true;
+        }
+        return false;
+    } catch (const KivShimo::CorruptionError&) {
+        return false;  // reported when it is taken up
+    }
+}
+
+void GroupInterface::awake() { shm_->sleeper.awake(); }
+
+void GroupInterface::wakeHardwareSide() { KivShimo::ring(hardwareDoorbellPath()); }
+
+std::string GroupInterface::hardwareDoorbellPath() const { return shm_->root + "/hwd.bell"; }
+
+std::string GroupInterface::agentDoorbellPath() const { return shm_->root + "/agent.bell"; }
+
+}  // namespace Asic

@@ -1,0 +1,195 @@
+// Reading a table: what is staged lies over what is committed. And the acknowledgements, which end
+// the queued changes.
+#pragma once
+
+#include "platform/brumo/Assert.h"
+#include "swtable/OrderedSwTableAccessor.h"
+
+namespace VornPolicyCpu {
+
+/// A pending remove-all is not consulted: a committed key is read until the remove-all commits.
+template <class B>
+auto OrderedSwTableAccessor<B>::entryReadGeneric(const Table& table, const Key& key) -> Entry {
+    Traces<B>::engine(8, "");
+    if (const WrapperPtr staged = table.transientAddEntry(key); staged != nullptr) {
+        return staged->entry();
+    }
+    if (table.transientRemoveEntry(key) == nullptr &&
+        table.entryLog()->entryHas(key, table.unitId())) {
+        return table.entryFromConfig(key);
+    }
+    Traces<B>::engine(1, "Failed to find entry for key: {}", key);
+    return Entry{};
+}
+
+template <class B>
+auto OrderedSwTableAccessor<B>::entryFromConfig(const Table& table, const Key& key) -> Entry {
+    Traces<B>::engine(8, "key: {}", key);
+    const auto value = table.entryLog()->configEntry(key, table.unitId());
+    if (!value.has_value() || value->inDeletion) return Entry{};
+    return Entry::from(value->logEntry, value->rsrcKeys);
+}
+
+template <class B>
+bool OrderedSwTableAccessor<B>::entryHas(const Table& table, const Key& key) {
+    Traces<B>::engine(8, "key: {}", key);
+    if (table.transientAddEntry(key) != nullptr) return true;
+    if (table.transientRemoveEntry(key) != nullptr) return false;
+    if (table.transientRemoveAllVersion().valid()) return false;
+    return table.entryLog()->entryHas(key, table.unitId());
+}
+
+template <class B> std::uint32_t OrderedSwTableAccessor<B>::entrys(const Table& table) {
+    const auto staged = static_cast<std::uint32_t>(table.transientAddEntrys());
+    if (table.transientRemoveAllVersion().valid()) return staged;
+    const EntryLog<B>& log = *table.entryLog();
+    std::uint32_t adds = 0;
+    table.forEachTransientAdd([&](const Key& key) {
+        if (!log.entryHas(key, table.unitId())) ++adds;
+    });
+    std::uint32_t removes = 0;
+    table.forEachTransientRemove([&](const Key& key) {
+        if (log.entryHas(key, table.unitId())) ++removes;
+    });
+    return adds + log.entrys(table.unitId()) - removes;
+}
+
+template <class B>
+void OrderedSwTableAccessor<B>::tableStatusVersion(Table& table, Asic::LogVersion version) {
+    Traces<B>::engine(8, "tableVersion: {}", version);
+    table.entryLog()->cleanupEntryLog(version);
+    table.groupResolver()->updateGenId();
+    while (const HandlePtr front = table.entryHandleInLogFront()) {
+        if (front->logVersion() > version) break;
+        table.entryHandleInLogDeq();
+        Traces<B>::engine(3, "Processing version: {}, key: {}", front->logVersion(), front->key());
+        answer(front, Asic::EntryState::complete);
+    }
+    table.tableSet()->maybeUpdatePendingHwWrites();
+}
+
+/// The steps of a walk over a table.
+template <class B> class IterStateAccessor {
+  public:
+    using Entry = typename B::Entry;
+    using State = SwTableIteratorState<B>;
+
+    /// Moves the state to the next entry and returns it; the default entry at the end, where the
+    /// state no longer has a valid current entry.
+    static Entry maybeUpdateCurrentEntry(State& state) {
+        Traces<B>::iterator(8, "");
+        Entry entry{};
+        if (state.inAddColl() && stepTransientAdd(state, entry)) return entry;
+        if (state.inTblCfg() && stepConfiguration(state, entry)) return entry;
+        trace("  no more entries");
+        state.clear(State::kCurrentEntryValid);
+        state.clear(State::kInAddCollection);
+        state.clear(State::kInConfiguration);
+        return entry;
+    }
+
+  private:
+    template <class... Arguments>
+    static void trace(Brumo::TraceText<std::type_identity_t<Arguments>...> line,
+                      const Arguments&... arguments) {
+        Traces<B>::iterator.in("maybeUpdateCurrentEntry", 9, line, arguments...);
+    }
+
+    static void leaveAddCollection(State& state) {
+        trace("  done with transAdd");
+        state.clear(State::kInAddCollection);
+        if (!state.has(State::kRemoveAllPending)) state.set(State::kInConfiguration);
+    }
+
+    /// False when the staged writes held no further entry.
+    static bool stepTransientAdd(State& state, Entry& entry) {
+        Brumo::require(!state.inTblCfg(), "!iterState_->state().inTblCfg()");
+        const auto& staged = state.swTable()->transientAddEntry_;
+        trace("  in transientAdd collection");
+        const auto* node = state.has(State::kBookmarkSet) ? staged.lowerBound(state.bookmark())
+                                                          : staged.first();
+        if (node == nullptr) {
+            leaveAddCollection(state);
+            return false;
+        }
+        state.set(State::kCurrentEntryValid);
+        entry = node->value->entry();
+        trace("  found entry: {}", entry);
+        if (const auto* following = staged.next(*node); following != nullptr) {
+            state.bookmarkIs(following->key);
+        } else {
+            state.bookmarkDel();
+            leaveAddCollection(state);
+        }
+        return true;
+    }
+
+    /// False when the committed entries held no further one that is to be shown.
+    static bool stepConfiguration(State& state, Entry& entry) {
+        Brumo::require(!state.inAddColl(), "!iterState_->state().inAddColl()");
+        trace("  in cfgShimo collection");
+        const typename B::SwTable& table = *state.swTable();
+        const auto config = table.entryLog()->tableConfigShimo(table.unitId());
+        if (config == nullptr) return false;
+        try {
+            auto element = state.has(State::kBookmarkSet)
+                               ? config->swTableEntriesFrom(state.bookmark())
+                               : config->swTableEntriesFromStart();
+            while (element.has_value() && hidden(table, *element)) {
+                element = config->swTableEntriesAfter(element->key());
+            }
+            if (!element.has_value()) return false;
+            state.set(State::kCurrentEntryValid);
+            entry = Entry::from(element->logEntry, element->rsrcKeys);
+            trace("  found entry: {}", entry);
+            bookmarkNext(state, config->swTableEntriesKeyAfter(element->key()));
+        } catch (const KivShimo::CorruptionError& error) {
+            config->doCorruptionDetected(error.what());
+            return false;
+        }
+        return true;
+    }
+
+    template <class NextKey> static void bookmarkNext(State& state, const NextKey& next) {
+        if (next.has_value()) {
+            state.bookmarkIs(*next);
+            return;
+        }
+        trace("  done with cfgShimo");
+        state.bookmarkDel();
+        state.clear(State::kInConfiguration);
+    }
+
+    /// Removed, shown before as a staged write, or deleted already.
+    template <class Value> static bool hidden(const typename B::SwTable& table, const Value& value) {
+        return value.inDeletion || table.transientRemoveEntry_.find(value.key()) != nullptr ||
+               table.transientAddEntry_.find(value.key()) != nullptr;
+    }
+};
+
+/// A forward iterator over a table: `while (iterator.valid()) { *iterator; ++iterator; }`.
+template <class B> class SwTable<B>::EntryIteratorConst {
+  public:
+    explicit EntryIteratorConst(Brumo::Ptr<SwTableIteratorState<B>> state)
+        : state_(std::move(state)) {
+        ++*this;
+    }
+
+    bool valid() const {
+        return state_->has(Asic::SwTableIteratorStateBase::kCurrentEntryValid);
+    }
+    /// The default entry when the iterator is not valid.
+    const Entry& operator*() const { return current_; }
+    const Entry* operator->() const { return &current_; }
+    EntryIteratorConst& operator++() {
+        current_ = IterStateAccessor<B>::maybeUpdateCurrentEntry(*state_);
+        return *this;
+    }
+    const SwTableIteratorState<B>& state() const { return *state_; }
+
+  private:
+    Brumo::Ptr<SwTableIteratorState<B>> state_;
+    Entry current_{};
+};
+
+}  // namespace VornPolicyCpu

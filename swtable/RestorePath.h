@@ -1,0 +1,155 @@
+// Work on entries that are committed already: rebuilding the linkages' view after a restart,
+// re-evaluating an entry whose resource has changed, and deleting all entries.
+#pragma once
+
+#include "swtable/OrderedSwTableAccessor.h"
+
+namespace VornPolicyCpu {
+
+template <class B>
+template <class... L>
+void OrderedSwTableAccessor<B>::setRsrcPtrs(const WrapperPtr& wrapper, bool refresh,
+                                            const L&... linkages) {
+    Traces<B>::engine(8, "key: {}, refresh: {}", wrapper->key(), refresh);
+    runOnAllResourceLinkages(
+        [&](auto& linkage) {
+            if (refresh) {
+                linkage.resolveEntry(wrapper);
+            } else {
+                linkage.setResourceHandle(wrapper);
+            }
+        },
+        linkages...);
+}
+
+template <class B>
+auto OrderedSwTableAccessor<B>::entryWrapperFromConfig(Table& table, const Key& key,
+                                                       bool refreshRsrcPtrs, HandlePtr& handle)
+    -> WrapperPtr {
+    Traces<B>::engine(8, "key: {}, refreshRsrcPtrs: {}", key, refreshRsrcPtrs);
+    const Entry committed = table.entryFromConfig(key);
+    if (handle == nullptr) {
+        const Asic::LogVersion version = table.entryLog()->entryLogVersion(key, table.unitId());
+        handle = entryHandleFactory<B>(Asic::EntryVersion{version.value, 0}, key, &table);
+    }
+    const WrapperPtr wrapper = Brumo::make<Wrapper>(committed, handle);
+    table.setRsrcPtrs(wrapper, refreshRsrcPtrs);
+    wrapper->retrieveClientData();
+    return wrapper;
+}
+
+template <class B>
+template <class... L>
+auto OrderedSwTableAccessor<B>::getNeededEntrySet(const ConstWrapperPtr& wrapper,
+                                                  const L&... linkages) -> NeededPtr {
+    const NeededPtr needed = Brumo::make<Asic::NeededEntry>();
+    runOnAllResourceLinkages(
+        [&](const auto& linkage) { needed->add(*linkage.getNeededEntrySet(wrapper)); },
+        linkages...);
+    return needed;
+}
+
+/// Visits the keys of the committed entries that are not in deletion. `visit` may change the table.
+/// Corruption of the map ends the walk; what `visit` throws passes through.
+template <class B>
+template <class Visit>
+void OrderedSwTableAccessor<B>::forEachCommitted(Table& table, Visit&& visit) {
+    const auto config = table.entryLog()->tableConfigShimo(table.unitId());
+    if (config == nullptr) return;
+    const auto step = [&](auto&& read) -> decltype(config->swTableEntriesFromStart()) {
+        try {
+            return read();
+        } catch (const KivShimo::CorruptionError& error) {
+            config->doCorruptionDetected(error.what());
+            return std::nullopt;
+        }
+    };
+    for (auto element = step([&] { return config->swTableEntriesFromStart(); });
+         element.has_value();
+         element = step([&] { return config->swTableEntriesAfter(element->key()); })) {
+        if (!element->inDeletion) visit(element->key());
+    }
+}
+
+template <class B>
+template <class... L>
+void OrderedSwTableAccessor<B>::restoreEntries(Table& table, const L&... linkages) {
+    if constexpr (sizeof...(L) > 0) {
+        Traces<B>::engine(8, "");
+        if (table.entryLog() == nullptr) return;
+        forEachCommitted(table, [&](const Key& key) {
+            HandlePtr handle;
+            const WrapperPtr wrapper = entryWrapperFromConfig(table, key, true, handle);
+            runOnAllResourceLinkages([&](auto& linkage) { linkage.restoreEntry(wrapper); },
+                                     linkages...);
+        });
+        runOnAllResourceLinkages([](auto& linkage) { linkage.handleResourceChangeAtInit(); },
+                                 linkages...);
+    }
+}
+
+template <class B>
+template <class... L>
+auto OrderedSwTableAccessor<B>::updateEntry(Table& table, const Key& key, const L&... linkages)
+    -> ConstHandlePtr {
+    EntryLog<B>& log = *table.entryLog();
+    if (!log.entryHas(key, table.unitId())) {
+        Traces<B>::engine(3, " key: {} entry does not exist ", key);
+        return nullptr;
+    }
+    HandlePtr handle;
+    const WrapperPtr wrapper = entryWrapperFromConfig(table, key, false, handle);
+    wrapper->setResolvedFields();
+    const bool failed = !checkResolveSuccess(wrapper, linkages...);
+    const Brumo::Ptr<SwTableHelperBase<B>> helper = table.swTableHelper();
+    const bool commitToLog =
+        helper->finalizeOnResourceUpdate(wrapper, Brumo::Ptr<const Table>(&table), failed);
+    if (failed) {
+        Traces<B>::engine(3, " key: {}, some resource had failed", key);
+        table.stats()->updateWithFailedResourceCntInc(1);
+    }
+    const auto logEntry = wrapper->logEntry();
+    if (commitToLog && !logEntry.isEq(log.entry(key, table.unitId()))) {
+        const NeededPtr needed = table.getNeededEntrySet(wrapper);
+        const Asic::LogVersion version = log.entryIs(logEntry, wrapper->rsrcKeys(), needed,
+                                                     table.unitId(), table.stats(), false);
+        handle->logVersionIs(version);
+        handle->entryStateIs(Asic::EntryState::written);
+        table.stats()->updateCntInc(1);
+        Traces<B>::engine(3, " key: {}, neededEntry: {}, entryLogVersion: {} ", key, needed,
+                          version);
+    } else {
+        handle->logVersionIs(log.entryLogVersion(key, table.unitId()));
+        handle->entryStateIs(Asic::EntryState::written);
+        Traces<B>::engine(3,
+                          " key: {}, commitToLog: {}, no change in logEntry or don't commit to log",
+                          key, commitToLog);
+    }
+    return handle;
+}
+
+template <class B>
+template <class... L>
+void OrderedSwTableAccessor<B>::delAllEntries(Table& table, bool releaseResources,
+                                              const Brumo::Ptr<const Asic::NeededEntry>& needed,
+                                              HandlePtr& handle, const L&... linkages) {
+    Traces<B>::engine(8, " releaseResources: {}, neededEntry:{} ", releaseResources, needed);
+    const auto config = table.entryLog()->tableConfigShimo(table.unitId());
+    if (config == nullptr || config->swTableEntriesCount() == 0) return;
+    if (releaseResources) {
+        forEachCommitted(table, [&](const Key& key) {
+            const WrapperPtr wrapper = entryWrapperFromConfig(table, key, false, handle);
+            runOnAllResourceLinkages(
+                [&](auto& linkage) { linkage.updateLocalUsage(wrapper, wrapper->entry(), true); },
+                linkages...);
+        });
+    }
+    const Asic::LogVersion version = table.entryLog()->tableDel(needed, table.unitId());
+    if (handle != nullptr) {
+        handle->logVersionIs(version);
+        handle->entryStateIs(Asic::EntryState::written);
+    }
+    table.stats()->tableClearCntInc(1);
+}
+
+}  // namespace VornPolicyCpu

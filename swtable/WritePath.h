@@ -1,0 +1,69 @@
+// Staging a write: the new value becomes transient state, gets a version and a handle, asks for its
+// resources, and is queued with the resolver. Nothing is written to the entry log here.
+#pragma once
+
+#include "platform/brumo/Assert.h"
+#include "swtable/OrderedSwTableAccessor.h"
+
+namespace VornPolicyCpu {
+
+template <class B>
+template <class... L>
+auto OrderedSwTableAccessor<B>::entryWriteGeneric(Table& table, const Key& key, const Entry& entry,
+                                                  const DependencyPtr& dependency,
+                                                  const ResponseHandler& handler,
+                                                  const L&... linkages) -> ConstHandlePtr {
+    Traces<B>::engine(8, "key: {}", key);
+    const Asic::EntryVersion version = nextVersion(table, key);
+    const HandlePtr handle = newHandle(table, version, key, handler);
+    const WrapperPtr wrapper = Brumo::make<Wrapper>(entry, handle);
+    wrapper->keyIs(key);
+    table.transientRemoveEntryDel(key);
+    table.transientAddEntryIs(wrapper);
+    runOnAllResourceLinkages([&](auto& linkage) { linkage.resolveEntry(wrapper); }, linkages...);
+    enqueue(table, dependency, Asic::EntryFlags::write, wrapper);
+    Traces<B>::engine(2, "Done processing write for key: {} ", key);
+    table.stats()->entryWriteCntInc(1);
+    updateGroupAndFamily(table);
+    return handle;
+}
+
+/// The version of the key's next change: one after the latest, or the first.
+template <class B>
+Asic::EntryVersion OrderedSwTableAccessor<B>::nextVersion(Table& table, const Key& key,
+                                                          const char* function) {
+    const Asic::EntryVersion* current = table.transientVersionForKeyFind(key);
+    Asic::EntryVersion next{0, 0};
+    if (current != nullptr) {
+        Brumo::require(current->valid(), "currEntryVersion.valid()");
+        next = current->next();
+    } else {
+        Traces<B>::engine.in(function, 8, " Key: {} not found in entry version collection", key);
+    }
+    table.transientVersionForKeyIs(key, next);
+    return next;
+}
+
+template <class B>
+auto OrderedSwTableAccessor<B>::newHandle(Table& table, Asic::EntryVersion version, const Key& key,
+                                          const ResponseHandler& handler) -> HandlePtr {
+    const HandlePtr handle = entryHandleFactory<B>(version, key, &table);
+    if (handler) handle->responseHandlerIs(handler);
+    handle->entryStateIs(Asic::EntryState::created);
+    return handle;
+}
+
+template <class B>
+void OrderedSwTableAccessor<B>::enqueue(Table& table, const DependencyPtr& dependency,
+                                        Asic::EntryFlags flags, const WrapperPtr& wrapper) {
+    table.groupResolver()->resolverQueueEnq(
+        Brumo::make<Resolver>(dependency, flags, &table, wrapper));
+    table.groupResolver()->updateGenId();
+}
+
+template <class B> void OrderedSwTableAccessor<B>::updateGroupAndFamily(Table& table) {
+    table.groupResolver()->maybeUpdateSuspend();
+    table.tableSet()->maybeUpdatePendingHwWrites();
+}
+
+}  // namespace VornPolicyCpu

@@ -1,0 +1,98 @@
+// The shared-memory tables of each table as their writer sees them: a configuration a unit, and one
+// change log.
+//
+// Event thread of the agent. Whoever mounts them registers their types once, with ShimoTypes.
+//
+// What always holds: what the collections promise (platform/kivshimo/Map.h, VersionLog.h).
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include "platform/kivshimo/Map.h"
+#include "platform/kivshimo/Table.h"
+#include "platform/kivshimo/VersionLog.h"
+#include "types/Constants.h"
+#include "types/Records.h"
+
+namespace VornPolicyCpu {
+
+/// One unit's committed values by key. Reads throw KivShimo::CorruptionError.
+template <TableTypes Types> class ConfigShimo final : public KivShimo::Table {
+  public:
+    using Key = typename Types::Key;
+    using Value = ConfigShimoEntry<Key, typename Types::LogEntry, typename Types::ResourceKeys>;
+
+    static std::vector<KivShimo::CollectionLayout> layouts() {
+        return {KivShimo::Map<Value>::layout(kSwTableEntries)};
+    }
+    explicit ConfigShimo(KivShimo::TableMount mount)
+        : KivShimo::Table(std::move(mount)), swTableEntries_(*this, kSwTableEntries) {}
+
+    /// False when the key is new and there is no room.
+    bool swTableEntriesIs(const Value& value) { return swTableEntries_.insertOrReplace(value); }
+    void swTableEntriesDel(const Key& key) { swTableEntries_.erase(key); }
+    /// Nothing when the key is absent.
+    std::optional<Value> swTableEntries(const Key& key) const { return swTableEntries_.find(key); }
+    std::uint64_t swTableEntriesCount() const { return swTableEntries_.count(); }
+    bool swTableEntriesHasRoomFor(const Key& key) const {
+        return swTableEntries_.count() < swTableEntries_.capacity() || swTableEntries_.has(key);
+    }
+
+    // Walks in the collection's order, which any change between two steps leaves whole.
+    std::optional<Value> swTableEntriesFromStart() const { return swTableEntries_.first(); }
+    std::optional<Value> swTableEntriesFrom(const Key& key) const {
+        return swTableEntries_.lowerBound(key);
+    }
+    std::optional<Value> swTableEntriesAfter(const Key& key) const {
+        return swTableEntries_.next(key);
+    }
+    std::optional<Key> swTableEntriesKeyAfter(const Key& key) const {
+        return swTableEntries_.nextKey(key);
+    }
+
+  private:
+    KivShimo::Map<Value> swTableEntries_;
+};
+
+/// A table's change log. Reads throw KivShimo::CorruptionError.
+template <TableTypes Types> class EntryLogShimo final : public KivShimo::Table {
+  public:
+    using Record = LogShimoEntry<typename Types::Key>;
+
+    static std::vector<KivShimo::CollectionLayout> layouts() {
+        return {Log::layout(kEntryLogConfig)};
+    }
+    explicit EntryLogShimo(KivShimo::TableMount mount)
+        : KivShimo::Table(std::move(mount)), entryLogConfig_(*this, kEntryLogConfig) {}
+
+    /// False when the place of the version is taken.
+    bool entryLogConfigIs(const Record& record) { return entryLogConfig_.insert(record); }
+    void entryLogConfigDel(Asic::LogVersion version) { entryLogConfig_.erase(version.value); }
+    /// Nothing when there is no record of that version.
+    std::optional<Record> entryLogConfig(Asic::LogVersion version) const {
+        return entryLogConfig_.find(version.value);
+    }
+    std::size_t entryLogConfigs() const { return entryLogConfig_.count(); }
+    /// The lowest version at or after `version` of which there is a record; nothing is read.
+    std::optional<Asic::LogVersion> entryLogConfigVersionAtOrAfter(Asic::LogVersion version) const {
+        const auto found = entryLogConfig_.versionAtOrAfter(version.value);
+        if (!found.has_value()) return std::nullopt;
+        return Asic::LogVersion{*found};
+    }
+
+  private:
+    using Log = KivShimo::VersionLog<Record>;
+
+    Log entryLogConfig_;
+};
+
+/// Registers a table's shared-memory types for as long as the object lives.
+template <TableTypes Types> struct ShimoTypes {
+    KivShimo::TableTypeRegistration config{Constants<Types>::configShimoType(),
+                                           KivShimo::tableTypeOf<ConfigShimo<Types>>()};
+    KivShimo::TableTypeRegistration entryLog{Constants<Types>::entryLogShimoType(),
+                                             KivShimo::tableTypeOf<EntryLogShimo<Types>>()};
+};
+
+}  // namespace VornPolicyCpu
