@@ -1,0 +1,147 @@
+#include "agent/AgentProcess.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <system_error>
+
+#include <fmt/format.h>
+
+#include "agent/ControlCommands.h"
+#include "agent/StateDirectory.h"
+#include "platform/brumo/Trace.h"
+
+namespace Agent {
+
+namespace {
+
+/// Failures of all, life-cycle messages of the interfaces: a line for each entry would be too much.
+constexpr const char* kTraceFilter = "*/1;*Interface/1-2";
+
+void reportFinished(const LoadFigures& figures) {
+    if (figures.failed == 0) {
+        logLine(
+            fmt::format("policy {}: all {} changes acknowledged", figures.file, figures.complete));
+        return;
+    }
+    logLine(
+        fmt::format("policy {}: {} changes acknowledged, {} failed for want of a counter or "
+                    "policer, first {}; they are tried again at the next reload",
+                    figures.file, figures.complete, figures.failed, figures.firstFailure));
+}
+
+}  // namespace
+
+void logLine(const std::string& text) {
+    const std::string line = "vorn-agent: " + text + "\n";
+    std::fputs(line.c_str(), stderr);
+}
+
+AgentProcess::AgentProcess(const Options& options)
+    : signals_(loop_.io(), SIGHUP, SIGTERM, SIGINT), policyPath_(options.policy) {
+    if (std::getenv("VORN_TRACE") == nullptr)
+        Brumo::traceFilterIs(kTraceFilter);
+    checkStateDirectory(options.stateDirectory);
+    const auto policy = std::make_shared<const CompiledPolicy>(loadPolicy(options.policy));
+    const Plugin plugin = loadPlugin(options.plugin);
+
+    tables_ = std::make_unique<Tables>(options, plugin, loop_);
+    loader_ = std::make_unique<PolicyLoader>(tables_->units(), reportFinished);
+    bell_ = std::make_unique<KivShimo::Doorbell>(tables_->group().agentDoorbellPath());
+    const int descriptor = ::dup(bell_->fd());
+    if (descriptor < 0)
+        throw std::system_error(errno, std::generic_category(), bell_->path());
+    bellDescriptor_.emplace(loop_.io(), descriptor);
+    load(policy);
+    tables_->counters().sweepUnclaimed();
+    tables_->policers().sweepUnclaimed();
+    control_ =
+        std::make_unique<ControlSocket>(loop_.io(), options.stateDirectory + "/agent.sock",
+                                        [this](const Json& request) { return answer(request); });
+    waitForSignal();
+    waitForBell();
+    KivShimo::ring(tables_->group().hardwareDoorbellPath());
+}
+
+AgentProcess::~AgentProcess() = default;
+
+void AgentProcess::run() {
+    loop_.run([this] { return mayBlock(); },
+              [this] {
+                  tables_->group().awake();
+                  // What arrived while the hardware side rang for something else.
+                  tables_->group().acknowledgementsArrived();
+              });
+    logLine("ends");
+}
+
+bool AgentProcess::mayBlock() {
+    if (tables_->group().sleepPrepared())
+        return true;
+    tables_->group().acknowledgementsArrived();
+    return false;
+}
+
+void AgentProcess::waitForSignal() {
+    signals_.async_wait([this](const asio::error_code& error, int signal) {
+        if (error)
+            return;
+        if (signal != SIGHUP) {
+            loop_.stop();
+            return;
+        }
+        try {
+            reload(policyPath_);
+        } catch (const PolicyError& wrong) {
+            for (const std::string& line : wrong.lines())
+                logLine(line);
+            logLine(fmt::format("policy {} has errors, the one before stays", policyPath_));
+        }
+        waitForSignal();
+    });
+}
+
+void AgentProcess::waitForBell() {
+    bellDescriptor_->async_wait(asio::posix::descriptor_base::wait_read,
+                                [this](const asio::error_code& error) {
+                                    if (error)
+                                        return;
+                                    bell_->drain();
+                                    tables_->group().acknowledgementsArrived();
+                                    waitForBell();
+                                });
+}
+
+void AgentProcess::load(std::shared_ptr<const CompiledPolicy> policy) {
+    const LoadFigures& figures = loader_->load(std::move(policy));
+    logLine(fmt::format("policy {}: {} written, {} removed, {} unchanged on {} units", figures.file,
+                        figures.written, figures.removed, figures.unchanged,
+                        loader_->units().size()));
+}
+
+void AgentProcess::reload(const std::string& path) {
+    load(std::make_shared<const CompiledPolicy>(loadPolicy(path)));
+    policyPath_ = path;
+}
+
+Json AgentProcess::answer(const Json& request) {
+    const std::string command = textMember(request, "cmd");
+    if (command == "status")
+        return statusJson(*tables_, *loader_);
+    if (command == "resources")
+        return resourcesJson(*tables_);
+    if (command == "reload") {
+        reload(request.contains("policy") ? textMember(request, "policy") : policyPath_);
+        return {{"load", loadJson(loader_->figures())}};
+    }
+    if (command == "move" || command == "fail" || command == "restore") {
+        changeResource(*tables_, command, request);
+        return Json::object();
+    }
+    throw std::runtime_error(fmt::format("there is no command \"{}\"", command));
+}
+
+}  // namespace Agent

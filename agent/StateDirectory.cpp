@@ -1,0 +1,32 @@
+#include "agent/StateDirectory.h"
+
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include <fmt/format.h>
+
+namespace Agent {
+
+void checkStateDirectory(const std::string& path) {
+    const auto fail = [&](std::string_view why) {
+        throw StateDirectoryError(fmt::format("state directory {}: {}", path, why));
+    };
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0)
+        fail(std::strerror(errno));
+    if (!S_ISDIR(status.st_mode))
+        fail("it is no directory");
+    if (status.st_uid != ::geteuid())
+        fail(fmt::format("it belongs to user {}, not to user {}", status.st_uid, ::geteuid()));
+    if (::access(path.c_str(), R_OK | W_OK | X_OK) != 0)
+        fail(fmt::format("it is not writable: {}", std::strerror(errno)));
+    constexpr std::size_t kLongestSocketName = sizeof("/agent.sock");
+    if (path.size() + kLongestSocketName > sizeof(sockaddr_un{}.sun_path))
+        fail("the path is too long for the sockets in it");
+}
+
+}  // namespace Agent

@@ -1,0 +1,72 @@
+#include "agent/Tables.h"
+
+#include "platform/asic/Constants.h"
+#include "platform/kivshimo/EntityManager.h"
+#include "platform/regdb/EntityManager.h"
+
+namespace Agent {
+
+namespace {
+
+constexpr std::string_view kSystemName = "vorn";
+constexpr std::string_view kAgentName = "VornPolicyCpu";
+constexpr std::string_view kGroupName = "VornPolicyCpuGroup";
+constexpr std::uint16_t kAgentAndGroupId = 0x2C08;
+
+const std::string kCounterTable = "CrpsIndexRequest.CpuTrafficPolicyIngress";
+const std::string kPolicerTable = "PolicerIndexRequest.VornPolicyCpu";
+
+}  // namespace
+
+Tables::Tables(const Options& options, const Plugin& plugin, Kiv::EventLoop& loop) {
+    const std::string system(kSystemName);
+    // Both: which of them is used depends on the environment.
+    KivShimo::EntityManager::rootIs(system, true, options.stateDirectory);
+    KivShimo::EntityManager::rootIs(system, false, options.stateDirectory);
+    if (options.capacity != 0)
+        KivShimo::EntityManager::capacityCeilingIs(options.capacity);
+
+    const auto database = Brumo::make<Regdb::EntityManager>(system, true);
+    relaunch_ = Brumo::make<Asic::GenId>();
+    database->entityIs("hardware/crest/agent/relaunch/config/" + std::string(kAgentName),
+                       relaunch_);
+    interface_ = Brumo::make<Asic::OrderedTableInterface>(database, std::string(kAgentName), loop);
+    group_ = interface_->makeGroupIntf(std::string(kGroupName), kAgentAndGroupId);
+    makeResourceTables(options, loop);
+
+    actions_ = plugin.actions(interface_);
+    ipv4_ = plugin.ipv4(interface_);
+    ipv6_ = plugin.ipv6(interface_);
+    for (const Asic::UnitId unit : options.units) {
+        units_.push_back({unit, actions_->makeTable(unit, false), ipv4_->makeTable(unit, false),
+                          ipv6_->makeTable(unit, false)});
+    }
+    ipv4_->reconcile();
+    ipv6_->reconcile();
+    actions_->reconcile();
+}
+
+void Tables::makeResourceTables(const Options& options, Kiv::EventLoop& loop) {
+    const auto& database = interface_->entityManager();
+    counters_ = Brumo::make<Counters>(kCounterTable, database, group_, loop, options.counters);
+    interface_->resourceTableIs("VornCountersLib", kCounterTable, counters_);
+    policers_ = Brumo::make<Policers>(kPolicerTable, database, group_, loop, options.policers);
+    interface_->resourceTableIs("VornPolicerLib", kPolicerTable, policers_);
+}
+
+Tables::~Tables() {
+    units_.clear();
+    auto& families = Asic::SwTableInterfacesSingleton::instance();
+    const auto end = [&](auto& family, std::string_view name) {
+        if (family == nullptr)
+            return;
+        family->onDelete();
+        family = nullptr;
+        families.swTableIntfDel(std::string(name));
+    };
+    end(ipv6_, kV6Family);
+    end(ipv4_, kV4Family);
+    end(actions_, kActionFamily);
+}
+
+}  // namespace Agent
