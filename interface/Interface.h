@@ -16,8 +16,9 @@
 
 namespace VornPolicyCpu {
 
-template <class B> class Interface final : public TableFamily<typename B::Types> {
-  public:
+template <class B>
+class Interface final : public TableFamily<typename B::Types> {
+public:
     using SwTablePtr = Brumo::Ptr<typename B::SwTable>;
     using HelperPtr = Brumo::Ptr<SwTableHelperBase<B>>;
 
@@ -28,6 +29,7 @@ template <class B> class Interface final : public TableFamily<typename B::Types>
     static const std::string& registryName();
 
     explicit Interface(Brumo::Ptr<Asic::OrderedTableInterface> orderedTableIntf);
+    ~Interface() override;
 
     const Kiv::TypeData& typeData() const override;
 
@@ -62,14 +64,16 @@ template <class B> class Interface final : public TableFamily<typename B::Types>
                       const Brumo::Ptr<Asic::OrderedSwTableStatus>& swTableStatus);
     void swTableSetDel() { swTableSet_ = nullptr; }
 
-  private:
+private:
     void handleInitialized();
     void catchUpWithAcknowledged(Asic::GroupInterface& group);
     Brumo::Ptr<Asic::GroupInterface> groupIntf() const;
     std::optional<Asic::LogVersion> acknowledgedVersion(const Asic::GroupInterface& group) const;
     SwTablePtr existingTable(Asic::UnitId unitId, const HelperPtr& swTableHelper, bool reset);
-    template <class L> void installLinkage(typename B::SwTable& table);
-    template <class... L> void installLinkages(typename B::SwTable& table, LinkageList<L...>) {
+    template <class L>
+    void installLinkage(typename B::SwTable& table);
+    template <class... L>
+    void installLinkages(typename B::SwTable& table, LinkageList<L...>) {
         (installLinkage<L>(table), ...);
     }
 

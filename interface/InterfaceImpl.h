@@ -11,7 +11,8 @@
 
 namespace VornPolicyCpu {
 
-template <class B> const std::string& Interface<B>::registryName() {
+template <class B>
+const std::string& Interface<B>::registryName() {
     static const std::string name = "VornPolicyCpu::" + className<B>("Interface");
     return name;
 }
@@ -36,16 +37,17 @@ Interface<B>::Interface(Brumo::Ptr<Asic::OrderedTableInterface> orderedTableIntf
     handleInitialized();
 }
 
-template <class B> const Kiv::TypeData& Interface<B>::typeData() const {
+template <class B>
+const Kiv::TypeData& Interface<B>::typeData() const {
     return interfaceTypeData<B>();
 }
 
-template <class B> void Interface<B>::handleInitialized() {
+template <class B>
+void Interface<B>::handleInitialized() {
     Traces<B>::interface(8, "");
     auto& singleton = Asic::SwTableInterfacesSingleton::instance();
     if (singleton.swTableIntfHas(registryName())) {
-        Brumo::require(false,
-                       fmt::format("!singleton->swTableIntfHas( \"{}\" )", registryName()),
+        Brumo::require(false, fmt::format("!singleton->swTableIntfHas( \"{}\" )", registryName()),
                        "Interface already created");
     }
     const auto& intf = this->orderedTableIntf();
@@ -64,9 +66,11 @@ template <class B> void Interface<B>::handleInitialized() {
 }
 
 /// Cleans the log up to what the hardware side has consumed while there was no agent.
-template <class B> void Interface<B>::catchUpWithAcknowledged(Asic::GroupInterface& group) {
+template <class B>
+void Interface<B>::catchUpWithAcknowledged(Asic::GroupInterface& group) {
     const auto version = acknowledgedVersion(group);
-    if (!version.has_value()) return;
+    if (!version.has_value())
+        return;
     entryLog_->cleanupEntryLog(*version);
     Traces<B>::interface.in("handleInitialized", 3, " Cleaned entry log until table version: {}",
                             *version);
@@ -76,7 +80,8 @@ template <class B> void Interface<B>::catchUpWithAcknowledged(Asic::GroupInterfa
     }
 }
 
-template <class B> Brumo::Ptr<Asic::GroupInterface> Interface<B>::groupIntf() const {
+template <class B>
+Brumo::Ptr<Asic::GroupInterface> Interface<B>::groupIntf() const {
     const auto group = this->orderedTableIntf()->groupIntf(
         Asic::Constants::canonicalizeGroupName(groupName_, agentName_));
     Brumo::require(group != nullptr, "groupIntf");
@@ -102,7 +107,8 @@ auto Interface<B>::makeSwTable(Asic::UnitId unitId, const HelperPtr& swTableHelp
     Traces<B>::interface(8, "unitId: {}", unitId);
     const auto group = groupIntf();
     Brumo::require(group->swTableSetHas(tableId()), "groupIntf->swTableSetHas( tableId() )");
-    if (swTableSet_->swTableHas(unitId)) return existingTable(unitId, swTableHelper, reset);
+    if (swTableSet_->swTableHas(unitId))
+        return existingTable(unitId, swTableHelper, reset);
 
     const Asic::LogVersion version = acknowledgedVersion(*group).value_or(Asic::LogVersion{});
     entryLog_->mountShimoConfig(unitId, version);
@@ -110,7 +116,8 @@ auto Interface<B>::makeSwTable(Asic::UnitId unitId, const HelperPtr& swTableHelp
                                                                   tableName_, tableNamespace_);
     const SwTablePtr table = Brumo::make<typename B::SwTable>(
         name, tableId(), unitId, swTableSet_.get(), entryLog_, group->groupResolver());
-    if (swTableHelper != nullptr) table->swTableHelperIs(swTableHelper);
+    if (swTableHelper != nullptr)
+        table->swTableHelperIs(swTableHelper);
     table->statusIs(swTableStatus_);
     installLinkages(*table, typename B::Linkages{});
     if (reset) {
@@ -121,8 +128,8 @@ auto Interface<B>::makeSwTable(Asic::UnitId unitId, const HelperPtr& swTableHelp
         const std::uint32_t restored = table->entrys();
         Traces<B>::interface(2, " Restored {} entries for table: {}, unitId: {}", restored,
                              tableName_, unitId);
-        RingTrace::record(" Restored {} entries for table: " + tableName_ + ", unitId: {}", restored,
-                          unitId.value);
+        RingTrace::record(" Restored {} entries for table: " + tableName_ + ", unitId: {}",
+                          restored, unitId.value);
     }
     swTableSet_->swTableIs(table);
     table->tableStatusVersion(version);
@@ -150,9 +157,9 @@ auto Interface<B>::existingTable(Asic::UnitId unitId, const HelperPtr& swTableHe
 template <class B>
 template <class L>
 void Interface<B>::installLinkage(typename B::SwTable& table) {
-    const auto resourceTable = Brumo::dynamicCast<typename L::ResourceTable>(
-        this->orderedTableIntf()->resourceTable(std::string(L::kResourceLibrary),
-                                                std::string(L::kResourceTable)));
+    const auto resourceTable =
+        Brumo::dynamicCast<typename L::ResourceTable>(this->orderedTableIntf()->resourceTable(
+            std::string(L::kResourceLibrary), std::string(L::kResourceTable)));
     Brumo::require(resourceTable != nullptr, "resourceTable",
                    fmt::format("{}::{}", L::kResourceLibrary, L::kResourceTable));
     const auto client = resourceTable->makeClientInstance();
@@ -165,7 +172,8 @@ void Interface<B>::installLinkage(typename B::SwTable& table) {
     table.template linkageIs<L>(Brumo::make<Linkage<B, L>>(&table, client));
 }
 
-template <class B> void Interface<B>::reconcile() {
+template <class B>
+void Interface<B>::reconcile() {
     Traces<B>::interface(8, "");
     const auto& stateDatabase = this->orderedTableIntf()->entityManager();
     const auto shimoManager =
@@ -173,17 +181,19 @@ template <class B> void Interface<B>::reconcile() {
     const std::string base = Asic::Constants::canonicalGroupTableConfigShimoPathBase(
         Asic::Constants::canonicalizeGroupName(groupName_, agentName_));
     const auto entities = shimoManager->entitiesBelow(base);
-    Traces<B>::interface(3, " No. of config entities found: {}, in shimo path: {}",
-                         entities.size(), base);
+    Traces<B>::interface(3, " No. of config entities found: {}, in shimo path: {}", entities.size(),
+                         base);
     for (const std::string& path : entities) {
         const auto unit = Asic::Constants::getUnitIdFromConfigPath(path);
-        if (!unit.has_value() || swTableSet_->swTableHas(*unit)) continue;
+        if (!unit.has_value() || swTableSet_->swTableHas(*unit))
+            continue;
         Traces<B>::interface(3, " Found inactive unit id: {} ", *unit);
         makeSwTable(*unit, nullptr, true);
     }
 }
 
-template <class B> void Interface<B>::onDelete() {
+template <class B>
+void Interface<B>::onDelete() {
     Traces<B>::interface(2, " onDelete ");
     this->orderedTableIntf()->swTableIntfDel(registryName());
 }
@@ -196,7 +206,8 @@ void Interface<B>::entryLogIs(Asic::SwTableId tableId,
     entryLog_ = entryLogFactory<B>(tableId, entityManager, groupInterface, agentName);
 }
 
-template <class B> void Interface<B>::swTableStatusIs(Asic::SwTableId tableId) {
+template <class B>
+void Interface<B>::swTableStatusIs(Asic::SwTableId tableId) {
     swTableStatus_ = Brumo::make<Asic::OrderedSwTableStatus>(tableId);
 }
 

@@ -37,7 +37,8 @@ bool OrderedSwTableAccessor<B>::isResolverEntryResolved(Table& table, Resolver& 
     }
     if (!isEntryDelete) {
         table.setRsrcPtrs(wrapper, true);
-        if (!resAccessorCheckResolved(resolverEntry, linkages...)) return false;
+        if (!resAccessorCheckResolved(resolverEntry, linkages...))
+            return false;
     }
     Traces<B>::engine(3, "key: {}, isEntryDeleted: {}, isTableDeleted: {}, resolved: true",
                       wrapper->key(), isEntryDelete, resolverEntry.isTableDeleted());
@@ -50,18 +51,18 @@ template <class... L>
 bool OrderedSwTableAccessor<B>::resAccessorCheckResolved(Resolver& resolverEntry,
                                                          const L&... linkages) {
     const ConstWrapperPtr wrapper = resolverEntry.entryWrapper();
-    if (wrapper == nullptr) return true;
+    if (wrapper == nullptr)
+        return true;
     bool resolved = true;
     runOnAllResourceLinkages(
         [&](const auto& linkage) {
-            if (!resolved ||
-                linkage.entryResolutionState(wrapper) != Asic::EntryState::created) {
+            if (!resolved || linkage.entryResolutionState(wrapper) != Asic::EntryState::created) {
                 return;
             }
-            Traces<B>::engine.in("resAccessorCheckResolved", 3, "SwTable key: {}, resourceKey: {} is still unresolved!",
-                              wrapper->key(), linkage.resourceKeyFromEntry(wrapper->entry()));
-            resolverEntry.blockerIs(
-                {Asic::Blocker::Cause::resource, linkage.resourceOf(*wrapper)});
+            Traces<B>::engine.in("resAccessorCheckResolved", 3,
+                                 "SwTable key: {}, resourceKey: {} is still unresolved!",
+                                 wrapper->key(), linkage.resourceKeyFromEntry(wrapper->entry()));
+            resolverEntry.blockerIs({Asic::Blocker::Cause::resource, linkage.resourceOf(*wrapper)});
             resolved = false;
         },
         linkages...);
@@ -76,12 +77,12 @@ bool OrderedSwTableAccessor<B>::checkResolveSuccess(const ConstWrapperPtr& wrapp
     bool succeeded = true;
     runOnAllResourceLinkages(
         [&](const auto& linkage) {
-            if (!succeeded ||
-                linkage.entryResolutionState(wrapper) == Asic::EntryState::complete) {
+            if (!succeeded || linkage.entryResolutionState(wrapper) == Asic::EntryState::complete) {
                 return;
             }
-            Traces<B>::engine.in("checkResolveSuccess", 3, "SwTable key: {}, resourceKey: {} has failed resolution!",
-                              wrapper->key(), linkage.resourceKeyFromEntry(wrapper->entry()));
+            Traces<B>::engine.in("checkResolveSuccess", 3,
+                                 "SwTable key: {}, resourceKey: {} has failed resolution!",
+                                 wrapper->key(), linkage.resourceKeyFromEntry(wrapper->entry()));
             succeeded = false;
         },
         linkages...);
@@ -130,8 +131,9 @@ void OrderedSwTableAccessor<B>::failOnDependency(const Resolver& change, const H
         Traces<B>::engine.in("commitEntry", 1, "Failed to commit entry remove all operation");
     } else {
         Traces<B>::engine.in("commitEntry", 1, "Failed dependent entry for key: {}",
-                                change.entryWrapper()->key());
-        Traces<B>::engine.in("commitEntry", 1, "Failed to commit entry key: {}", change.entryWrapper()->key());
+                             change.entryWrapper()->key());
+        Traces<B>::engine.in("commitEntry", 1, "Failed to commit entry key: {}",
+                             change.entryWrapper()->key());
     }
     answer(handle, Asic::EntryState::failed);
 }
@@ -150,9 +152,8 @@ void OrderedSwTableAccessor<B>::commitTableDelete(Table& table, const Resolver& 
         needed->add(change.dependantEntryHandle()->entryTableVersion());
     }
     delAllEntries(table, true, needed, handle, linkages...);
-    table.transientRemoveAllVersionIs(inFlight.value == 0
-                                          ? Asic::MajorVersion{}
-                                          : Asic::MajorVersion{inFlight.value - 1});
+    table.transientRemoveAllVersionIs(inFlight.value == 0 ? Asic::MajorVersion{}
+                                                          : Asic::MajorVersion{inFlight.value - 1});
 }
 
 template <class B>
@@ -184,15 +185,15 @@ template <class... L>
 void OrderedSwTableAccessor<B>::commitWrite(Table& table, const Resolver& change,
                                             const HandlePtr& handle, const L&... linkages) {
     const WrapperPtr& wrapper = change.entryWrapper();
-    if (!finalizeWrite(table, wrapper, handle, linkages...)) return;
+    if (!finalizeWrite(table, wrapper, handle, linkages...))
+        return;
     const NeededPtr needed = table.getNeededEntrySet(wrapper);
     const Entry committed = table.entryFromConfig(wrapper->key());
     if (change.dependantEntryHandle() != nullptr) {
         needed->add(change.dependantEntryHandle()->entryTableVersion());
     }
-    const Asic::LogVersion version =
-        table.entryLog()->entryIs(wrapper->logEntry(), wrapper->rsrcKeys(), needed, table.unitId(),
-                                  table.stats(), false);
+    const Asic::LogVersion version = table.entryLog()->entryIs(
+        wrapper->logEntry(), wrapper->rsrcKeys(), needed, table.unitId(), table.stats(), false);
     handle->logVersionIs(version);
     if (version > table.entryLog()->cleanedUpTo()) {
         queueInLog(table, handle);
@@ -218,7 +219,8 @@ bool OrderedSwTableAccessor<B>::finalizeWrite(Table& table, const WrapperPtr& wr
     table.stats()->resolveFailCntInc(1);
     const bool commitAllTheSame = wrapper->finalizeOnFailure(tablePtr, false) != 0;
     clearTransient(table, wrapper->key(), handle->entryVersion(), false);
-    if (commitAllTheSame) return true;
+    if (commitAllTheSame)
+        return true;
     Traces<B>::engine.in("commitEntry", 1, "Failed to commit entry key: {}", wrapper->key());
     answer(handle, Asic::EntryState::failed);
     return false;
@@ -230,7 +232,8 @@ void OrderedSwTableAccessor<B>::clearTransient(Table& table, const Key& key,
                                                Asic::EntryVersion version, bool isRemove) {
     const WrapperPtr staged =
         isRemove ? table.transientRemoveEntry(key) : table.transientAddEntry(key);
-    if (staged == nullptr || !staged->entryHandle()->entryVersion().isEq(version)) return;
+    if (staged == nullptr || !staged->entryHandle()->entryVersion().isEq(version))
+        return;
     if (isRemove) {
         table.transientRemoveEntryDel(key);
     } else {
@@ -250,7 +253,8 @@ template <class B>
 void OrderedSwTableAccessor<B>::answer(const HandlePtr& handle, Asic::EntryState state) {
     handle->entryStateIs(state);
     const ResponseHandler handler = handle->responseHandler();
-    if (handler) handler(handle);
+    if (handler)
+        handler(handle);
 }
 
 }  // namespace VornPolicyCpu

@@ -18,13 +18,16 @@
 namespace VornPolicyCpu {
 
 /// One resource slot a linkage.
-template <class Linkages> struct ResourceSlots;
-template <class... L> struct ResourceSlots<LinkageList<L...>> {
+template <class Linkages>
+struct ResourceSlots;
+template <class... L>
+struct ResourceSlots<LinkageList<L...>> {
     std::tuple<Brumo::Ptr<const typename L::ResourceHandle>...> slots;
 };
 
-template <class B> class EntryWrapper : public Brumo::RefCounted {
-  public:
+template <class B>
+class EntryWrapper : public Brumo::RefCounted {
+public:
     using Key = typename B::Key;
     using Entry = typename B::Entry;
     using Handle = typename SwTable<B>::EntryHandle;
@@ -45,10 +48,12 @@ template <class B> class EntryWrapper : public Brumo::RefCounted {
     auto rsrcKeys() const { return entry_.resourceKeys(); }
 
     /// The slot of the linkage bound by L; null until that linkage has resolved the entry.
-    template <class L> const Brumo::Ptr<const typename L::ResourceHandle>& resource() const {
+    template <class L>
+    const Brumo::Ptr<const typename L::ResourceHandle>& resource() const {
         return std::get<slotIndex<L>(typename B::Linkages{})>(resources_.slots);
     }
-    template <class L> void resourceIs(Brumo::Ptr<const typename L::ResourceHandle> handle) {
+    template <class L>
+    void resourceIs(Brumo::Ptr<const typename L::ResourceHandle> handle) {
         std::get<slotIndex<L>(typename B::Linkages{})>(resources_.slots) = std::move(handle);
     }
 
@@ -65,21 +70,26 @@ template <class B> class EntryWrapper : public Brumo::RefCounted {
 
     std::string toText() const { return entry_.toText(); }
 
-  private:
-    template <class Wanted, class... L> static constexpr std::size_t slotIndex(LinkageList<L...>) {
+private:
+    template <class Wanted, class... L>
+    static constexpr std::size_t slotIndex(LinkageList<L...>) {
         std::size_t index = 0;
         static_cast<void>(((std::is_same_v<Wanted, L> || (++index, false)) || ...));
         return index;
     }
-    template <class... L> void setResolvedFields(LinkageList<L...>) {
+    template <class... L>
+    void setResolvedFields(LinkageList<L...>) {
         (L::setResolvedFields(entry_, resource<L>().get()), ...);
     }
-    template <class... L> void retrieveClientData(LinkageList<L...>) {
+    template <class... L>
+    void retrieveClientData(LinkageList<L...>) {
         (retrieveClientDataOf<L>(), ...);
     }
-    template <class L> void retrieveClientDataOf() {
+    template <class L>
+    void retrieveClientDataOf() {
         const auto& handle = resource<L>();
-        if (handle == nullptr) return;
+        if (handle == nullptr)
+            return;
         if constexpr (requires { handle->clientData(); }) {
             Traces<B>::entryWrapper(3, " Setting clientData to: {} ", handle->clientData());
         }
@@ -97,7 +107,8 @@ void EntryWrapper<B>::finalizeOnSuccess(const Brumo::Ptr<const typename B::SwTab
                                         bool isDeleted) {
     Traces<B>::entryWrapper(8, " key: {} isDeleted: {}", key(), isDeleted);
     isDeleted_ = isDeleted;
-    if (!isDeleted) setResolvedFields();
+    if (!isDeleted)
+        setResolvedFields();
     const Brumo::Ptr<SwTableHelperBase<B>> helper = swTable->swTableHelper();
     const Brumo::Ptr<const typename B::EntryWrapper> self(
         static_cast<const typename B::EntryWrapper*>(this));

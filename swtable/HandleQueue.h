@@ -23,10 +23,13 @@
 namespace VornPolicyCpu {
 
 /// Whether number `a` is `b` or comes after it.
-constexpr bool serialAtOrAfter(std::uint32_t a, std::uint32_t b) { return a - b < 0x7FFFFFFFU; }
+constexpr bool serialAtOrAfter(std::uint32_t a, std::uint32_t b) {
+    return a - b < 0x7FFFFFFFU;
+}
 
-template <class T> class HandleQueue {
-  public:
+template <class T>
+class HandleQueue {
+public:
     HandleQueue() { link(Brumo::make<Segment>(kFirstNumber, 0U)); }
     HandleQueue(const HandleQueue&) = delete;
     HandleQueue& operator=(const HandleQueue&) = delete;
@@ -43,7 +46,8 @@ template <class T> class HandleQueue {
         if (back_->full()) {
             const Brumo::Ptr<Segment> before(back_);
             link(Brumo::make<Segment>(back_->next(), capacityFor(size_)));
-            if (before->slots.empty()) unlinkFront();
+            if (before->slots.empty())
+                unlinkFront();
         }
         back_->slots[back_->fill] = std::move(element);
         ++back_->fill;
@@ -53,45 +57,47 @@ template <class T> class HandleQueue {
 
     /// Removes and returns the front element; null when there is none.
     Brumo::Ptr<T> dequeue() {
-        if (empty()) return nullptr;
+        if (empty())
+            return nullptr;
         Segment& segment = front();
         Brumo::Ptr<T> element = std::move(segment.slots[segment.read]);
         ++segment.read;
         --size_;
         if (segment.read == segment.fill) {
-            if (size_ == 0) link(Brumo::make<Segment>(segment.next(), 0U));
+            if (size_ == 0)
+                link(Brumo::make<Segment>(segment.next(), 0U));
             unlinkFront();
         }
         return element;
     }
 
-    Brumo::Ptr<T> frontElement() const {
-        return empty() ? nullptr : front().slots[front().read];
-    }
-    Brumo::Ptr<T> backElement() const {
-        return empty() ? nullptr : back_->slots[back_->fill - 1U];
-    }
+    Brumo::Ptr<T> frontElement() const { return empty() ? nullptr : front().slots[front().read]; }
+    Brumo::Ptr<T> backElement() const { return empty() ? nullptr : back_->slots[back_->fill - 1U]; }
 
     /// The front element's number; the next one to be given when the queue is empty.
     std::uint32_t frontNumber() const { return front().firstNumber + front().read; }
 
     /// The element of that number; null when it is not in the queue.
     Brumo::Ptr<T> at(std::uint32_t number) const {
-        if (!has(number)) return nullptr;
+        if (!has(number))
+            return nullptr;
         const Segment* segment = &front();
-        while (serialAtOrAfter(number, segment->next())) segment = segment->successor;
+        while (serialAtOrAfter(number, segment->next()))
+            segment = segment->successor;
         return segment->slots[number - segment->firstNumber];
     }
 
     /// True exactly for the numbers from the front's to the back's.
     bool has(std::uint32_t number) const {
-        if (empty()) return false;
+        if (empty())
+            return false;
         return serialAtOrAfter(number, front().firstNumber + front().read) &&
                !serialAtOrAfter(number, back_->next());
     }
 
     void clear() {
-        while (!empty()) dequeue();
+        while (!empty())
+            dequeue();
     }
 
     /// Slots of each segment from front to back, for tests.
@@ -105,7 +111,7 @@ template <class T> class HandleQueue {
         return result;
     }
 
-  private:
+private:
     static constexpr std::uint32_t kFirstNumber = 1;
     static constexpr std::size_t kSmallest = 4;
     static constexpr std::size_t kLargest = 8192;
@@ -113,7 +119,8 @@ template <class T> class HandleQueue {
     struct Segment final : Brumo::RefCounted {
         Segment(std::uint32_t number, std::size_t capacity)
             : firstNumber(number), read(0), fill(0), slots(capacity) {
-            if (capacity > 0) Brumo::require(std::has_single_bit(capacity), "isPowerOfTwo( i )");
+            if (capacity > 0)
+                Brumo::require(std::has_single_bit(capacity), "isPowerOfTwo( i )");
         }
         ~Segment() override { Brumo::require(!linked(), "!linked()"); }
 
@@ -140,7 +147,8 @@ template <class T> class HandleQueue {
     void link(Brumo::Ptr<Segment> segment) {
         Segment* added = segment.detach();
         added->successor = back_ == nullptr ? added : back_->successor;
-        if (back_ != nullptr) back_->successor = added;
+        if (back_ != nullptr)
+            back_->successor = added;
         back_ = added;
     }
 

@@ -9,8 +9,9 @@
 
 namespace VornPolicyCpu {
 
-template <class B> class SwTableIteratorState final : public Asic::SwTableIteratorStateBase {
-  public:
+template <class B>
+class SwTableIteratorState final : public Asic::SwTableIteratorStateBase {
+public:
     explicit SwTableIteratorState(Brumo::Ptr<const typename B::SwTable> swTable)
         : swTable_(std::move(swTable)) {}
 
@@ -23,7 +24,7 @@ template <class B> class SwTableIteratorState final : public Asic::SwTableIterat
     }
     void bookmarkDel() { clear(kBookmarkSet); }
 
-  private:
+private:
     Brumo::Ptr<const typename B::SwTable> swTable_;
     typename B::Key bookmark_{};
 };

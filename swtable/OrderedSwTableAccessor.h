@@ -12,7 +12,8 @@
 
 namespace VornPolicyCpu {
 
-template <class B> struct OrderedSwTableAccessor {
+template <class B>
+struct OrderedSwTableAccessor {
     using Table = typename B::SwTable;
     using Key = typename B::Key;
     using Entry = typename B::Entry;
@@ -64,7 +65,8 @@ template <class B> struct OrderedSwTableAccessor {
                                              HandlePtr& handle);
     template <class... L>
     static NeededPtr getNeededEntrySet(const ConstWrapperPtr& wrapper, const L&... linkages);
-    template <class... L> static void restoreEntries(Table& table, const L&... linkages);
+    template <class... L>
+    static void restoreEntries(Table& table, const L&... linkages);
     template <class... L>
     static ConstHandlePtr updateEntry(Table& table, const Key& key, const L&... linkages);
     template <class... L>
@@ -72,7 +74,7 @@ template <class B> struct OrderedSwTableAccessor {
                               const Brumo::Ptr<const Asic::NeededEntry>& needed, HandlePtr& handle,
                               const L&... linkages);
 
-  private:
+private:
     // Steps of the above, in the order of their use.
 
     static Asic::EntryVersion nextVersion(Table& table, const Key& key,
@@ -82,6 +84,7 @@ template <class B> struct OrderedSwTableAccessor {
     static void enqueue(Table& table, const DependencyPtr& dependency, Asic::EntryFlags flags,
                         const WrapperPtr& wrapper);
     static void updateGroupAndFamily(Table& table);
+    static void updateFamily(Table& table);
 
     template <class... L>
     static bool resAccessorCheckResolved(Resolver& resolverEntry, const L&... linkages);
@@ -105,7 +108,8 @@ template <class B> struct OrderedSwTableAccessor {
     static void queueInLog(Table& table, const HandlePtr& handle);
     static void answer(const HandlePtr& handle, Asic::EntryState state);
 
-    template <class Visit> static void forEachCommitted(Table& table, Visit&& visit);
+    template <class Visit>
+    static void forEachCommitted(Table& table, Visit&& visit);
 };
 
 /// Calls `action` on every linkage that is installed, in order.

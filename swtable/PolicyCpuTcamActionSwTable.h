@@ -81,9 +81,11 @@ Brumo::Ptr<PolicyCpuTcamActionSwTable> PolicyCpuTcamActionSwTableIs(
 
 /// Wraps an entry for its change.
 Brumo::Ptr<PolicyCpuTcamActionEntryWrapper> policyCpuTcamActionEntryWrapperFactory(
-    const PolicyCpuTcamActionEntry& entry, const Brumo::Ptr<PolicyCpuTcamActionSwTable::EntryHandle>& entryHandle);
+    const PolicyCpuTcamActionEntry& entry,
+    const Brumo::Ptr<PolicyCpuTcamActionSwTable::EntryHandle>& entryHandle);
 Brumo::Ptr<PolicyCpuTcamActionEntryWrapper> PolicyCpuTcamActionEntryWrapperIs(
-    const PolicyCpuTcamActionEntry& entry, const Brumo::Ptr<PolicyCpuTcamActionSwTable::EntryHandle>& entryHandle);
+    const PolicyCpuTcamActionEntry& entry,
+    const Brumo::Ptr<PolicyCpuTcamActionSwTable::EntryHandle>& entryHandle);
 
 /// Makes what the group resolver queues of a change.
 Brumo::Ptr<PolicyCpuTcamActionResolverEntry> policyCpuTcamActionResolverEntryFactory(

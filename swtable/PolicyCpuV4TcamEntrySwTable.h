@@ -32,9 +32,11 @@ Brumo::Ptr<PolicyCpuV4TcamEntrySwTable> PolicyCpuV4TcamEntrySwTableIs(
 
 /// Wraps an entry for its change.
 Brumo::Ptr<PolicyCpuV4TcamEntryEntryWrapper> policyCpuV4TcamEntryEntryWrapperFactory(
-    const PolicyCpuV4TcamEntryEntry& entry, const Brumo::Ptr<PolicyCpuV4TcamEntrySwTable::EntryHandle>& entryHandle);
+    const PolicyCpuV4TcamEntryEntry& entry,
+    const Brumo::Ptr<PolicyCpuV4TcamEntrySwTable::EntryHandle>& entryHandle);
 Brumo::Ptr<PolicyCpuV4TcamEntryEntryWrapper> PolicyCpuV4TcamEntryEntryWrapperIs(
-    const PolicyCpuV4TcamEntryEntry& entry, const Brumo::Ptr<PolicyCpuV4TcamEntrySwTable::EntryHandle>& entryHandle);
+    const PolicyCpuV4TcamEntryEntry& entry,
+    const Brumo::Ptr<PolicyCpuV4TcamEntrySwTable::EntryHandle>& entryHandle);
 
 /// Makes what the group resolver queues of a change.
 Brumo::Ptr<PolicyCpuV4TcamEntryResolverEntry> policyCpuV4TcamEntryResolverEntryFactory(
@@ -51,7 +53,8 @@ Brumo::Ptr<PolicyCpuV4TcamEntrySwTableHelperBase> policyCpuV4TcamEntrySwTableHel
 Brumo::Ptr<PolicyCpuV4TcamEntrySwTableHelperBase> PolicyCpuV4TcamEntrySwTableHelperBaseIs();
 
 /// Makes the state of a walk that has not begun.
-Brumo::Ptr<PolicyCpuV4TcamEntrySwTableIteratorState> policyCpuV4TcamEntrySwTableIteratorStateFactory(
+Brumo::Ptr<PolicyCpuV4TcamEntrySwTableIteratorState>
+policyCpuV4TcamEntrySwTableIteratorStateFactory(
     const Brumo::Ptr<const PolicyCpuV4TcamEntrySwTable>& swTable);
 
 }  // namespace VornPolicyCpu

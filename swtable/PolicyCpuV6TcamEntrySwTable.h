@@ -32,9 +32,11 @@ Brumo::Ptr<PolicyCpuV6TcamEntrySwTable> PolicyCpuV6TcamEntrySwTableIs(
 
 /// Wraps an entry for its change.
 Brumo::Ptr<PolicyCpuV6TcamEntryEntryWrapper> policyCpuV6TcamEntryEntryWrapperFactory(
-    const PolicyCpuV6TcamEntryEntry& entry, const Brumo::Ptr<PolicyCpuV6TcamEntrySwTable::EntryHandle>& entryHandle);
+    const PolicyCpuV6TcamEntryEntry& entry,
+    const Brumo::Ptr<PolicyCpuV6TcamEntrySwTable::EntryHandle>& entryHandle);
 Brumo::Ptr<PolicyCpuV6TcamEntryEntryWrapper> PolicyCpuV6TcamEntryEntryWrapperIs(
-    const PolicyCpuV6TcamEntryEntry& entry, const Brumo::Ptr<PolicyCpuV6TcamEntrySwTable::EntryHandle>& entryHandle);
+    const PolicyCpuV6TcamEntryEntry& entry,
+    const Brumo::Ptr<PolicyCpuV6TcamEntrySwTable::EntryHandle>& entryHandle);
 
 /// Makes what the group resolver queues of a change.
 Brumo::Ptr<PolicyCpuV6TcamEntryResolverEntry> policyCpuV6TcamEntryResolverEntryFactory(
@@ -51,7 +53,8 @@ Brumo::Ptr<PolicyCpuV6TcamEntrySwTableHelperBase> policyCpuV6TcamEntrySwTableHel
 Brumo::Ptr<PolicyCpuV6TcamEntrySwTableHelperBase> PolicyCpuV6TcamEntrySwTableHelperBaseIs();
 
 /// Makes the state of a walk that has not begun.
-Brumo::Ptr<PolicyCpuV6TcamEntrySwTableIteratorState> policyCpuV6TcamEntrySwTableIteratorStateFactory(
+Brumo::Ptr<PolicyCpuV6TcamEntrySwTableIteratorState>
+policyCpuV6TcamEntrySwTableIteratorStateFactory(
     const Brumo::Ptr<const PolicyCpuV6TcamEntrySwTable>& swTable);
 
 }  // namespace VornPolicyCpu

@@ -26,30 +26,38 @@ template <class B>
 auto OrderedSwTableAccessor<B>::entryFromConfig(const Table& table, const Key& key) -> Entry {
     Traces<B>::engine(8, "key: {}", key);
     const auto value = table.entryLog()->configEntry(key, table.unitId());
-    if (!value.has_value() || value->inDeletion) return Entry{};
+    if (!value.has_value() || value->inDeletion)
+        return Entry{};
     return Entry::from(value->logEntry, value->rsrcKeys);
 }
 
 template <class B>
 bool OrderedSwTableAccessor<B>::entryHas(const Table& table, const Key& key) {
     Traces<B>::engine(8, "key: {}", key);
-    if (table.transientAddEntry(key) != nullptr) return true;
-    if (table.transientRemoveEntry(key) != nullptr) return false;
-    if (table.transientRemoveAllVersion().valid()) return false;
+    if (table.transientAddEntry(key) != nullptr)
+        return true;
+    if (table.transientRemoveEntry(key) != nullptr)
+        return false;
+    if (table.transientRemoveAllVersion().valid())
+        return false;
     return table.entryLog()->entryHas(key, table.unitId());
 }
 
-template <class B> std::uint32_t OrderedSwTableAccessor<B>::entrys(const Table& table) {
+template <class B>
+std::uint32_t OrderedSwTableAccessor<B>::entrys(const Table& table) {
     const auto staged = static_cast<std::uint32_t>(table.transientAddEntrys());
-    if (table.transientRemoveAllVersion().valid()) return staged;
+    if (table.transientRemoveAllVersion().valid())
+        return staged;
     const EntryLog<B>& log = *table.entryLog();
     std::uint32_t adds = 0;
     table.forEachTransientAdd([&](const Key& key) {
-        if (!log.entryHas(key, table.unitId())) ++adds;
+        if (!log.entryHas(key, table.unitId()))
+            ++adds;
     });
     std::uint32_t removes = 0;
     table.forEachTransientRemove([&](const Key& key) {
-        if (log.entryHas(key, table.unitId())) ++removes;
+        if (log.entryHas(key, table.unitId()))
+            ++removes;
     });
     return adds + log.entrys(table.unitId()) - removes;
 }
@@ -60,17 +68,19 @@ void OrderedSwTableAccessor<B>::tableStatusVersion(Table& table, Asic::LogVersio
     table.entryLog()->cleanupEntryLog(version);
     table.groupResolver()->updateGenId();
     while (const HandlePtr front = table.entryHandleInLogFront()) {
-        if (front->logVersion() > version) break;
+        if (front->logVersion() > version)
+            break;
         table.entryHandleInLogDeq();
         Traces<B>::engine(3, "Processing version: {}, key: {}", front->logVersion(), front->key());
         answer(front, Asic::EntryState::complete);
     }
-    table.tableSet()->maybeUpdatePendingHwWrites();
+    updateFamily(table);
 }
 
 /// The steps of a walk over a table.
-template <class B> class IterStateAccessor {
-  public:
+template <class B>
+class IterStateAccessor {
+public:
     using Entry = typename B::Entry;
     using State = SwTableIteratorState<B>;
 
@@ -79,8 +89,10 @@ template <class B> class IterStateAccessor {
     static Entry maybeUpdateCurrentEntry(State& state) {
         Traces<B>::iterator(8, "");
         Entry entry{};
-        if (state.inAddColl() && stepTransientAdd(state, entry)) return entry;
-        if (state.inTblCfg() && stepConfiguration(state, entry)) return entry;
+        if (state.inAddColl() && stepTransientAdd(state, entry))
+            return entry;
+        if (state.inTblCfg() && stepConfiguration(state, entry))
+            return entry;
         trace("  no more entries");
         state.clear(State::kCurrentEntryValid);
         state.clear(State::kInAddCollection);
@@ -88,7 +100,7 @@ template <class B> class IterStateAccessor {
         return entry;
     }
 
-  private:
+private:
     template <class... Arguments>
     static void trace(Brumo::TraceText<std::type_identity_t<Arguments>...> line,
                       const Arguments&... arguments) {
@@ -98,7 +110,8 @@ template <class B> class IterStateAccessor {
     static void leaveAddCollection(State& state) {
         trace("  done with transAdd");
         state.clear(State::kInAddCollection);
-        if (!state.has(State::kRemoveAllPending)) state.set(State::kInConfiguration);
+        if (!state.has(State::kRemoveAllPending))
+            state.set(State::kInConfiguration);
     }
 
     /// False when the staged writes held no further entry.
@@ -106,8 +119,8 @@ template <class B> class IterStateAccessor {
         Brumo::require(!state.inTblCfg(), "!iterState_->state().inTblCfg()");
         const auto& staged = state.swTable()->transientAddEntry_;
         trace("  in transientAdd collection");
-        const auto* node = state.has(State::kBookmarkSet) ? staged.lowerBound(state.bookmark())
-                                                          : staged.first();
+        const auto* node =
+            state.has(State::kBookmarkSet) ? staged.lowerBound(state.bookmark()) : staged.first();
         if (node == nullptr) {
             leaveAddCollection(state);
             return false;
@@ -130,7 +143,8 @@ template <class B> class IterStateAccessor {
         trace("  in cfgShimo collection");
         const typename B::SwTable& table = *state.swTable();
         const auto config = table.entryLog()->tableConfigShimo(table.unitId());
-        if (config == nullptr) return false;
+        if (config == nullptr)
+            return false;
         try {
             auto element = state.has(State::kBookmarkSet)
                                ? config->swTableEntriesFrom(state.bookmark())
@@ -138,7 +152,8 @@ template <class B> class IterStateAccessor {
             while (element.has_value() && hidden(table, *element)) {
                 element = config->swTableEntriesAfter(element->key());
             }
-            if (!element.has_value()) return false;
+            if (!element.has_value())
+                return false;
             state.set(State::kCurrentEntryValid);
             entry = Entry::from(element->logEntry, element->rsrcKeys);
             trace("  found entry: {}", entry);
@@ -150,7 +165,8 @@ template <class B> class IterStateAccessor {
         return true;
     }
 
-    template <class NextKey> static void bookmarkNext(State& state, const NextKey& next) {
+    template <class NextKey>
+    static void bookmarkNext(State& state, const NextKey& next) {
         if (next.has_value()) {
             state.bookmarkIs(*next);
             return;
@@ -161,23 +177,23 @@ template <class B> class IterStateAccessor {
     }
 
     /// Removed, shown before as a staged write, or deleted already.
-    template <class Value> static bool hidden(const typename B::SwTable& table, const Value& value) {
+    template <class Value>
+    static bool hidden(const typename B::SwTable& table, const Value& value) {
         return value.inDeletion || table.transientRemoveEntry_.find(value.key()) != nullptr ||
                table.transientAddEntry_.find(value.key()) != nullptr;
     }
 };
 
 /// A forward iterator over a table: `while (iterator.valid()) { *iterator; ++iterator; }`.
-template <class B> class SwTable<B>::EntryIteratorConst {
-  public:
+template <class B>
+class SwTable<B>::EntryIteratorConst {
+public:
     explicit EntryIteratorConst(Brumo::Ptr<SwTableIteratorState<B>> state)
         : state_(std::move(state)) {
         ++*this;
     }
 
-    bool valid() const {
-        return state_->has(Asic::SwTableIteratorStateBase::kCurrentEntryValid);
-    }
+    bool valid() const { return state_->has(Asic::SwTableIteratorStateBase::kCurrentEntryValid); }
     /// The default entry when the iterator is not valid.
     const Entry& operator*() const { return current_; }
     const Entry* operator->() const { return &current_; }
@@ -187,7 +203,7 @@ template <class B> class SwTable<B>::EntryIteratorConst {
     }
     const SwTableIteratorState<B>& state() const { return *state_; }
 
-  private:
+private:
     Brumo::Ptr<SwTableIteratorState<B>> state_;
     Entry current_{};
 };

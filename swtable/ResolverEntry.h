@@ -11,8 +11,9 @@
 
 namespace VornPolicyCpu {
 
-template <class B> class ResolverEntry final : public Asic::ResolverEntry {
-  public:
+template <class B>
+class ResolverEntry final : public Asic::ResolverEntry {
+public:
     ResolverEntry(Brumo::Ptr<const Asic::DependencyEntryHandle> dependantEntryHandle,
                   Asic::EntryFlags flags, typename B::SwTable* swTable,
                   Brumo::Ptr<typename B::EntryWrapper> entryWrapper)
@@ -35,7 +36,7 @@ template <class B> class ResolverEntry final : public Asic::ResolverEntry {
         return std::bit_cast<std::uint64_t>(entryWrapper_->key());
     }
 
-  private:
+private:
     typename B::SwTable* swTable_;
     Brumo::Ptr<typename B::EntryWrapper> entryWrapper_;
 };

@@ -55,7 +55,8 @@ template <class B>
 template <class Visit>
 void OrderedSwTableAccessor<B>::forEachCommitted(Table& table, Visit&& visit) {
     const auto config = table.entryLog()->tableConfigShimo(table.unitId());
-    if (config == nullptr) return;
+    if (config == nullptr)
+        return;
     const auto step = [&](auto&& read) -> decltype(config->swTableEntriesFromStart()) {
         try {
             return read();
@@ -67,7 +68,8 @@ void OrderedSwTableAccessor<B>::forEachCommitted(Table& table, Visit&& visit) {
     for (auto element = step([&] { return config->swTableEntriesFromStart(); });
          element.has_value();
          element = step([&] { return config->swTableEntriesAfter(element->key()); })) {
-        if (!element->inDeletion) visit(element->key());
+        if (!element->inDeletion)
+            visit(element->key());
     }
 }
 
@@ -76,7 +78,8 @@ template <class... L>
 void OrderedSwTableAccessor<B>::restoreEntries(Table& table, const L&... linkages) {
     if constexpr (sizeof...(L) > 0) {
         Traces<B>::engine(8, "");
-        if (table.entryLog() == nullptr) return;
+        if (table.entryLog() == nullptr)
+            return;
         forEachCommitted(table, [&](const Key& key) {
             HandlePtr handle;
             const WrapperPtr wrapper = entryWrapperFromConfig(table, key, true, handle);
@@ -135,7 +138,8 @@ void OrderedSwTableAccessor<B>::delAllEntries(Table& table, bool releaseResource
                                               HandlePtr& handle, const L&... linkages) {
     Traces<B>::engine(8, " releaseResources: {}, neededEntry:{} ", releaseResources, needed);
     const auto config = table.entryLog()->tableConfigShimo(table.unitId());
-    if (config == nullptr || config->swTableEntriesCount() == 0) return;
+    if (config == nullptr || config->swTableEntriesCount() == 0)
+        return;
     if (releaseResources) {
         forEachCommitted(table, [&](const Key& key) {
             const WrapperPtr wrapper = entryWrapperFromConfig(table, key, false, handle);

@@ -29,13 +29,16 @@
 namespace VornPolicyCpu {
 
 /// One owning pointer a linkage.
-template <class B, class Linkages> struct LinkagePtrs;
-template <class B, class... L> struct LinkagePtrs<B, LinkageList<L...>> {
+template <class B, class Linkages>
+struct LinkagePtrs;
+template <class B, class... L>
+struct LinkagePtrs<B, LinkageList<L...>> {
     std::tuple<Brumo::Ptr<Linkage<B, L>>...> linkages;
 };
 
-template <class B> class SwTable : public TableOperations<typename B::Types> {
-  public:
+template <class B>
+class SwTable : public TableOperations<typename B::Types> {
+public:
     using Base = TableOperations<typename B::Types>;
     using Key = typename B::Key;
     using Entry = typename B::Entry;
@@ -51,8 +54,8 @@ template <class B> class SwTable : public TableOperations<typename B::Types> {
     /// `tableSet` outlives the table. `groupResolver` and `entryLog` may be null in tests that use
     /// neither.
     SwTable(Brumo::Ptr<const Asic::CanonicalTableName> name, Asic::SwTableId tableId,
-            Asic::UnitId unit, Asic::OrderedSwTableSet* tableSet,
-            Brumo::Ptr<EntryLog<B>> entryLog, Brumo::Ptr<Asic::GroupResolver> groupResolver);
+            Asic::UnitId unit, Asic::OrderedSwTableSet* tableSet, Brumo::Ptr<EntryLog<B>> entryLog,
+            Brumo::Ptr<Asic::GroupResolver> groupResolver);
     ~SwTable() override;
 
     const Kiv::TypeData& typeData() const override;
@@ -143,7 +146,8 @@ template <class B> class SwTable : public TableOperations<typename B::Types> {
     void transientAddEntryDelAll();
     std::size_t transientAddEntrys() const { return transientAddEntry_.size(); }
     /// Visits the keys of the staged writes. `visit` must not change the table.
-    template <class Visit> void forEachTransientAdd(Visit&& visit) const {
+    template <class Visit>
+    void forEachTransientAdd(Visit&& visit) const {
         transientAddEntry_.forEach([&](const Key& key, const WrapperPtr&) { visit(key); });
     }
 
@@ -153,7 +157,8 @@ template <class B> class SwTable : public TableOperations<typename B::Types> {
     void transientRemoveEntryDelAll();
     std::size_t transientRemoveEntrys() const { return transientRemoveEntry_.size(); }
     /// Visits the keys of the staged removes. `visit` must not change the table.
-    template <class Visit> void forEachTransientRemove(Visit&& visit) const {
+    template <class Visit>
+    void forEachTransientRemove(Visit&& visit) const {
         transientRemoveEntry_.forEach([&](const Key& key, const WrapperPtr&) { visit(key); });
     }
 
@@ -189,16 +194,19 @@ template <class B> class SwTable : public TableOperations<typename B::Types> {
     const HandleQueue<EntryHandle>& entryHandlesInLog() const { return entryHandleInLog_; }
 
     /// Null until it is installed.
-    template <class L> const Brumo::Ptr<Linkage<B, L>>& linkage() const {
+    template <class L>
+    const Brumo::Ptr<Linkage<B, L>>& linkage() const {
         return std::get<Brumo::Ptr<Linkage<B, L>>>(linkages_.linkages);
     }
-    template <class L> void linkageIs(Brumo::Ptr<Linkage<B, L>> linkage);
+    template <class L>
+    void linkageIs(Brumo::Ptr<Linkage<B, L>> linkage);
 
     /// States what always holds; for tests, after every step.
     void assertConsistent() const;
 
-  private:
-    template <class> friend class IterStateAccessor;
+private:
+    template <class>
+    friend class IterStateAccessor;
 
     using Staged = Kiv::HashMap2018<Key, WrapperPtr>;
 
@@ -212,7 +220,8 @@ template <class B> class SwTable : public TableOperations<typename B::Types> {
         return static_cast<const typename B::SwTable&>(*this);
     }
     /// Calls `use` with this table's linkages, in their order.
-    template <class Use> decltype(auto) withLinkages(Use&& use) const {
+    template <class Use>
+    decltype(auto) withLinkages(Use&& use) const {
         return std::apply(std::forward<Use>(use), linkages_.linkages);
     }
 
@@ -229,8 +238,9 @@ template <class B> class SwTable : public TableOperations<typename B::Types> {
 };
 
 /// The handle of one change of this table.
-template <class B> class SwTable<B>::EntryHandle final : public Asic::OrderedSwTable::EntryHandle {
-  public:
+template <class B>
+class SwTable<B>::EntryHandle final : public Asic::OrderedSwTable::EntryHandle {
+public:
     EntryHandle(Asic::EntryVersion version, const Key& key, typename B::SwTable* swTable)
         : Asic::OrderedSwTable::EntryHandle(version), key_(key) {
         swTableIs(swTable);
@@ -240,9 +250,11 @@ template <class B> class SwTable<B>::EntryHandle final : public Asic::OrderedSwT
     /// Must not be used after the table has gone.
     typename B::SwTable* swTable() const { return swTable_; }
     void swTableIs(typename B::SwTable* swTable) {
-        if (swTable == swTable_) return;
+        if (swTable == swTable_)
+            return;
         swTable_ = swTable;
-        if (swTable != nullptr) tableId_ = swTable->tableId();
+        if (swTable != nullptr)
+            tableId_ = swTable->tableId();
         this->publisher().publish(Asic::OrderedSwTable::EntryHandle::kSwTable);
     }
 
@@ -261,7 +273,7 @@ template <class B> class SwTable<B>::EntryHandle final : public Asic::OrderedSwT
         return name == nullptr ? std::string() : name->name();
     }
 
-  private:
+private:
     Key key_;
     typename B::SwTable* swTable_ = nullptr;
     Asic::SwTableId tableId_;

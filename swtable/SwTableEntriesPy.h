@@ -9,16 +9,16 @@
 
 namespace VornPolicyCpu {
 
-template <class B> class SwTable<B>::SwTableEntries_py {
-  public:
+template <class B>
+class SwTable<B>::SwTableEntries_py {
+public:
     explicit SwTableEntries_py(const typename B::SwTable& table) : table_(table) {}
 
     /// The table's current entries, and those that tools have put in, as text by key order.
     std::vector<std::string> lines() const {
         std::vector<std::string> result;
         table_.forEach([&](const Entry& entry) { result.push_back(entry.toText()); });
-        added_.forEach(
-            [&](const Key&, const Entry& entry) { result.push_back(entry.toText()); });
+        added_.forEach([&](const Key&, const Entry& entry) { result.push_back(entry.toText()); });
         return result;
     }
 
@@ -26,7 +26,7 @@ template <class B> class SwTable<B>::SwTableEntries_py {
     void tableEntriesDel(const Key& key) { added_.erase(key); }
     void tableEntriesDelAll() { added_.clear(); }
 
-  private:
+private:
     const typename B::SwTable& table_;
     Kiv::HashMap2018<Key, Entry> added_;
 };

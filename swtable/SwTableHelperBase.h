@@ -1,7 +1,7 @@
 // The hooks through which feature code learns, and decides, what becomes of each change.
 //
-// Event thread only. A table holds one helper; feature code installs its own with swTableHelperIs().
-// Hooks may call back into the table.
+// Event thread only. A table holds one helper; feature code installs its own with
+// swTableHelperIs(). Hooks may call back into the table.
 #pragma once
 
 #include <cstdint>
@@ -10,8 +10,9 @@
 
 namespace VornPolicyCpu {
 
-template <class B> class SwTableHelperBase : public Brumo::RefCounted {
-  public:
+template <class B>
+class SwTableHelperBase : public Brumo::RefCounted {
+public:
     using WrapperPtr = Brumo::Ptr<const typename B::EntryWrapper>;
     using TablePtr = Brumo::Ptr<const typename B::SwTable>;
 
@@ -27,8 +28,8 @@ template <class B> class SwTableHelperBase : public Brumo::RefCounted {
 
     /// A resource of a committed entry has changed; `failed` tells that some resource has failed.
     /// True: commit the entry with what the resources now give.
-    virtual bool finalizeOnResourceUpdate(const WrapperPtr& /*wrapper*/, const TablePtr& /*swTable*/,
-                                          bool /*failed*/) {
+    virtual bool finalizeOnResourceUpdate(const WrapperPtr& /*wrapper*/,
+                                          const TablePtr& /*swTable*/, bool /*failed*/) {
         return true;
     }
 };

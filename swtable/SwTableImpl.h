@@ -16,23 +16,25 @@ namespace VornPolicyCpu {
 template <class B>
 SwTable<B>::SwTable(Brumo::Ptr<const Asic::CanonicalTableName> name, Asic::SwTableId tableId,
                     Asic::UnitId unit, Asic::OrderedSwTableSet* tableSet,
-                    Brumo::Ptr<EntryLog<B>> entryLog,
-                    Brumo::Ptr<Asic::GroupResolver> groupResolver)
+                    Brumo::Ptr<EntryLog<B>> entryLog, Brumo::Ptr<Asic::GroupResolver> groupResolver)
     : Base(std::move(name), tableId, unit, tableSet),
       entryLog_(std::move(entryLog)),
       groupResolver_(std::move(groupResolver)) {
     handleInitialized();
 }
 
-template <class B> void SwTable<B>::handleInitialized() {
+template <class B>
+void SwTable<B>::handleInitialized() {
     Traces<B>::swTable(8, "doesMarkSweep: False hwErrorHandling: False");
     swTableHelperIs(Brumo::make<SwTableHelperBase<B>>());
     this->statsIs();
 }
 
 /// The resolver forgets the table's changes first; the linkages go in the reverse order of theirs.
-template <class B> SwTable<B>::~SwTable() {
-    if (groupResolver_ != nullptr) groupResolver_->resolverQueueDel(this);
+template <class B>
+SwTable<B>::~SwTable() {
+    if (groupResolver_ != nullptr)
+        groupResolver_->resolverQueueDel(this);
     const auto releaseInReverse = [this]<std::size_t... I>(std::index_sequence<I...>) {
         ((std::get<sizeof...(I) - 1 - I>(linkages_.linkages) = nullptr), ...);
     };
@@ -46,7 +48,8 @@ template <class B> SwTable<B>::~SwTable() {
     swTableHelper_ = nullptr;
 }
 
-template <class B> const Kiv::TypeData& SwTable<B>::typeData() const {
+template <class B>
+const Kiv::TypeData& SwTable<B>::typeData() const {
     return swTableTypeData<B>();
 }
 
@@ -86,7 +89,8 @@ auto SwTable<B>::entryRemoveWithResponseHandler(const Key& key, const Dependency
     return OrderedSwTableAccessor<B>::entryRemoveGeneric(self(), key, dependency, handler);
 }
 
-template <class B> void SwTable<B>::entryRemoveAll(const DependencyPtr& dependency) {
+template <class B>
+void SwTable<B>::entryRemoveAll(const DependencyPtr& dependency) {
     Traces<B>::swTable(8, "");
     entryRemoveAllWithResponseHandler(dependency, {});
 }
@@ -98,7 +102,8 @@ void SwTable<B>::entryRemoveAllWithResponseHandler(const DependencyPtr& dependen
     OrderedSwTableAccessor<B>::entryRemoveAllGeneric(self(), dependency, handler);
 }
 
-template <class B> void SwTable<B>::clearTable(bool releaseResources) {
+template <class B>
+void SwTable<B>::clearTable(bool releaseResources) {
     Traces<B>::swTable(8, "");
     Brumo::Ptr<EntryHandle> handle;
     withLinkages([&](const auto&... linkages) {
@@ -128,22 +133,26 @@ void SwTable<B>::commitEntry(const Brumo::Ptr<Asic::ResolverEntry>& resolverEntr
 
 // Reads.
 
-template <class B> auto SwTable<B>::entryRead(const Key& key) const -> Entry {
+template <class B>
+auto SwTable<B>::entryRead(const Key& key) const -> Entry {
     Traces<B>::swTable(8, " key: {}", key);
     return OrderedSwTableAccessor<B>::entryReadGeneric(self(), key);
 }
 
-template <class B> auto SwTable<B>::entryFromConfig(const Key& key) const -> Entry {
+template <class B>
+auto SwTable<B>::entryFromConfig(const Key& key) const -> Entry {
     Traces<B>::swTable(8, " key: {}", key);
     return OrderedSwTableAccessor<B>::entryFromConfig(self(), key);
 }
 
-template <class B> bool SwTable<B>::entryHas(const Key& key) const {
+template <class B>
+bool SwTable<B>::entryHas(const Key& key) const {
     Traces<B>::swTable(8, " key: {}", key);
     return OrderedSwTableAccessor<B>::entryHas(self(), key);
 }
 
-template <class B> std::uint32_t SwTable<B>::entrys() const {
+template <class B>
+std::uint32_t SwTable<B>::entrys() const {
     Traces<B>::swTable(8, "");
     return OrderedSwTableAccessor<B>::entrys(self());
 }
@@ -154,7 +163,8 @@ Brumo::Ptr<SwTableIteratorState<B>> SwTable<B>::initIterState() const {
     using State = SwTableIteratorState<B>;
     const auto state = Brumo::make<State>(Brumo::Ptr<const typename B::SwTable>(&self()));
     state->set(State::kInAddCollection);
-    if (transientRemoveAllVersion_.valid()) state->set(State::kRemoveAllPending);
+    if (transientRemoveAllVersion_.valid())
+        state->set(State::kRemoveAllPending);
     return state;
 }
 
@@ -163,7 +173,8 @@ Brumo::Ptr<SwTableIteratorState<B>> SwTable<B>::initIterStateFromKey(const Key& 
     Traces<B>::swTable(8, " key: {}", key);
     using State = SwTableIteratorState<B>;
     const auto state = Brumo::make<State>(Brumo::Ptr<const typename B::SwTable>(&self()));
-    if (transientRemoveAllVersion_.valid()) state->set(State::kRemoveAllPending);
+    if (transientRemoveAllVersion_.valid())
+        state->set(State::kRemoveAllPending);
     state->bookmarkIs(key);
     if (transientAddEntry_.find(key) != nullptr) {
         state->set(State::kInAddCollection);
@@ -173,7 +184,8 @@ Brumo::Ptr<SwTableIteratorState<B>> SwTable<B>::initIterStateFromKey(const Key& 
     return state;
 }
 
-template <class B> auto SwTable<B>::entryIteratorConst() const -> EntryIteratorConst {
+template <class B>
+auto SwTable<B>::entryIteratorConst() const -> EntryIteratorConst {
     Traces<B>::swTable(8, "");
     return EntryIteratorConst(initIterState());
 }
@@ -186,17 +198,21 @@ auto SwTable<B>::entryIteratorConst(const Key& key) const -> EntryIteratorConst 
 
 template <class B>
 void SwTable<B>::forEach(const std::function<void(const Entry&)>& visit) const {
-    for (auto iterator = entryIteratorConst(); iterator.valid(); ++iterator) visit(*iterator);
+    for (auto iterator = entryIteratorConst(); iterator.valid(); ++iterator)
+        visit(*iterator);
 }
 
-template <class B> auto SwTable<B>::getTableEntries_py() -> SwTableEntries_py& {
-    if (tableEntries_ == nullptr) tableEntries_ = std::make_unique<SwTableEntries_py>(self());
+template <class B>
+auto SwTable<B>::getTableEntries_py() -> SwTableEntries_py& {
+    if (tableEntries_ == nullptr)
+        tableEntries_ = std::make_unique<SwTableEntries_py>(self());
     return *tableEntries_;
 }
 
 // Work on committed entries.
 
-template <class B> void SwTable<B>::restoreEntries() {
+template <class B>
+void SwTable<B>::restoreEntries() {
     Traces<B>::swTable(8, "");
     withLinkages([&](const auto&... linkages) {
         OrderedSwTableAccessor<B>::restoreEntries(self(), linkages...);
@@ -219,7 +235,8 @@ Brumo::Ptr<Asic::NeededEntry> SwTable<B>::getNeededEntrySet(
     });
 }
 
-template <class B> void SwTable<B>::setRsrcPtrs(const WrapperPtr& wrapper, bool refresh) {
+template <class B>
+void SwTable<B>::setRsrcPtrs(const WrapperPtr& wrapper, bool refresh) {
     withLinkages([&](const auto&... linkages) {
         OrderedSwTableAccessor<B>::setRsrcPtrs(wrapper, refresh, linkages...);
     });
@@ -231,12 +248,14 @@ auto SwTable<B>::entryWrapperFromConfig(const Key& key, bool refreshRsrcPtrs,
     return OrderedSwTableAccessor<B>::entryWrapperFromConfig(self(), key, refreshRsrcPtrs, handle);
 }
 
-template <class B> void SwTable<B>::tableStatusVersion(Asic::LogVersion version) {
+template <class B>
+void SwTable<B>::tableStatusVersion(Asic::LogVersion version) {
     const Brumo::Ptr<SwTable> keep(this);  // a handler may drop the table
     OrderedSwTableAccessor<B>::tableStatusVersion(self(), version);
 }
 
-template <class B> bool SwTable<B>::hasPendingHwWrites() const {
+template <class B>
+bool SwTable<B>::hasPendingHwWrites() const {
     const bool pending = !transientAddEntry_.empty() || !transientRemoveEntry_.empty() ||
                          transientRemoveAllVersion_.valid() ||
                          entryLog_->tableVersion() != entryLog_->cleanedUpTo();
@@ -247,7 +266,8 @@ template <class B> bool SwTable<B>::hasPendingHwWrites() const {
 
 // Members.
 
-template <class B> void SwTable<B>::swTableHelperIs(Brumo::Ptr<SwTableHelperBase<B>> helper) {
+template <class B>
+void SwTable<B>::swTableHelperIs(Brumo::Ptr<SwTableHelperBase<B>> helper) {
     const auto old = std::exchange(swTableHelper_, std::move(helper));
     this->publisher().publish(Asic::OrderedSwTable::kSwTableHelper, &old);
 }
@@ -260,41 +280,51 @@ void SwTable<B>::stagedIs(Staged& staged, Kiv::AttributeId attribute, const Wrap
 
 template <class B>
 void SwTable<B>::stagedDel(Staged& staged, Kiv::AttributeId attribute, const Key& key) {
-    if (staged.erase(key)) this->publisher().publish(attribute);
+    if (staged.erase(key))
+        this->publisher().publish(attribute);
 }
 
 template <class B>
 void SwTable<B>::stagedDelAll(Staged& staged, Kiv::AttributeId attribute) {
-    if (staged.empty()) return;
+    if (staged.empty())
+        return;
     staged.clear();
     this->publisher().publish(attribute);
 }
 
-template <class B> auto SwTable<B>::transientAddEntry(const Key& key) const -> WrapperPtr {
+template <class B>
+auto SwTable<B>::transientAddEntry(const Key& key) const -> WrapperPtr {
     const WrapperPtr* found = transientAddEntry_.find(key);
     return found == nullptr ? nullptr : *found;
 }
-template <class B> void SwTable<B>::transientAddEntryIs(const WrapperPtr& wrapper) {
+template <class B>
+void SwTable<B>::transientAddEntryIs(const WrapperPtr& wrapper) {
     stagedIs(transientAddEntry_, Asic::OrderedSwTable::kTransientAddEntry, wrapper);
 }
-template <class B> void SwTable<B>::transientAddEntryDel(const Key& key) {
+template <class B>
+void SwTable<B>::transientAddEntryDel(const Key& key) {
     stagedDel(transientAddEntry_, Asic::OrderedSwTable::kTransientAddEntry, key);
 }
-template <class B> void SwTable<B>::transientAddEntryDelAll() {
+template <class B>
+void SwTable<B>::transientAddEntryDelAll() {
     stagedDelAll(transientAddEntry_, Asic::OrderedSwTable::kTransientAddEntry);
 }
 
-template <class B> auto SwTable<B>::transientRemoveEntry(const Key& key) const -> WrapperPtr {
+template <class B>
+auto SwTable<B>::transientRemoveEntry(const Key& key) const -> WrapperPtr {
     const WrapperPtr* found = transientRemoveEntry_.find(key);
     return found == nullptr ? nullptr : *found;
 }
-template <class B> void SwTable<B>::transientRemoveEntryIs(const WrapperPtr& wrapper) {
+template <class B>
+void SwTable<B>::transientRemoveEntryIs(const WrapperPtr& wrapper) {
     stagedIs(transientRemoveEntry_, Asic::OrderedSwTable::kTransientRemoveEntry, wrapper);
 }
-template <class B> void SwTable<B>::transientRemoveEntryDel(const Key& key) {
+template <class B>
+void SwTable<B>::transientRemoveEntryDel(const Key& key) {
     stagedDel(transientRemoveEntry_, Asic::OrderedSwTable::kTransientRemoveEntry, key);
 }
-template <class B> void SwTable<B>::transientRemoveEntryDelAll() {
+template <class B>
+void SwTable<B>::transientRemoveEntryDelAll() {
     stagedDelAll(transientRemoveEntry_, Asic::OrderedSwTable::kTransientRemoveEntry);
 }
 
@@ -308,19 +338,24 @@ void SwTable<B>::transientVersionForKeyIs(const Key& key, Asic::EntryVersion ver
     transientVersionForKey_.insertOrReplace(key, version);
     this->publisher().publish(Asic::OrderedSwTable::kTransientVersionForKey);
 }
-template <class B> void SwTable<B>::transientVersionForKeyDel(const Key& key) {
+template <class B>
+void SwTable<B>::transientVersionForKeyDel(const Key& key) {
     if (transientVersionForKey_.erase(key)) {
         this->publisher().publish(Asic::OrderedSwTable::kTransientVersionForKey);
     }
 }
-template <class B> void SwTable<B>::transientVersionForKeyDelAll() {
-    if (transientVersionForKey_.empty()) return;
+template <class B>
+void SwTable<B>::transientVersionForKeyDelAll() {
+    if (transientVersionForKey_.empty())
+        return;
     transientVersionForKey_.clear();
     this->publisher().publish(Asic::OrderedSwTable::kTransientVersionForKey);
 }
 
-template <class B> void SwTable<B>::transientRemoveAllVersionIs(Asic::MajorVersion version) {
-    if (version == transientRemoveAllVersion_) return;
+template <class B>
+void SwTable<B>::transientRemoveAllVersionIs(Asic::MajorVersion version) {
+    if (version == transientRemoveAllVersion_)
+        return;
     const Asic::MajorVersion old = std::exchange(transientRemoveAllVersion_, version);
     this->publisher().publish(Asic::OrderedSwTable::kTransientRemoveAllVersion, &old);
 }
@@ -338,7 +373,8 @@ void SwTable<B>::linkageIs(Brumo::Ptr<Linkage<B, L>> linkage) {
     this->publisher().publish(Asic::OrderedSwTable::kLinkage);
 }
 
-template <class B> void SwTable<B>::assertConsistent() const {
+template <class B>
+void SwTable<B>::assertConsistent() const {
     transientAddEntry_.forEach([this](const Key& key, const WrapperPtr& wrapper) {
         Brumo::require(transientRemoveEntry_.find(key) == nullptr, "staged once");
         Brumo::require(wrapper->key().isEq(key), "wrapper->key().isEq(key)");
@@ -350,8 +386,7 @@ template <class B> void SwTable<B>::assertConsistent() const {
                        "staged at the latest version");
     });
     Asic::LogVersion last;
-    const std::uint32_t front =
-        entryHandleInLog_.empty() ? 0 : entryHandleInLog_.frontNumber();
+    const std::uint32_t front = entryHandleInLog_.empty() ? 0 : entryHandleInLog_.frontNumber();
     for (std::uint32_t i = 0; i < entryHandleInLog_.size(); ++i) {
         const auto handle = entryHandleInLog_.at(front + i);
         Brumo::require(handle->logVersion() > last, "ascending log versions");

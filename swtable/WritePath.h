@@ -48,7 +48,8 @@ template <class B>
 auto OrderedSwTableAccessor<B>::newHandle(Table& table, Asic::EntryVersion version, const Key& key,
                                           const ResponseHandler& handler) -> HandlePtr {
     const HandlePtr handle = entryHandleFactory<B>(version, key, &table);
-    if (handler) handle->responseHandlerIs(handler);
+    if (handler)
+        handle->responseHandlerIs(handler);
     handle->entryStateIs(Asic::EntryState::created);
     return handle;
 }
@@ -61,9 +62,17 @@ void OrderedSwTableAccessor<B>::enqueue(Table& table, const DependencyPtr& depen
     table.groupResolver()->updateGenId();
 }
 
-template <class B> void OrderedSwTableAccessor<B>::updateGroupAndFamily(Table& table) {
+template <class B>
+void OrderedSwTableAccessor<B>::updateGroupAndFamily(Table& table) {
     table.groupResolver()->maybeUpdateSuspend();
-    table.tableSet()->maybeUpdatePendingHwWrites();
+    updateFamily(table);
+}
+
+/// A table that feature code still holds may be used when its family has gone.
+template <class B>
+void OrderedSwTableAccessor<B>::updateFamily(Table& table) {
+    if (table.tableSet() != nullptr)
+        table.tableSet()->maybeUpdatePendingHwWrites();
 }
 
 }  // namespace VornPolicyCpu

@@ -15,6 +15,11 @@ public:
     OrderedSwTableSet(SwTableId tableId, Brumo::Ptr<OrderedSwTableStatus> status)
         : tableId_(tableId), status_(std::move(status)) {}
 
+    ~OrderedSwTableSet() override {
+        for (const auto& [unit, table] : tables_)
+            table->tableSetDel();
+    }
+
     SwTableId tableId() const { return tableId_; }
     bool swTableHas(UnitId unit) const { return tables_.contains(unit); }
     /// Null when there is none.

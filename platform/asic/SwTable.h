@@ -138,8 +138,9 @@ public:
 
     SwTableId tableId() const { return tableId_; }
     UnitId unitId() const { return unitId_; }
-    /// The family's set that this table belongs to; outlives the table.
+    /// The family's set that this table belongs to; null once that has gone.
     OrderedSwTableSet* tableSet() const { return tableSet_; }
+    void tableSetDel() { tableSet_ = nullptr; }
     /// Null before statsIs().
     const Brumo::Ptr<SwTableStats>& stats() const { return stats_; }
     /// Creates the statistics.

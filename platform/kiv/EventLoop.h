@@ -20,6 +20,8 @@ public:
     void post(std::function<void()> work) override { queue_.push_back(std::move(work)); }
 
     bool idle() const { return queue_.empty(); }
+    /// Drops what is posted, as the end of a process does.
+    void clear() { queue_.clear(); }
 
     /// Runs what was posted before the call; returns how many pieces of work that were.
     std::size_t turn() {
