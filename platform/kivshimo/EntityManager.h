@@ -73,7 +73,7 @@ public:
     static Brumo::Ptr<EntityManager> get(const std::string& systemName, bool local);
     /// Says where the tables lie. REQUIRES: the manager is not made yet, or the same root.
     static void rootIs(const std::string& systemName, bool local, std::string rootDirectory);
-    /// Drops both managers of the system, their tables and what rootIs said.
+    /// Drops both managers of the system and their tables; what rootIs said stays.
     static void forget(const std::string& systemName);
     /// Most slots that a collection mounted from now on gets, whatever is declared.
     static void capacityCeilingIs(std::uint64_t slots);

@@ -27,6 +27,7 @@ constexpr std::size_t kPageBytes = 4096;
 constexpr std::size_t kMostCollections = 8;
 constexpr std::uint64_t kMagic = 0x31304D4948535642U;
 constexpr std::uint32_t kLayoutVersion = 1;
+constexpr std::uint64_t kMostSlots = std::uint64_t{1} << 31U;
 
 /// How the area of a collection is laid out.
 enum class CollectionKind : std::uint32_t {

@@ -1,0 +1,103 @@
+#include "platform/kivshimo/Doorbell.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "platform/kivshimo/Errors.h"
+#include "platform/kivshimo/detail/Files.h"
+#include "platform/kivshimo/detail/Words.h"
+
+namespace KivShimo {
+namespace {
+
+constexpr mode_t kSocketMode = 0660;
+
+/// Empty when the path is too long for a socket.
+std::optional<sockaddr_un> addressOf(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path)) return std::nullopt;
+    std::memcpy(address.sun_path, path.c_str(), path.size());
+    return address;
+}
+
+/// The sender's socket of the process; unbound, so it needs no path.
+int senderSocket() {
+    static const detail::Descriptor sender(
+        socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    return sender.fd();
+}
+
+bool ringAt(const sockaddr_un& address) {
+    const char ring = 1;
+    const ssize_t sent =
+        sendto(senderSocket(), &ring, sizeof(ring), MSG_DONTWAIT | MSG_NOSIGNAL,
+               reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    // A full socket is as good as a ring: the peer has something to wake up for.
+    return sent == sizeof(ring) || errno == EAGAIN || errno == ENOBUFS;
+}
+
+}  // namespace
+
+Doorbell::Doorbell(std::string path)
+    : path_(std::move(path)), socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    if (!socket_) detail::throwErrno(path_, "make doorbell");
+    const std::optional<sockaddr_un> address = addressOf(path_);
+    if (!address) throw MountError(path_, "make doorbell", "path too long for a socket");
+    struct stat there {};
+    if (lstat(path_.c_str(), &there) == 0) {
+        if (!S_ISSOCK(there.st_mode)) throw MountError(path_, "make doorbell", "no socket there");
+        unlink(path_.c_str());
+    }
+    if (bind(socket_.fd(), reinterpret_cast<const sockaddr*>(&*address), sizeof(*address)) != 0) {
+        detail::throwErrno(path_, "bind doorbell");
+    }
+    if (chmod(path_.c_str(), kSocketMode) != 0) detail::throwErrno(path_, "set mode of doorbell");
+}
+
+Doorbell::~Doorbell() { unlink(path_.c_str()); }
+
+unsigned Doorbell::drain() {
+    unsigned rings = 0;
+    char ignored[8];
+    while (recv(socket_.fd(), ignored, sizeof(ignored), MSG_DONTWAIT) >= 0) ++rings;
+    return rings;
+}
+
+bool ring(const std::string& path) {
+    const std::optional<sockaddr_un> address = addressOf(path);
+    return address && ringAt(*address);
+}
+
+Sleeper::Sleeper(std::uint64_t& epoch) : epoch_(epoch) { awake(); }
+
+void Sleeper::asleep() {
+    const std::uint64_t now = epoch_.load(std::memory_order_relaxed);
+    epoch_.store(now | 1U, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+}
+
+void Sleeper::awake() {
+    const std::uint64_t now = epoch_.load(std::memory_order_relaxed);
+    if ((now & 1U) != 0) epoch_.store(now + 1, std::memory_order_relaxed);
+}
+
+Waker::Waker(const std::uint64_t& epoch, std::string path)
+    : epoch_(&epoch), path_(std::move(path)) {}
+
+bool Waker::published() {
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    const std::uint64_t epoch = detail::loaded(*epoch_);
+    if ((epoch & 1U) == 0 || epoch == rungFor_) return false;
+    rungFor_ = epoch;
+    return ring(path_);
+}
+
+}  // namespace KivShimo

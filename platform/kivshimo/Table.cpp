@@ -1,0 +1,55 @@
+#include "platform/kivshimo/Table.h"
+
+#include <utility>
+
+#include "platform/brumo/Assert.h"
+#include "platform/brumo/Trace.h"
+
+namespace KivShimo {
+namespace {
+
+const Brumo::TraceSource& trace() {
+    static const Brumo::TraceSource source("KivShimo", "Table");
+    return source;
+}
+
+}  // namespace
+
+Table::Table(TableMount mount)
+    : path_(std::move(mount.path)),
+      file_(std::move(mount.file)),
+      control_(file_->dynamicHeader()) {
+    if (control_.scratchpadRotten()) {
+        Table::doCorruptionDetected(
+            CorruptionError(file(), "scratchpad", 0, "does not verify, counts as 0").what());
+        control_.scratchpadIs(0);
+    }
+}
+
+void Table::doCorruptionDetected(std::string_view message) {
+    ++corruptions_;
+    trace()(1, " {}", message);
+}
+
+TableTypes& TableTypes::instance() {
+    static TableTypes types;
+    return types;
+}
+
+const TableType* TableTypes::type(std::string_view typeName) const {
+    const auto found = types_.find(typeName);
+    return found == types_.end() ? nullptr : &found->second;
+}
+
+TableTypeRegistration::TableTypeRegistration(std::string typeName, TableType type)
+    : typeName_(std::move(typeName)) {
+    const bool inserted =
+        TableTypes::instance().types_.try_emplace(typeName_, std::move(type)).second;
+    Brumo::require(inserted, "table type registered once", typeName_);
+}
+
+TableTypeRegistration::~TableTypeRegistration() {
+    TableTypes::instance().types_.erase(typeName_);
+}
+
+}  // namespace KivShimo

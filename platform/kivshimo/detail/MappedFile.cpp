@@ -1,0 +1,258 @@
+#include "platform/kivshimo/detail/MappedFile.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <random>
+#include <utility>
+
+#include "platform/kivshimo/Errors.h"
+#include "platform/kivshimo/Paths.h"
+#include "platform/kivshimo/detail/Files.h"
+
+namespace KivShimo::detail {
+namespace {
+
+constexpr mode_t kFileMode = 0640;
+
+/// What is to be mounted for writing, and where.
+struct Target {
+    std::string file;
+    std::string name;
+    Descriptor folder;
+    StaticHeader planned;
+};
+
+/// What became of the file that is there.
+struct Taken {
+    Descriptor descriptor;  ///< empty: not taken
+    StaticHeader header{};
+    bool wasThere = false;
+    std::string reason;  ///< why it was not taken
+};
+
+/// The first page of an open file, or why there is none that counts.
+std::string readHeader(const Descriptor& descriptor, const struct stat& status,
+                       StaticHeader& header) {
+    if (status.st_size < static_cast<off_t>(kAreasOffset)) return "shorter than its header";
+    if (pread(descriptor.fd(), &header, sizeof(header), 0) != sizeof(header)) {
+        return "header cannot be read";
+    }
+    return defectOf(header, static_cast<std::uint64_t>(status.st_size));
+}
+
+std::uint64_t holderPidIn(const Descriptor& descriptor) {
+    std::uint64_t pid = 0;
+    const off_t at = kDynamicOffset + offsetof(DynamicHeader, holderPid);
+    return pread(descriptor.fd(), &pid, sizeof(pid), at) == sizeof(pid) ? pid : 0;
+}
+
+Descriptor lockedManifest(const Target& target, Manifest& content) {
+    const std::string path = target.file + std::string(kManifestSuffix);
+    Descriptor manifest(openat(target.folder.fd(),
+                               (target.name + std::string(kManifestSuffix)).c_str(),
+                               O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+    if (!manifest) throwErrno(path, "open manifest");
+    checkedStatus(manifest, path, false);
+    const bool mine = locked(manifest, path);
+    content = manifestIn(manifest);
+    if (!mine) throw DuplicateWriterError(target.file, content.holderPid);
+    return manifest;
+}
+
+Taken takeExisting(const Target& target) {
+    Taken taken;
+    Descriptor descriptor(
+        openat(target.folder.fd(), target.name.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (!descriptor) {
+        if (errno != ENOENT) throwErrno(target.file, "open for writing");
+        taken.reason = "the file is gone";
+        return taken;
+    }
+    taken.wasThere = true;
+    const struct stat status = checkedStatus(descriptor, target.file, false);
+    if (!locked(descriptor, target.file)) {
+        throw DuplicateWriterError(target.file, holderPidIn(descriptor));
+    }
+    taken.reason = readHeader(descriptor, status, taken.header);
+    if (taken.reason.empty()) taken.reason = differenceOf(taken.header, target.planned, true);
+    if (taken.reason.empty()) taken.descriptor = std::move(descriptor);
+    return taken;
+}
+
+/// The first two pages of a fresh file.
+struct FreshPages {
+    alignas(kPageBytes) std::byte bytes[2 * kPageBytes]{};
+
+    FreshPages(const StaticHeader& header, bool wiped) {
+        DynamicHeader dynamic{};
+        dynamic.wiped = wiped ? kWiped : kNotWiped;
+        VerifiedWordWriter(dynamic.scratchpad).valueIs(0);
+        VerifiedWordWriter(dynamic.tail).valueIs(0);
+        std::memcpy(bytes, &header, sizeof(header));
+        std::memcpy(bytes + kDynamicOffset, &dynamic, sizeof(dynamic));
+    }
+};
+
+/// Makes the file under another name and gives it its own when it is complete.
+Descriptor makeFile(const Target& target, const StaticHeader& header, bool wiped) {
+    const std::string unfinished = target.name + ".new";
+    if (unlinkat(target.folder.fd(), unfinished.c_str(), 0) != 0 && errno != ENOENT) {
+        throwErrno(target.file, "remove unfinished file");
+    }
+    Descriptor descriptor(openat(target.folder.fd(), unfinished.c_str(),
+                                 O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+    if (!descriptor) throwErrno(target.file, "make");
+    const int error = posix_fallocate(descriptor.fd(), 0, static_cast<off_t>(header.fileBytes));
+    if (error != 0) {
+        unlinkat(target.folder.fd(), unfinished.c_str(), 0);
+        errno = error;
+        throwErrno(target.file, "allocate " + std::to_string(header.fileBytes) + " bytes");
+    }
+    const FreshPages pages(header, wiped);
+    if (pwrite(descriptor.fd(), pages.bytes, sizeof(pages.bytes), 0) != sizeof(pages.bytes)) {
+        throwErrno(target.file, "write header");
+    }
+    if (!locked(descriptor, target.file)) throw DuplicateWriterError(target.file, 0);
+    if (renameat(target.folder.fd(), unfinished.c_str(), target.folder.fd(),
+                 target.name.c_str()) != 0) {
+        throwErrno(target.file, "rename into place");
+    }
+    return descriptor;
+}
+
+std::uint64_t randomIdentity() {
+    std::random_device device;
+    const std::uint64_t high = device();
+    return (high << 32U | device()) | 1U;
+}
+
+}  // namespace
+
+Descriptor::Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+}
+
+Descriptor::~Descriptor() {
+    if (fd_ >= 0) close(fd_);
+}
+
+MappedFile::MappedFile(std::string file, Descriptor descriptor, const StaticHeader& header,
+                       bool writable)
+    : file_(std::move(file)), descriptor_(std::move(descriptor)), header_(header) {
+    void* mapped = mmap(nullptr, header_.fileBytes, writable ? PROT_READ | PROT_WRITE : PROT_READ,
+                        MAP_SHARED, descriptor_.fd(), 0);
+    if (mapped == MAP_FAILED) throwErrno(file_, "map");
+    base_ = static_cast<std::byte*>(mapped);
+}
+
+MappedFile::MappedFile(MappedFile&& other) noexcept
+    : base_(std::exchange(other.base_, nullptr)),
+      file_(std::move(other.file_)),
+      descriptor_(std::move(other.descriptor_)),
+      header_(other.header_) {}
+
+MappedFile& MappedFile::operator=(MappedFile&& other) noexcept {
+    std::swap(base_, other.base_);
+    std::swap(file_, other.file_);
+    std::swap(descriptor_, other.descriptor_);
+    std::swap(header_, other.header_);
+    return *this;
+}
+
+MappedFile::~MappedFile() {
+    if (base_ != nullptr) munmap(base_, header_.fileBytes);
+}
+
+std::size_t MappedFile::collectionNumber(std::string_view name) const {
+    for (std::size_t i = 0; i < header_.collections; ++i) {
+        const char* there = header_.collection[i].name;
+        if (std::string_view(there, strnlen(there, sizeof(CollectionHeader::name))) == name) {
+            return i;
+        }
+    }
+    throw MountError(file_, "find collection", std::string(name) + " is not in the file");
+}
+
+bool MappedFile::stale() const {
+    struct stat mapped {};
+    struct stat named {};
+    if (fstat(descriptor_.fd(), &mapped) != 0 || lstat(file_.c_str(), &named) != 0) return true;
+    return mapped.st_ino != named.st_ino || mapped.st_dev != named.st_dev;
+}
+
+WriterFile::WriterFile(std::string file, Descriptor descriptor, Descriptor manifest,
+                       const StaticHeader& header)
+    : MappedFile(std::move(file), std::move(descriptor), header, true),
+      manifest_(std::move(manifest)) {
+    word(dynamicHeader().holderPid)
+        .store(static_cast<std::uint64_t>(getpid()), std::memory_order_relaxed);
+}
+
+/// Mounting, as a table of what is found:
+///
+///   manifest   file                    what is done
+///   new        none                    a first start: made, not wiped
+///   existed    none                    lost: made anew, wiped
+///   any        whole, as planned       taken as it is, with its wiped mark
+///   any        damaged, other layout   lost: kept aside, made anew, wiped
+///
+/// The manifest says "existed" only after the file has its name, so a process killed before is
+/// still at its first start. One killed between keeping aside and making finds the second row.
+WriterFile WriterFile::open(const std::string& root, const std::string& relative,
+                            std::string_view typeName, const std::vector<CollectionPlan>& plan,
+                            Report& report) {
+    const std::string file = tableFile(root, relative);
+    Target target{file, nameIn(file), folderOf(root, file), plannedHeader(typeName, plan)};
+    Manifest content{};
+    Descriptor manifest = lockedManifest(target, content);
+    const bool existed = content.existed != 0;
+    const std::string manifestPath = file + std::string(kManifestSuffix);
+    manifestIs(manifest, manifestPath, existed);
+    Taken taken = takeExisting(target);
+    if (!taken.descriptor) {
+        report.created = true;
+        report.wiped = existed || taken.wasThere;
+        report.reason = taken.reason;
+        // Said before the file is moved: a kill in between must not look like a first start.
+        if (report.wiped) manifestIs(manifest, manifestPath, true);
+        if (taken.wasThere) report.keptAside = keptAside(target.folder, file);
+        taken.header = target.planned;
+        taken.header.identity = randomIdentity();
+        seal(taken.header);
+        taken.descriptor = makeFile(target, taken.header, report.wiped);
+    }
+    WriterFile result(file, std::move(taken.descriptor), std::move(manifest), taken.header);
+    manifestIs(result.manifest_, manifestPath, true);
+    return result;
+}
+
+ReaderFile::ReaderFile(std::string file, Descriptor descriptor, const StaticHeader& header)
+    : MappedFile(std::move(file), std::move(descriptor), header, false) {}
+
+ReaderFile ReaderFile::open(const std::string& file, std::string_view typeName,
+                            const std::vector<CollectionPlan>& plan, bool* missing) {
+    if (missing != nullptr) *missing = false;
+    Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!descriptor) {
+        if (missing != nullptr) *missing = errno == ENOENT || errno == ENOTDIR;
+        throwErrno(file, "open for reading");
+    }
+    StaticHeader header{};
+    const struct stat status = checkedStatus(descriptor, file, true);
+    std::string reason = readHeader(descriptor, status, header);
+    if (reason.empty()) {
+        // A reader takes a collection of any capacity; the file says which.
+        reason = differenceOf(header, plannedHeader(typeName, plan), false);
+    }
+    if (!reason.empty()) throw MountError(file, "open for reading", reason);
+    return ReaderFile(file, std::move(descriptor), header);
+}
+
+}  // namespace KivShimo::detail

@@ -1,0 +1,207 @@
+#include "platform/ringtrace/Ring.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <system_error>
+
+#include <fmt/format.h>
+
+#include "platform/brumo/Assert.h"
+
+namespace RingTrace {
+namespace {
+
+constexpr std::uint64_t kMagic = 0x31474E4952535642U;
+constexpr std::size_t kFormatBytes = 128;
+constexpr std::size_t kTextKind = 0xFF;
+
+/// First bytes of the file; the formats follow, then the slots.
+///
+///   0       8       16             64
+///   | magic | slots | reserved[6]  |
+struct Header {
+    std::uint64_t magic;
+    std::uint64_t slots;
+    std::uint64_t reserved[6];
+};
+static_assert(sizeof(Header) == 64);
+
+constexpr std::size_t kSlotsOffset = sizeof(Header) + Ring::kMostFormats * kFormatBytes;
+
+/// One message.
+///
+///   0          8      16        24     32           64
+///   | sequence | time | message | kind | argument[4] |
+struct Slot {
+    std::uint64_t sequence;  ///< counts from 1; 0 while the slot is stored
+    std::uint64_t time_ns;
+    std::uint64_t message;
+    std::uint64_t kind;  ///< number of arguments, or kTextKind
+    std::uint64_t argument[4];
+};
+static_assert(sizeof(Slot) == 64);
+
+std::atomic_ref<std::uint64_t> word(const std::uint64_t& place) {
+    return std::atomic_ref<std::uint64_t>(const_cast<std::uint64_t&>(place));
+}
+
+[[noreturn]] void throwErrno(const std::string& file, const char* operation) {
+    throw std::system_error(errno, std::generic_category(), file + ": " + operation);
+}
+
+/// A descriptor for the time it takes to map.
+struct File {
+    int fd;
+    explicit File(int opened) : fd(opened) {}
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+    ~File() {
+        if (fd >= 0) close(fd);
+    }
+};
+
+/// Replaces the placeholders from the left; those without an argument stay.
+std::string formatted(std::string_view format, std::span<const std::string> arguments) {
+    std::string result;
+    for (const std::string& argument : arguments) {
+        const std::size_t at = format.find("{}");
+        if (at == std::string_view::npos) break;
+        result += format.substr(0, at);
+        result += argument;
+        format.remove_prefix(at + 2);
+    }
+    return result += format;
+}
+
+std::string formatIn(const std::byte* base, std::uint64_t id) {
+    if (id == 0 || id >= Ring::kMostFormats) return "?";
+    const char* text = reinterpret_cast<const char*>(base) + sizeof(Header) + id * kFormatBytes;
+    return {text, strnlen(text, kFormatBytes)};
+}
+
+std::string lineOf(const std::byte* base, const Slot& slot) {
+    std::vector<std::string> arguments;
+    if (slot.kind == kTextKind) {
+        const char* text = reinterpret_cast<const char*>(slot.argument);
+        arguments.emplace_back(text, strnlen(text, sizeof(slot.argument)));
+    } else {
+        for (std::size_t i = 0; i < std::min<std::uint64_t>(slot.kind, 4); ++i) {
+            arguments.push_back(std::to_string(static_cast<std::int64_t>(slot.argument[i])));
+        }
+    }
+    constexpr std::uint64_t kSecond_ns = 1000000000;
+    return fmt::format("{}.{:09} {}", slot.time_ns / kSecond_ns, slot.time_ns % kSecond_ns,
+                       formatted(formatIn(base, slot.message), arguments));
+}
+
+std::vector<std::string> linesIn(const std::byte* base, std::size_t slots) {
+    const Slot* stored = reinterpret_cast<const Slot*>(base + kSlotsOffset);
+    std::vector<Slot> whole;
+    for (std::size_t i = 0; i < slots; ++i) {
+        const std::uint64_t before = word(stored[i].sequence).load(std::memory_order_acquire);
+        if (before == 0) continue;
+        Slot copy{};
+        copy.sequence = before;
+        copy.time_ns = word(stored[i].time_ns).load(std::memory_order_relaxed);
+        copy.message = word(stored[i].message).load(std::memory_order_relaxed);
+        copy.kind = word(stored[i].kind).load(std::memory_order_relaxed);
+        for (std::size_t a = 0; a < 4; ++a) {
+            copy.argument[a] = word(stored[i].argument[a]).load(std::memory_order_relaxed);
+        }
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if (word(stored[i].sequence).load(std::memory_order_relaxed) == before) {
+            whole.push_back(copy);
+        }
+    }
+    std::ranges::sort(whole, {}, &Slot::sequence);
+    std::vector<std::string> lines;
+    for (const Slot& slot : whole) lines.push_back(lineOf(base, slot));
+    return lines;
+}
+
+}  // namespace
+
+Ring::Ring(const std::string& file, std::size_t slots)
+    : file_(file), bytes_(kSlotsOffset + slots * sizeof(Slot)), slots_(slots) {
+    Brumo::require(slots != 0 && (slots & (slots - 1)) == 0, "slots are a power of two", file);
+    // A new file each time: whoever still reads the one before keeps it.
+    if (unlink(file.c_str()) != 0 && errno != ENOENT) throwErrno(file, "remove older ring");
+    const File opened(open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640));
+    if (opened.fd < 0) throwErrno(file, "make ring");
+    errno = posix_fallocate(opened.fd, 0, static_cast<off_t>(bytes_));
+    if (errno != 0) throwErrno(file, "allocate ring");
+    void* mapped = mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_SHARED, opened.fd, 0);
+    if (mapped == MAP_FAILED) throwErrno(file, "map ring");
+    base_ = static_cast<std::byte*>(mapped);
+    const Header header{kMagic, slots, {}};
+    std::memcpy(base_, &header, sizeof(header));
+    formats_.emplace_back("?");
+}
+
+Ring::~Ring() { munmap(base_, bytes_); }
+
+MessageId Ring::message(std::string_view format) {
+    const auto known = std::ranges::find(formats_, format);
+    if (known != formats_.end()) return static_cast<MessageId>(known - formats_.begin());
+    if (formats_.size() == kMostFormats || format.size() > kFormatBytes) return 0;
+    std::memcpy(base_ + sizeof(Header) + formats_.size() * kFormatBytes, format.data(),
+                format.size());
+    formats_.emplace_back(format);
+    return static_cast<MessageId>(formats_.size() - 1);
+}
+
+void Ring::record(MessageId id, std::string_view text) {
+    std::array<std::uint64_t, 4> words{};
+    std::memcpy(words.data(), text.data(), std::min(text.size(), kMostText));
+    store(id, kTextKind, words);
+}
+
+void Ring::store(MessageId id, std::size_t kind, const std::array<std::uint64_t, 4>& words) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    Slot& slot = reinterpret_cast<Slot*>(base_ + kSlotsOffset)[sequence_++ & (slots_ - 1)];
+    word(slot.sequence).store(0, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+    word(slot.time_ns)
+        .store(static_cast<std::uint64_t>(
+                   std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()),
+               std::memory_order_relaxed);
+    word(slot.message).store(id, std::memory_order_relaxed);
+    word(slot.kind).store(kind, std::memory_order_relaxed);
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        word(slot.argument[i]).store(words[i], std::memory_order_relaxed);
+    }
+    word(slot.sequence).store(sequence_, std::memory_order_release);
+}
+
+std::vector<std::string> Ring::dump() const { return linesIn(base_, slots_); }
+
+std::vector<std::string> Ring::dump(const std::string& file) {
+    const File opened(open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (opened.fd < 0) throwErrno(file, "open ring");
+    struct stat status {};
+    if (fstat(opened.fd, &status) != 0) throwErrno(file, "check ring");
+    const auto bytes = static_cast<std::size_t>(status.st_size);
+    Header header{};
+    if (bytes < kSlotsOffset || pread(opened.fd, &header, sizeof(header), 0) != sizeof(header) ||
+        header.magic != kMagic || header.slots != (bytes - kSlotsOffset) / sizeof(Slot)) {
+        throw std::runtime_error(file + ": not a ring trace");
+    }
+    void* mapped = mmap(nullptr, bytes, PROT_READ, MAP_SHARED, opened.fd, 0);
+    if (mapped == MAP_FAILED) throwErrno(file, "map ring");
+    const auto unmap = [bytes](void* base) { munmap(base, bytes); };
+    const std::unique_ptr<void, decltype(unmap)> mapping(mapped, unmap);
+    return linesIn(static_cast<const std::byte*>(mapped), header.slots);
+}
+
+}  // namespace RingTrace
