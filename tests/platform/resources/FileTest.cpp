@@ -1,0 +1,124 @@
+// The tables as the agent makes them: with their file in shared memory.
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "platform/kivshimo/EntityManager.h"
+#include "platform/regdb/EntityManager.h"
+#include "tests/platform/resources/World.h"
+
+namespace ResourceTests {
+namespace {
+
+class ResourceFiles : public ::testing::Test {
+protected:
+    using Counters = VornCountersLib::CrpsIndexRequestResourceTable;
+    using Policers = VornPolicerLib::PolicerIndexRequestResourceTable;
+
+    ResourceFiles() {
+        std::filesystem::remove_all(root_);
+        std::filesystem::create_directory(root_);
+        start();
+    }
+    ~ResourceFiles() override {
+        stop();
+        std::filesystem::remove_all(root_);
+    }
+
+    void start() {
+        KivShimo::EntityManager::rootIs(kSystem, true, root_.string());
+        counters = Brumo::make<Counters>("CrpsIndexRequest.Test", database, nullptr, loop, 100);
+        policers = Brumo::make<Policers>("PolicerIndexRequest.Test", database, nullptr, loop, 100);
+    }
+    void stop() {
+        counters = nullptr;
+        policers = nullptr;
+        KivShimo::EntityManager::forget(kSystem);
+    }
+
+    static constexpr const char* kSystem = "resource-files";
+    const std::filesystem::path root_ = std::filesystem::temp_directory_path() /
+                                        ("vorn-resource-files-" + std::to_string(::getpid()));
+    Brumo::Ptr<Regdb::EntityManager> database = Brumo::make<Regdb::EntityManager>(kSystem, true);
+    Kiv::ManualEventLoop loop;
+    Brumo::Ptr<Counters> counters;
+    Brumo::Ptr<Policers> policers;
+};
+
+TEST_F(ResourceFiles, AllocationsSurviveARestart) {
+    VornPolicerLib::PolicerIndexRequestClientData data;
+    data.rate = 1000;
+    std::vector<std::uint32_t> counterIndexes;
+    std::vector<std::uint16_t> policerIndexes;
+    {
+        const auto counterClient = counters->makeClientInstance();
+        const auto policerClient = policers->makeClientInstance();
+        for (std::uint32_t id = 1; id <= 20; ++id) {
+            const auto counter = counterClient->request({.requestId = id}, nullptr);
+            const auto policer = policerClient->request({.requestId = id}, data, nullptr);
+            loop.runUntilIdle();
+            counterClient->ackUpdate(counter, counter->updateVersion(), nullptr);
+            policerClient->ackUpdate(policer, policer->updateVersion(), nullptr);
+            counterIndexes.push_back(counter->counterIndex());
+            policerIndexes.push_back(policer->policerIndex());
+        }
+        counters->assertConsistent();
+        policers->assertConsistent();
+    }
+    stop();
+    start();
+    EXPECT_EQ(counters->entries(), 20U);
+    EXPECT_EQ(policers->entries(), 20U);
+    const auto counterClient = counters->makeClientInstance();
+    const auto policerClient = policers->makeClientInstance();
+    for (std::uint32_t id = 1; id <= 20; ++id) {
+        const auto counter = counterClient->request({.requestId = id}, nullptr);
+        const auto policer = policerClient->request({.requestId = id}, data, nullptr);
+        EXPECT_EQ(counter->entryState(), EntryState::complete);
+        EXPECT_EQ(counter->counterIndex(), counterIndexes.at(id - 1));
+        EXPECT_EQ(policer->policerIndex(), policerIndexes.at(id - 1));
+        EXPECT_EQ(policer->clientData(), data);
+    }
+    EXPECT_TRUE(loop.idle());
+    counters->assertConsistent();
+    policers->assertConsistent();
+}
+
+TEST_F(ResourceFiles, SweepEmptiesTheFileOfWhatNobodyClaims) {
+    {
+        const auto client = counters->makeClientInstance();
+        const auto counter = client->request({.requestId = 1}, nullptr);
+        loop.runUntilIdle();
+        client->ackUpdate(counter, counter->updateVersion(), nullptr);
+    }
+    stop();
+    start();
+    EXPECT_EQ(counters->entries(), 1U);
+    counters->sweepUnclaimed();
+    counters->assertConsistent();
+    EXPECT_EQ(counters->pool(), (Asic::ResourcePoolFigures{100, 0, 0}));
+    stop();
+    start();
+    EXPECT_EQ(counters->entries(), 0U);
+}
+
+TEST_F(ResourceFiles, PoolIsNoLargerThanTheFile) {
+    stop();
+    const auto before = KivShimo::EntityManager::capacityCeiling();
+    KivShimo::EntityManager::capacityCeilingIs(4);
+    KivShimo::EntityManager::rootIs(kSystem, true, root_.string());
+    const auto small = Brumo::make<Counters>("CrpsIndexRequest.Small", database, nullptr, loop);
+    KivShimo::EntityManager::capacityCeilingIs(before);
+    EXPECT_LE(small->pool().size, 4U);
+    const auto client = small->makeClientInstance();
+    std::vector<Brumo::Ptr<const Counters::ResourceHandle>> handles;
+    for (std::uint32_t id = 1; id <= 10; ++id) {
+        handles.push_back(client->request({.requestId = id}, nullptr));
+    }
+    loop.runUntilIdle();
+    small->assertConsistent();
+    EXPECT_EQ(small->pool().used, small->pool().size);
+}
+
+}  // namespace
+}  // namespace ResourceTests
