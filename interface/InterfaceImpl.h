@@ -37,6 +37,15 @@ Interface<B>::Interface(Brumo::Ptr<Asic::OrderedTableInterface> orderedTableIntf
     handleInitialized();
 }
 
+/// The group refers to the set and the set's tables to the group: this is where that ends.
+template <class B>
+Interface<B>::~Interface() {
+    const auto group = this->orderedTableIntf()->groupIntf(
+        Asic::Constants::canonicalizeGroupName(groupName_, agentName_));
+    if (group != nullptr && swTableSet_ != nullptr)
+        group->swTableSetDel(tableId());
+}
+
 template <class B>
 const Kiv::TypeData& Interface<B>::typeData() const {
     return interfaceTypeData<B>();
