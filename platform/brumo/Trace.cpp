@@ -160,8 +160,11 @@ void TraceSource::emit(int level, const char* function, fmt::string_view text,
                        fmt::format_args args) const {
     const std::string line = fmt::vformat(text, args);
     const TraceSink& sink = Registry::instance().sink;
+    // A template's instance names its arguments, too; readers know it by its bare name.
+    std::string_view name = function;
+    name = name.substr(0, name.find('<'));
     if (sink)
-        sink({level, handle_->name(), className_, function, line});
+        sink({level, handle_->name(), className_, name, line});
 }
 
 TraceSink traceSinkIs(TraceSink sink) {
