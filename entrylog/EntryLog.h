@@ -12,7 +12,8 @@
 //     units; a suppressed write and an ignored delete take none.
 //  2. A change is visible to readers in this order: value, record, published version, announcement.
 //  3. A key in deletion keeps its value, marked, until the record of its deletion is reclaimed.
-//  4. Corruption found while reading goes to the table's corruption handler and reads as the default
+//  4. Corruption found while reading goes to the table's corruption handler and reads as the
+//  default
 //     value; a walk ends there.
 #pragma once
 
@@ -25,8 +26,9 @@
 
 namespace VornPolicyCpu {
 
-template <class B> class EntryLog final : public Asic::EntryLogBase {
-  public:
+template <class B>
+class EntryLog final : public Asic::EntryLogBase {
+public:
     using Types = typename B::Types;
     using Key = typename B::Key;
     using LogEntry = typename B::LogEntry;
@@ -78,6 +80,9 @@ template <class B> class EntryLog final : public Asic::EntryLogBase {
     /// Deletes all entries of a unit and returns the version of the deletion.
     Asic::LogVersion tableDel(const NeededPtr& neededEntry, Asic::UnitId unitId);
 
+    /// Whether a write of the key finds room: always, when the unit has a value for it already.
+    bool entryHasRoom(const Key& key, Asic::UnitId unitId) const;
+
     // Reads.
 
     /// The stored log entry; the default when absent or in deletion.
@@ -101,7 +106,7 @@ template <class B> class EntryLog final : public Asic::EntryLogBase {
     /// The target of the last cleanup; may move backwards.
     Asic::LogVersion cleanedUpTo() const { return cleanedUpTo_; }
 
-  private:
+private:
     void handleInitialized();
     void mountShimoChangeLog();
     void announceWhatWasNot();
@@ -115,7 +120,8 @@ template <class B> class EntryLog final : public Asic::EntryLogBase {
     std::optional<Record> changeRecord(Asic::LogVersion version) const;
     void reclaim(const Record& record);
     /// Calls `visit` for each value of the unit; it may change or delete the value it was given.
-    template <class Visit> void forEachValue(ConfigTable& config, Visit&& visit) const;
+    template <class Visit>
+    void forEachValue(ConfigTable& config, Visit&& visit) const;
 
     Brumo::Ptr<ChangeLog> tableEntryLog_;
     std::map<Asic::UnitId, Brumo::Ptr<ConfigTable>> tableConfigShimo_;

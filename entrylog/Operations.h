@@ -13,12 +13,12 @@ Asic::LogVersion EntryLog<B>::entryIs(const LogEntry& logEntry, const ResourceKe
                                       bool suppressIdenticalWrites) {
     const auto config = tableConfigShimo_.find(unitId);
     if (config == tableConfigShimo_.end()) [[unlikely]] {
-        Brumo::require(
-            false, "tableConfigShimoHas( unitId )",
-            fmt::format("Config shimo for unitId:{} is not created yet!", unitId));
+        Brumo::require(false, "tableConfigShimoHas( unitId )",
+                       fmt::format("Config shimo for unitId:{} is not created yet!", unitId));
     }
     if (suppressIdenticalWrites) {
-        if (const auto earlier = suppressed(logEntry, rsrcKeys, unitId, *stats)) return *earlier;
+        if (const auto earlier = suppressed(logEntry, rsrcKeys, unitId, *stats))
+            return *earlier;
     }
     const Asic::LogVersion version = tableVersionInc(1);
     Traces<B>::entryLog(
@@ -29,6 +29,12 @@ Asic::LogVersion EntryLog<B>::entryIs(const LogEntry& logEntry, const ResourceKe
     return version;
 }
 
+template <class B>
+bool EntryLog<B>::entryHasRoom(const Key& key, Asic::UnitId unitId) const {
+    const auto config = tableConfigShimo(unitId);
+    return config == nullptr || config->swTableEntriesHasRoomFor(key);
+}
+
 /// The version of an earlier write that is identical to this one; nothing when it is to be written.
 template <class B>
 std::optional<Asic::LogVersion> EntryLog<B>::suppressed(const LogEntry& logEntry,
@@ -36,7 +42,8 @@ std::optional<Asic::LogVersion> EntryLog<B>::suppressed(const LogEntry& logEntry
                                                         Asic::UnitId unitId,
                                                         Asic::SwTableStats& stats) const {
     const auto stored = configEntry(logEntry.key, unitId);
-    if (!stored.has_value() || stored->inDeletion) return std::nullopt;
+    if (!stored.has_value() || stored->inDeletion)
+        return std::nullopt;
     if (!stored->logEntry.isEq(logEntry) || !stored->rsrcKeys.isEq(rsrcKeys)) {
         Traces<B>::entryLog.in(
             "entryIs", 3,
@@ -47,7 +54,8 @@ std::optional<Asic::LogVersion> EntryLog<B>::suppressed(const LogEntry& logEntry
     }
     stats.suppressedWriteCntInc(1);
     Traces<B>::entryLog.in("entryIs", 3, "Suppressing identical write for key: {}", rsrcKeys);
-    if (stored->version.value == 0) return std::nullopt;
+    if (stored->version.value == 0)
+        return std::nullopt;
     return stored->version;
 }
 
@@ -74,7 +82,8 @@ Asic::LogVersion EntryLog<B>::tableDel(const NeededPtr& neededEntry, Asic::UnitI
     const Asic::LogVersion version = tableVersionInc(1);
     const auto config = tableConfigShimo(unitId);
     forEachValue(*config, [&](ConfigValue value) {
-        if (value.inDeletion) return;
+        if (value.inDeletion)
+            return;
         value.version = version;
         value.inDeletion = true;
         config->swTableEntriesIs(value);
@@ -103,7 +112,9 @@ auto EntryLog<B>::recordOf(Asic::LogVersion version, const LogEntry& logEntry, A
 /// Readers take up a version when it is published, so its record must be there by then.
 template <class B>
 void EntryLog<B>::publish(const Record& record, const NeededPtr& neededEntry) {
-    tableEntryLog_->entryLogConfigIs(record);
+    if (!tableEntryLog_->entryLogConfigIs(record)) {
+        Traces<B>::entryLog(1, " no room in change log for version: {}", record.version);
+    }
     tableEntryLog_->collectionControl().scratchpadIs(record.version.value);
     groupInterface()->addLogEntry(tableId(), record.version, neededEntry);
 }
@@ -112,7 +123,8 @@ template <class B>
 auto EntryLog<B>::configEntry(const Key& key, Asic::UnitId unitId) const
     -> std::optional<ConfigValue> {
     const auto config = tableConfigShimo_.find(unitId);
-    if (config == tableConfigShimo_.end()) return std::nullopt;
+    if (config == tableConfigShimo_.end())
+        return std::nullopt;
     try {
         return config->second->swTableEntries(key);
     } catch (const KivShimo::CorruptionError& error) {
@@ -128,7 +140,8 @@ auto EntryLog<B>::entry(const Key& key, Asic::UnitId unitId) const -> LogEntry {
     return stored.has_value() && !stored->inDeletion ? stored->logEntry : LogEntry{};
 }
 
-template <class B> bool EntryLog<B>::entryHas(const Key& key, Asic::UnitId unitId) const {
+template <class B>
+bool EntryLog<B>::entryHas(const Key& key, Asic::UnitId unitId) const {
     Traces<B>::entryLog(8, " key: {} unitId:{}", key, unitId);
     const auto stored = configEntry(key, unitId);
     return stored.has_value() && !stored->inDeletion;
@@ -148,19 +161,23 @@ Asic::LogVersion EntryLog<B>::entryLogVersion(const Key& key, Asic::UnitId unitI
     return stored.has_value() ? stored->version : Asic::LogVersion{};
 }
 
-template <class B> std::uint32_t EntryLog<B>::entrys(Asic::UnitId unitId) const {
+template <class B>
+std::uint32_t EntryLog<B>::entrys(Asic::UnitId unitId) const {
     Traces<B>::entryLog(8, " unitId:{}", unitId);
     const auto config = tableConfigShimo(unitId);
     Brumo::require(config != nullptr, "tableConfigShimoHas( unitId )");
     return static_cast<std::uint32_t>(config->swTableEntriesCount()) - entrysInDeletion(unitId);
 }
 
-template <class B> std::uint32_t EntryLog<B>::entrysInDeletion(Asic::UnitId unitId) const {
+template <class B>
+std::uint32_t EntryLog<B>::entrysInDeletion(Asic::UnitId unitId) const {
     Traces<B>::entryLog(8, " unitId:{}", unitId);
     const auto config = tableConfigShimo(unitId);
     std::uint32_t inDeletion = 0;
-    if (config == nullptr) return inDeletion;
-    forEachValue(*config, [&](const ConfigValue& value) { inDeletion += value.inDeletion ? 1 : 0; });
+    if (config == nullptr)
+        return inDeletion;
+    forEachValue(*config,
+                 [&](const ConfigValue& value) { inDeletion += value.inDeletion ? 1 : 0; });
     return inDeletion;
 }
 
