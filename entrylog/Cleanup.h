@@ -5,7 +5,8 @@
 
 namespace VornPolicyCpu {
 
-template <class B> void EntryLog<B>::cleanupEntryLog(Asic::LogVersion version) {
+template <class B>
+void EntryLog<B>::cleanupEntryLog(Asic::LogVersion version) {
     Traces<B>::entryLog(8, " version {}", version);
     if (cleanedUpTo_.value != 0 && cleanedUpTo_ > version) {
         // What lies between is reclaimed already: visiting it again finds nothing.
@@ -25,7 +26,8 @@ template <class B> void EntryLog<B>::cleanupEntryLog(Asic::LogVersion version) {
         } else if (isWalk) {
             break;
         }
-        if (current == version) break;
+        if (current == version)
+            break;
         next = versionAtOrAfter({current.value + 1});
     }
     cleanedUpTo_ = version;
@@ -33,7 +35,8 @@ template <class B> void EntryLog<B>::cleanupEntryLog(Asic::LogVersion version) {
 
 template <class B>
 std::optional<Asic::LogVersion> EntryLog<B>::versionAtOrAfter(Asic::LogVersion version) const {
-    if (tableEntryLog_ == nullptr) return std::nullopt;
+    if (tableEntryLog_ == nullptr)
+        return std::nullopt;
     return tableEntryLog_->entryLogConfigVersionAtOrAfter(version);
 }
 
@@ -49,7 +52,8 @@ auto EntryLog<B>::changeRecord(Asic::LogVersion version) const -> std::optional<
 }
 
 /// A value that was written again after the deletion has another version, and stays.
-template <class B> void EntryLog<B>::reclaim(const Record& record) {
+template <class B>
+void EntryLog<B>::reclaim(const Record& record) {
     const auto config = tableConfigShimo(record.unitId);
     if (config == nullptr) {
         Traces<B>::entryLog.in("cleanupEntryLog", 3, " configShimo not found for unitId: {}",
@@ -66,7 +70,8 @@ template <class B> void EntryLog<B>::reclaim(const Record& record) {
         Traces<B>::entryLog.in("cleanupEntryLog", 3, " deleteing all entries for unitId: {}",
                                record.unitId);
         forEachValue(*config, [&](const ConfigValue& value) {
-            if (value.version == record.version) config->swTableEntriesDel(value.key());
+            if (value.version == record.version)
+                config->swTableEntriesDel(value.key());
         });
     }
 }

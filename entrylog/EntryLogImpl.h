@@ -8,7 +8,8 @@
 
 namespace VornPolicyCpu {
 
-template <class B> const Kiv::TypeData& EntryLog<B>::typeData() const {
+template <class B>
+const Kiv::TypeData& EntryLog<B>::typeData() const {
     return entryLogTypeData<B>();
 }
 

@@ -22,9 +22,9 @@ inline constexpr std::string_view kNoAction = "\x01";
 
 inline const Brumo::LogHandle exception{
     {"HW_ABSTRACTION_EXCEPTION", "%s", "Exception", kNoAction, kSeverity}};
-inline const Brumo::LogHandle relaunchError{
-    {"HW_ABSTRACTION_RELAUNCH_ERROR", "%s", "Duplicate Writer Detected, shimo path not cleaned up",
-     kNoAction, kSeverity}};
+inline const Brumo::LogHandle relaunchError{{"HW_ABSTRACTION_RELAUNCH_ERROR", "%s",
+                                             "Duplicate Writer Detected, shimo path not cleaned up",
+                                             kNoAction, kSeverity}};
 inline const Brumo::LogHandle error{
     {"HW_ABSTRACTION_ERROR", "Hardware abstraction error: unable to load item: %s",
      "Hardware abstraction error: unable to load some persistent items. Some agents will be "
@@ -58,14 +58,16 @@ Brumo::Ptr<T> checkAndwriteMountShimo(
     mountGroup->mountIs(path, typeName, mountInfo);
     mountGroup->close();
     const Brumo::Ptr<T> result = Brumo::dynamicCast<T>(shimoManager->entity(path));
-    if (result == nullptr) return nullptr;
+    if (result == nullptr)
+        return nullptr;
 
     KivShimo::CollectionControl& control = collectionControlFn(result);
     if (control.wiped()) {
         wipedFn();
         const auto relaunch = Brumo::dynamicCast<Asic::GenId>(
             entityManager->entity(std::string(kRelaunchConfigPath) + agentName));
-        if (relaunch != nullptr) relaunch->majorIdInc(1);
+        if (relaunch != nullptr)
+            relaunch->majorIdInc(1);
         control.clearWiped();
     }
     return result;
@@ -79,22 +81,27 @@ EntryLog<B>::EntryLog(Asic::SwTableId tableId, Brumo::Ptr<Regdb::EntityManager> 
     handleInitialized();
 }
 
-template <class B> void EntryLog<B>::handleInitialized() {
+template <class B>
+void EntryLog<B>::handleInitialized() {
     Traces<B>::entryLog(8, "");
     mountShimoChangeLog();
 }
 
-template <class B> void EntryLog<B>::mountShimoChangeLog() {
+template <class B>
+void EntryLog<B>::mountShimoChangeLog() {
     Traces<B>::entryLog(8, "");
     const std::string path = Constants<Types>::tableEntryLogShimoPath();
     tableEntryLog_ = checkAndwriteMountShimo<ChangeLog>(
         entityManager(), Constants<Types>::entryLogShimoType(), path, agentName(),
-        [](KivShimo::MountInfo& info) { info.collectionIs({kEntryLogConfig, kEntryLogConfigCapacity, 0}); },
+        [](KivShimo::MountInfo& info) {
+            info.collectionIs({kEntryLogConfig, kEntryLogConfigCapacity, 0});
+        },
         [](const Brumo::Ptr<ChangeLog>& log) -> KivShimo::CollectionControl& {
             return log->collectionControl();
         },
         [] { LogMessages::error.emit(fmt::format("{}::{}", "entryLog", Types::kName)); });
-    if (tableEntryLog_ == nullptr) return;
+    if (tableEntryLog_ == nullptr)
+        return;
     tableVersionRestored({tableEntryLog_->collectionControl().scratchpad()});
     Traces<B>::entryLog(2, " Mounted entryLog: {}, tableVersion: {}", path, tableVersion());
     announceWhatWasNot();
@@ -102,13 +109,14 @@ template <class B> void EntryLog<B>::mountShimoChangeLog() {
 
 /// A process that was killed between publishing a change and announcing it left it unannounced.
 /// What such a change needed is not known any more: everything announced before it is enough.
-template <class B> void EntryLog<B>::announceWhatWasNot() {
+template <class B>
+void EntryLog<B>::announceWhatWasNot() {
     const auto& group = groupInterface();
-    if (group == nullptr) return;
+    if (group == nullptr)
+        return;
     const Asic::LogVersion announced = group->announcedVersion(tableId());
     for (auto next = versionAtOrAfter({announced.value + 1});
-         next.has_value() && *next <= tableVersion();
-         next = versionAtOrAfter({next->value + 1})) {
+         next.has_value() && *next <= tableVersion(); next = versionAtOrAfter({next->value + 1})) {
         group->addLogEntry(tableId(), *next, group->everythingAnnounced());
     }
     group->announcedVersionIs(tableId(), tableVersion());
@@ -120,7 +128,9 @@ void EntryLog<B>::mountShimoConfig(Asic::UnitId unitId, Asic::LogVersion logVers
     const std::string path = Constants<Types>::configShimoPath(unitId);
     const auto cfgShimo = checkAndwriteMountShimo<ConfigTable>(
         entityManager(), Constants<Types>::configShimoType(), path, agentName(),
-        [](KivShimo::MountInfo& info) { info.collectionIs({kSwTableEntries, kSwTableEntriesCapacity, 0}); },
+        [](KivShimo::MountInfo& info) {
+            info.collectionIs({kSwTableEntries, kSwTableEntriesCapacity, 0});
+        },
         [](const Brumo::Ptr<ConfigTable>& config) -> KivShimo::CollectionControl& {
             return config->collectionControl();
         },
@@ -128,9 +138,11 @@ void EntryLog<B>::mountShimoConfig(Asic::UnitId unitId, Asic::LogVersion logVers
     Brumo::require(cfgShimo != nullptr, "cfgShimo");
     tableConfigShimoIs(unitId, cfgShimo);
     Traces<B>::entryLog(2, " Mounted config for unitId: {} at {}", unitId, path);
-    if (logVersion.value == 0) return;
+    if (logVersion.value == 0)
+        return;
     forEachValue(*cfgShimo, [&](const ConfigValue& value) {
-        if (value.inDeletion && value.version <= logVersion) cfgShimo->swTableEntriesDel(value.key());
+        if (value.inDeletion && value.version <= logVersion)
+            cfgShimo->swTableEntriesDel(value.key());
     });
 }
 
@@ -140,12 +152,16 @@ void EntryLog<B>::tableConfigShimoIs(Asic::UnitId unitId, Brumo::Ptr<ConfigTable
     publisher().publish(kTableConfigShimo);
 }
 
-template <class B> void EntryLog<B>::tableConfigShimoDel(Asic::UnitId unitId) {
-    if (tableConfigShimo_.erase(unitId) > 0) publisher().publish(kTableConfigShimo);
+template <class B>
+void EntryLog<B>::tableConfigShimoDel(Asic::UnitId unitId) {
+    if (tableConfigShimo_.erase(unitId) > 0)
+        publisher().publish(kTableConfigShimo);
 }
 
-template <class B> void EntryLog<B>::tableConfigShimoDelAll() {
-    while (!tableConfigShimo_.empty()) tableConfigShimoDel(tableConfigShimo_.begin()->first);
+template <class B>
+void EntryLog<B>::tableConfigShimoDelAll() {
+    while (!tableConfigShimo_.empty())
+        tableConfigShimoDel(tableConfigShimo_.begin()->first);
 }
 
 template <class B>

@@ -192,6 +192,11 @@ void OrderedSwTableAccessor<B>::commitWrite(Table& table, const Resolver& change
     if (change.dependantEntryHandle() != nullptr) {
         needed->add(change.dependantEntryHandle()->entryTableVersion());
     }
+    if (!table.entryLog()->entryHasRoom(wrapper->key(), table.unitId())) {
+        Traces<B>::engine.in("commitEntry", 1, "Failed to commit entry key: {}", wrapper->key());
+        answer(handle, Asic::EntryState::failed);
+        return;
+    }
     const Asic::LogVersion version = table.entryLog()->entryIs(
         wrapper->logEntry(), wrapper->rsrcKeys(), needed, table.unitId(), table.stats(), false);
     handle->logVersionIs(version);
