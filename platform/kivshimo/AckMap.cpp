@@ -1,3 +1,4 @@
+// The rows of the acknowledgement file, and how the writer takes them up again.
 #include "platform/kivshimo/AckMap.h"
 
 #include <algorithm>
@@ -47,17 +48,20 @@ Row* rowsOf(const detail::WriterFile& mapping) {
 /// Which table a row is of: empty while it is free.
 std::optional<std::uint32_t> tableOf(const Row& row, std::uint64_t seed, bool& rotten) {
     const std::uint64_t check = detail::word(row.check).load(std::memory_order_acquire);
-    if (check == 0) return std::nullopt;
+    if (check == 0)
+        return std::nullopt;
     const std::uint64_t tableId = detail::loaded(row.tableId);
     rotten = check != checkOf(tableId, seed) || tableId > 0xFFFFFFFF;
-    if (rotten) return std::nullopt;
+    if (rotten)
+        return std::nullopt;
     return static_cast<std::uint32_t>(tableId);
 }
 
 std::uint64_t valueOf(const detail::VerifiedWord& stored, const std::string& file,
                       std::string_view what, std::uint64_t row) {
     const std::optional<std::uint64_t> value = stored.read();
-    if (!value) throw CorruptionError(file, what, row, "does not verify");
+    if (!value)
+        throw CorruptionError(file, what, row, "does not verify");
     return *value;
 }
 
@@ -82,7 +86,8 @@ void AckMapWriter::takeUp() {
     for (std::size_t i = 0; i < kMostAckTables; ++i) {
         bool rotten = false;
         const std::optional<std::uint32_t> table = tableOf(rows[i], mapping_.seed(0), rotten);
-        if (!table && !rotten) continue;
+        if (!table && !rotten)
+            continue;
         used = i + 1;
         const std::optional<detail::VerifiedWord::Reading> version = rows[i].version.newest();
         if (table && version) {
@@ -92,8 +97,10 @@ void AckMapWriter::takeUp() {
         }
     }
     corruptions_ += (consumed_.rotten() ? 1U : 0U) + (announceIdentity_.rotten() ? 1U : 0U);
-    if (consumed_.rotten()) consumed_.valueIs(0);
-    if (announceIdentity_.rotten()) announceIdentity_.valueIs(0);
+    if (consumed_.rotten())
+        consumed_.valueIs(0);
+    if (announceIdentity_.rotten())
+        announceIdentity_.valueIs(0);
     if (corruptions_ != 0) {
         static const Brumo::TraceSource trace("KivShimo", "AckMapWriter");
         trace(1, " {}: {} rotten acknowledgements dropped", mapping_.file(), corruptions_);
@@ -107,7 +114,8 @@ void AckMapWriter::takeUp() {
     for (std::size_t i = 0; i < used; ++i) {
         detail::word(rows[i].check).store(0, std::memory_order_release);
     }
-    for (const Acknowledged& entry : whole) ackIs(entry.tableId, entry.version);
+    for (const Acknowledged& entry : whole)
+        ackIs(entry.tableId, entry.version);
 }
 
 const AckMapWriter::Entry* AckMapWriter::entryOf(std::uint32_t tableId) const {
@@ -118,11 +126,14 @@ const AckMapWriter::Entry* AckMapWriter::entryOf(std::uint32_t tableId) const {
 bool AckMapWriter::ackIs(std::uint32_t tableId, std::uint64_t version) {
     const auto found = std::ranges::find(entries_, tableId, &Entry::tableId);
     if (found != entries_.end()) {
-        if (version < found->version.value()) return false;
-        if (version > found->version.value()) found->version.valueIs(version);
+        if (version < found->version.value())
+            return false;
+        if (version > found->version.value())
+            found->version.valueIs(version);
         return true;
     }
-    if (entries_.size() == kMostAckTables) return false;
+    if (entries_.size() == kMostAckTables)
+        return false;
     Row& row = rowsOf(mapping_)[entries_.size()];
     detail::word(row.tableId).store(tableId, std::memory_order_relaxed);
     detail::VerifiedWordWriter writer(row.version);
@@ -139,7 +150,8 @@ std::optional<std::uint64_t> AckMapWriter::acknowledged(std::uint32_t tableId) c
 
 std::vector<Acknowledged> AckMapWriter::all() const {
     std::vector<Acknowledged> result;
-    for (const Entry& entry : entries_) result.push_back({entry.tableId, entry.version.value()});
+    for (const Entry& entry : entries_)
+        result.push_back({entry.tableId, entry.version.value()});
     return result;
 }
 
@@ -170,7 +182,8 @@ std::optional<AckMapReader> AckMapReader::open(const std::string& file) {
     try {
         return AckMapReader(detail::ReaderFile::open(file, kType, plan(), &missing));
     } catch (const MountError&) {
-        if (missing) return std::nullopt;
+        if (missing)
+            return std::nullopt;
         throw;
     }
 }
@@ -181,10 +194,13 @@ std::optional<std::uint64_t> AckMapReader::acknowledged(std::uint32_t tableId) c
         const Row& row = rowsIn(mapping_)[i];
         bool rotten = false;
         const std::optional<std::uint32_t> table = tableOf(row, mapping_.seed(0), rotten);
-        if (rotten) rottenRow = i;
-        if (table == tableId) return valueOf(row.version, file(), kCollection, i);
+        if (rotten)
+            rottenRow = i;
+        if (table == tableId)
+            return valueOf(row.version, file(), kCollection, i);
     }
-    if (rottenRow) throw CorruptionError(file(), kCollection, *rottenRow, "does not verify");
+    if (rottenRow)
+        throw CorruptionError(file(), kCollection, *rottenRow, "does not verify");
     return std::nullopt;
 }
 
@@ -194,8 +210,10 @@ std::vector<Acknowledged> AckMapReader::all() const {
         const Row& row = rowsIn(mapping_)[i];
         bool rotten = false;
         const std::optional<std::uint32_t> table = tableOf(row, mapping_.seed(0), rotten);
-        if (rotten) throw CorruptionError(file(), kCollection, i, "does not verify");
-        if (table) result.push_back({*table, valueOf(row.version, file(), kCollection, i)});
+        if (rotten)
+            throw CorruptionError(file(), kCollection, i, "does not verify");
+        if (table)
+            result.push_back({*table, valueOf(row.version, file(), kCollection, i)});
     }
     return result;
 }

@@ -1,3 +1,4 @@
+// The ring of announcements: stored slot by slot, published by the tail.
 #include "platform/kivshimo/AnnounceLog.h"
 
 #include <algorithm>
@@ -15,8 +16,8 @@ using detail::AnnounceSlot;
 using SlotWords = detail::Words<AnnounceSlot>;
 
 std::vector<detail::CollectionPlan> planFor(std::uint64_t slots) {
-    return {{detail::kAnnounceCollection, detail::CollectionKind::announceLog,
-             sizeof(AnnounceSlot), 1, slots}};
+    return {{detail::kAnnounceCollection, detail::CollectionKind::announceLog, sizeof(AnnounceSlot),
+             1, slots}};
 }
 
 detail::WriterFile mounted(const std::string& root, const std::string& path, std::uint64_t slots) {
@@ -49,8 +50,10 @@ AnnounceLogWriter::AnnounceLogWriter(detail::WriterFile mapping)
       slots_(mapping_.header().collection[0].slots),
       seed_(mapping_.seed(0)),
       tail_(mapping_.dynamicHeader().tail) {
-    if (tail_.rotten()) findTail();
-    // How far the reader is comes from its side; until then nothing that it may need is overwritten.
+    if (tail_.rotten())
+        findTail();
+    // How far the reader is comes from its side; until then nothing that it may need is
+    // overwritten.
     consumed_ = tail() > slots_ ? tail() - slots_ : 0;
 }
 
@@ -59,8 +62,7 @@ AnnounceLogWriter::AnnounceLogWriter(detail::WriterFile mapping)
 void AnnounceLogWriter::findTail() {
     std::uint64_t highest = 0;
     for (std::uint64_t i = 0; i < slots_; ++i) {
-        const AnnounceSlot slot =
-            SlotWords::loadFrom(placeOf(mapping_.area(0), i, slots_)).value();
+        const AnnounceSlot slot = SlotWords::loadFrom(placeOf(mapping_.area(0), i, slots_)).value();
         if (slot.verifies(seed_) && slot.kind == AnnounceKind::change && slot.position > highest) {
             highest = slot.position;
         }
@@ -71,7 +73,8 @@ void AnnounceLogWriter::findTail() {
 bool AnnounceLogWriter::append(std::uint32_t tableId, std::uint64_t version,
                                std::span<const NeededVersion> needed) {
     const std::uint64_t slots = slotsFor(needed.size());
-    if (slots > free()) return false;
+    if (slots > free())
+        return false;
     for (std::uint64_t i = 0; i < slots; ++i) {
         const std::size_t count = std::min(needed.size(), detail::kInlineNeeded);
         store(tail() + 1 + i, tableId, version, i + 1 == slots, needed.first(count));
@@ -98,7 +101,8 @@ void AnnounceLogWriter::store(std::uint64_t position, std::uint32_t tableId, std
 }
 
 bool AnnounceLogWriter::consumedIs(std::uint64_t position) {
-    if (position < consumed_ || position > tail()) return false;
+    if (position < consumed_ || position > tail())
+        return false;
     consumed_ = position;
     return true;
 }
@@ -114,7 +118,8 @@ std::optional<AnnounceLogReader> AnnounceLogReader::open(const std::string& file
         return AnnounceLogReader(
             detail::ReaderFile::open(file, detail::kAnnounceType, planFor(1), &missing));
     } catch (const MountError&) {
-        if (missing) return std::nullopt;
+        if (missing)
+            return std::nullopt;
         throw;
     }
 }
@@ -126,13 +131,15 @@ AnnounceLogReader::AnnounceLogReader(detail::ReaderFile mapping)
 
 std::uint64_t AnnounceLogReader::tail() const {
     const std::optional<std::uint64_t> tail = mapping_.dynamic().tail.read();
-    if (!tail) throw CorruptionError(file(), "tail", 0, "does not verify");
+    if (!tail)
+        throw CorruptionError(file(), "tail", 0, "does not verify");
     return *tail;
 }
 
 std::optional<Announcement> AnnounceLogReader::next(std::uint64_t position) const {
     const std::uint64_t last = tail();
-    if (position == 0 || position > last) return std::nullopt;
+    if (position == 0 || position > last)
+        return std::nullopt;
     if (last - position >= slots_) {
         throw CorruptionError(file(), detail::kAnnounceCollection, position & (slots_ - 1),
                               "overwritten before it was read");

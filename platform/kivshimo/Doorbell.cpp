@@ -1,3 +1,4 @@
+// Sockets and epoch words; the reasoning about lost wake-ups is in the header.
 #include "platform/kivshimo/Doorbell.h"
 
 #include <sys/socket.h>
@@ -23,7 +24,8 @@ constexpr mode_t kSocketMode = 0660;
 std::optional<sockaddr_un> addressOf(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address.sun_path)) return std::nullopt;
+    if (path.size() >= sizeof(address.sun_path))
+        return std::nullopt;
     std::memcpy(address.sun_path, path.c_str(), path.size());
     return address;
 }
@@ -37,9 +39,8 @@ int senderSocket() {
 
 bool ringAt(const sockaddr_un& address) {
     const char ring = 1;
-    const ssize_t sent =
-        sendto(senderSocket(), &ring, sizeof(ring), MSG_DONTWAIT | MSG_NOSIGNAL,
-               reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    const ssize_t sent = sendto(senderSocket(), &ring, sizeof(ring), MSG_DONTWAIT | MSG_NOSIGNAL,
+                                reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     // A full socket is as good as a ring: the peer has something to wake up for.
     return sent == sizeof(ring) || errno == EAGAIN || errno == ENOBUFS;
 }
@@ -47,27 +48,35 @@ bool ringAt(const sockaddr_un& address) {
 }  // namespace
 
 Doorbell::Doorbell(std::string path)
-    : path_(std::move(path)), socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-    if (!socket_) detail::throwErrno(path_, "make doorbell");
+    : path_(std::move(path)),
+      socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    if (!socket_)
+        detail::throwErrno(path_, "make doorbell");
     const std::optional<sockaddr_un> address = addressOf(path_);
-    if (!address) throw MountError(path_, "make doorbell", "path too long for a socket");
+    if (!address)
+        throw MountError(path_, "make doorbell", "path too long for a socket");
     struct stat there {};
     if (lstat(path_.c_str(), &there) == 0) {
-        if (!S_ISSOCK(there.st_mode)) throw MountError(path_, "make doorbell", "no socket there");
+        if (!S_ISSOCK(there.st_mode))
+            throw MountError(path_, "make doorbell", "no socket there");
         unlink(path_.c_str());
     }
     if (bind(socket_.fd(), reinterpret_cast<const sockaddr*>(&*address), sizeof(*address)) != 0) {
         detail::throwErrno(path_, "bind doorbell");
     }
-    if (chmod(path_.c_str(), kSocketMode) != 0) detail::throwErrno(path_, "set mode of doorbell");
+    if (chmod(path_.c_str(), kSocketMode) != 0)
+        detail::throwErrno(path_, "set mode of doorbell");
 }
 
-Doorbell::~Doorbell() { unlink(path_.c_str()); }
+Doorbell::~Doorbell() {
+    unlink(path_.c_str());
+}
 
 unsigned Doorbell::drain() {
     unsigned rings = 0;
     char ignored[8];
-    while (recv(socket_.fd(), ignored, sizeof(ignored), MSG_DONTWAIT) >= 0) ++rings;
+    while (recv(socket_.fd(), ignored, sizeof(ignored), MSG_DONTWAIT) >= 0)
+        ++rings;
     return rings;
 }
 
@@ -76,7 +85,9 @@ bool ring(const std::string& path) {
     return address && ringAt(*address);
 }
 
-Sleeper::Sleeper(std::uint64_t& epoch) : epoch_(epoch) { awake(); }
+Sleeper::Sleeper(std::uint64_t& epoch) : epoch_(epoch) {
+    awake();
+}
 
 void Sleeper::asleep() {
     const std::uint64_t now = epoch_.load(std::memory_order_relaxed);
@@ -86,7 +97,8 @@ void Sleeper::asleep() {
 
 void Sleeper::awake() {
     const std::uint64_t now = epoch_.load(std::memory_order_relaxed);
-    if ((now & 1U) != 0) epoch_.store(now + 1, std::memory_order_relaxed);
+    if ((now & 1U) != 0)
+        epoch_.store(now + 1, std::memory_order_relaxed);
 }
 
 Waker::Waker(const std::uint64_t& epoch, std::string path)
@@ -95,7 +107,8 @@ Waker::Waker(const std::uint64_t& epoch, std::string path)
 bool Waker::published() {
     std::atomic_thread_fence(std::memory_order_seq_cst);
     const std::uint64_t epoch = detail::loaded(*epoch_);
-    if ((epoch & 1U) == 0 || epoch == rungFor_) return false;
+    if ((epoch & 1U) == 0 || epoch == rungFor_)
+        return false;
     rungFor_ = epoch;
     return ring(path_);
 }

@@ -1,3 +1,4 @@
+// The managers of the process, and mounting: from a declaration to a table object.
 #include "platform/kivshimo/EntityManager.h"
 
 #include <algorithm>
@@ -43,8 +44,8 @@ std::vector<detail::CollectionPlan> planOf(const std::string& path, const TableT
                                            const MountInfo& info) {
     std::vector<detail::CollectionPlan> plan;
     for (const CollectionLayout& layout : type.collections) {
-        const auto declared = std::ranges::find(info.collections(), layout.name,
-                                                &CollectionDeclaration::name);
+        const auto declared =
+            std::ranges::find(info.collections(), layout.name, &CollectionDeclaration::name);
         if (declared == info.collections().end() || declared->capacity == 0) {
             throw MountError(path, "mount", "no capacity declared for collection " + layout.name);
         }
@@ -57,8 +58,7 @@ std::vector<detail::CollectionPlan> planOf(const std::string& path, const TableT
     for (const CollectionDeclaration& declaration : info.collections()) {
         if (std::ranges::find(plan, declaration.name, &detail::CollectionPlan::name) ==
             plan.end()) {
-            throw MountError(path, "mount",
-                             "the type has no collection " + declaration.name);
+            throw MountError(path, "mount", "the type has no collection " + declaration.name);
         }
     }
     return plan;
@@ -89,7 +89,8 @@ Brumo::Ptr<EntityManager> EntityManager::get(const std::string& systemName, bool
 }
 
 void EntityManager::rootIs(const std::string& systemName, bool local, std::string rootDirectory) {
-    while (rootDirectory.size() > 1 && rootDirectory.ends_with('/')) rootDirectory.pop_back();
+    while (rootDirectory.size() > 1 && rootDirectory.ends_with('/'))
+        rootDirectory.pop_back();
     const ManagerName name(systemName, local);
     const auto made = managers().made.find(name);
     Brumo::require(made == managers().made.end() || made->second->root() == rootDirectory,
@@ -113,7 +114,9 @@ void EntityManager::capacityCeilingIs(std::uint64_t slots) {
     ceiling.store(std::max<std::uint64_t>(slots, 1), std::memory_order_relaxed);
 }
 
-std::uint64_t EntityManager::capacityCeiling() { return ceiling.load(std::memory_order_relaxed); }
+std::uint64_t EntityManager::capacityCeiling() {
+    return ceiling.load(std::memory_order_relaxed);
+}
 
 EntityManager::EntityManager(std::string root)
     : root_(std::move(root)), mountGroup_(Brumo::make<MountGroup>(*this)) {}
@@ -127,7 +130,8 @@ Brumo::Ptr<Kiv::Entity> EntityManager::entity(std::string_view path) const {
 
 void EntityManager::entityDel(std::string_view path) {
     const auto found = tables_.find(withoutSlash(path));
-    if (found != tables_.end()) tables_.erase(found);
+    if (found != tables_.end())
+        tables_.erase(found);
 }
 
 std::vector<std::string> EntityManager::entitiesBelow(std::string_view basePath) const {
@@ -139,7 +143,8 @@ std::vector<std::string> EntityManager::entitiesBelow(std::string_view basePath)
     for (fs::recursive_directory_iterator at(base, error), end; !error && at != end;
          at.increment(error)) {
         const std::string name = at->path().lexically_relative(base).string();
-        if (!name.ends_with(kTableSuffix) || !at->is_regular_file(error)) continue;
+        if (!name.ends_with(kTableSuffix) || !at->is_regular_file(error))
+            continue;
         result.push_back(name.substr(0, name.size() - kTableSuffix.size()));
     }
     std::ranges::sort(result);
@@ -150,16 +155,19 @@ void EntityManager::mount(const std::string& path, const std::string& typeName,
                           const MountInfo& info) {
     const auto there = tables_.find(path);
     if (there != tables_.end()) {
-        if (there->second.typeName == typeName) return;
+        if (there->second.typeName == typeName)
+            return;
         throw MountError(path, "mount",
                          "a table of type " + there->second.typeName + " is mounted there");
     }
-    if (info.mountType() != 0) throw MountError(path, "mount", "unknown mount type");
+    if (info.mountType() != 0)
+        throw MountError(path, "mount", "unknown mount type");
     const TableType* type = TableTypes::instance().type(typeName);
-    if (type == nullptr) throw MountError(path, "mount", "unknown table type " + typeName);
+    if (type == nullptr)
+        throw MountError(path, "mount", "unknown table type " + typeName);
     detail::WriterFile::Report report;
-    detail::WriterFile file = detail::WriterFile::open(
-        root_, path, typeName, planOf(path, *type, info), report);
+    detail::WriterFile file =
+        detail::WriterFile::open(root_, path, typeName, planOf(path, *type, info), report);
     if (report.wiped) {
         trace()(1, " {}: content lost: {}{}{}", file.file(), report.reason,
                 report.keptAside.empty() ? "" : ", kept aside as ", report.keptAside);

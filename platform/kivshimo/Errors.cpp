@@ -1,3 +1,4 @@
+// The texts of the errors.
 #include "platform/kivshimo/Errors.h"
 
 #include <fmt/format.h>

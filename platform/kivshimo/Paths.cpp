@@ -1,3 +1,4 @@
+// From paths of tables to names of files.
 #include "platform/kivshimo/Paths.h"
 
 #include "platform/kivshimo/Errors.h"
@@ -10,7 +11,8 @@ std::string defaultRoot(std::string_view systemName, bool local) {
 
 std::string tableFile(std::string_view root, std::string_view path) {
     std::string_view rest = path;
-    if (rest.starts_with('/')) rest.remove_prefix(1);
+    if (rest.starts_with('/'))
+        rest.remove_prefix(1);
     std::string result(root);
     while (true) {
         const std::size_t slash = rest.find('/');
@@ -21,7 +23,8 @@ std::string tableFile(std::string_view root, std::string_view path) {
         }
         result += '/';
         result += part;
-        if (slash == std::string_view::npos) break;
+        if (slash == std::string_view::npos)
+            break;
         rest.remove_prefix(slash + 1);
     }
     return result += kTableSuffix;

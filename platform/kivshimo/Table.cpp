@@ -1,3 +1,4 @@
+// What every table does, and the registry of table types.
 #include "platform/kivshimo/Table.h"
 
 #include <utility>
@@ -16,9 +17,7 @@ const Brumo::TraceSource& trace() {
 }  // namespace
 
 Table::Table(TableMount mount)
-    : path_(std::move(mount.path)),
-      file_(std::move(mount.file)),
-      control_(file_->dynamicHeader()) {
+    : path_(std::move(mount.path)), file_(std::move(mount.file)), control_(file_->dynamicHeader()) {
     if (control_.scratchpadRotten()) {
         Table::doCorruptionDetected(
             CorruptionError(file(), "scratchpad", 0, "does not verify, counts as 0").what());

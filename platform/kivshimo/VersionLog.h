@@ -53,6 +53,9 @@ public:
     std::uint64_t count() const { return present_.count(); }
     /// 0 when the log is empty.
     std::uint64_t lowest() const { return lowest_; }
+    /// No present version is above it; just after the mount it is the highest present one. 0 when
+    /// the log is empty.
+    std::uint64_t highestBound() const { return highestBound_; }
 
     /// Inserts, or replaces the record of the same version. False when a straggler has the slot, or
     /// the version is 0.

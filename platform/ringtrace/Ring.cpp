@@ -67,7 +67,8 @@ struct File {
     File(const File&) = delete;
     File& operator=(const File&) = delete;
     ~File() {
-        if (fd >= 0) close(fd);
+        if (fd >= 0)
+            close(fd);
     }
 };
 
@@ -76,7 +77,8 @@ std::string formatted(std::string_view format, std::span<const std::string> argu
     std::string result;
     for (const std::string& argument : arguments) {
         const std::size_t at = format.find("{}");
-        if (at == std::string_view::npos) break;
+        if (at == std::string_view::npos)
+            break;
         result += format.substr(0, at);
         result += argument;
         format.remove_prefix(at + 2);
@@ -85,7 +87,8 @@ std::string formatted(std::string_view format, std::span<const std::string> argu
 }
 
 std::string formatIn(const std::byte* base, std::uint64_t id) {
-    if (id == 0 || id >= Ring::kMostFormats) return "?";
+    if (id == 0 || id >= Ring::kMostFormats)
+        return "?";
     const char* text = reinterpret_cast<const char*>(base) + sizeof(Header) + id * kFormatBytes;
     return {text, strnlen(text, kFormatBytes)};
 }
@@ -110,7 +113,8 @@ std::vector<std::string> linesIn(const std::byte* base, std::size_t slots) {
     std::vector<Slot> whole;
     for (std::size_t i = 0; i < slots; ++i) {
         const std::uint64_t before = word(stored[i].sequence).load(std::memory_order_acquire);
-        if (before == 0) continue;
+        if (before == 0)
+            continue;
         Slot copy{};
         copy.sequence = before;
         copy.time_ns = word(stored[i].time_ns).load(std::memory_order_relaxed);
@@ -126,7 +130,8 @@ std::vector<std::string> linesIn(const std::byte* base, std::size_t slots) {
     }
     std::ranges::sort(whole, {}, &Slot::sequence);
     std::vector<std::string> lines;
-    for (const Slot& slot : whole) lines.push_back(lineOf(base, slot));
+    for (const Slot& slot : whole)
+        lines.push_back(lineOf(base, slot));
     return lines;
 }
 
@@ -136,25 +141,33 @@ Ring::Ring(const std::string& file, std::size_t slots)
     : file_(file), bytes_(kSlotsOffset + slots * sizeof(Slot)), slots_(slots) {
     Brumo::require(slots != 0 && (slots & (slots - 1)) == 0, "slots are a power of two", file);
     // A new file each time: whoever still reads the one before keeps it.
-    if (unlink(file.c_str()) != 0 && errno != ENOENT) throwErrno(file, "remove older ring");
+    if (unlink(file.c_str()) != 0 && errno != ENOENT)
+        throwErrno(file, "remove older ring");
     const File opened(open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640));
-    if (opened.fd < 0) throwErrno(file, "make ring");
+    if (opened.fd < 0)
+        throwErrno(file, "make ring");
     errno = posix_fallocate(opened.fd, 0, static_cast<off_t>(bytes_));
-    if (errno != 0) throwErrno(file, "allocate ring");
+    if (errno != 0)
+        throwErrno(file, "allocate ring");
     void* mapped = mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_SHARED, opened.fd, 0);
-    if (mapped == MAP_FAILED) throwErrno(file, "map ring");
+    if (mapped == MAP_FAILED)
+        throwErrno(file, "map ring");
     base_ = static_cast<std::byte*>(mapped);
     const Header header{kMagic, slots, {}};
     std::memcpy(base_, &header, sizeof(header));
     formats_.emplace_back("?");
 }
 
-Ring::~Ring() { munmap(base_, bytes_); }
+Ring::~Ring() {
+    munmap(base_, bytes_);
+}
 
 MessageId Ring::message(std::string_view format) {
     const auto known = std::ranges::find(formats_, format);
-    if (known != formats_.end()) return static_cast<MessageId>(known - formats_.begin());
-    if (formats_.size() == kMostFormats || format.size() > kFormatBytes) return 0;
+    if (known != formats_.end())
+        return static_cast<MessageId>(known - formats_.begin());
+    if (formats_.size() == kMostFormats || format.size() > kFormatBytes)
+        return 0;
     std::memcpy(base_ + sizeof(Header) + formats_.size() * kFormatBytes, format.data(),
                 format.size());
     formats_.emplace_back(format);
@@ -184,13 +197,17 @@ void Ring::store(MessageId id, std::size_t kind, const std::array<std::uint64_t,
     word(slot.sequence).store(sequence_, std::memory_order_release);
 }
 
-std::vector<std::string> Ring::dump() const { return linesIn(base_, slots_); }
+std::vector<std::string> Ring::dump() const {
+    return linesIn(base_, slots_);
+}
 
 std::vector<std::string> Ring::dump(const std::string& file) {
     const File opened(open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (opened.fd < 0) throwErrno(file, "open ring");
+    if (opened.fd < 0)
+        throwErrno(file, "open ring");
     struct stat status {};
-    if (fstat(opened.fd, &status) != 0) throwErrno(file, "check ring");
+    if (fstat(opened.fd, &status) != 0)
+        throwErrno(file, "check ring");
     const auto bytes = static_cast<std::size_t>(status.st_size);
     Header header{};
     if (bytes < kSlotsOffset || pread(opened.fd, &header, sizeof(header), 0) != sizeof(header) ||
@@ -198,7 +215,8 @@ std::vector<std::string> Ring::dump(const std::string& file) {
         throw std::runtime_error(file + ": not a ring trace");
     }
     void* mapped = mmap(nullptr, bytes, PROT_READ, MAP_SHARED, opened.fd, 0);
-    if (mapped == MAP_FAILED) throwErrno(file, "map ring");
+    if (mapped == MAP_FAILED)
+        throwErrno(file, "map ring");
     const auto unmap = [bytes](void* base) { munmap(base, bytes); };
     const std::unique_ptr<void, decltype(unmap)> mapping(mapped, unmap);
     return linesIn(static_cast<const std::byte*>(mapped), header.slots);

@@ -1,3 +1,4 @@
+// Planning, sealing and checking the first page of a file.
 #include "platform/kivshimo/detail/FileHeader.h"
 
 #include <cstring>
@@ -39,11 +40,13 @@ std::uint64_t areaBytes(CollectionKind kind, std::uint32_t recordBytes, std::uin
     return (bytes + kPageBytes - 1) / kPageBytes * kPageBytes;
 }
 
-template <std::size_t Size> std::string_view textIn(const char (&field)[Size]) {
+template <std::size_t Size>
+std::string_view textIn(const char (&field)[Size]) {
     return {field, strnlen(field, Size)};
 }
 
-template <std::size_t Size> void textInto(char (&field)[Size], std::string_view text) {
+template <std::size_t Size>
+void textInto(char (&field)[Size], std::string_view text) {
     Brumo::require(text.size() < Size, "name fits the header", text);
     std::memcpy(field, text.data(), text.size());
 }
@@ -54,7 +57,8 @@ std::uint64_t sumOf(const StaticHeader& header) {
 
 /// Why a declaration cannot be believed, or empty.
 std::string defectOf(const CollectionHeader& header, std::uint64_t expectedOffset) {
-    if (header.capacity == 0 || header.capacity > kMostSlots || header.slots > kMostSlots || header.recordBytes > kPageBytes) {
+    if (header.capacity == 0 || header.capacity > kMostSlots || header.slots > kMostSlots ||
+        header.recordBytes > kPageBytes) {
         return "impossible size";
     }
     const std::uint64_t bytes = areaBytes(header.kind, header.recordBytes, header.slots);
@@ -94,23 +98,29 @@ StaticHeader plannedHeader(std::string_view typeName, const std::vector<Collecti
     return header;
 }
 
-void seal(StaticHeader& header) { header.checksum = sumOf(header); }
+void seal(StaticHeader& header) {
+    header.checksum = sumOf(header);
+}
 
 std::string defectOf(const StaticHeader& header, std::uint64_t fileBytes) {
-    if (header.magic != kMagic) return "not a file of shared memory";
+    if (header.magic != kMagic)
+        return "not a file of shared memory";
     if (header.layoutVersion != kLayoutVersion) {
         return fmt::format("layout version {} where {} is known", header.layoutVersion,
                            kLayoutVersion);
     }
-    if (header.checksum != sumOf(header)) return "damaged header";
+    if (header.checksum != sumOf(header))
+        return "damaged header";
     if (header.fileBytes != fileBytes) {
         return fmt::format("{} bytes long where the header says {}", fileBytes, header.fileBytes);
     }
-    if (header.collections > kMostCollections) return "too many collections";
+    if (header.collections > kMostCollections)
+        return "too many collections";
     std::uint64_t offset = kAreasOffset;
     for (std::size_t i = 0; i < header.collections; ++i) {
         const std::string defect = defectOf(header.collection[i], offset);
-        if (!defect.empty()) return defect;
+        if (!defect.empty())
+            return defect;
         offset += header.collection[i].bytes;
     }
     return offset == header.fileBytes ? std::string() : std::string("areas do not fill the file");
@@ -119,8 +129,7 @@ std::string defectOf(const StaticHeader& header, std::uint64_t fileBytes) {
 std::string differenceOf(const StaticHeader& header, const StaticHeader& planned,
                          bool compareCapacity) {
     if (textIn(header.typeName) != textIn(planned.typeName)) {
-        return fmt::format("of type {}, not {}", textIn(header.typeName),
-                           textIn(planned.typeName));
+        return fmt::format("of type {}, not {}", textIn(header.typeName), textIn(planned.typeName));
     }
     for (std::size_t i = 0; i < planned.collections; ++i) {
         const CollectionHeader& wanted = planned.collection[i];
@@ -130,7 +139,8 @@ std::string differenceOf(const StaticHeader& header, const StaticHeader& planned
                 there = &header.collection[j];
             }
         }
-        if (there == nullptr) return fmt::format("without collection {}", textIn(wanted.name));
+        if (there == nullptr)
+            return fmt::format("without collection {}", textIn(wanted.name));
         if (there->kind != wanted.kind || there->recordBytes != wanted.recordBytes ||
             there->fingerprint != wanted.fingerprint) {
             return fmt::format("of another layout in collection {}", textIn(wanted.name));

@@ -1,3 +1,4 @@
+// System calls on folders, files and manifests, each with its error.
 #include "platform/kivshimo/detail/Files.h"
 
 #include <fcntl.h>
@@ -18,7 +19,8 @@ constexpr std::uint64_t kManifestMagic = 0x31464E414D485356U;
 
 void makeFolder(const std::string& path) {
     if (mkdir(path.c_str(), kFolderMode) == 0) {
-        if (chmod(path.c_str(), kFolderMode) != 0) throwErrno(path, "set mode of folder");
+        if (chmod(path.c_str(), kFolderMode) != 0)
+            throwErrno(path, "set mode of folder");
     } else if (errno != EEXIST) {
         throwErrno(path, "make folder");
     }
@@ -32,13 +34,15 @@ Descriptor openedRoot(const std::string& root) {
     }
     makeFolder(root);
     Descriptor folder(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!folder) throwErrno(root, "open folder");
+    if (!folder)
+        throwErrno(root, "open folder");
     return folder;
 }
 
 void checkFolder(const Descriptor& folder, const std::string& path) {
     struct stat status {};
-    if (fstat(folder.fd(), &status) != 0) throwErrno(path, "check folder");
+    if (fstat(folder.fd(), &status) != 0)
+        throwErrno(path, "check folder");
     if (status.st_uid != geteuid()) {
         throw MountError(path, "check folder", "belongs to another user");
     }
@@ -69,9 +73,10 @@ Descriptor folderOf(const std::string& root, const std::string& file) {
         } else if (errno != EEXIST) {
             throwErrno(path, "make folder");
         }
-        Descriptor next(openat(folder.fd(), part.c_str(),
-                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!next) throwErrno(path, "open folder");
+        Descriptor next(
+            openat(folder.fd(), part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!next)
+            throwErrno(path, "open folder");
         checkFolder(next, path);
         folder = std::move(next);
         begin = slash + 1;
@@ -79,12 +84,16 @@ Descriptor folderOf(const std::string& root, const std::string& file) {
     return folder;
 }
 
-std::string nameIn(const std::string& file) { return file.substr(file.rfind('/') + 1); }
+std::string nameIn(const std::string& file) {
+    return file.substr(file.rfind('/') + 1);
+}
 
 struct stat checkedStatus(const Descriptor& descriptor, const std::string& path, bool forReading) {
     struct stat status {};
-    if (fstat(descriptor.fd(), &status) != 0) throwErrno(path, "check");
-    if (!S_ISREG(status.st_mode)) throw MountError(path, "check", "no regular file");
+    if (fstat(descriptor.fd(), &status) != 0)
+        throwErrno(path, "check");
+    if (!S_ISREG(status.st_mode))
+        throw MountError(path, "check", "no regular file");
     const bool readable = forReading && (status.st_uid == 0 || geteuid() == 0);
     if (status.st_uid != geteuid() && !readable) {
         throw MountError(path, "check", "belongs to another user");
@@ -97,10 +106,12 @@ bool locked(const Descriptor& descriptor, const std::string& path) {
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
     if (fcntl(descriptor.fd(), F_OFD_SETLK, &lock) == 0) {
-        if (fchmod(descriptor.fd(), kFileMode) != 0) throwErrno(path, "set mode");
+        if (fchmod(descriptor.fd(), kFileMode) != 0)
+            throwErrno(path, "set mode");
         return true;
     }
-    if (errno == EAGAIN || errno == EACCES) return false;
+    if (errno == EAGAIN || errno == EACCES)
+        return false;
     throwErrno(path, "lock");
 }
 
@@ -114,8 +125,8 @@ std::string keptAside(const Descriptor& folder, const std::string& file) {
     }
     if (free > kMostKeptAside) {
         for (int n = 1; n < kMostKeptAside; ++n) {
-            if (renameat(folder.fd(), numbered(n + 1).c_str(), folder.fd(),
-                         numbered(n).c_str()) != 0) {
+            if (renameat(folder.fd(), numbered(n + 1).c_str(), folder.fd(), numbered(n).c_str()) !=
+                0) {
                 throwErrno(file, "keep older damaged files");
             }
         }
@@ -130,7 +141,8 @@ std::string keptAside(const Descriptor& folder, const std::string& file) {
 Manifest manifestIn(const Descriptor& descriptor) {
     Manifest manifest{};
     const ssize_t got = pread(descriptor.fd(), &manifest, sizeof(manifest), 0);
-    if (got == 0) return Manifest{};
+    if (got == 0)
+        return Manifest{};
     if (got != sizeof(manifest) || manifest.magic != kManifestMagic ||
         manifest.checksum != sumOf(manifest)) {
         manifest = {};

@@ -7,10 +7,10 @@
 //  2. Folders have mode 0750, files 0640, whatever the process's mask is.
 #pragma once
 
+#include <sys/stat.h>
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <sys/stat.h>
 
 #include "platform/kivshimo/detail/MappedFile.h"
 
@@ -19,7 +19,8 @@ namespace KivShimo::detail {
 /// Throws MountError with the reason of the last failed system call.
 [[noreturn]] void throwErrno(std::string_view path, std::string_view operation);
 
-/// Opens the folder that holds the file, making the folders from the root on where they are missing.
+/// Opens the folder that holds the file, making the folders from the root on where they are
+/// missing.
 Descriptor folderOf(const std::string& root, const std::string& file);
 
 /// The last part of a path.

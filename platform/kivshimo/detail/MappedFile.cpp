@@ -1,3 +1,4 @@
+// Mounting: deciding what is taken, what is kept aside and what is made anew.
 #include "platform/kivshimo/detail/MappedFile.h"
 
 #include <fcntl.h>
@@ -37,7 +38,8 @@ struct Taken {
 /// The first page of an open file, or why there is none that counts.
 std::string readHeader(const Descriptor& descriptor, const struct stat& status,
                        StaticHeader& header) {
-    if (status.st_size < static_cast<off_t>(kAreasOffset)) return "shorter than its header";
+    if (status.st_size < static_cast<off_t>(kAreasOffset))
+        return "shorter than its header";
     if (pread(descriptor.fd(), &header, sizeof(header), 0) != sizeof(header)) {
         return "header cannot be read";
     }
@@ -55,11 +57,13 @@ Descriptor lockedManifest(const Target& target, Manifest& content) {
     Descriptor manifest(openat(target.folder.fd(),
                                (target.name + std::string(kManifestSuffix)).c_str(),
                                O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kFileMode));
-    if (!manifest) throwErrno(path, "open manifest");
+    if (!manifest)
+        throwErrno(path, "open manifest");
     checkedStatus(manifest, path, false);
     const bool mine = locked(manifest, path);
     content = manifestIn(manifest);
-    if (!mine) throw DuplicateWriterError(target.file, content.holderPid);
+    if (!mine)
+        throw DuplicateWriterError(target.file, content.holderPid);
     return manifest;
 }
 
@@ -68,7 +72,8 @@ Taken takeExisting(const Target& target) {
     Descriptor descriptor(
         openat(target.folder.fd(), target.name.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
     if (!descriptor) {
-        if (errno != ENOENT) throwErrno(target.file, "open for writing");
+        if (errno != ENOENT)
+            throwErrno(target.file, "open for writing");
         taken.reason = "the file is gone";
         return taken;
     }
@@ -78,8 +83,10 @@ Taken takeExisting(const Target& target) {
         throw DuplicateWriterError(target.file, holderPidIn(descriptor));
     }
     taken.reason = readHeader(descriptor, status, taken.header);
-    if (taken.reason.empty()) taken.reason = differenceOf(taken.header, target.planned, true);
-    if (taken.reason.empty()) taken.descriptor = std::move(descriptor);
+    if (taken.reason.empty())
+        taken.reason = differenceOf(taken.header, target.planned, true);
+    if (taken.reason.empty())
+        taken.descriptor = std::move(descriptor);
     return taken;
 }
 
@@ -105,7 +112,8 @@ Descriptor makeFile(const Target& target, const StaticHeader& header, bool wiped
     }
     Descriptor descriptor(openat(target.folder.fd(), unfinished.c_str(),
                                  O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode));
-    if (!descriptor) throwErrno(target.file, "make");
+    if (!descriptor)
+        throwErrno(target.file, "make");
     const int error = posix_fallocate(descriptor.fd(), 0, static_cast<off_t>(header.fileBytes));
     if (error != 0) {
         unlinkat(target.folder.fd(), unfinished.c_str(), 0);
@@ -116,9 +124,10 @@ Descriptor makeFile(const Target& target, const StaticHeader& header, bool wiped
     if (pwrite(descriptor.fd(), pages.bytes, sizeof(pages.bytes), 0) != sizeof(pages.bytes)) {
         throwErrno(target.file, "write header");
     }
-    if (!locked(descriptor, target.file)) throw DuplicateWriterError(target.file, 0);
-    if (renameat(target.folder.fd(), unfinished.c_str(), target.folder.fd(),
-                 target.name.c_str()) != 0) {
+    if (!locked(descriptor, target.file))
+        throw DuplicateWriterError(target.file, 0);
+    if (renameat(target.folder.fd(), unfinished.c_str(), target.folder.fd(), target.name.c_str()) !=
+        0) {
         throwErrno(target.file, "rename into place");
     }
     return descriptor;
@@ -140,7 +149,8 @@ Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
 }
 
 Descriptor::~Descriptor() {
-    if (fd_ >= 0) close(fd_);
+    if (fd_ >= 0)
+        close(fd_);
 }
 
 MappedFile::MappedFile(std::string file, Descriptor descriptor, const StaticHeader& header,
@@ -148,7 +158,8 @@ MappedFile::MappedFile(std::string file, Descriptor descriptor, const StaticHead
     : file_(std::move(file)), descriptor_(std::move(descriptor)), header_(header) {
     void* mapped = mmap(nullptr, header_.fileBytes, writable ? PROT_READ | PROT_WRITE : PROT_READ,
                         MAP_SHARED, descriptor_.fd(), 0);
-    if (mapped == MAP_FAILED) throwErrno(file_, "map");
+    if (mapped == MAP_FAILED)
+        throwErrno(file_, "map");
     base_ = static_cast<std::byte*>(mapped);
 }
 
@@ -167,7 +178,8 @@ MappedFile& MappedFile::operator=(MappedFile&& other) noexcept {
 }
 
 MappedFile::~MappedFile() {
-    if (base_ != nullptr) munmap(base_, header_.fileBytes);
+    if (base_ != nullptr)
+        munmap(base_, header_.fileBytes);
 }
 
 std::size_t MappedFile::collectionNumber(std::string_view name) const {
@@ -183,7 +195,8 @@ std::size_t MappedFile::collectionNumber(std::string_view name) const {
 bool MappedFile::stale() const {
     struct stat mapped {};
     struct stat named {};
-    if (fstat(descriptor_.fd(), &mapped) != 0 || lstat(file_.c_str(), &named) != 0) return true;
+    if (fstat(descriptor_.fd(), &mapped) != 0 || lstat(file_.c_str(), &named) != 0)
+        return true;
     return mapped.st_ino != named.st_ino || mapped.st_dev != named.st_dev;
 }
 
@@ -221,8 +234,10 @@ WriterFile WriterFile::open(const std::string& root, const std::string& relative
         report.wiped = existed || taken.wasThere;
         report.reason = taken.reason;
         // Said before the file is moved: a kill in between must not look like a first start.
-        if (report.wiped) manifestIs(manifest, manifestPath, true);
-        if (taken.wasThere) report.keptAside = keptAside(target.folder, file);
+        if (report.wiped)
+            manifestIs(manifest, manifestPath, true);
+        if (taken.wasThere)
+            report.keptAside = keptAside(target.folder, file);
         taken.header = target.planned;
         taken.header.identity = randomIdentity();
         seal(taken.header);
@@ -238,10 +253,12 @@ ReaderFile::ReaderFile(std::string file, Descriptor descriptor, const StaticHead
 
 ReaderFile ReaderFile::open(const std::string& file, std::string_view typeName,
                             const std::vector<CollectionPlan>& plan, bool* missing) {
-    if (missing != nullptr) *missing = false;
+    if (missing != nullptr)
+        *missing = false;
     Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!descriptor) {
-        if (missing != nullptr) *missing = errno == ENOENT || errno == ENOTDIR;
+        if (missing != nullptr)
+            *missing = errno == ENOENT || errno == ENOTDIR;
         throwErrno(file, "open for reading");
     }
     StaticHeader header{};
@@ -251,7 +268,8 @@ ReaderFile ReaderFile::open(const std::string& file, std::string_view typeName,
         // A reader takes a collection of any capacity; the file says which.
         reason = differenceOf(header, plannedHeader(typeName, plan), false);
     }
-    if (!reason.empty()) throw MountError(file, "open for reading", reason);
+    if (!reason.empty())
+        throw MountError(file, "open for reading", reason);
     return ReaderFile(file, std::move(descriptor), header);
 }
 

@@ -1,9 +1,10 @@
+// Checksums, and the out-of-line parts of words that verify themselves.
 #include "platform/kivshimo/detail/Words.h"
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>
 
-#include <new>
+#include <new>  // allow: bad_alloc is declared there
 
 #include "platform/kivshimo/detail/LogLayout.h"
 
@@ -21,8 +22,10 @@ std::optional<VerifiedWord::Reading> VerifiedWord::newest() const {
         const std::uint64_t check = word(cell.check).load(std::memory_order_acquire);
         const std::uint64_t value = loaded(cell.value);
         const std::uint64_t serial = loaded(cell.serial);
-        if (serial == 0 || check != Cell::checkOf(value, serial)) continue;
-        if (!result || serial > result->serial) result = Reading{value, serial};
+        if (serial == 0 || check != Cell::checkOf(value, serial))
+            continue;
+        if (!result || serial > result->serial)
+            result = Reading{value, serial};
     }
     return result;
 }
@@ -31,7 +34,8 @@ std::optional<std::uint64_t> VerifiedWord::read() const {
     // Both cells are invalid at once only for a reader that two stores overtook.
     for (int attempt = 0; attempt < 1000; ++attempt) {
         const std::optional<Reading> reading = newest();
-        if (reading) return reading->value;
+        if (reading)
+            return reading->value;
     }
     return std::nullopt;
 }
@@ -48,7 +52,8 @@ VerifiedWordWriter::VerifiedWordWriter(VerifiedWord& place) : place_(&place) {
 
 ZeroedWords::ZeroedWords(std::size_t count)
     : words_(static_cast<std::uint64_t*>(std::calloc(count, sizeof(std::uint64_t)))) {
-    if (words_ == nullptr) throw std::bad_alloc();
+    if (words_ == nullptr)
+        throw std::bad_alloc();
 }
 
 }  // namespace KivShimo::detail

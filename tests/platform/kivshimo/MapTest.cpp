@@ -1,0 +1,273 @@
+#include <map>
+#include <random>
+
+#include "platform/kivshimo/MapReader.h"
+#include "tests/platform/kivshimo/Fixture.h"
+
+namespace KivShimo::Test {
+namespace {
+
+using MapTest = ShimoTest;
+using Reader = MapReader<Item>;
+
+/// The oracle's order.
+struct InOrder {
+    bool operator()(const ItemKey& a, const ItemKey& b) const {
+        return Kiv::KeyOrder<ItemKey>(a) < Kiv::KeyOrder<ItemKey>(b);
+    }
+};
+using Model = std::map<ItemKey, Item, InOrder>;
+
+std::vector<Item> valuesOf(const Model& model) {
+    std::vector<Item> result;
+    for (const auto& entry : model)
+        result.push_back(entry.second);
+    return result;
+}
+
+template <class Collection>
+std::vector<Item> valuesIn(const Collection& collection) {
+    std::vector<Item> result;
+    collection.forEach([&](const Item& value) { result.push_back(value); });
+    return result;
+}
+
+TEST_F(MapTest, StoresFindsReplacesAndErases) {
+    const auto table = items();
+    EXPECT_TRUE(table->items.insertOrReplace(item(1, 10)));
+    EXPECT_TRUE(table->items.insertOrReplace(item(2, 20)));
+    EXPECT_TRUE(table->items.insertOrReplace(item(1, 11)));
+    EXPECT_EQ(table->items.count(), 2U);
+    EXPECT_EQ(table->items.find(item(1, 0).key()), item(1, 11));
+    EXPECT_EQ(table->items.find(item(3, 0).key()), std::nullopt);
+    EXPECT_TRUE(table->items.erase(item(1, 0).key()));
+    EXPECT_FALSE(table->items.erase(item(1, 0).key()));
+    EXPECT_EQ(table->items.find(item(1, 0).key()), std::nullopt);
+    table->items.assertConsistent();
+}
+
+TEST_F(MapTest, RefusesNewKeysWhenFullAndStillReplaces) {
+    const auto table = items(5);
+    for (std::uint32_t id = 0; id < 5; ++id)
+        EXPECT_TRUE(table->items.insertOrReplace(item(id, 1)));
+    EXPECT_FALSE(table->items.insertOrReplace(item(9, 1)));
+    EXPECT_TRUE(table->items.insertOrReplace(item(3, 2)));
+    EXPECT_TRUE(table->items.erase(item(0, 0).key()));
+    EXPECT_TRUE(table->items.insertOrReplace(item(9, 1)));
+    EXPECT_EQ(table->items.count(), 5U);
+    table->items.assertConsistent();
+}
+
+class MapModelTest : public MapTest, public testing::WithParamInterface<unsigned> {};
+
+TEST_P(MapModelTest, BehavesAsAnOrderedMapOverRestarts) {
+    constexpr std::uint64_t kCapacity = 60;
+    std::mt19937 random(GetParam());
+    Model model;
+    auto table = items(kCapacity);
+    for (int step = 0; step < 1500; ++step) {
+        const Item value = item(random() % 250, random());
+        const auto action = random() % 100;
+        if (action < 55) {
+            const bool fits = model.contains(value.key()) || model.size() < kCapacity;
+            ASSERT_EQ(table->items.insertOrReplace(value), fits);
+            if (fits)
+                model[value.key()] = value;
+        } else if (action < 97) {
+            ASSERT_EQ(table->items.erase(value.key()), model.erase(value.key()) == 1);
+        } else {
+            table = nullptr;
+            restart();
+            table = items(kCapacity);
+            ASSERT_EQ(table->corruptions(), 0U);
+        }
+        table->items.assertConsistent();
+        ASSERT_EQ(table->items.count(), model.size());
+        const auto at = model.lower_bound(value.key());
+        const auto after = model.upper_bound(value.key());
+        ASSERT_EQ(table->items.lowerBound(value.key()),
+                  at == model.end() ? std::nullopt : std::optional(at->second));
+        ASSERT_EQ(table->items.next(value.key()),
+                  after == model.end() ? std::nullopt : std::optional(after->second));
+        if (step % 50 == 0) {
+            const Reader reader(itemsFile(), kItemType, "items");
+            ASSERT_EQ(valuesIn(reader), valuesOf(model));
+            ASSERT_EQ(valuesIn(table->items), valuesOf(model));
+            ASSERT_EQ(reader.find(value.key()), table->items.find(value.key()));
+            ASSERT_EQ(reader.lowerBound(value.key()), table->items.lowerBound(value.key()));
+            ASSERT_EQ(reader.count(), model.size());
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, MapModelTest, testing::Range(1U, 6U));
+
+TEST_F(MapTest, WalkSurvivesErasingTheBookmarkAndInserting) {
+    const auto table = items();
+    for (std::uint32_t id = 0; id < 20; ++id)
+        table->items.insertOrReplace(item(id, id));
+    std::vector<std::uint32_t> seen;
+    table->items.forEach([&](const Item& value) {
+        seen.push_back(value.key().id);
+        table->items.erase(value.key());
+        table->items.insertOrReplace(item(value.key().id + 97 * 3, 0));
+        if (seen.size() > 100)
+            FAIL() << "the walk does not end";
+        table->items.erase(item(value.key().id + 97 * 3, 0).key());
+    });
+    EXPECT_EQ(seen.size(), 20U);
+    EXPECT_EQ(table->items.count(), 0U);
+}
+
+TEST_F(MapTest, OtherProcessReadsWhileTheWriterGoesOn) {
+    constexpr std::uint32_t kStable = 20;
+    const auto table = items();
+    for (std::uint32_t id = 0; id < kStable; ++id)
+        table->items.insertOrReplace(item(id, 1));
+    const pid_t child = fork();
+    if (child == 0) {
+        const Reader reader(itemsFile(), kItemType, "items");
+        bool good = true;
+        for (std::uint32_t round = 0; round < 3000 && good; ++round) {
+            const auto found = reader.find(item(round % kStable, 0).key());
+            good = found && std::ranges::all_of(found->payload,
+                                                [&](auto w) { return w == found->payload[0]; });
+            if (round % 100 == 0) {
+                std::size_t stable = 0;
+                reader.forEach([&](const Item& v) { stable += v.key().id < kStable ? 1U : 0U; });
+                good = good && stable == kStable;
+            }
+        }
+        _exit(good ? 0 : 1);
+    }
+    int status = 0;
+    for (std::uint64_t i = 0; waitpid(child, &status, WNOHANG) == 0; ++i) {
+        table->items.insertOrReplace(item(static_cast<std::uint32_t>(i % kStable), i));
+        table->items.insertOrReplace(item(kStable + i % 30, i));
+        table->items.erase(item(kStable + (i + 15) % 30, i).key());
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+TEST_F(MapTest, EveryFlippedBitOfASlotIsNoticedOrHarmless) {
+    const std::uint64_t slot = itemSlotOffset(64, 0);
+    for (std::uint64_t at = 0; at < detail::mapSlotBytes(sizeof(Item)); ++at) {
+        auto table = items();
+        table->items.insertOrReplace(item(1, 5));
+        flip(itemsFile(), slot + at, static_cast<unsigned>(at % 8));
+        const Reader reader(itemsFile(), kItemType, "items");
+        try {
+            EXPECT_EQ(reader.find(item(1, 0).key()), item(1, 5)) << at;
+        } catch (const CorruptionError&) {
+        } catch (const BusyError&) {
+        }
+        table = nullptr;
+        restart();
+        table = items();
+        table->items.assertConsistent();
+        if (table->corruptions() == 0) {
+            EXPECT_EQ(table->items.find(item(1, 0).key()), item(1, 5)) << at;
+        } else {
+            EXPECT_EQ(table->items.count(), 0U) << at;
+        }
+        table->items.erase(item(1, 0).key());
+    }
+}
+
+TEST_F(MapTest, RottenValueThrowsNamesItsPlaceAndCanBeReplaced) {
+    const auto table = items();
+    for (std::uint32_t id = 0; id < 10; ++id)
+        table->items.insertOrReplace(item(id, id));
+    flip(itemsFile(), itemSlotOffset(64, 4) + 24 + 100);
+    const Reader reader(itemsFile(), kItemType, "items");
+    for (const auto& look : {std::function<void()>([&] { table->items.find(item(4, 0).key()); }),
+                             std::function<void()>([&] { reader.find(item(4, 0).key()); })}) {
+        try {
+            look();
+            ADD_FAILURE() << "no exception";
+        } catch (const CorruptionError& error) {
+            const std::string text = error.what();
+            EXPECT_NE(text.find(itemsFile()), std::string::npos) << text;
+            EXPECT_NE(text.find("items: slot 4"), std::string::npos) << text;
+        }
+    }
+    EXPECT_THROW(valuesIn(table->items), CorruptionError);
+    EXPECT_THROW(valuesIn(reader), CorruptionError);
+    EXPECT_EQ(reader.find(item(5, 0).key()), item(5, 5));
+    EXPECT_EQ(reader.slotState(4), Reader::SlotState::rotten);
+    table->items.insertOrReplace(item(4, 44));
+    EXPECT_EQ(reader.find(item(4, 0).key()), item(4, 44));
+    EXPECT_TRUE(table->items.erase(item(4, 0).key()));
+    table->items.assertConsistent();
+}
+
+TEST_F(MapTest, RottenHeadOfAChainIsNoAbsence) {
+    const auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    const Reader reader(itemsFile(), kItemType, "items");
+    for (std::uint64_t bucket = 0; bucket < 64; ++bucket) {
+        flip(itemsFile(), detail::kAreasOffset + 8 * bucket + 1);
+    }
+    EXPECT_THROW(reader.find(item(1, 0).key()), CorruptionError);
+    EXPECT_THROW(reader.find(item(2, 0).key()), CorruptionError);
+    EXPECT_EQ(table->items.find(item(1, 0).key()), item(1, 1));
+}
+
+TEST_F(MapTest, ValueOfAnotherSlotDoesNotVerify) {
+    auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    table = nullptr;
+    restart();
+    for (std::uint64_t at = 0; at < detail::mapSlotBytes(sizeof(Item)); at += 8) {
+        const int fd = open(itemsFile().c_str(), O_RDWR | O_CLOEXEC);
+        std::uint64_t word = 0;
+        ASSERT_EQ(pread(fd, &word, 8, static_cast<off_t>(itemSlotOffset(64, 0) + at)), 8);
+        close(fd);
+        overwrite(itemsFile(), itemSlotOffset(64, 1) + at, word);
+    }
+    table = items();
+    EXPECT_EQ(table->corruptions(), 1U);
+    EXPECT_EQ(table->items.count(), 1U);
+    table->items.assertConsistent();
+}
+
+TEST_F(MapTest, ReaderGivesUpOnASlotLeftInMidStore) {
+    const auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    flip(itemsFile(), itemSlotOffset(64, 0));
+    const Reader reader(itemsFile(), kItemType, "items");
+    EXPECT_THROW(reader.find(item(1, 0).key()), BusyError);
+}
+
+TEST_F(MapTest, MountKeepsAWholeValueOfACutOffStore) {
+    auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    table = nullptr;
+    restart();
+    flip(itemsFile(), itemSlotOffset(64, 0));
+    table = items();
+    EXPECT_EQ(table->corruptions(), 0U);
+    EXPECT_EQ(table->items.find(item(1, 0).key()), item(1, 1));
+    table->items.assertConsistent();
+}
+
+TEST_F(MapTest, MountFreesATornValue) {
+    auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    table = nullptr;
+    restart();
+    flip(itemsFile(), itemSlotOffset(64, 0));
+    flip(itemsFile(), itemSlotOffset(64, 0) + 40);
+    table = items();
+    EXPECT_EQ(table->corruptions(), 1U);
+    EXPECT_EQ(table->items.count(), 0U);
+    table->items.assertConsistent();
+}
+
+TEST(MapLayout, ValueOf160BytesStaysInItsBudget) {
+    const double perSlot = static_cast<double>(detail::mapBytes(65536, sizeof(Item))) / 65536;
+    EXPECT_LE(perSlot, 1.4 * sizeof(Item));
+}
+
+}  // namespace
+}  // namespace KivShimo::Test
