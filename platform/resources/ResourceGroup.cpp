@@ -11,7 +11,6 @@ public:
     explicit GroupOfTables(const Brumo::Ptr<GroupInterface>& group) : group_(group) {}
 
     void announce(SwTableId tableId, LogVersion version) override {
-        group_->announcedVersionIs(tableId, version);
         group_->addLogEntry(tableId, version, nullptr);
     }
 

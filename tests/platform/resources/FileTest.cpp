@@ -27,8 +27,8 @@ protected:
 
     void start() {
         KivShimo::EntityManager::rootIs(kSystem, true, root_.string());
-        counters = Brumo::make<Counters>("CrpsIndexRequest.Test", database, nullptr, loop, 100);
-        policers = Brumo::make<Policers>("PolicerIndexRequest.Test", database, nullptr, loop, 100);
+        counters = Brumo::make<Counters>("CrpsIndexRequest.Test", database, nullptr, loop, 100U);
+        policers = Brumo::make<Policers>("PolicerIndexRequest.Test", database, nullptr, loop, 100U);
     }
     void stop() {
         counters = nullptr;
