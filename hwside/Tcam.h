@@ -178,9 +178,21 @@ public:
     /// Match entries of all units whose action is not programmed.
     std::size_t unresolved() const;
 
+    /// The version of a table that hardware was brought to, as whoever programs it says.
+    template <class Types>
+    void reachedIs(Asic::LogVersion version) {
+        std::get<Counted<Types>>(counters_).reached = version;
+    }
+    template <class Types>
+    Asic::LogVersion reached() const {
+        return std::get<Counted<Types>>(counters_).reached;
+    }
+
 private:
     template <class Types>
-    struct Counted : ProgramCounters {};
+    struct Counted : ProgramCounters {
+        Asic::LogVersion reached;
+    };
 
     template <class Types>
     ProgramCounters& countersOf() {

@@ -1,0 +1,207 @@
+#include "hwside/Daemon.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include <fmt/format.h>
+#include <asio/post.hpp>
+
+namespace HwSide {
+
+namespace {
+
+/// Announcements done before requests get their turn.
+constexpr std::size_t kBudget = 4096;
+
+/// Returns the path without slashes at its end.
+std::string checkedDirectory(std::string path) {
+    const auto refuse = [&](std::string_view reason) {
+        throw StateDirectoryError(fmt::format("state directory {}: {}", path, reason));
+    };
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0)
+        refuse(std::strerror(errno));
+    if (!S_ISDIR(status.st_mode))
+        refuse("it is no directory");
+    if (status.st_uid != ::geteuid()) {
+        refuse(fmt::format("it belongs to user {}, not to user {}", status.st_uid, ::geteuid()));
+    }
+    if (::access(path.c_str(), R_OK | W_OK | X_OK) != 0)
+        refuse(std::strerror(errno));
+    while (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    return path;
+}
+
+Asic::UnitId unitOf(const Json& request) {
+    const auto at = request.find("unit");
+    if (at == request.end())
+        throw RequestError("unit is missing");
+    if (!at->is_number_unsigned() || at->get<std::uint64_t>() >= Asic::UnitId{}.value) {
+        throw RequestError(fmt::format("unit: expected a number from 0 to {}, got {}",
+                                       Asic::UnitId{}.value - 1, at->dump()));
+    }
+    return {at->get<std::uint16_t>()};
+}
+
+template <class Types>
+Json tableStatus(const Tcam& tcam) {
+    const ProgramCounters& counters = tcam.counters<Types>();
+    return {{"id", Asic::SwTableId(TableNumber<Types>::kValue).toText()},
+            {"entries", tcam.entries<Types>()},
+            {"version", tcam.reached<Types>().value},
+            {"added", counters.added},
+            {"changed", counters.changed},
+            {"unchanged", counters.unchanged},
+            {"removed", counters.removed}};
+}
+
+template <class Types>
+Json entriesOf(const Tcam::Unit& unit) {
+    Json entries = Json::array();
+    for (const auto& [key, held] : unit.table<Types>().entries()) {
+        Json entry = entryJson(held.entry);
+        entry["version"] = held.version.value;
+        entries.push_back(std::move(entry));
+    }
+    return entries;
+}
+
+}  // namespace
+
+Daemon::Daemon(asio::io_context& io, const std::string& stateDirectory)
+    : io_(io),
+      group_{checkedDirectory(stateDirectory)},
+      acks_(group_.root, Group::acknowledgementsPath()),
+      bell_(group_.ownBell()),
+      sleeper_(acks_.sleepEpoch()),
+      reader_(group_, tcam_, acks_),
+      control_(io, group_.controlSocket(), [this](const Json& request) { return answer(request); }),
+      rings_(io, ::dup(bell_.fd())),
+      again_(io) {}
+
+void Daemon::start() {
+    // The agent may have looked for the acknowledgements before there were any.
+    KivShimo::ring(group_.agentBell());
+    waitForBell();
+    work();
+}
+
+/// Works until nothing is left, then says that it sleeps and looks once more: what is announced
+/// after that look rings.
+void Daemon::work() {
+    sleeper_.awake();
+    again_.cancel();
+    LogReader::Progress progress = reader_.pump(kBudget);
+    if (progress == LogReader::Progress::idle) {
+        const std::uint64_t position = reader_.position();
+        sleeper_.asleep();
+        progress = reader_.pump(kBudget);
+        if (progress == LogReader::Progress::idle && reader_.position() == position)
+            return;
+        sleeper_.awake();
+    }
+    if (progress == LogReader::Progress::again) {
+        again_.expires_after(kAgainAfter);
+        again_.async_wait([this](const asio::error_code& error) {
+            if (!error)
+                work();
+        });
+        return;
+    }
+    asio::post(io_, [this] { work(); });
+}
+
+void Daemon::waitForBell() {
+    rings_.async_wait(asio::posix::descriptor_base::wait_read,
+                      [this](const asio::error_code& error) {
+                          if (error)
+                              return;
+                          bell_.drain();
+                          waitForBell();
+                          work();
+                      });
+}
+
+Json Daemon::answer(const Json& request) {
+    const auto at = request.find("cmd");
+    const std::string command =
+        at != request.end() && at->is_string() ? at->get<std::string>() : std::string();
+    if (command == "status")
+        return status();
+    if (command == "tcam")
+        return programmed(request);
+    if (command == "classify")
+        return classified(request);
+    if (command == "pause")
+        return pauseRequested(true);
+    if (command == "resume")
+        return pauseRequested(false);
+    throw RequestError("cmd: expected \"status\", \"tcam\", \"classify\", \"pause\" or \"resume\"");
+}
+
+Json Daemon::status() const {
+    const LogReader::Counters counters = reader_.counters();
+    Json acknowledged = Json::object();
+    for (const auto& [tableId, version] : acks_.all()) {
+        acknowledged[Asic::SwTableId(tableId).toText()] = version;
+    }
+    return {{"pid", ::getpid()},
+            {"follows", reader_.follows()},
+            {"position", reader_.position()},
+            {"consumed", acks_.consumed()},
+            {"waiting", reader_.waiting()},
+            {"pauseRequested", acks_.pauseRequested()},
+            {"acknowledged", std::move(acknowledged)},
+            {"tables",
+             {{std::string(ActionTypes::kName), tableStatus<ActionTypes>(tcam_)},
+              {std::string(V4Types::kName), tableStatus<V4Types>(tcam_)},
+              {std::string(V6Types::kName), tableStatus<V6Types>(tcam_)}}},
+            {"withoutAction", tcam_.unresolved()},
+            {"announcements", counters.announcements},
+            {"resources", counters.resources},
+            {"repeated", counters.repeated},
+            {"superseded", counters.superseded},
+            {"snapshots", counters.snapshots},
+            {"rotten", counters.rotten + acks_.corruptions()},
+            {"lost", counters.lost}};
+}
+
+Json Daemon::programmed(const Json& request) const {
+    std::optional<Asic::UnitId> only;
+    if (request.contains("unit"))
+        only = unitOf(request);
+    Json units = Json::array();
+    for (const auto& [unit, tables] : tcam_.units()) {
+        if (only && *only != unit)
+            continue;
+        units.push_back({{"unit", unit.value},
+                         {"actions", entriesOf<ActionTypes>(tables)},
+                         {"v4", entriesOf<V4Types>(tables)},
+                         {"v6", entriesOf<V6Types>(tables)}});
+    }
+    return {{"units", std::move(units)}};
+}
+
+Json Daemon::classified(const Json& request) const {
+    const Asic::UnitId unit = unitOf(request);
+    const auto at = request.find("packet");
+    if (at == request.end())
+        throw RequestError("packet is missing");
+    const Packet packet = packetFromJson(*at);
+    if (!tcam_.units().contains(unit)) {
+        throw RequestError(fmt::format("unit: nothing was ever programmed on unit {}", unit));
+    }
+    return {{"packet", packet.toText()}, {"match", verdictJson(tcam_.classify(unit, packet))}};
+}
+
+Json Daemon::pauseRequested(bool requested) {
+    acks_.pauseRequestedIs(requested);
+    reader_.tellAgent();
+    return {{"pauseRequested", requested}};
+}
+
+}  // namespace HwSide

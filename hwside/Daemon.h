@@ -1,0 +1,60 @@
+// The hardware side as a process: what follows the announcements, and the control socket.
+//
+// Event thread only. Woken by its doorbell (DIR/hwd.bell) and by requests (DIR/hwd.sock); it polls
+// nothing. The one exception is a store of the agent that is seen half done: it is looked at again
+// after kAgainAfter.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/steady_timer.hpp>
+
+#include "hwside/ControlServer.h"
+#include "hwside/LogReader.h"
+#include "hwside/Tcam.h"
+#include "platform/kivshimo/Doorbell.h"
+
+namespace HwSide {
+
+/// The state directory cannot be used: path and reason.
+class StateDirectoryError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class Daemon {
+public:
+    static constexpr std::chrono::milliseconds kAgainAfter{10};
+
+    /// Takes the directory; a second one on it is refused. Throws StateDirectoryError,
+    /// KivShimo::MountError, std::system_error.
+    Daemon(asio::io_context& io, const std::string& stateDirectory);
+
+    /// Begins to follow the agent.
+    void start();
+
+private:
+    void work();
+    void waitForBell();
+    Json answer(const Json& request);
+    Json status() const;
+    Json programmed(const Json& request) const;
+    Json classified(const Json& request) const;
+    Json pauseRequested(bool requested);
+
+    asio::io_context& io_;
+    Group group_;
+    KivShimo::AckMapWriter acks_;
+    KivShimo::Doorbell bell_;
+    KivShimo::Sleeper sleeper_;
+    Tcam tcam_;
+    LogReader reader_;
+    ControlServer control_;
+    asio::posix::stream_descriptor rings_;
+    asio::steady_timer again_;
+};
+
+}  // namespace HwSide

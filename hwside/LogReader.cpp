@@ -1,0 +1,352 @@
+#include "hwside/LogReader.h"
+
+#include <algorithm>
+#include <ranges>
+
+#include "platform/brumo/Trace.h"
+
+namespace HwSide {
+
+namespace {
+
+const Brumo::TraceSource kTrace{"HwSideLogReader", "LogReader"};
+
+Asic::SwTableId idOf(std::uint32_t tableId) {
+    return Asic::SwTableId(tableId);
+}
+
+}  // namespace
+
+LogReader::LogReader(Group group, Tcam& tcam, KivShimo::AckMapWriter& acks)
+    : group_(std::move(group)), acks_(&acks), tables_(tableReaders(group_, tcam)) {}
+
+LogReader::Progress LogReader::pump(std::size_t budget) {
+    busy_ = false;
+    try {
+        if (!opened())
+            return Progress::idle;
+        retryWaiting();
+        const Progress progress = consume(budget);
+        publishConsumed();
+        tellAgent();
+        return busy_ ? Progress::again : progress;
+    } catch (const KivShimo::BusyError& error) {
+        kTrace(3, " {}", error.what());
+        return Progress::again;
+    } catch (const KivShimo::CorruptionError& error) {
+        // The tail or a published version: the agent restores those at its next start.
+        rotten(error.what());
+    } catch (const KivShimo::MountError& error) {
+        rotten(error.what());
+    }
+    waker_.reset();
+    announcements_.reset();
+    return Progress::idle;
+}
+
+void LogReader::tellAgent() {
+    if (waker_)
+        waker_->published();
+}
+
+/// Whether the announcements can be followed; takes up where hardware stands when they are new.
+bool LogReader::opened() {
+    const auto isStale = [](const auto& reader) { return reader->stale(); };
+    if (announcements_ && (announcements_->stale() || std::ranges::any_of(tables_, isStale))) {
+        kTrace(2, " files were replaced");
+        waker_.reset();
+        announcements_.reset();
+        snapshotDue_ = true;
+    }
+    if (!announcements_) {
+        for (const auto& table : tables_)
+            table->close();
+        announcements_ = KivShimo::AnnounceLogReader::open(group_.announcementsFile());
+        if (!announcements_)
+            return false;
+        waker_.emplace(announcements_->sleepEpoch(), group_.agentBell());
+        waiting_.clear();
+        snapshotDue_ = snapshotDue_ || !goesOn();
+        if (!snapshotDue_)
+            position_ = acks_->consumed();
+    }
+    if (snapshotDue_)
+        snapshot();
+    return true;
+}
+
+/// Whether hardware holds what was acknowledged, from these very files.
+bool LogReader::goesOn() {
+    return acks_->announceIdentity() == announcements_->identity() &&
+           acks_->consumed() <= announcements_->tail() &&
+           std::ranges::all_of(tables_, [&](const auto& table) {
+               const std::uint64_t version = acknowledged(table->tableId());
+               return table->reached().value == version && snapshotVersion(*table, 0) >= version;
+           });
+}
+
+LogReader::Progress LogReader::consume(std::size_t budget) {
+    for (; budget > 0; --budget) {
+        try {
+            std::optional<KivShimo::Announcement> announcement =
+                announcements_->next(position_ + 1);
+            if (!announcement)
+                return Progress::idle;
+            const std::uint64_t before = position_;
+            position_ = announcement->position;
+            take(std::move(*announcement), before);
+        } catch (const KivShimo::CorruptionError& error) {
+            rotten(error.what());
+            snapshotDue_ = true;
+        }
+        if (snapshotDue_)
+            snapshot();
+    }
+    return Progress::more;
+}
+
+void LogReader::take(KivShimo::Announcement announcement, std::uint64_t before) {
+    const std::uint32_t tableId = announcement.tableId;
+    if (!waiting_.contains(tableId) && needsMet(announcement)) {
+        if (carriedOut(announcement)) {
+            if (!waiting_.empty())
+                retryWaiting();
+            return;
+        }
+        if (snapshotDue_)
+            return;
+    }
+    waiting_[tableId].push_back({std::move(announcement), before});
+}
+
+bool LogReader::needsMet(const KivShimo::Announcement& announcement) {
+    return std::ranges::all_of(announcement.needed, [&](const KivShimo::NeededVersion& needed) {
+        if (acknowledged(needed.tableId) >= needed.version)
+            return true;
+        if (needed.tableId == announcement.tableId && needed.version >= announcement.version) {
+            kTrace(1, " {}@{} needs {} of its own table: cannot be waited for",
+                   idOf(announcement.tableId), announcement.version, needed.version);
+            return true;
+        }
+        kTrace(9, " {}@{} waits for {}@{}", idOf(announcement.tableId), announcement.version,
+               idOf(needed.tableId), needed.version);
+        return false;
+    });
+}
+
+/// Carries a change out and acknowledges it; false when it has to be tried again, or is lost and
+/// needs a snapshot.
+bool LogReader::carriedOut(const KivShimo::Announcement& announcement) {
+    const std::uint32_t tableId = announcement.tableId;
+    TableReader* const table = tableOf(tableId);
+    if (announcement.version <= acknowledged(tableId)) {
+        ++counters_.repeated;
+    } else if (table == nullptr) {
+        ++counters_.resources;
+    } else {
+        const Applied applied = table->apply({announcement.version});
+        kTrace(8, " {}@{}: {}", idOf(tableId), announcement.version, static_cast<int>(applied));
+        switch (applied) {
+            case Applied::done:
+                break;
+            case Applied::superseded:
+                ++counters_.superseded;
+                break;
+            case Applied::rotten:
+                break;  // the table has counted it
+            case Applied::busy:
+                busy_ = true;
+                return false;
+            case Applied::lost:
+                ++counters_.lost;
+                snapshotDue_ = true;
+                return false;
+        }
+    }
+    ++counters_.announcements;
+    acknowledge(tableId, announcement.version);
+    return true;
+}
+
+/// Carries out what waits and need not any more, until nothing of it is left that could go on.
+void LogReader::retryWaiting() {
+    for (bool moved = true; moved && !snapshotDue_;) {
+        moved = false;
+        for (auto at = waiting_.begin(); at != waiting_.end() && !snapshotDue_;) {
+            std::deque<Waiting>& queue = at->second;
+            while (!queue.empty() && needsMet(queue.front().announcement) &&
+                   carriedOut(queue.front().announcement)) {
+                queue.pop_front();
+                moved = true;
+            }
+            at = queue.empty() ? waiting_.erase(at) : std::next(at);
+        }
+    }
+    if (snapshotDue_)
+        snapshot();
+}
+
+void LogReader::publishConsumed() {
+    std::uint64_t consumed = position_;
+    for (const auto& [tableId, queue] : waiting_) {
+        consumed = std::min(consumed, queue.front().before);
+    }
+    if (acks_->consumed() != consumed)
+        acks_->consumedIs(consumed);
+}
+
+/// Brings hardware to what the configurations hold, whatever it holds now.
+///
+/// The order makes it right beside a running agent. The tail comes first: what is announced behind
+/// it is consumed afterwards. Then the published versions, those of tables that need others first:
+/// what a change of theirs needs was published before it, so it is within the versions read after.
+/// Values newer than these are left to their announcements, which come behind the tail.
+void LogReader::snapshot() {
+    ++counters_.snapshots;
+    const std::uint64_t tail = announcements_->tail();
+    kTrace(2, " snapshot: announcements up to {}", tail);
+    Covered covered = coveredUpTo(tail);
+    bool isOtherHistory = acks_->announceIdentity() != announcements_->identity();
+    for (const auto& table : std::views::reverse(tables_)) {
+        std::uint64_t& version = covered.versions[table->tableId()];
+        version = snapshotVersion(*table, version);
+        isOtherHistory = isOtherHistory || version < acknowledged(table->tableId());
+    }
+    if (!isOtherHistory)
+        leaveOutWhatHasToWait(covered);
+    for (const auto& table : tables_)
+        table->programAll({covered.versions[table->tableId()]});
+    for (const auto& table : std::views::reverse(tables_))
+        table->removeRest();
+    if (isOtherHistory)
+        startAcknowledgingAnew();
+    for (const auto& [tableId, version] : covered.versions) {
+        acknowledge(tableId, version);
+        if (TableReader* const table = tableOf(tableId))
+            table->reachedIs({version});
+    }
+    waiting_.clear();
+    for (Waiting& waiting : covered.notConsumed) {
+        const std::uint32_t tableId = waiting.announcement.tableId;
+        if (waiting.announcement.version > covered.versions[tableId]) {
+            waiting_[tableId].push_back(std::move(waiting));
+        }
+    }
+    position_ = tail;
+    snapshotDue_ = false;
+}
+
+/// What was announced up to the tail, as far as the log still has it.
+LogReader::Covered LogReader::coveredUpTo(std::uint64_t tail) const {
+    Covered covered;
+    const bool isSameLog = acks_->announceIdentity() == announcements_->identity();
+    const std::uint64_t slots = announcements_->slots();
+    const std::uint64_t oldest = tail > slots ? tail - slots + 1 : 1;
+    std::uint64_t at = isSameLog ? std::max(oldest, acks_->consumed() + 1) : oldest;
+    while (at <= tail) {
+        try {
+            auto announcement = announcements_->next(at);
+            if (!announcement)
+                break;
+            std::uint64_t& version = covered.versions[announcement->tableId];
+            version = std::max(version, announcement->version);
+            const std::uint64_t before = std::exchange(at, announcement->position + 1) - 1;
+            if (isSameLog)
+                covered.notConsumed.push_back({std::move(*announcement), before});
+        } catch (const KivShimo::CorruptionError&) {
+            ++at;  // rot, counted when it was met, or overwritten since
+        }
+    }
+    return covered;
+}
+
+/// Leaves changes whose needs the snapshot does not meet, and those behind them in their table, to
+/// be carried out when they are met.
+void LogReader::leaveOutWhatHasToWait(Covered& covered) const {
+    const auto isMet = [&](const KivShimo::NeededVersion& needed) {
+        const auto at = covered.versions.find(needed.tableId);
+        const std::uint64_t version = at == covered.versions.end() ? 0 : at->second;
+        return std::max(version, acknowledged(needed.tableId)) >= needed.version;
+    };
+    for (bool moved = true; moved;) {
+        moved = false;
+        for (const auto& [announcement, before] : covered.notConsumed) {
+            std::uint64_t& version = covered.versions[announcement.tableId];
+            if (announcement.version > version ||
+                announcement.version <= acknowledged(announcement.tableId) ||
+                std::ranges::all_of(announcement.needed, isMet)) {
+                continue;
+            }
+            version = announcement.version - 1;
+            moved = true;
+        }
+    }
+}
+
+/// The agent's logs are others than those that were acknowledged. Tables that are not looked up
+/// keep what they have as long as the announcements are the same.
+void LogReader::startAcknowledgingAnew() {
+    std::vector<KivShimo::Acknowledged> kept;
+    if (acks_->announceIdentity() == announcements_->identity())
+        kept = acks_->all();
+    acks_->reset();
+    acks_->announceIdentityIs(announcements_->identity());
+    for (const auto& [tableId, version] : kept) {
+        if (tableOf(tableId) == nullptr)
+            acknowledge(tableId, version);
+    }
+}
+
+std::uint64_t LogReader::snapshotVersion(TableReader& table, std::uint64_t announced) {
+    try {
+        return std::max(announced, table.published().value);
+    } catch (const KivShimo::CorruptionError& error) {
+        rotten(error.what());
+    } catch (const KivShimo::MountError& error) {
+        rotten(error.what());
+    }
+    return std::max(announced, acknowledged(table.tableId()));
+}
+
+void LogReader::acknowledge(std::uint32_t tableId, std::uint64_t version) {
+    if (version <= acknowledged(tableId))
+        return;
+    if (!acks_->ackIs(tableId, version)) {
+        kTrace(1, " {}@{} finds no room among the acknowledgements", idOf(tableId), version);
+    }
+    if (TableReader* const table = tableOf(tableId))
+        table->reachedIs({version});
+}
+
+std::uint64_t LogReader::acknowledged(std::uint32_t tableId) const {
+    return acks_->acknowledged(tableId).value_or(0);
+}
+
+TableReader* LogReader::tableOf(std::uint32_t tableId) const {
+    for (const auto& table : tables_) {
+        if (table->tableId() == tableId)
+            return table.get();
+    }
+    return nullptr;
+}
+
+void LogReader::rotten(std::string_view what) {
+    ++counters_.rotten;
+    kTrace(1, " {}", what);
+}
+
+LogReader::Counters LogReader::counters() const {
+    Counters counters = counters_;
+    for (const auto& table : tables_)
+        counters.rotten += table->rotten();
+    return counters;
+}
+
+std::size_t LogReader::waiting() const {
+    std::size_t count = 0;
+    for (const auto& [tableId, queue] : waiting_)
+        count += queue.size();
+    return count;
+}
+
+}  // namespace HwSide
