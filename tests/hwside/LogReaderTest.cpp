@@ -388,6 +388,23 @@ TEST_F(LogReaderTest, AnAgentThatLostEverythingStartsAgainFromVersionOne) {
     expectAllSame();
 }
 
+TEST_F(LogReaderTest, AChangeLogThatStartsAgainTakesItsAcknowledgementBackAndNoOther) {
+    for (std::uint32_t rule = 1; rule <= 3; ++rule) {
+        agent_->write<V4Types>(kUnit, matchEntry<V4Types>(rule, 1));
+    }
+    agent_->announce(kCounters, 9);
+    reader_->pump();
+    killAgent();
+    std::filesystem::remove(group_.changeLogFile<V4Types>());
+    std::filesystem::remove(group_.configFile<V4Types>(kUnit));
+    startAgent();
+    agent_->write<V4Types>(kUnit, matchEntry<V4Types>(2, 1));
+    reader_->pump();
+    EXPECT_EQ(acked(kV4), 1U);
+    EXPECT_EQ(acked(kCounters), 9U);
+    expectAllSame();
+}
+
 TEST_F(LogReaderTest, ASnapshotDoesNotRunAheadOfWhatWaits) {
     reader_->pump();
     agent_->write<V4Types>(kUnit, matchEntry<V4Types>(1, 1));

@@ -1,0 +1,229 @@
+// The smallest hardware side that keeps all rules: it prints what it would program, and
+// acknowledges it. docs/hardware-side.md explains each step.
+//
+//   vorn-example-minimal-reader DIR          follows the agent in DIR until it is killed
+//   vorn-example-minimal-reader DIR --once   ends when nothing is left to do
+
+#include <poll.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "platform/kivshimo/AckMap.h"
+#include "platform/kivshimo/AnnounceLog.h"
+#include "platform/kivshimo/Doorbell.h"
+#include "platform/kivshimo/MapReader.h"
+#include "platform/kivshimo/Paths.h"
+#include "platform/kivshimo/VersionLogReader.h"
+#include "types/Constants.h"
+
+namespace {
+
+using namespace VornPolicyCpu;
+
+/// The tables of the group, by the numbers under which they are announced.
+constexpr std::uint32_t kActionTable = 0x2C080403;
+constexpr std::uint32_t kV4Table = 0x2C080404;
+constexpr std::uint32_t kV6Table = 0x2C080405;
+
+std::string fileOf(const std::string& root, const std::string& path) {
+    return KivShimo::tableFile(root, path);
+}
+
+template <class Types>
+using Value =
+    ConfigShimoEntry<typename Types::Key, typename Types::LogEntry, typename Types::ResourceKeys>;
+template <class Types>
+using Values = KivShimo::MapReader<Value<Types>>;
+template <class Types>
+using Changes = KivShimo::VersionLogReader<LogShimoEntry<typename Types::Key>>;
+
+template <class Types>
+Values<Types> valuesOf(const std::string& root, Asic::UnitId unit) {
+    return {fileOf(root, Constants<Types>::configShimoPath(unit)),
+            Constants<Types>::configShimoType(), kSwTableEntries};
+}
+
+template <class Types>
+void program(Asic::UnitId unit, const Value<Types>& value) {
+    fmt::print("{} unit {}: write {}\n", Types::kName, unit, value.logEntry.toText());
+}
+
+/// Carries out the change of a version: the record says what was done, the value what is wanted.
+template <class Types>
+void carryOut(const std::string& root, std::uint64_t version) {
+    const Changes<Types> changes(fileOf(root, Constants<Types>::tableEntryLogShimoPath()),
+                                 Constants<Types>::entryLogShimoType(), kEntryLogConfig);
+    const auto record = changes.find(version);
+    if (!record)
+        return;
+    if (record->operation == LogOperation::entryDeleted) {
+        fmt::print("{} unit {}: remove {}\n", Types::kName, record->unitId, record->key);
+    } else if (record->operation == LogOperation::allDeleted) {
+        fmt::print("{} unit {}: remove all before version {}\n", Types::kName, record->unitId,
+                   version);
+    } else {
+        const auto value = valuesOf<Types>(root, record->unitId).find(record->key);
+        // A newer value is announced later; one in deletion is removed later.
+        const bool isCurrent = value && value->version.value == version && !value->inDeletion;
+        if (isCurrent)
+            program<Types>(record->unitId, *value);
+    }
+}
+
+/// Programs every live value up to the published version, which is returned; 0 without a log.
+template <class Types>
+std::uint64_t published(const std::string& root) {
+    const std::string file = fileOf(root, Constants<Types>::tableEntryLogShimoPath());
+    if (!std::filesystem::exists(file))
+        return 0;
+    return Changes<Types>(file, Constants<Types>::entryLogShimoType(), kEntryLogConfig)
+        .scratchpad();
+}
+template <class Types>
+void programAll(const std::string& root, std::uint64_t upTo) {
+    const std::filesystem::path someFile =
+        fileOf(root, Constants<Types>::configShimoPath(Asic::UnitId{0}));
+    if (!std::filesystem::exists(someFile.parent_path()))
+        return;
+    for (const auto& file : std::filesystem::directory_iterator(someFile.parent_path())) {
+        if (file.path().extension() != KivShimo::kTableSuffix)
+            continue;
+        const auto unit = Asic::Constants::getUnitIdFromConfigPath(file.path().stem().string());
+        if (!unit)
+            continue;
+        valuesOf<Types>(root, *unit).forEach([&](const Value<Types>& value) {
+            if (value.version.value <= upTo && !value.inDeletion)
+                program<Types>(*unit, value);
+        });
+    }
+}
+
+class MinimalReader {
+public:
+    explicit MinimalReader(const std::string& root)
+        : root_(root),
+          acks_(root, Asic::Constants::acknowledgementsPath(canonicalGroupName())),
+          bell_(root + "/hwd.bell"),
+          sleeper_(acks_.sleepEpoch()) {
+        KivShimo::ring(root_ + "/agent.bell");  // now there are acknowledgements to look at
+    }
+
+    void run(bool once) {
+        while (true) {
+            sleeper_.awake();
+            work();
+            sleeper_.asleep();
+            if (work())
+                continue;  // announced while we fell asleep
+            if (once)
+                return;
+            pollfd ring{bell_.fd(), POLLIN, 0};
+            ::poll(&ring, 1, -1);
+            bell_.drain();
+        }
+    }
+
+private:
+    /// Whether there was anything to do.
+    bool work() {
+        if (!log_ || log_->stale()) {
+            waker_.reset();
+            log_ = KivShimo::AnnounceLogReader::open(
+                fileOf(root_, Asic::Constants::announcementsPath(canonicalGroupName())));
+            if (!log_)
+                return false;
+            waker_.emplace(log_->sleepEpoch(), root_ + "/agent.bell");
+            snapshot();
+        }
+        bool worked = false;
+        while (const auto change = log_->next(acks_.consumed() + 1)) {
+            const bool isReady = std::ranges::all_of(change->needed, [&](const auto& needed) {
+                return acks_.acknowledged(needed.tableId).value_or(0) >= needed.version;
+            });
+            if (!isReady)
+                break;
+            if (change->version > acks_.acknowledged(change->tableId).value_or(0))
+                apply(*change);
+            acks_.consumedIs(change->position);
+            worked = true;
+        }
+        waker_->published();
+        return worked;
+    }
+
+    void apply(const KivShimo::Announcement& change) {
+        if (change.tableId == kActionTable) {
+            carryOut<PolicyCpuTcamActionTypes>(root_, change.version);
+        } else if (change.tableId == kV4Table) {
+            carryOut<PolicyCpuV4TcamEntryTypes>(root_, change.version);
+        } else if (change.tableId == kV6Table) {
+            carryOut<PolicyCpuV6TcamEntryTypes>(root_, change.version);
+        }
+        acks_.ackIs(change.tableId, change.version);  // other tables have nothing to look up
+    }
+
+    /// This process's hardware is empty, so it always begins with all there is. The tail is read
+    /// first; then the versions, those of tables that need others before those that are needed.
+    void snapshot() {
+        const std::uint64_t tail = log_->tail();
+        const std::uint64_t v6 = published<PolicyCpuV6TcamEntryTypes>(root_);
+        const std::uint64_t v4 = published<PolicyCpuV4TcamEntryTypes>(root_);
+        const std::uint64_t action = published<PolicyCpuTcamActionTypes>(root_);
+        const bool isSameLog = acks_.announceIdentity() == log_->identity();
+        if (!isSameLog)
+            acks_.reset();
+        acks_.announceIdentityIs(log_->identity());
+        programAll<PolicyCpuTcamActionTypes>(root_, action);
+        programAll<PolicyCpuV4TcamEntryTypes>(root_, v4);
+        programAll<PolicyCpuV6TcamEntryTypes>(root_, v6);
+        acks_.ackIs(kActionTable, action);
+        acks_.ackIs(kV4Table, v4);
+        acks_.ackIs(kV6Table, v6);
+        // Tables that are not looked up are only in the log.
+        std::uint64_t at = isSameLog ? acks_.consumed() + 1 : 1;
+        if (tail > log_->slots())
+            at = std::max(at, tail - log_->slots() + 1);
+        while (at <= tail) {
+            const auto change = log_->next(at);
+            if (!change)
+                break;
+            const bool isOwn = change->tableId >= kActionTable && change->tableId <= kV6Table;
+            if (!isOwn)
+                acks_.ackIs(change->tableId, change->version);
+            at = change->position + 1;
+        }
+        acks_.consumedIs(tail);
+    }
+
+    std::string root_;
+    KivShimo::AckMapWriter acks_;
+    KivShimo::Doorbell bell_;
+    KivShimo::Sleeper sleeper_;
+    std::optional<KivShimo::AnnounceLogReader> log_;
+    std::optional<KivShimo::Waker> waker_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    const bool once = arguments.size() == 2 && arguments[1] == "--once";
+    if (arguments.size() != 1 && !once) {
+        fmt::print(stderr, "usage: vorn-example-minimal-reader DIR [--once]\n");
+        return 2;
+    }
+    try {
+        MinimalReader(arguments[0]).run(once);
+    } catch (const std::exception& error) {
+        fmt::print(stderr, "vorn-example-minimal-reader: {}\n", error.what());
+        return 4;
+    }
+    return 0;
+}
