@@ -13,8 +13,7 @@
 //  2. A change is visible to readers in this order: value, record, published version, announcement.
 //  3. A key in deletion keeps its value, marked, until the record of its deletion is reclaimed.
 //  4. Corruption found while reading goes to the table's corruption handler and reads as the
-//  default
-//     value; a walk ends there.
+//     default value; a walk ends there.
 #pragma once
 
 #include <map>
@@ -116,6 +115,7 @@ private:
     std::optional<Asic::LogVersion> suppressed(const LogEntry& logEntry,
                                                const ResourceKeys& rsrcKeys, Asic::UnitId unitId,
                                                Asic::SwTableStats& stats) const;
+    static bool isDefaultValue(const ConfigValue& value);
     std::optional<Asic::LogVersion> versionAtOrAfter(Asic::LogVersion version) const;
     std::optional<Record> changeRecord(Asic::LogVersion version) const;
     void reclaim(const Record& record);

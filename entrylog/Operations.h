@@ -35,6 +35,13 @@ bool EntryLog<B>::entryHasRoom(const Key& key, Asic::UnitId unitId) const {
     return config == nullptr || config->swTableEntriesHasRoomFor(key);
 }
 
+/// Such a value says no more than an absent one.
+template <class B>
+bool EntryLog<B>::isDefaultValue(const ConfigValue& value) {
+    return value.version.value == 0 && !value.inDeletion && value.key().isEq(Key{}) &&
+           value.logEntry.isEq(LogEntry{}) && value.rsrcKeys.isEq(ResourceKeys{});
+}
+
 /// The version of an earlier write that is identical to this one; nothing when it is to be written.
 template <class B>
 std::optional<Asic::LogVersion> EntryLog<B>::suppressed(const LogEntry& logEntry,
@@ -42,7 +49,7 @@ std::optional<Asic::LogVersion> EntryLog<B>::suppressed(const LogEntry& logEntry
                                                         Asic::UnitId unitId,
                                                         Asic::SwTableStats& stats) const {
     const auto stored = configEntry(logEntry.key, unitId);
-    if (!stored.has_value() || stored->inDeletion)
+    if (!stored.has_value() || stored->inDeletion || isDefaultValue(*stored))
         return std::nullopt;
     if (!stored->logEntry.isEq(logEntry) || !stored->rsrcKeys.isEq(rsrcKeys)) {
         Traces<B>::entryLog.in(

@@ -9,6 +9,7 @@
 namespace VornPolicyCpu {
 
 using PolicyCpuV4TcamEntryEntryKey = MatchKey;
+using PolicyCpuV4TcamEntryResourceKeys = NoResourceKeys;
 
 /// IPv4 addresses in host byte order, each with the mask of the bits that must agree.
 struct MatchV4Addresses {

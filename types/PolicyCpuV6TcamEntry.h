@@ -9,6 +9,7 @@
 namespace VornPolicyCpu {
 
 using PolicyCpuV6TcamEntryEntryKey = MatchKey;
+using PolicyCpuV6TcamEntryResourceKeys = NoResourceKeys;
 
 /// An IPv6 address as it stands on the wire, with the mask of the bits that must agree.
 ///
