@@ -1,16 +1,15 @@
 // Connecting an entry log to its shared-memory tables, and telling lost ones from new ones.
 #pragma once
 
-#include <cstdlib>
 #include <functional>
 #include <string>
 #include <string_view>
 
 #include "entrylog/EntryLog.h"
+#include "entrylog/ShimoManager.h"
 #include "platform/asic/GenId.h"
 #include "platform/brumo/Assert.h"
 #include "platform/brumo/Log.h"
-#include "platform/kivshimo/EntityManager.h"
 
 namespace VornPolicyCpu {
 
@@ -46,11 +45,7 @@ Brumo::Ptr<T> checkAndwriteMountShimo(
     const std::function<void(KivShimo::MountInfo&)>& mountInfoFn,
     const std::function<KivShimo::CollectionControl&(const Brumo::Ptr<T>&)>& collectionControlFn,
     const std::function<void()>& wipedFn) {
-    const std::string& systemName = entityManager->systemName();
-    auto shimoManager = KivShimo::EntityManager::get(systemName, entityManager->local());
-    if (std::getenv("NOT_LOCAL_EM") != nullptr) {
-        shimoManager = KivShimo::EntityManager::get(systemName, false);
-    }
+    const auto shimoManager = shimoManagerOf(*entityManager);
     constexpr int kMountType = 0;
     KivShimo::MountInfo mountInfo(kMountType);
     mountInfoFn(mountInfo);

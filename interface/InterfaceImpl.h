@@ -2,10 +2,10 @@
 #pragma once
 
 #include "catalogue/Modules.h"
+#include "entrylog/ShimoManager.h"
 #include "interface/Interface.h"
 #include "platform/asic/Constants.h"
 #include "platform/brumo/Assert.h"
-#include "platform/kivshimo/EntityManager.h"
 #include "platform/ringtrace/ProcessRing.h"
 #include "swtable/SwTableImpl.h"
 
@@ -184,9 +184,7 @@ void Interface<B>::installLinkage(typename B::SwTable& table) {
 template <class B>
 void Interface<B>::reconcile() {
     Traces<B>::interface(8, "");
-    const auto& stateDatabase = this->orderedTableIntf()->entityManager();
-    const auto shimoManager =
-        KivShimo::EntityManager::get(stateDatabase->systemName(), stateDatabase->local());
+    const auto shimoManager = shimoManagerOf(*this->orderedTableIntf()->entityManager());
     const std::string base = Asic::Constants::canonicalGroupTableConfigShimoPathBase(
         Asic::Constants::canonicalizeGroupName(groupName_, agentName_));
     const auto entities = shimoManager->entitiesBelow(base);

@@ -212,6 +212,16 @@ TYPED_TEST(Operations, FullConfigurationKeepsItsValuesAndTakesRewrites) {
     EXPECT_TRUE(this->log->entryHasRoom(this->key(5), {3}));
 }
 
+TYPED_TEST(Operations, ChangeWhosePlaceInTheLogIsTakenIsReported) {
+    typename TestFixture::Record straggler;
+    straggler.version = {1 + this->logReader().slots()};
+    this->log->tableEntryLog()->entryLogConfigIs(straggler);
+    TraceCapture traces;
+    EXPECT_EQ(this->write(*this->log, 1).value, 1U);
+    EXPECT_TRUE(traces.has(this->handle(), 1, " no room in change log for version: 1"));
+    EXPECT_TRUE(this->log->entryHas(this->key(1), kUnit));
+}
+
 // Deleting.
 
 TYPED_TEST(Operations, DeleteOfAnAbsentKeyIsIgnored) {
