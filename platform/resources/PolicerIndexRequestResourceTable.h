@@ -19,7 +19,7 @@ public:
 
     /// All ones before the request is answered.
     std::uint16_t policerIndex() const { return policerIndex_; }
-    /// What the policer is set to, once the request is answered.
+    /// What the policer is requested with, and set to once the request is answered.
     const PolicerIndexRequestClientData& clientData() const { return clientData_; }
 
     void policerIndexIs(std::uint16_t index) { policerIndex_ = index; }

@@ -103,6 +103,7 @@ private:
     void revive(Allocation& allocation, std::uint32_t index);
     std::optional<std::uint32_t> revivable(const Key& key) const;
     Brumo::Ptr<const Handle> newHandle(Allocation& allocation);
+    static void showData(Handle& handle, const ClientData& data);
     void dataIs(Allocation& allocation, const ClientData& data);
     void answer(Allocation& allocation);
     void refresh(Allocation& allocation);

@@ -71,11 +71,20 @@ auto ResourceEngine<Binding>::newHandle(Allocation& allocation) -> Brumo::Ptr<co
     return handle;
 }
 
+/// From the request on: an entry may be committed before the answer, and takes the data over.
+template <class Binding>
+void ResourceEngine<Binding>::showData(Handle& handle, const ClientData& data) {
+    if constexpr (requires { handle.clientDataIs(data); })
+        handle.clientDataIs(data);
+}
+
 template <class Binding>
 void ResourceEngine<Binding>::dataIs(Allocation& allocation, const ClientData& data) {
     if (allocation.data == data)
         return;
     allocation.data = data;
+    if (allocation.handle != nullptr)
+        showData(*allocation.handle, data);
     if (!allocation.index)
         return;
     newVersion(allocation);
@@ -104,6 +113,7 @@ void ResourceEngine<Binding>::refresh(Allocation& allocation) {
     Handle& handle = *allocation.handle;
     handle.entryStateIs(allocation.state);
     handle.updateVersionIs(allocation.updateVersion);
+    showData(handle, allocation.data);
     if (allocation.state == EntryState::created || allocation.state == EntryState::exhausted) {
         return;
     }

@@ -383,6 +383,8 @@ private:
             if (take(resolved, entry.policerRequestKey, policer, *setting_.agent.policers())) {
                 resolved.entry.policerIndex = policer->policerIndex();
                 resolved.entry.policerClientData = policer->clientData();
+                verdict().expect(policer->clientData().rate.get() != 0,
+                                 "a policer keeps what it was requested with");
             }
         }
         return resolved;
