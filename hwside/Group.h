@@ -3,7 +3,6 @@
 
 #include <string>
 
-#include "platform/asic/Constants.h"
 #include "platform/kivshimo/Paths.h"
 #include "types/Constants.h"
 

@@ -1,7 +1,6 @@
 #include "hwside/LogReader.h"
 
 #include <algorithm>
-#include <ranges>
 
 #include "platform/brumo/Trace.h"
 
@@ -207,17 +206,18 @@ void LogReader::snapshot() {
     kTrace(2, " snapshot: announcements up to {}", tail);
     Covered covered = coveredUpTo(tail);
     bool isOtherHistory = acks_->announceIdentity() != announcements_->identity();
-    for (const auto& table : std::views::reverse(tables_)) {
-        std::uint64_t& version = covered.versions[table->tableId()];
-        version = snapshotVersion(*table, version);
-        isOtherHistory = isOtherHistory || version < acknowledged(table->tableId());
+    for (auto at = tables_.rbegin(); at != tables_.rend(); ++at) {
+        TableReader& table = **at;
+        std::uint64_t& version = covered.versions[table.tableId()];
+        version = snapshotVersion(table, version);
+        isOtherHistory = isOtherHistory || version < acknowledged(table.tableId());
     }
     if (!isOtherHistory)
         leaveOutWhatHasToWait(covered);
     for (const auto& table : tables_)
         table->programAll({covered.versions[table->tableId()]});
-    for (const auto& table : std::views::reverse(tables_))
-        table->removeRest();
+    for (auto at = tables_.rbegin(); at != tables_.rend(); ++at)
+        (*at)->removeRest();
     if (isOtherHistory)
         startAcknowledgingAnew();
     for (const auto& [tableId, version] : covered.versions) {

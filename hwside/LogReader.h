@@ -103,7 +103,6 @@ private:
     void rotten(std::string_view what);
 
     Group group_;
-    Tcam* tcam_;
     KivShimo::AckMapWriter* acks_;
     Counters counters_;
     std::vector<std::unique_ptr<TableReader>> tables_;  ///< what is needed before what needs it
