@@ -1,0 +1,145 @@
+// A further table costs a header of types and a binding: this one has no more, and the whole engine
+// runs on it.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "interface/InterfaceImpl.h"
+#include "tests/fourthtable/QueueShareBinding.h"
+#include "tests/support/InProcessAgent.h"
+
+namespace {
+
+using namespace VornPolicyCpu;
+
+using Family = Interface<QueueShareBinding>;
+using Table = QueueShareBinding::SwTable;
+using HandlePtr = Brumo::Ptr<const SwTable<QueueShareBinding>::EntryHandle>;
+
+const ShimoTypes<QueueShareTypes> shimoTypes;
+
+QueueShareEntry entryOf(std::uint32_t port, std::uint32_t counter) {
+    QueueShareEntry entry;
+    entry.key = {port, 1};
+    entry.counterRequestKey.requestId = counter;
+    entry.share = 10 * port;
+    return entry;
+}
+
+class FourthTable : public testing::Test {
+protected:
+    FourthTable() { open(); }
+    ~FourthTable() override { close(); }
+    FourthTable(const FourthTable&) = delete;
+    FourthTable& operator=(const FourthTable&) = delete;
+
+    void open() {
+        table_ = Family::getIntf(agent_.orderedTableIntf())->makeSwTable({1}, {}, false);
+    }
+    void close() {
+        table_ = nullptr;
+        auto& singleton = Asic::SwTableInterfacesSingleton::instance();
+        singleton.swTableIntf(Family::registryName())->onDelete();
+        singleton.swTableIntfDel(Family::registryName());
+    }
+    void restart() {
+        close();
+        agent_.restart();
+        open();
+    }
+
+    HandlePtr write(std::uint32_t port, std::uint32_t counter) {
+        const auto entry = entryOf(port, counter);
+        return table_->entryWriteWithResponseHandler(
+            entry.key, entry, nullptr, [this, port](const auto&) { answered_.insert(port); });
+    }
+    QueueShareEntry committed(std::uint32_t port) { return table_->entryFromConfig({port, 1}); }
+    void acknowledgeAll() {
+        agent_.acknowledge(QueueShareBinding::kTableId, table_->logVersion().value);
+    }
+
+    TestSupport::InProcessAgent agent_{{.capacityCeiling = 1024, .counters = 4, .policers = 4}};
+    Brumo::Ptr<Table> table_;
+    std::multiset<std::uint32_t> answered_;
+};
+
+TEST_F(FourthTable, WaitsForItsResourceCommitsAndIsAnsweredWhenAcknowledged) {
+    const auto handle = write(3, 7);
+    EXPECT_EQ(handle->entryState(), Asic::EntryState::created);
+    EXPECT_EQ(handle->tableName(), "OrderedSwTable.VornPolicyCpu.QueueShare");
+    agent_.settle();
+    EXPECT_EQ(handle->entryState(), Asic::EntryState::written);
+    EXPECT_EQ(committed(3).share, 30U);
+    EXPECT_EQ(committed(3).counterIndex, agent_.counters()->keys().at(0).index);
+    EXPECT_TRUE(answered_.empty());
+    acknowledgeAll();
+    EXPECT_EQ(handle->entryState(), Asic::EntryState::complete);
+    EXPECT_EQ(answered_, std::multiset<std::uint32_t>{3});
+    EXPECT_FALSE(table_->hasPendingHwWrites());
+    table_->assertConsistent();
+}
+
+TEST_F(FourthTable, FailsWhenNoResourceIsLeft) {
+    for (std::uint32_t port = 1; port <= 4; ++port)
+        write(port, port);
+    agent_.settle();
+    const auto handle = write(5, 5);
+    agent_.settle();
+    EXPECT_EQ(handle->entryState(), Asic::EntryState::failed);
+    EXPECT_EQ(table_->entrys(), 4U);
+    EXPECT_EQ(table_->stats()->resolveFailCnt(), 1U);
+}
+
+TEST_F(FourthTable, RemovesAKeyAndReleasesItsResource) {
+    write(1, 1);
+    agent_.settle();
+    const auto handle = table_->entryRemove({1, 1}, nullptr);
+    EXPECT_FALSE(table_->entryHas({1, 1}));
+    agent_.settle();
+    acknowledgeAll();
+    EXPECT_EQ(handle->entryState(), Asic::EntryState::complete);
+    EXPECT_EQ(table_->entrys(), 0U);
+    EXPECT_EQ(agent_.counters()->pool(), (Asic::ResourcePoolFigures{4, 0, 0}));
+}
+
+TEST_F(FourthTable, RemovesAllAndReleasesTheResources) {
+    write(1, 1);
+    write(2, 2);
+    table_->entryRemoveAll(nullptr);
+    write(3, 3);
+    agent_.settle();
+    EXPECT_EQ(table_->entrys(), 1U);
+    EXPECT_EQ(table_->entryLog()->entrysInDeletion({1}), 2U);
+    acknowledgeAll();
+    EXPECT_EQ(table_->entryLog()->entrysInDeletion({1}), 0U);
+    EXPECT_EQ(agent_.counters()->pool(), (Asic::ResourcePoolFigures{4, 1, 0}));
+}
+
+TEST_F(FourthTable, FollowsAResourceThatMoves) {
+    write(1, 1);
+    write(2, 1);
+    agent_.settle();
+    const auto before = committed(1).counterIndex;
+    ASSERT_TRUE(agent_.counters()->move(entryOf(1, 1).counterRequestKey));
+    agent_.settle();
+    EXPECT_NE(committed(1).counterIndex, before);
+    EXPECT_EQ(committed(2).counterIndex, committed(1).counterIndex);
+    EXPECT_EQ(table_->stats()->updateCnt(), 2U);
+}
+
+TEST_F(FourthTable, ComesBackAfterARestartAndWritesNothing) {
+    write(1, 1);
+    write(2, 2);
+    agent_.settle();
+    const auto first = committed(1);
+    const auto version = table_->logVersion();
+    restart();
+    agent_.settle();
+    EXPECT_EQ(table_->entrys(), 2U);
+    EXPECT_EQ(committed(1), first);
+    EXPECT_EQ(table_->logVersion(), version);
+    EXPECT_EQ(table_->linkage<QueueShareCounterBinding>()->entryUsageSms(), 2U);
+    table_->assertConsistent();
+}
+
+}  // namespace

@@ -1,0 +1,352 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <optional>
+
+#include "platform/asic/Constants.h"
+#include "platform/asic/GroupInterface.h"
+#include "platform/kivshimo/AckMap.h"
+#include "platform/kivshimo/AnnounceLog.h"
+#include "platform/kivshimo/EntityManager.h"
+#include "platform/kivshimo/Paths.h"
+#include "tests/platform/asic/Fakes.h"
+#include "tests/support/InProcessAgent.h"
+#include "tests/support/TraceCapture.h"
+
+namespace AsicTests {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using TestSupport::TraceCapture;
+
+constexpr Asic::SwTableId kTable{0x2C080403};
+constexpr Asic::SwTableId kOther{0x2C080404};
+constexpr std::uint64_t kSlots = 16;
+constexpr const char* kGroup = "TestAgent.TestGroup";
+
+Brumo::Ptr<Asic::NeededEntry> needing(std::vector<Asic::TableVersion> versions) {
+    auto needed = Brumo::make<Asic::NeededEntry>();
+    for (const auto& version : versions)
+        needed->add(version);
+    return needed;
+}
+
+class GroupInterfaceTest : public testing::Test {
+protected:
+    GroupInterfaceTest() : system_("asic-test-" + std::to_string(getpid())) { start(); }
+    ~GroupInterfaceTest() override { stop(); }
+    GroupInterfaceTest(const GroupInterfaceTest&) = delete;
+    GroupInterfaceTest& operator=(const GroupInterfaceTest&) = delete;
+
+    void start() {
+        KivShimo::EntityManager::capacityCeilingIs(kSlots);
+        KivShimo::EntityManager::rootIs(system_, true, dir_.path());
+        database_ = Brumo::make<Regdb::EntityManager>(system_, true);
+        group_ = Brumo::make<Asic::GroupInterface>(kGroup, std::uint16_t{0x2C08}, database_, loop_);
+    }
+    void stop() {
+        group_ = nullptr;
+        database_ = nullptr;
+        KivShimo::EntityManager::forget(system_);
+    }
+    void restart() {
+        stop();
+        start();
+    }
+
+    /// What the hardware side reads, from where it has come.
+    std::vector<KivShimo::Announcement> read() {
+        auto log = KivShimo::AnnounceLogReader::open(
+            KivShimo::tableFile(dir_.path(), Asic::Constants::announcementsPath(kGroup)));
+        std::vector<KivShimo::Announcement> announcements;
+        while (const auto announcement = log->next(position_ + 1)) {
+            position_ = announcement->position;
+            announcements.push_back(*announcement);
+        }
+        identity_ = log->identity();
+        return announcements;
+    }
+    std::vector<std::uint64_t> readVersions() {
+        std::vector<std::uint64_t> versions;
+        for (const auto& announcement : read())
+            versions.push_back(announcement.version);
+        return versions;
+    }
+    void consume() {
+        hardware().announceIdentityIs(identity_);
+        hardware().consumedIs(position_);
+        group_->acknowledgementsArrived();
+    }
+    KivShimo::AckMapWriter& hardware() {
+        if (!hardware_.has_value())
+            hardware_.emplace(dir_.path(), Asic::Constants::acknowledgementsPath(kGroup));
+        return *hardware_;
+    }
+    void acknowledge(Asic::SwTableId table, std::uint64_t version) {
+        ASSERT_TRUE(hardware().ackIs(table.whole(), version));
+        group_->acknowledgementsArrived();
+    }
+    std::uint64_t acknowledged(Asic::SwTableId table = kTable) const {
+        return group_->acknowledgedVersion(table).value;
+    }
+    /// A family of one table that the group tells of acknowledgements.
+    Brumo::Ptr<FakeTable> familyWithTable() {
+        set_ = Brumo::make<Asic::OrderedSwTableSet>(kTable, nullptr);
+        auto table = Brumo::make<FakeTable>(nullptr, kTable, std::uint16_t{1}, set_.get());
+        set_->swTableIs(table);
+        group_->swTableSetIs(set_);
+        return table;
+    }
+
+    TestSupport::TempDir dir_;
+    std::string system_;
+    Kiv::ManualEventLoop loop_;
+    Brumo::Ptr<Regdb::EntityManager> database_;
+    Brumo::Ptr<Asic::GroupInterface> group_;
+    Brumo::Ptr<Asic::OrderedSwTableSet> set_;
+    std::optional<KivShimo::AckMapWriter> hardware_;
+    std::uint64_t position_ = 0;
+    std::uint64_t identity_ = 0;
+};
+
+TEST_F(GroupInterfaceTest, AnnouncesChangesInTheirOrderWithWhatTheyNeed) {
+    group_->addLogEntry(kTable, {1}, nullptr);
+    group_->addLogEntry(kOther, {1}, needing({{kTable, {1}}}));
+    group_->addLogEntry(kTable, {2}, needing({{kOther, {1}}, {kTable, {1}}}));
+    const auto announcements = read();
+    ASSERT_EQ(announcements.size(), 3U);
+    EXPECT_EQ(announcements[0].tableId, kTable.whole());
+    EXPECT_THAT(announcements[0].needed, IsEmpty());
+    EXPECT_EQ(announcements[1].tableId, kOther.whole());
+    EXPECT_THAT(announcements[1].needed, ElementsAre(KivShimo::NeededVersion{kTable.whole(), 1}));
+    EXPECT_EQ(announcements[2].version, 2U);
+    EXPECT_THAT(announcements[2].needed, ElementsAre(KivShimo::NeededVersion{kOther.whole(), 1},
+                                                     KivShimo::NeededVersion{kTable.whole(), 1}));
+}
+
+TEST_F(GroupInterfaceTest, AnnouncesMoreNeededVersionsThanASlotHolds) {
+    const auto needed = Brumo::make<Asic::NeededEntry>();
+    for (std::uint16_t table = 1; table <= 10; ++table)
+        needed->add({Asic::SwTableId(1, 1, table), {table}});
+    group_->addLogEntry(kTable, {1}, needed);
+    group_->addLogEntry(kTable, {2}, nullptr);
+    const auto announcements = read();
+    ASSERT_EQ(announcements.size(), 2U);
+    ASSERT_EQ(announcements[0].needed.size(), 10U);
+    EXPECT_EQ(announcements[0].needed[9].version, 10U);
+    EXPECT_EQ(announcements[1].version, 2U);
+}
+
+TEST_F(GroupInterfaceTest, KeepsInMemoryAndInOrderWhatAFullLogDoesNotTake) {
+    TraceCapture traces;
+    for (std::uint64_t version = 1; version <= kSlots + 4; ++version)
+        group_->addLogEntry(kTable, {version}, nullptr);
+    EXPECT_EQ(group_->announcementsWaiting(), 4U);
+    EXPECT_EQ(traces.count("GroupInterface", 1,
+                           std::string(" announcement log of ") + kGroup + " is full"),
+              1U);
+    EXPECT_FALSE(group_->hasRoom());
+    EXPECT_EQ(group_->announcedVersion(kTable).value, kSlots + 4);
+    EXPECT_EQ(readVersions().size(), kSlots);
+    consume();
+    EXPECT_EQ(group_->announcementsWaiting(), 0U);
+    EXPECT_TRUE(group_->hasRoom());
+    EXPECT_THAT(readVersions(), ElementsAre(17, 18, 19, 20));
+}
+
+TEST_F(GroupInterfaceTest, LeavesAReserveToChangesThatCannotWait) {
+    for (std::uint64_t version = 1; version < kSlots - 2; ++version)
+        group_->addLogEntry(kTable, {version}, nullptr);
+    EXPECT_TRUE(group_->hasRoom());
+    group_->addLogEntry(kTable, {kSlots - 2}, nullptr);
+    EXPECT_FALSE(group_->hasRoom());
+    EXPECT_EQ(group_->announcementsWaiting(), 0U);
+}
+
+TEST_F(GroupInterfaceTest, HoldsTheResolverWhileTheLogIsFullAndLetsItGoOn) {
+    Journal journal;
+    const auto table = Brumo::make<FakeTable>(group_->groupResolver());
+    for (std::uint64_t version = 1; version <= kSlots; ++version)
+        group_->addLogEntry(kTable, {version}, nullptr);
+    group_->groupResolver()->resolverQueueEnq(
+        Brumo::make<FakeChange>(journal, table.get(), 1U, "change"));
+    loop_.runUntilIdle();
+    EXPECT_THAT(journal.committed, IsEmpty());
+    read();
+    consume();
+    loop_.runUntilIdle();
+    EXPECT_THAT(journal.committed, ElementsAre("change"));
+}
+
+TEST_F(GroupInterfaceTest, TellsTablesAndObserversOfAnAcknowledgement) {
+    const auto table = familyWithTable();
+    int published = 0;
+    const auto subscription = group_->publisher().subscribe([&](const Kiv::Change& change) {
+        published += change.attribute == Asic::GroupInterface::kAcknowledged ? 1 : 0;
+    });
+    group_->addLogEntry(kTable, {5}, nullptr);
+    acknowledge(kTable, 3);
+    EXPECT_EQ(acknowledged(), 3U);
+    EXPECT_THAT(table->told, ElementsAre(3));
+    EXPECT_EQ(published, 1);
+    group_->acknowledgementsArrived();
+    EXPECT_THAT(table->told, ElementsAre(3)) << "nothing has moved";
+    EXPECT_EQ(published, 1);
+    set_->swTableDel({1});
+}
+
+TEST_F(GroupInterfaceTest, LetsAnAcknowledgedTableEndItself) {
+    auto table = familyWithTable();
+    FakeTable* observed = table.get();
+    observed->onTold = [&] { set_->swTableDel({1}); };
+    table = nullptr;
+    group_->addLogEntry(kTable, {1}, nullptr);
+    acknowledge(kTable, 1);
+    EXPECT_TRUE(set_->swTables().empty());
+    EXPECT_EQ(acknowledged(), 1U);
+}
+
+TEST_F(GroupInterfaceTest, RefusesAnAcknowledgementBeyondTheLastVersionOnce) {
+    TraceCapture traces;
+    const auto table = familyWithTable();
+    group_->addLogEntry(kTable, {5}, nullptr);
+    acknowledge(kTable, 6);
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(acknowledged(), 0U);
+    EXPECT_THAT(table->told, IsEmpty());
+    EXPECT_EQ(traces.count("GroupInterface", 1,
+                           " refused acknowledgement of version 6 for table id: 2c:08:0403: "
+                           "beyond the last version"),
+              1U);
+    group_->addLogEntry(kTable, {6}, nullptr);
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(acknowledged(), 6U) << "it is true by now";
+    set_->swTableDel({1});
+}
+
+TEST_F(GroupInterfaceTest, RefusesAnAcknowledgementThatGoesBackwardsOnce) {
+    TraceCapture traces;
+    group_->addLogEntry(kTable, {5}, nullptr);
+    acknowledge(kTable, 4);
+    hardware().reset();
+    acknowledge(kTable, 2);
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(acknowledged(), 4U);
+    EXPECT_EQ(traces.count("GroupInterface", 1,
+                           " refused acknowledgement of version 2 for table id: 2c:08:0403: "
+                           "goes backwards"),
+              1U);
+}
+
+TEST_F(GroupInterfaceTest, RefusesAnAcknowledgementOfAnUnknownTableOnce) {
+    TraceCapture traces;
+    acknowledge(Asic::SwTableId(0x01020003), 1);
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(acknowledged(Asic::SwTableId(0x01020003)), 0U);
+    EXPECT_EQ(traces.count("GroupInterface", 1,
+                           " refused acknowledgement of version 1 for table id: 01:02:0003: "
+                           "no such table"),
+              1U);
+}
+
+TEST_F(GroupInterfaceTest, TakesUpAPauseAndItsEnd) {
+    hardware().pauseRequestedIs(true);
+    group_->acknowledgementsArrived();
+    EXPECT_TRUE(group_->groupResolver()->suspended());
+    hardware().pauseRequestedIs(false);
+    group_->acknowledgementsArrived();
+    EXPECT_FALSE(group_->groupResolver()->suspended());
+}
+
+TEST_F(GroupInterfaceTest, DoesNotSleepOverNewWork) {
+    EXPECT_TRUE(group_->sleepPrepared()) << "there is no hardware side yet";
+    group_->awake();
+    group_->addLogEntry(kTable, {5}, nullptr);
+    ASSERT_TRUE(hardware().ackIs(kTable.whole(), 2));
+    EXPECT_FALSE(group_->sleepPrepared());
+    group_->acknowledgementsArrived();
+    EXPECT_TRUE(group_->sleepPrepared());
+    hardware().pauseRequestedIs(true);
+    EXPECT_FALSE(group_->sleepPrepared());
+    group_->acknowledgementsArrived();
+    EXPECT_TRUE(group_->sleepPrepared());
+    read();
+    hardware().announceIdentityIs(identity_);
+    hardware().consumedIs(position_);
+    EXPECT_FALSE(group_->sleepPrepared());
+    group_->acknowledgementsArrived();
+    EXPECT_TRUE(group_->sleepPrepared());
+    acknowledge(kTable, 9);
+    EXPECT_TRUE(group_->sleepPrepared()) << "what was refused is no work";
+    group_->awake();
+}
+
+TEST_F(GroupInterfaceTest, LearnsAfterARestartWhatWasAnnounced) {
+    group_->addLogEntry(kTable, {1}, nullptr);
+    group_->addLogEntry(kOther, {7}, nullptr);
+    group_->addLogEntry(kTable, {2}, nullptr);
+    restart();
+    EXPECT_EQ(group_->announcedVersion(kTable).value, 2U);
+    EXPECT_EQ(group_->announcedVersion(kOther).value, 7U);
+    read();
+    hardware().ackIs(kTable.whole(), 2);
+    hardware().ackIs(kOther.whole(), 7);
+    consume();
+    restart();
+    EXPECT_EQ(group_->announcedVersion(kTable).value, 2U);
+    EXPECT_EQ(group_->announcedVersion(kOther).value, 7U);
+    EXPECT_TRUE(group_->hasRoom());
+    group_->addLogEntry(kTable, {3}, nullptr);
+    EXPECT_THAT(readVersions(), ElementsAre(3)) << "the hardware side goes on where it was";
+}
+
+TEST_F(GroupInterfaceTest, KnowsEverythingThatWasAnnounced) {
+    group_->addLogEntry(kTable, {3}, nullptr);
+    group_->addLogEntry(kOther, {9}, nullptr);
+    EXPECT_EQ(group_->everythingAnnounced()->toText(), "{2c:08:0403@3, 2c:08:0404@9}");
+}
+
+TEST_F(GroupInterfaceTest, HasNoVersionInAMapThatIsNotThere) {
+    EXPECT_FALSE(group_->tableVersionInMap(kTable).has_value());
+    hardware();
+    EXPECT_FALSE(group_->tableVersionInMap(kTable).has_value());
+    hardware().ackIs(kTable.whole(), 4);
+    EXPECT_EQ(group_->tableVersionInMap(kTable), Asic::LogVersion{4});
+}
+
+TEST_F(GroupInterfaceTest, CountsAndTracesCorruption) {
+    TraceCapture traces;
+    group_->doCorruptionDetected("rotten");
+    EXPECT_EQ(group_->corruptions(), 1U);
+    EXPECT_TRUE(traces.has("GroupInterface", 1, " corruption: rotten"));
+}
+
+TEST(Announcing, AnnouncesOnMountWhatWasNot) {
+    TestSupport::InProcessAgent agent({.capacityCeiling = 1024, .counters = 8, .policers = 8});
+    const std::string file = KivShimo::tableFile(
+        agent.root(), Asic::Constants::announcementsPath(agent.group()->name()));
+    {
+        const auto table = agent.v4Table();
+        for (std::uint32_t rule = 1; rule <= 3; ++rule)
+            table->entryWrite(TestSupport::matchKey(rule), TestSupport::v4Entry(rule), nullptr);
+        agent.settle();
+    }
+    std::filesystem::remove(file);  // as if the process had ended before it announced anything
+    agent.restart();
+    agent.v4Table();
+    EXPECT_EQ(agent.group()->announcedVersion(Asic::SwTableId(0x2C080404)).value, 3U);
+    const auto log = KivShimo::AnnounceLogReader::open(file);
+    ASSERT_TRUE(log.has_value());
+    for (std::uint64_t version = 1; version <= 3; ++version) {
+        const auto announcement = log->next(version);
+        ASSERT_TRUE(announcement.has_value());
+        EXPECT_EQ(announcement->version, version);
+    }
+    EXPECT_FALSE(log->next(4).has_value());
+}
+
+}  // namespace
+}  // namespace AsicTests
