@@ -50,7 +50,8 @@ int main(int argc, char** argv) {
             Agent::logLine(line);
         return Agent::kExitPolicy;
     } catch (const KivShimo::DuplicateWriterError& error) {
-        return fail(Agent::kExitSecondAgent, error.what());
+        return fail(Agent::kExitSecondAgent,
+                    std::string("another agent has the state directory: ") + error.what());
     } catch (const KivShimo::MountError& error) {
         return fail(Agent::kExitStateDirectory, error.what());
     } catch (const std::exception& error) {
