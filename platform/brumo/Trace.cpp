@@ -50,6 +50,8 @@ std::uint32_t parseLevels(std::string_view text, std::string_view rule) {
         const int first = parseLevel(range.substr(0, dash), rule);
         const int last =
             dash == std::string_view::npos ? first : parseLevel(range.substr(dash + 1), rule);
+        if (first > last)
+            rejectFilter(rule);
         for (int level = first; level <= last; ++level)
             levels |= 1U << level;
     }
