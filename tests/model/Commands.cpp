@@ -19,7 +19,7 @@ std::string options(const Command& command) {
 }
 
 std::string resourceOf(const Command& command) {
-    return fmt::format("{} {}", command.family == 0 ? "counter" : "policer", command.key);
+    return fmt::format("{} {}", command.family == 0 ? "counter" : "policer", command.key + 1);
 }
 
 }  // namespace
@@ -78,6 +78,15 @@ std::string textOf(const Sequence& sequence) {
     for (const Command& command : sequence.commands)
         text += "  " + textOf(command) + "\n";
     return text;
+}
+
+std::string textOf(const Reached& r) {
+    return fmt::format(
+        "{} commits, {} answers, {} failed for a resource, {} for a dependency, {} updates, {} "
+        "with "
+        "a failed resource, {} tables cleared, {} restarts",
+        r.commits, r.answers, r.resolveFailures, r.dependencyFailures, r.updates,
+        r.updatesWithFailure, r.clears, r.restarts);
 }
 
 std::ostream& operator<<(std::ostream& out, const Command& command) {

@@ -34,7 +34,7 @@ struct Command {
     Op op = Op::turn;
     unsigned family = 0;      ///< 0: the action table, 1: a match table
     unsigned unit = 0;        ///< of the units that the sequence has
-    unsigned key = 0;         ///< also the resource of a move, a failure and a recovery
+    unsigned key = 0;         ///< one less than the resource of a move, a failure and a recovery
     unsigned counter = 0;     ///< 0: none
     unsigned policer = 0;     ///< 0: none
     unsigned variant = 0;     ///< content; 1: commit though it failed; 2: refuse updates
@@ -54,8 +54,21 @@ std::string textOf(const Sequence& sequence);
 std::ostream& operator<<(std::ostream& out, const Command& command);
 std::ostream& operator<<(std::ostream& out, const Sequence& sequence);
 
+/// How often sequences have come to what is rare.
+struct Reached {
+    std::uint64_t commits = 0;
+    std::uint64_t answers = 0;
+    std::uint64_t resolveFailures = 0;
+    std::uint64_t dependencyFailures = 0;
+    std::uint64_t updates = 0;
+    std::uint64_t updatesWithFailure = 0;
+    std::uint64_t clears = 0;
+    std::uint64_t restarts = 0;
+};
+std::string textOf(const Reached& reached);
+
 /// Runs a sequence against real tables and the model. Returns what first went wrong and after which
 /// command; empty when nothing did.
-std::string run(const Sequence& sequence);
+std::string run(const Sequence& sequence, Reached& reached);
 
 }  // namespace ModelTests

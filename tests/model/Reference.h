@@ -18,6 +18,7 @@
 #include <fmt/format.h>
 
 #include "platform/brumo/Text.h"
+#include "tests/model/Commands.h"
 
 namespace ModelTests {
 
@@ -86,6 +87,7 @@ struct World {
     Verdict verdict;
     std::deque<Change> changes;
     std::deque<Announced> announced;
+    Reached reached;
     bool paused = false;
 };
 
@@ -321,8 +323,10 @@ public:
             return;
         Unit& u = units_[which];
         world_.verdict.expect(!resolved.pending, "a write waits for its resources");
-        if (!resolved.succeeded)
+        if (!resolved.succeeded) {
             u.figures.resolveFailures += 1;
+            world_.reached.resolveFailures += 1;
+        }
         clearStaged(u, u.adds, *staged);
         if (!resolved.succeeded && !commitAllTheSame) {
             end(*change, State::failed);
@@ -396,6 +400,7 @@ public:
         world_.verdict.expect(change->dependencyFailed(),
                               "only a failed dependency fails a change");
         end(*change, State::failed);
+        world_.reached.dependencyFailures += 1;
     }
 
     void clear(std::size_t which, bool releaseResources, const Needed& needed) {
@@ -416,6 +421,7 @@ public:
             }
         }
         u.figures.clears += 1;
+        world_.reached.clears += 1;
     }
 
     /// A committed entry is looked at again with what its resources give now.
@@ -426,13 +432,16 @@ public:
             world_.verdict.expect(false, "only a committed entry is updated");
             return;
         }
-        if (!resolved.succeeded)
+        if (!resolved.succeeded) {
             u.figures.updatesWithFailure += 1;
+            world_.reached.updatesWithFailure += 1;
+        }
         if (!commit || resolved.entry == value->entry)
             return;
         putIntoLog(which, Kind::write, key, resolved.needed);
         u.config[key] = {resolved.entry, version_, false};
         u.figures.updates += 1;
+        world_.reached.updates += 1;
     }
 
     // The hardware side.
@@ -503,6 +512,7 @@ private:
             world_.verdict.expect(!world_.paused, "nothing is committed in a pause");
             queue.erase(at);
             units_[which].figures.commits += 1;
+            world_.reached.commits += 1;
             return staged;
         }
         world_.verdict.expect(false, "a change is committed once");
@@ -539,6 +549,7 @@ private:
     void end(Change& change, State state) {
         change.state = state;
         change.answers += 1;
+        world_.reached.answers += 1;
     }
 
     void needDependency(Needed& needed, const Change& change) {

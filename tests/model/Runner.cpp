@@ -17,7 +17,7 @@ using VornPolicyCpu::PolicyCpuTcamActionBinding;
 using VornPolicyCpu::PolicyCpuV4TcamEntryBinding;
 using VornPolicyCpu::PolicyCpuV6TcamEntryBinding;
 
-constexpr std::uint32_t kPool = 2;
+constexpr std::uint32_t kPool = 3;
 
 TestSupport::InProcessAgent::Options options() {
     return {.capacityCeiling = 1024, .counters = kPool, .policers = kPool};
@@ -60,6 +60,8 @@ public:
         finish(plain);
         return failure();
     }
+
+    const Reached& reached() const { return world_.reached; }
 
 private:
     const std::string& failure() const { return world_.verdict.failure(); }
@@ -124,11 +126,11 @@ private:
     void changeResource(const Command& command) {
         if (command.family == 0) {
             VornCountersLib::CrpsIndexRequestEntryKey key;
-            key.requestId = command.key;
+            key.requestId = command.key + 1;
             changeResource(*agent_.counters(), key, command.op);
         } else {
             VornPolicerLib::PolicerIndexRequestEntryKey key;
-            key.requestId = command.key;
+            key.requestId = command.key + 1;
             changeResource(*agent_.policers(), key, command.op);
         }
     }
@@ -195,6 +197,7 @@ private:
         for (const auto& family : families_)
             family->closeTables();
         agent_.restart();
+        world_.reached.restarts += 1;
         taken_ = {};
         world_.paused = false;
         for (std::size_t which = 0; which < families_.size(); ++which)
@@ -306,9 +309,11 @@ private:
 
 }  // namespace
 
-std::string run(const Sequence& sequence) {
+std::string run(const Sequence& sequence, Reached& reached) {
     Runner runner(sequence);
-    return runner.run(sequence);
+    std::string failure = runner.run(sequence);
+    reached = runner.reached();
+    return failure;
 }
 
 }  // namespace ModelTests
