@@ -10,6 +10,9 @@ namespace {
 
 const Brumo::TraceSource kTrace{"HwSideLogReader", "LogReader"};
 
+/// Announcements looked through for a later change of a key that hardware does not hold.
+constexpr std::size_t kLookAhead = 1024;
+
 Asic::SwTableId idOf(std::uint32_t tableId) {
     return Asic::SwTableId(tableId);
 }
@@ -151,6 +154,11 @@ bool LogReader::carriedOut(const KivShimo::Announcement& announcement) {
             case Applied::superseded:
                 ++counters_.superseded;
                 break;
+            case Applied::unheld:
+                ++counters_.superseded;
+                if (isAnnouncedAndMet(tableId, table->laterVersion()))
+                    table->programLater();
+                break;
             case Applied::rotten:
                 break;  // the table has counted it
             case Applied::busy:
@@ -165,6 +173,24 @@ bool LogReader::carriedOut(const KivShimo::Announcement& announcement) {
     ++counters_.announcements;
     acknowledge(tableId, announcement.version);
     return true;
+}
+
+/// Looks ahead, a bounded way, for the announcement of a later change and at what it needs.
+bool LogReader::isAnnouncedAndMet(std::uint32_t tableId, Asic::LogVersion version) {
+    try {
+        std::uint64_t at = position_ + 1;
+        for (std::size_t left = kLookAhead; left > 0; --left) {
+            const auto announcement = announcements_->next(at);
+            if (!announcement)
+                return false;
+            if (announcement->tableId == tableId && announcement->version == version.value)
+                return needsMet(*announcement);
+            at = announcement->position + 1;
+        }
+    } catch (const KivShimo::CorruptionError&) {
+        return false;  // counted when it is taken
+    }
+    return false;
 }
 
 /// Carries out what waits and need not any more, until nothing of it is left that could go on.

@@ -11,6 +11,8 @@
 //  2. A version is acknowledged once hardware is as the table was at that version or later.
 //  3. The consumed position lies before the oldest announcement that is not done.
 //  4. Hardware is never touched for what it already holds.
+//  5. A written key is held by hardware when its version is acknowledged: where a later change has
+//     replaced the value meanwhile, that later value is programmed, if what it needs is there.
 //
 // Rotten records. A rotten or missing announcement or change record does not say what it was about,
 // so everything is taken from the configurations once (a snapshot), which hold it as well. A rotten
@@ -89,6 +91,7 @@ private:
     void take(KivShimo::Announcement announcement, std::uint64_t before);
     bool needsMet(const KivShimo::Announcement& announcement);
     bool carriedOut(const KivShimo::Announcement& announcement);
+    bool isAnnouncedAndMet(std::uint32_t tableId, Asic::LogVersion version);
     void retryWaiting();
     void publishConsumed();
 

@@ -42,6 +42,10 @@ public:
     bool stale() const override;
     void close() override;
     Applied apply(Asic::LogVersion version) override;
+    Asic::LogVersion laterVersion() const override { return later_.value.version; }
+    void programLater() override {
+        tcam_->program<Types>(later_.unit, later_.value.logEntry, later_.value.version);
+    }
     Asic::LogVersion published() override;
     void programAll(Asic::LogVersion upTo) override;
     void removeRest() override;
@@ -62,6 +66,11 @@ private:
     const ChangeLog* changeLog();
     const Config* config(Asic::UnitId unit);
 
+    struct Later {
+        Asic::UnitId unit;
+        Value value{};
+    };
+
     Applied carryOut(const Record& record);
     Applied write(const Record& record);
     void programUnit(Asic::UnitId unit, Asic::LogVersion upTo);
@@ -72,6 +81,7 @@ private:
     std::optional<ChangeLog> changeLog_;
     std::map<Asic::UnitId, Config> configs_;
     std::uint64_t rotten_ = 0;
+    Later later_;  ///< of the last `unheld`
 
     // Of the snapshot under way
     std::map<Asic::UnitId, std::set<Key>> kept_;
@@ -179,6 +189,11 @@ Applied ShimoTableReader<Types>::write(const Record& record) {
         // Stored before the record was, so this is not how the agent left it.
         kTrace(1, " {}: {}: there is no such value", Types::kName, record.toText());
         return Applied::lost;
+    }
+    if (value->version > record.version && !value->inDeletion &&
+        !tcam_->holds<Types>(record.unitId, record.key)) {
+        later_ = {record.unitId, *value};
+        return Applied::unheld;
     }
     if (value->version > record.version || value->inDeletion)
         return Applied::superseded;

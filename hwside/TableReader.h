@@ -32,6 +32,7 @@ struct TableNumber<V6Types> {
 enum class Applied : std::uint8_t {
     done,
     superseded,  ///< the value is of a later change, whose announcement follows
+    unheld,      ///< superseded likewise, and hardware holds nothing for the key
     rotten,      ///< the value does not verify: reported, nothing programmed
     lost,        ///< the record or the value is not there or does not verify
     busy,        ///< the agent is storing it
@@ -49,6 +50,9 @@ public:
 
     /// Looks a change up and carries it out.
     virtual Applied apply(Asic::LogVersion version) = 0;
+    /// After `unheld`: the version of the later change, and programming its value already now.
+    virtual Asic::LogVersion laterVersion() const = 0;
+    virtual void programLater() = 0;
 
     /// The last version published; 0 when there is no change log. Throws KivShimo::CorruptionError,
     /// KivShimo::MountError.

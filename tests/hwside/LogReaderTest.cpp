@@ -142,13 +142,28 @@ TEST_F(LogReaderTest, StopsAtItsBudgetAndGoesOn) {
 TEST_F(LogReaderTest, SkipsASupersededValueUntilItsOwnAnnouncement) {
     reader_->pump();
     agent_->write<ActionTypes>(kUnit, actionEntry(1, 100));
-    agent_->write<ActionTypes>(kUnit, actionEntry(1, 200));
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 200), {{kV4, 1}});
     EXPECT_EQ(reader_->pump(1), Progress::more);
     EXPECT_EQ(acked(kAction), 1U);
     EXPECT_EQ(tcam_->entries<ActionTypes>(), 0U);
     EXPECT_EQ(reader_->counters().superseded, 1U);
+    agent_->write<V4Types>(kUnit, matchEntry<V4Types>(1, 1));
     reader_->pump();
     EXPECT_EQ(tcam_->counters<ActionTypes>(), (ProgramCounters{.added = 1}));
+    expectAllSame();
+}
+
+TEST_F(LogReaderTest, ProgramsTheLaterValueOfAKeyThatHardwareDoesNotHold) {
+    reader_->pump();
+    const std::uint64_t action = agent_->write<ActionTypes>(kUnit, actionEntry(1, 100));
+    agent_->write<V4Types>(kUnit, matchEntry<V4Types>(1, 1), {{kAction, action}});
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 200));
+    EXPECT_EQ(reader_->pump(2), Progress::more);
+    EXPECT_EQ(tcam_->entries<V4Types>(), 1U);
+    EXPECT_EQ(tcam_->unresolved(), 0U) << "no match stands without its action";
+    reader_->pump();
+    EXPECT_EQ(tcam_->counters<ActionTypes>(), (ProgramCounters{.added = 1, .unchanged = 1}));
+    EXPECT_EQ(acked(kAction), 2U);
     expectAllSame();
 }
 
