@@ -119,7 +119,7 @@ void Variables::read(const MapReader::Field& field, PolicyErrors& errors) {
             continue;
         const MapReader::Field value{pair.second, keyAt};
         List list = expand(value.node, value.at(), "a value or a list of values", errors);
-        if (!lists_.try_emplace(name->text, std::move(list.values)).second)
+        if (!lists_.try_emplace(name->text, std::move(list)).second)
             errors.add(keyAt, fmt::format("expected '{}' once", quotable(name->text)));
     }
 }
@@ -135,13 +135,14 @@ Variables::List Variables::expand(const YAML::Node& node, const Position& at,
             list.values.push_back(*value);
             return;
         }
-        list.listed = true;
         const auto found = lists_.find(value->text.substr(1));
         if (found == lists_.end()) {
             reportValue(errors, *value, "a variable that is defined above");
             return;
         }
-        list.values.insert(list.values.end(), found->second.begin(), found->second.end());
+        const List& named = found->second;
+        list.listed = list.listed || named.listed;
+        list.values.insert(list.values.end(), named.values.begin(), named.values.end());
     };
     if (!node.IsSequence()) {
         add(node, at);

@@ -81,7 +81,7 @@ public:
     void read(const MapReader::Field& field, PolicyErrors& errors);
 
     struct List {
-        bool listed = false;  ///< a sequence or a variable
+        bool listed = false;  ///< a sequence, or a variable that is one
         std::vector<Text> values;
     };
     /// The values of a scalar or of a sequence of scalars. Reports what is neither, an empty list
@@ -90,7 +90,7 @@ public:
                 PolicyErrors& errors) const;
 
 private:
-    std::map<std::string, std::vector<Text>> lists_;
+    std::map<std::string, List> lists_;
 };
 
 /// Calls `visit(node, position)` for each item of a sequence; reports a node that is none.
