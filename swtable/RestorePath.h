@@ -112,7 +112,8 @@ auto OrderedSwTableAccessor<B>::updateEntry(Table& table, const Key& key, const 
         table.stats()->updateWithFailedResourceCntInc(1);
     }
     const auto logEntry = wrapper->logEntry();
-    if (commitToLog && !logEntry.isEq(log.entry(key, table.unitId()))) {
+    const bool differs = !logEntry.isEq(log.entry(key, table.unitId()));
+    if (differs && commitToLog) {
         const NeededPtr needed = table.getNeededEntrySet(wrapper);
         const Asic::LogVersion version = log.entryIs(logEntry, wrapper->rsrcKeys(), needed,
                                                      table.unitId(), table.stats(), false);
