@@ -336,6 +336,10 @@ protected:
         KivShimo::tableTypeOf<ConfigShimo<PolicyCpuV4TcamEntryTypes>>()};
 };
 
+TEST_F(StrangeTable, CannotBeMountedWhileItsTypeIsUnknown) {
+    EXPECT_THROW(makeLog(), KivShimo::MountError);
+}
+
 TEST_F(StrangeTable, WithoutAChangeLogHasNone) {
     const KivShimo::TableTypeRegistration entryLog(
         Constants::entryLogShimoType(),
