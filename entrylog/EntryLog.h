@@ -48,6 +48,8 @@ public:
 
     // Mounting.
 
+    /// Mounts the change log; construction does it.
+    void mountShimoChangeLog();
     /// Mounts a unit's configuration and drops what was deleted at or before `logVersion`, up to
     /// which the hardware side has consumed the log (0: nothing is dropped).
     void mountShimoConfig(Asic::UnitId unitId, Asic::LogVersion logVersion);
@@ -107,7 +109,6 @@ public:
 
 private:
     void handleInitialized();
-    void mountShimoChangeLog();
     void announceWhatWasNot();
     Record recordOf(Asic::LogVersion version, const LogEntry& logEntry, Asic::UnitId unitId,
                     LogOperation operation) const;

@@ -41,7 +41,7 @@ public:
         for (const TableVersion& needed : versions_) {
             if (text.size() > 1)
                 text += ", ";
-            text += needed.toText();
+            text += needed.tableId.toText() + "@" + needed.version.toText();
         }
         return text + "}";
     }

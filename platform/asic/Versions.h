@@ -91,7 +91,7 @@ struct TableVersion {
     LogVersion version;
 
     auto operator<=>(const TableVersion&) const = default;
-    std::string toText() const { return fmt::format("{}@{}", tableId.toText(), version.value); }
+    std::string toText() const { return version.toText(); }
 };
 
 }  // namespace Asic

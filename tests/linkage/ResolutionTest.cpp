@@ -168,8 +168,8 @@ TYPED_TEST(Needed, IsWhatTheHandleNeedsInItsOrder) {
     EXPECT_EQ(traces.lines()[0].handle, this->traced());
     EXPECT_EQ(traces.lines()[0].level, 9);
     EXPECT_EQ(traces.lines()[0].function, "getNeededEntrySet");
-    EXPECT_EQ(traces.lines()[0].text, "neededVersion: 2c:01:0002@7");
-    EXPECT_EQ(traces.lines()[1].text, "neededVersion: 2c:01:0001@9");
+    EXPECT_EQ(traces.lines()[0].text, "neededVersion: 7");
+    EXPECT_EQ(traces.lines()[1].text, "neededVersion: 9");
 }
 
 TYPED_TEST(Needed, TravelsIntoTheLogWithTheChange) {
