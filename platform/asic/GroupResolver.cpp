@@ -10,11 +10,15 @@ namespace {
 
 const Brumo::TraceSource trace("GroupResolver", "GroupResolver");
 
-bool ofTable(const Brumo::Ptr<ResolverEntry>& entry, const OrderedSwTable* table) {
-    return entry->orderingTable() == table;
-}
-
 }  // namespace
+
+/// Ends the changes that wait behind this one, one by one: left to themselves, each would end
+/// within the end of the one before.
+void ResolverEntry::dropFollowing() {
+    Brumo::Ptr<ResolverEntry> next = std::exchange(nextOfKey_, nullptr);
+    while (next != nullptr)
+        next = std::exchange(next->nextOfKey_, nullptr);
+}
 
 void GroupResolver::resolverQueueEnq(const Entry& entry) {
     ++queued_;
@@ -146,8 +150,10 @@ void GroupResolver::wake(const Kiv::Entity* entity) {
 
 void GroupResolver::finish(const OrderedSwTable* table, const Entry& entry) {
     const auto found = lanes_.find(table);
-    if (found == lanes_.end())
-        return;  // the table went while the change was committed
+    if (found == lanes_.end()) {
+        entry->dropFollowing();  // the table went while the change was committed
+        return;
+    }
     Lane& lane = found->second;
     --queued_;
     if (entry->isTableDeleted()) {
@@ -200,11 +206,19 @@ void GroupResolver::resolverQueueDel(const OrderedSwTable* table) {
     queued_ -= lane->second.unfinished + lane->second.held.size() +
                (lane->second.barrier != nullptr ? 1 : 0);
     lanes_.erase(lane);
-    waitingForLog_.erase(table);
-    std::erase_if(ready_, [table](const Entry& entry) { return ofTable(entry, table); });
+    const auto dropped = [table](const Entry& entry) {
+        if (entry->orderingTable() != table)
+            return false;
+        entry->dropFollowing();
+        return true;
+    };
+    if (const auto full = waitingForLog_.find(table); full != waitingForLog_.end()) {
+        std::erase_if(full->second, dropped);
+        waitingForLog_.erase(full);
+    }
+    std::erase_if(ready_, dropped);
     for (auto list = waiting_.begin(); list != waiting_.end();) {
-        std::erase_if(list->second.entries,
-                      [table](const Entry& entry) { return ofTable(entry, table); });
+        std::erase_if(list->second.entries, dropped);
         list = list->second.entries.empty() ? waiting_.erase(list) : std::next(list);
     }
 }

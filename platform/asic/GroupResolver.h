@@ -64,6 +64,8 @@ public:
 private:
     friend class GroupResolver;
 
+    void dropFollowing();
+
     Brumo::Ptr<const DependencyEntryHandle> dependency_;
     EntryFlags flags_;
     Blocker blocker_;
