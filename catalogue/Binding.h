@@ -16,22 +16,32 @@
 
 namespace VornPolicyCpu {
 
-template <class B> class SwTable;
-template <class B> class EntryWrapper;
-template <class B> class EntryLog;
-template <class B> class Interface;
-template <class B> class ResolverEntry;
-template <class B> class SwTableHelperBase;
-template <class B> class SwTableIteratorState;
-template <class B, class L> class Linkage;
+template <class B>
+class SwTable;
+template <class B>
+class EntryWrapper;
+template <class B>
+class EntryLog;
+template <class B>
+class Interface;
+template <class B>
+class ResolverEntry;
+template <class B>
+class SwTableHelperBase;
+template <class B>
+class SwTableIteratorState;
+template <class B, class L>
+class Linkage;
 
 /// The linkages of a table, in the order in which they act.
-template <class... L> struct LinkageList {
+template <class... L>
+struct LinkageList {
     static constexpr std::size_t kCount = sizeof...(L);
 };
 
 /// Base of bindings: `Self` is the binding, `T` the table's type library, `L` its linkages.
-template <class Self, TableTypes T, class... L> struct TableBinding {
+template <class Self, TableTypes T, class... L>
+struct TableBinding {
     using Types = T;
     using Key = typename T::Key;
     using Entry = typename T::Entry;
@@ -55,7 +65,7 @@ concept LinkageBinding = requires(Entry& entry, const Entry& written,
     { L::kResourceLibrary } -> std::convertible_to<std::string_view>;
     { L::kResourceTable } -> std::convertible_to<std::string_view>;
     { L::resourceKeyFromEntry(written) } -> std::convertible_to<typename L::ResourceKey>;
-    { L::request(client, written) };
+    {L::request(client, written)};
     L::setResolvedFields(entry, handle);
     L::retrieveClientData(entry, *handle);
 };
@@ -66,12 +76,14 @@ inline constexpr std::string_view kAgentName = "VornPolicyCpu";
 inline constexpr std::string_view kTableNamespace = "VornPolicyCpu";
 
 /// The name of one of a table's classes, or of its trace handle.
-template <class B> std::string className(std::string_view role) {
+template <class B>
+std::string className(std::string_view role) {
     return std::string(B::Types::kName) + std::string(role);
 }
 
 /// The trace sources of a table: which handle each of its classes speaks on.
-template <class B> struct Traces {
+template <class B>
+struct Traces {
     static inline const Brumo::TraceSource swTable{className<B>("SwTable"),
                                                    className<B>("SwTable")};
     static inline const Brumo::TraceSource engine{className<B>("SwTable"),
@@ -82,8 +94,9 @@ template <class B> struct Traces {
     static inline const Brumo::TraceSource iterator{"SwTableIter", className<B>("SwTable")};
     static inline const Brumo::TraceSource entryLog{className<B>("EntryLog"),
                                                     className<B>("EntryLog")};
-    static inline const Brumo::TraceSource interface{className<B>("Interface"),
-                                                     className<B>("Interface")};
+    static inline const Brumo::TraceSource interface {
+        className<B>("Interface"), className<B>("Interface")
+    };
 };
 
 }  // namespace VornPolicyCpu

@@ -1,6 +1,8 @@
 // The action table: its binding and those of its two linkages.
 #pragma once
 
+#include <array>
+
 #include "catalogue/Binding.h"
 #include "platform/resources/CrpsIndexRequestResourceTable.h"
 #include "platform/resources/PolicerIndexRequestResourceTable.h"
@@ -70,6 +72,14 @@ struct PolicyCpuTcamActionBinding
     using EntryWrapper = PolicyCpuTcamActionEntryWrapper;
 
     static constexpr Asic::SwTableId kTableId{0x2C080403};
+    static constexpr std::array<std::string_view, 8> kResourceAttributes{"counterRequestKeyResPtr",
+                                                                         "policerRequestKeyResPtr",
+                                                                         "counterRequestKey",
+                                                                         "policerRequestKey",
+                                                                         "policerClientData",
+                                                                         "counterIndex",
+                                                                         "policerIndex",
+                                                                         "featureId"};
 };
 static_assert(LinkageBinding<CrpsIndexRequestBinding, PolicyCpuTcamActionEntry>);
 static_assert(LinkageBinding<PolicerIndexRequestBinding, PolicyCpuTcamActionEntry>);

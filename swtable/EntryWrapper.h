@@ -37,6 +37,8 @@ public:
 
     const Entry& entry() const { return entry_; }
     Entry& entry() { return entry_; }
+    /// The same, under the name that inspection tools know.
+    const Entry& swTableEntry() const { return entry_; }
     const Key& key() const { return entry_.key; }
     void keyIs(const Key& key) { entry_.key = key; }
     const Brumo::Ptr<Handle>& entryHandle() const { return entryHandle_; }
@@ -91,7 +93,8 @@ private:
         if (handle == nullptr)
             return;
         if constexpr (requires { handle->clientData(); }) {
-            Traces<B>::entryWrapper(3, " Setting clientData to: {} ", handle->clientData());
+            Traces<B>::entryWrapper.in("retrieveClientData", 3, " Setting clientData to: {} ",
+                                       handle->clientData());
         }
         L::retrieveClientData(entry_, *handle);
     }

@@ -30,7 +30,32 @@ constexpr bool serialAtOrAfter(std::uint32_t a, std::uint32_t b) {
 template <class T>
 class HandleQueue {
 public:
-    HandleQueue() { link(Brumo::make<Segment>(kFirstNumber, 0U)); }
+    /// A run of slots; public so that tests can break its rules.
+    struct Segment final : Brumo::RefCounted {
+        /// `capacity` is a power of two, or 0 for the segment that only keeps the count.
+        Segment(std::uint32_t number, std::size_t capacity)
+            : firstNumber(number), read(0), fill(0), slots(capacity) {
+            if (capacity > 0)
+                Brumo::require(std::has_single_bit(capacity), "isPowerOfTwo( i )");
+        }
+        ~Segment() override { Brumo::require(!linked(), "!linked()"); }
+
+        bool linked() const { return successor != nullptr; }
+        bool full() const { return fill == slots.size(); }
+        /// The number after this segment's last element.
+        std::uint32_t next() const { return firstNumber + fill; }
+
+        Segment* successor = nullptr;
+        std::uint32_t firstNumber;
+        std::uint32_t read : 14;
+        std::uint32_t fill : 14;
+        std::vector<Brumo::Ptr<T>> slots;
+    };
+
+    /// Tests begin at another number, just before the numbers wrap.
+    explicit HandleQueue(std::uint32_t firstNumber = kFirstNumber) {
+        link(Brumo::make<Segment>(firstNumber, 0U));
+    }
     HandleQueue(const HandleQueue&) = delete;
     HandleQueue& operator=(const HandleQueue&) = delete;
     ~HandleQueue() {
@@ -115,26 +140,6 @@ private:
     static constexpr std::uint32_t kFirstNumber = 1;
     static constexpr std::size_t kSmallest = 4;
     static constexpr std::size_t kLargest = 8192;
-
-    struct Segment final : Brumo::RefCounted {
-        Segment(std::uint32_t number, std::size_t capacity)
-            : firstNumber(number), read(0), fill(0), slots(capacity) {
-            if (capacity > 0)
-                Brumo::require(std::has_single_bit(capacity), "isPowerOfTwo( i )");
-        }
-        ~Segment() override { Brumo::require(!linked(), "!linked()"); }
-
-        bool linked() const { return successor != nullptr; }
-        bool full() const { return fill == slots.size(); }
-        /// The number after this segment's last element.
-        std::uint32_t next() const { return firstNumber + fill; }
-
-        Segment* successor = nullptr;
-        std::uint32_t firstNumber;
-        std::uint32_t read : 14;
-        std::uint32_t fill : 14;
-        std::vector<Brumo::Ptr<T>> slots;
-    };
 
     /// The smallest power of two above the number of elements, within bounds.
     static std::size_t capacityFor(std::size_t elements) {

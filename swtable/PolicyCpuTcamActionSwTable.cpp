@@ -19,7 +19,8 @@ Brumo::Ptr<PolicyCpuTcamActionSwTable> policyCpuTcamActionSwTableFactory(
     Asic::UnitId unit, Asic::OrderedSwTableSet* tableSet,
     const Brumo::Ptr<PolicyCpuTcamActionEntryLog>& entryLog,
     const Brumo::Ptr<Asic::GroupResolver>& groupResolver) {
-    return Brumo::make<PolicyCpuTcamActionSwTable>(name, tableId, unit, tableSet, entryLog, groupResolver);
+    return Brumo::make<PolicyCpuTcamActionSwTable>(name, tableId, unit, tableSet, entryLog,
+                                                   groupResolver);
 }
 
 Brumo::Ptr<PolicyCpuTcamActionSwTable> PolicyCpuTcamActionSwTableIs(
@@ -27,16 +28,19 @@ Brumo::Ptr<PolicyCpuTcamActionSwTable> PolicyCpuTcamActionSwTableIs(
     Asic::UnitId unit, Asic::OrderedSwTableSet* tableSet,
     const Brumo::Ptr<PolicyCpuTcamActionEntryLog>& entryLog,
     const Brumo::Ptr<Asic::GroupResolver>& groupResolver) {
-    return policyCpuTcamActionSwTableFactory(name, tableId, unit, tableSet, entryLog, groupResolver);
+    return policyCpuTcamActionSwTableFactory(name, tableId, unit, tableSet, entryLog,
+                                             groupResolver);
 }
 
 Brumo::Ptr<PolicyCpuTcamActionEntryWrapper> policyCpuTcamActionEntryWrapperFactory(
-    const PolicyCpuTcamActionEntry& entry, const Brumo::Ptr<PolicyCpuTcamActionSwTable::EntryHandle>& entryHandle) {
+    const PolicyCpuTcamActionEntry& entry,
+    const Brumo::Ptr<PolicyCpuTcamActionSwTable::EntryHandle>& entryHandle) {
     return Brumo::make<PolicyCpuTcamActionEntryWrapper>(entry, entryHandle);
 }
 
 Brumo::Ptr<PolicyCpuTcamActionEntryWrapper> PolicyCpuTcamActionEntryWrapperIs(
-    const PolicyCpuTcamActionEntry& entry, const Brumo::Ptr<PolicyCpuTcamActionSwTable::EntryHandle>& entryHandle) {
+    const PolicyCpuTcamActionEntry& entry,
+    const Brumo::Ptr<PolicyCpuTcamActionSwTable::EntryHandle>& entryHandle) {
     return policyCpuTcamActionEntryWrapperFactory(entry, entryHandle);
 }
 
@@ -44,14 +48,16 @@ Brumo::Ptr<PolicyCpuTcamActionResolverEntry> policyCpuTcamActionResolverEntryFac
     const Brumo::Ptr<const Asic::DependencyEntryHandle>& dependantEntryHandle,
     Asic::EntryFlags flags, PolicyCpuTcamActionSwTable* swTable,
     const Brumo::Ptr<PolicyCpuTcamActionEntryWrapper>& entryWrapper) {
-    return Brumo::make<PolicyCpuTcamActionResolverEntry>(dependantEntryHandle, flags, swTable, entryWrapper);
+    return Brumo::make<PolicyCpuTcamActionResolverEntry>(dependantEntryHandle, flags, swTable,
+                                                         entryWrapper);
 }
 
 Brumo::Ptr<PolicyCpuTcamActionResolverEntry> PolicyCpuTcamActionResolverEntryIs(
     const Brumo::Ptr<const Asic::DependencyEntryHandle>& dependantEntryHandle,
     Asic::EntryFlags flags, PolicyCpuTcamActionSwTable* swTable,
     const Brumo::Ptr<PolicyCpuTcamActionEntryWrapper>& entryWrapper) {
-    return policyCpuTcamActionResolverEntryFactory(dependantEntryHandle, flags, swTable, entryWrapper);
+    return policyCpuTcamActionResolverEntryFactory(dependantEntryHandle, flags, swTable,
+                                                   entryWrapper);
 }
 
 Brumo::Ptr<PolicyCpuTcamActionSwTableHelperBase> policyCpuTcamActionSwTableHelperBaseFactory() {

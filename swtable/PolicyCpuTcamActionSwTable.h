@@ -22,6 +22,15 @@ public:
         const {
         return resource<PolicerIndexRequestBinding>();
     }
+    const VornCountersLib::CrpsIndexRequestEntryKey& counterRequestKey() const {
+        return entry().counterRequestKey;
+    }
+    const VornPolicerLib::PolicerIndexRequestEntryKey& policerRequestKey() const {
+        return entry().policerRequestKey;
+    }
+    const VornPolicerLib::PolicerIndexRequestClientData& policerClientData() const {
+        return entry().policerClientData;
+    }
     /// The unresolved value while there is no counter.
     std::uint32_t counterIndex() const {
         const auto& counter = counterRequestKeyResPtr();

@@ -19,7 +19,8 @@ Brumo::Ptr<PolicyCpuV4TcamEntrySwTable> policyCpuV4TcamEntrySwTableFactory(
     Asic::UnitId unit, Asic::OrderedSwTableSet* tableSet,
     const Brumo::Ptr<PolicyCpuV4TcamEntryEntryLog>& entryLog,
     const Brumo::Ptr<Asic::GroupResolver>& groupResolver) {
-    return Brumo::make<PolicyCpuV4TcamEntrySwTable>(name, tableId, unit, tableSet, entryLog, groupResolver);
+    return Brumo::make<PolicyCpuV4TcamEntrySwTable>(name, tableId, unit, tableSet, entryLog,
+                                                    groupResolver);
 }
 
 Brumo::Ptr<PolicyCpuV4TcamEntrySwTable> PolicyCpuV4TcamEntrySwTableIs(
@@ -27,16 +28,19 @@ Brumo::Ptr<PolicyCpuV4TcamEntrySwTable> PolicyCpuV4TcamEntrySwTableIs(
     Asic::UnitId unit, Asic::OrderedSwTableSet* tableSet,
     const Brumo::Ptr<PolicyCpuV4TcamEntryEntryLog>& entryLog,
     const Brumo::Ptr<Asic::GroupResolver>& groupResolver) {
-    return policyCpuV4TcamEntrySwTableFactory(name, tableId, unit, tableSet, entryLog, groupResolver);
+    return policyCpuV4TcamEntrySwTableFactory(name, tableId, unit, tableSet, entryLog,
+                                              groupResolver);
 }
 
 Brumo::Ptr<PolicyCpuV4TcamEntryEntryWrapper> policyCpuV4TcamEntryEntryWrapperFactory(
-    const PolicyCpuV4TcamEntryEntry& entry, const Brumo::Ptr<PolicyCpuV4TcamEntrySwTable::EntryHandle>& entryHandle) {
+    const PolicyCpuV4TcamEntryEntry& entry,
+    const Brumo::Ptr<PolicyCpuV4TcamEntrySwTable::EntryHandle>& entryHandle) {
     return Brumo::make<PolicyCpuV4TcamEntryEntryWrapper>(entry, entryHandle);
 }
 
 Brumo::Ptr<PolicyCpuV4TcamEntryEntryWrapper> PolicyCpuV4TcamEntryEntryWrapperIs(
-    const PolicyCpuV4TcamEntryEntry& entry, const Brumo::Ptr<PolicyCpuV4TcamEntrySwTable::EntryHandle>& entryHandle) {
+    const PolicyCpuV4TcamEntryEntry& entry,
+    const Brumo::Ptr<PolicyCpuV4TcamEntrySwTable::EntryHandle>& entryHandle) {
     return policyCpuV4TcamEntryEntryWrapperFactory(entry, entryHandle);
 }
 
@@ -44,14 +48,16 @@ Brumo::Ptr<PolicyCpuV4TcamEntryResolverEntry> policyCpuV4TcamEntryResolverEntryF
     const Brumo::Ptr<const Asic::DependencyEntryHandle>& dependantEntryHandle,
     Asic::EntryFlags flags, PolicyCpuV4TcamEntrySwTable* swTable,
     const Brumo::Ptr<PolicyCpuV4TcamEntryEntryWrapper>& entryWrapper) {
-    return Brumo::make<PolicyCpuV4TcamEntryResolverEntry>(dependantEntryHandle, flags, swTable, entryWrapper);
+    return Brumo::make<PolicyCpuV4TcamEntryResolverEntry>(dependantEntryHandle, flags, swTable,
+                                                          entryWrapper);
 }
 
 Brumo::Ptr<PolicyCpuV4TcamEntryResolverEntry> PolicyCpuV4TcamEntryResolverEntryIs(
     const Brumo::Ptr<const Asic::DependencyEntryHandle>& dependantEntryHandle,
     Asic::EntryFlags flags, PolicyCpuV4TcamEntrySwTable* swTable,
     const Brumo::Ptr<PolicyCpuV4TcamEntryEntryWrapper>& entryWrapper) {
-    return policyCpuV4TcamEntryResolverEntryFactory(dependantEntryHandle, flags, swTable, entryWrapper);
+    return policyCpuV4TcamEntryResolverEntryFactory(dependantEntryHandle, flags, swTable,
+                                                    entryWrapper);
 }
 
 Brumo::Ptr<PolicyCpuV4TcamEntrySwTableHelperBase> policyCpuV4TcamEntrySwTableHelperBaseFactory() {
@@ -62,7 +68,8 @@ Brumo::Ptr<PolicyCpuV4TcamEntrySwTableHelperBase> PolicyCpuV4TcamEntrySwTableHel
     return policyCpuV4TcamEntrySwTableHelperBaseFactory();
 }
 
-Brumo::Ptr<PolicyCpuV4TcamEntrySwTableIteratorState> policyCpuV4TcamEntrySwTableIteratorStateFactory(
+Brumo::Ptr<PolicyCpuV4TcamEntrySwTableIteratorState>
+policyCpuV4TcamEntrySwTableIteratorStateFactory(
     const Brumo::Ptr<const PolicyCpuV4TcamEntrySwTable>& swTable) {
     return Brumo::make<PolicyCpuV4TcamEntrySwTableIteratorState>(swTable);
 }

@@ -19,7 +19,8 @@ Brumo::Ptr<PolicyCpuV6TcamEntrySwTable> policyCpuV6TcamEntrySwTableFactory(
     Asic::UnitId unit, Asic::OrderedSwTableSet* tableSet,
     const Brumo::Ptr<PolicyCpuV6TcamEntryEntryLog>& entryLog,
     const Brumo::Ptr<Asic::GroupResolver>& groupResolver) {
-    return Brumo::make<PolicyCpuV6TcamEntrySwTable>(name, tableId, unit, tableSet, entryLog, groupResolver);
+    return Brumo::make<PolicyCpuV6TcamEntrySwTable>(name, tableId, unit, tableSet, entryLog,
+                                                    groupResolver);
 }
 
 Brumo::Ptr<PolicyCpuV6TcamEntrySwTable> PolicyCpuV6TcamEntrySwTableIs(
@@ -27,16 +28,19 @@ Brumo::Ptr<PolicyCpuV6TcamEntrySwTable> PolicyCpuV6TcamEntrySwTableIs(
     Asic::UnitId unit, Asic::OrderedSwTableSet* tableSet,
     const Brumo::Ptr<PolicyCpuV6TcamEntryEntryLog>& entryLog,
     const Brumo::Ptr<Asic::GroupResolver>& groupResolver) {
-    return policyCpuV6TcamEntrySwTableFactory(name, tableId, unit, tableSet, entryLog, groupResolver);
+    return policyCpuV6TcamEntrySwTableFactory(name, tableId, unit, tableSet, entryLog,
+                                              groupResolver);
 }
 
 Brumo::Ptr<PolicyCpuV6TcamEntryEntryWrapper> policyCpuV6TcamEntryEntryWrapperFactory(
-    const PolicyCpuV6TcamEntryEntry& entry, const Brumo::Ptr<PolicyCpuV6TcamEntrySwTable::EntryHandle>& entryHandle) {
+    const PolicyCpuV6TcamEntryEntry& entry,
+    const Brumo::Ptr<PolicyCpuV6TcamEntrySwTable::EntryHandle>& entryHandle) {
     return Brumo::make<PolicyCpuV6TcamEntryEntryWrapper>(entry, entryHandle);
 }
 
 Brumo::Ptr<PolicyCpuV6TcamEntryEntryWrapper> PolicyCpuV6TcamEntryEntryWrapperIs(
-    const PolicyCpuV6TcamEntryEntry& entry, const Brumo::Ptr<PolicyCpuV6TcamEntrySwTable::EntryHandle>& entryHandle) {
+    const PolicyCpuV6TcamEntryEntry& entry,
+    const Brumo::Ptr<PolicyCpuV6TcamEntrySwTable::EntryHandle>& entryHandle) {
     return policyCpuV6TcamEntryEntryWrapperFactory(entry, entryHandle);
 }
 
@@ -44,14 +48,16 @@ Brumo::Ptr<PolicyCpuV6TcamEntryResolverEntry> policyCpuV6TcamEntryResolverEntryF
     const Brumo::Ptr<const Asic::DependencyEntryHandle>& dependantEntryHandle,
     Asic::EntryFlags flags, PolicyCpuV6TcamEntrySwTable* swTable,
     const Brumo::Ptr<PolicyCpuV6TcamEntryEntryWrapper>& entryWrapper) {
-    return Brumo::make<PolicyCpuV6TcamEntryResolverEntry>(dependantEntryHandle, flags, swTable, entryWrapper);
+    return Brumo::make<PolicyCpuV6TcamEntryResolverEntry>(dependantEntryHandle, flags, swTable,
+                                                          entryWrapper);
 }
 
 Brumo::Ptr<PolicyCpuV6TcamEntryResolverEntry> PolicyCpuV6TcamEntryResolverEntryIs(
     const Brumo::Ptr<const Asic::DependencyEntryHandle>& dependantEntryHandle,
     Asic::EntryFlags flags, PolicyCpuV6TcamEntrySwTable* swTable,
     const Brumo::Ptr<PolicyCpuV6TcamEntryEntryWrapper>& entryWrapper) {
-    return policyCpuV6TcamEntryResolverEntryFactory(dependantEntryHandle, flags, swTable, entryWrapper);
+    return policyCpuV6TcamEntryResolverEntryFactory(dependantEntryHandle, flags, swTable,
+                                                    entryWrapper);
 }
 
 Brumo::Ptr<PolicyCpuV6TcamEntrySwTableHelperBase> policyCpuV6TcamEntrySwTableHelperBaseFactory() {
@@ -62,7 +68,8 @@ Brumo::Ptr<PolicyCpuV6TcamEntrySwTableHelperBase> PolicyCpuV6TcamEntrySwTableHel
     return policyCpuV6TcamEntrySwTableHelperBaseFactory();
 }
 
-Brumo::Ptr<PolicyCpuV6TcamEntrySwTableIteratorState> policyCpuV6TcamEntrySwTableIteratorStateFactory(
+Brumo::Ptr<PolicyCpuV6TcamEntrySwTableIteratorState>
+policyCpuV6TcamEntrySwTableIteratorStateFactory(
     const Brumo::Ptr<const PolicyCpuV6TcamEntrySwTable>& swTable) {
     return Brumo::make<PolicyCpuV6TcamEntrySwTableIteratorState>(swTable);
 }

@@ -211,6 +211,11 @@ private:
     using Staged = Kiv::HashMap2018<Key, WrapperPtr>;
 
     void handleInitialized();
+    bool observed() const { return this->publisher().observers() > 0; }
+    static WrapperPtr stagedUnder(const Staged& staged, const Key& key) {
+        const WrapperPtr* found = staged.find(key);
+        return found == nullptr ? nullptr : *found;
+    }
     void stagedIs(Staged& staged, Kiv::AttributeId attribute, const WrapperPtr& wrapper);
     void stagedDel(Staged& staged, Kiv::AttributeId attribute, const Key& key);
     void stagedDelAll(Staged& staged, Kiv::AttributeId attribute);
@@ -252,10 +257,10 @@ public:
     void swTableIs(typename B::SwTable* swTable) {
         if (swTable == swTable_)
             return;
-        swTable_ = swTable;
+        typename B::SwTable* const old = std::exchange(swTable_, swTable);
         if (swTable != nullptr)
             tableId_ = swTable->tableId();
-        this->publisher().publish(Asic::OrderedSwTable::EntryHandle::kSwTable);
+        this->publisher().publish(Asic::OrderedSwTable::EntryHandle::kSwTable, &old);
     }
 
     /// Empty when nobody is to be called.
@@ -285,6 +290,13 @@ Brumo::Ptr<typename SwTable<B>::EntryHandle> entryHandleFactory(Asic::EntryVersi
                                                                 const typename B::Key& key,
                                                                 typename B::SwTable* swTable) {
     return Brumo::make<typename SwTable<B>::EntryHandle>(version, key, swTable);
+}
+/// The same.
+template <class B>
+Brumo::Ptr<typename SwTable<B>::EntryHandle> EntryHandleIs(Asic::EntryVersion version,
+                                                           const typename B::Key& key,
+                                                           typename B::SwTable* swTable) {
+    return entryHandleFactory<B>(version, key, swTable);
 }
 
 }  // namespace VornPolicyCpu

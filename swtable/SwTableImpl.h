@@ -230,6 +230,7 @@ auto SwTable<B>::updateEntry(const Key& key) -> Brumo::Ptr<const EntryHandle> {
 template <class B>
 Brumo::Ptr<Asic::NeededEntry> SwTable<B>::getNeededEntrySet(
     const Brumo::Ptr<const Wrapper>& wrapper) const {
+    Traces<B>::swTable(8, "");
     return withLinkages([&](const auto&... linkages) {
         return OrderedSwTableAccessor<B>::getNeededEntrySet(wrapper, linkages...);
     });
@@ -237,6 +238,7 @@ Brumo::Ptr<Asic::NeededEntry> SwTable<B>::getNeededEntrySet(
 
 template <class B>
 void SwTable<B>::setRsrcPtrs(const WrapperPtr& wrapper, bool refresh) {
+    Traces<B>::swTable(8, "");
     withLinkages([&](const auto&... linkages) {
         OrderedSwTableAccessor<B>::setRsrcPtrs(wrapper, refresh, linkages...);
     });
@@ -250,6 +252,7 @@ auto SwTable<B>::entryWrapperFromConfig(const Key& key, bool refreshRsrcPtrs,
 
 template <class B>
 void SwTable<B>::tableStatusVersion(Asic::LogVersion version) {
+    Traces<B>::swTable(8, "");
     const Brumo::Ptr<SwTable> keep(this);  // a handler may drop the table
     OrderedSwTableAccessor<B>::tableStatusVersion(self(), version);
 }
@@ -268,20 +271,30 @@ bool SwTable<B>::hasPendingHwWrites() const {
 
 template <class B>
 void SwTable<B>::swTableHelperIs(Brumo::Ptr<SwTableHelperBase<B>> helper) {
+    if (helper == swTableHelper_)
+        return;
     const auto old = std::exchange(swTableHelper_, std::move(helper));
     this->publisher().publish(Asic::OrderedSwTable::kSwTableHelper, &old);
 }
 
+/// What was there is looked up for observers only; without them a change costs one look-up.
 template <class B>
 void SwTable<B>::stagedIs(Staged& staged, Kiv::AttributeId attribute, const WrapperPtr& wrapper) {
+    WrapperPtr old;
+    if (observed()) {
+        old = stagedUnder(staged, wrapper->key());
+        if (old == wrapper)
+            return;
+    }
     staged.insertOrReplace(wrapper->key(), wrapper);
-    this->publisher().publish(attribute);
+    this->publisher().publish(attribute, &old);
 }
 
 template <class B>
 void SwTable<B>::stagedDel(Staged& staged, Kiv::AttributeId attribute, const Key& key) {
+    const WrapperPtr old = observed() ? stagedUnder(staged, key) : nullptr;
     if (staged.erase(key))
-        this->publisher().publish(attribute);
+        this->publisher().publish(attribute, &old);
 }
 
 template <class B>
@@ -294,8 +307,7 @@ void SwTable<B>::stagedDelAll(Staged& staged, Kiv::AttributeId attribute) {
 
 template <class B>
 auto SwTable<B>::transientAddEntry(const Key& key) const -> WrapperPtr {
-    const WrapperPtr* found = transientAddEntry_.find(key);
-    return found == nullptr ? nullptr : *found;
+    return stagedUnder(transientAddEntry_, key);
 }
 template <class B>
 void SwTable<B>::transientAddEntryIs(const WrapperPtr& wrapper) {
@@ -312,8 +324,7 @@ void SwTable<B>::transientAddEntryDelAll() {
 
 template <class B>
 auto SwTable<B>::transientRemoveEntry(const Key& key) const -> WrapperPtr {
-    const WrapperPtr* found = transientRemoveEntry_.find(key);
-    return found == nullptr ? nullptr : *found;
+    return stagedUnder(transientRemoveEntry_, key);
 }
 template <class B>
 void SwTable<B>::transientRemoveEntryIs(const WrapperPtr& wrapper) {
@@ -335,14 +346,20 @@ Asic::EntryVersion SwTable<B>::transientVersionForKey(const Key& key) const {
 }
 template <class B>
 void SwTable<B>::transientVersionForKeyIs(const Key& key, Asic::EntryVersion version) {
+    Asic::EntryVersion old;
+    if (observed()) {
+        old = transientVersionForKey(key);
+        if (transientVersionForKeyFind(key) != nullptr && old.isEq(version))
+            return;
+    }
     transientVersionForKey_.insertOrReplace(key, version);
-    this->publisher().publish(Asic::OrderedSwTable::kTransientVersionForKey);
+    this->publisher().publish(Asic::OrderedSwTable::kTransientVersionForKey, &old);
 }
 template <class B>
 void SwTable<B>::transientVersionForKeyDel(const Key& key) {
-    if (transientVersionForKey_.erase(key)) {
-        this->publisher().publish(Asic::OrderedSwTable::kTransientVersionForKey);
-    }
+    const Asic::EntryVersion old = observed() ? transientVersionForKey(key) : Asic::EntryVersion{};
+    if (transientVersionForKey_.erase(key))
+        this->publisher().publish(Asic::OrderedSwTable::kTransientVersionForKey, &old);
 }
 template <class B>
 void SwTable<B>::transientVersionForKeyDelAll() {
@@ -369,8 +386,11 @@ void SwTable<B>::entryHandleInLogEnq(const Brumo::Ptr<EntryHandle>& handle) {
 template <class B>
 template <class L>
 void SwTable<B>::linkageIs(Brumo::Ptr<Linkage<B, L>> linkage) {
-    std::get<Brumo::Ptr<Linkage<B, L>>>(linkages_.linkages) = std::move(linkage);
-    this->publisher().publish(Asic::OrderedSwTable::kLinkage);
+    auto& member = std::get<Brumo::Ptr<Linkage<B, L>>>(linkages_.linkages);
+    if (linkage == member)
+        return;
+    const auto old = std::exchange(member, std::move(linkage));
+    this->publisher().publish(Asic::OrderedSwTable::kLinkage, &old);
 }
 
 template <class B>

@@ -107,17 +107,19 @@ private:
 /// The ordered software table of one unit.
 class OrderedSwTable : public NamedSwTable {
 public:
-    /// Attributes that tables publish; the old value is of the attribute's type where it has one.
+    /// Attributes that tables publish when their value really changes. The old value is of the
+    /// attribute's type. Of a keyed collection it is what the key had before, null or invalid when
+    /// that was nothing; there is none when the whole collection went.
     enum Attribute : Kiv::AttributeId {
-        kSwTableHelper = 1,
-        kTransientAddEntry,
-        kTransientRemoveEntry,
-        kTransientVersionForKey,
+        kSwTableHelper = 1,          ///< old value: Ptr to the helper
+        kTransientAddEntry,          ///< old value: Ptr to the key's wrapper
+        kTransientRemoveEntry,       ///< old value: Ptr to the key's wrapper
+        kTransientVersionForKey,     ///< old value: the key's EntryVersion
         kTransientRemoveAllVersion,  ///< old value: MajorVersion
         kEntryLog,
         kGroupResolver,
         kEntryHandleInLog,  ///< "old value": the new back element's std::uint32_t number
-        kLinkage,
+        kLinkage,           ///< old value: Ptr to the linkage
         kStatus,
     };
 
@@ -162,8 +164,8 @@ private:
 /// The handle of one change.
 class OrderedSwTable::EntryHandle : public DependencyEntryHandle {
 public:
-    static constexpr Kiv::AttributeId kLogVersion = 2;
-    static constexpr Kiv::AttributeId kSwTable = 3;
+    static constexpr Kiv::AttributeId kLogVersion = 2;  ///< old value: LogVersion
+    static constexpr Kiv::AttributeId kSwTable = 3;     ///< old value: pointer to the table
 
     explicit EntryHandle(EntryVersion version) : entryVersion_(version) {}
 
