@@ -7,8 +7,9 @@
 // What always holds:
 //  1. A match entry is written after its action: it depends on the action's handle while the
 //     action's own write is in progress.
-//  2. An action is removed when no match entry of its unit is being changed any more, none is held
-//     that names it, and none has failed: the hardware never holds a match whose action is gone.
+//  2. An action is removed when no match entry of its unit is being changed any more, and only if
+//     none names it, nor one that is still there because its replacement failed: the hardware never
+//     holds a match whose action is gone.
 //  3. What failed is written again by the next load, and only then.
 #pragma once
 

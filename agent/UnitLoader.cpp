@@ -1,6 +1,7 @@
 #include "agent/UnitLoader.h"
 
 #include <algorithm>
+#include <optional>
 
 #include <fmt/format.h>
 
@@ -94,7 +95,11 @@ void PolicyLoader::UnitLoader::loadMatches(VornPolicyCpu::TableOperations<Types>
                                            FailedKeys& failed) {
     using Entry = typename Types::Entry;
     auto held = heldBy(table);
-    std::vector<const Entry*> writes;
+    struct Write {
+        const Entry* entry;
+        std::optional<std::uint64_t> actionBefore;
+    };
+    std::vector<Write> writes;
     for (const Named<Entry>& named : wanted) {
         const std::uint64_t key = packed(named.entry.key);
         const auto found = held.find(key);
@@ -102,63 +107,71 @@ void PolicyLoader::UnitLoader::loadMatches(VornPolicyCpu::TableOperations<Types>
         if (found != held.end() && found->second.isEq(named.entry) && !failed.contains(key))
             ++figures_->unchanged;
         else
-            writes.push_back(&named.entry);
+            writes.push_back({&named.entry, found == held.end()
+                                                ? std::nullopt
+                                                : std::optional(packed(found->second.actionKey))});
         if (found != held.end())
             held.erase(found);
     }
     // The highest priority first: no entry comes into force before those that go before it.
-    std::stable_sort(writes.begin(), writes.end(),
-                     [](const Entry* a, const Entry* b) { return a->priority > b->priority; });
+    std::stable_sort(writes.begin(), writes.end(), [](const Write& a, const Write& b) {
+        return a.entry->priority > b.entry->priority;
+    });
     std::vector<typename Types::Key> stale;
     for (const auto& [key, entry] : held)
         stale.push_back(entry.key);
     std::sort(stale.begin(), stale.end());
 
+    const auto writeAll = [&] {
+        for (const Write& write : writes)
+            writeMatch(table, *write.entry, write.actionBefore, failed);
+    };
     const bool roomForBoth = table.count() + writes.size() <= kMaxEntries;
-    if (roomForBoth) {
-        for (const Entry* entry : writes)
-            writeMatch(table, *entry, failed);
-    }
+    if (roomForBoth)
+        writeAll();
     for (const typename Types::Key& key : stale)
         removeMatch(table, key, failed);
-    if (!roomForBoth) {
-        for (const Entry* entry : writes)
-            writeMatch(table, *entry, failed);
-    }
+    if (!roomForBoth)
+        writeAll();
 }
 
 template <class Types>
 void PolicyLoader::UnitLoader::writeMatch(VornPolicyCpu::TableOperations<Types>& table,
-                                          const typename Types::Entry& entry, FailedKeys& failed) {
+                                          const typename Types::Entry& entry,
+                                          std::optional<std::uint64_t> actionBefore,
+                                          FailedKeys& failed) {
     ++figures_->written;
     const auto action = actionWrites_.find(packed(entry.actionKey));
     table.write(entry.key, entry, action == actionWrites_.end() ? nullptr : action->second,
-                matchHandler(packed(entry.key), failed));
+                matchHandler(packed(entry.key), actionBefore, failed));
 }
 
 template <class Types>
 void PolicyLoader::UnitLoader::removeMatch(VornPolicyCpu::TableOperations<Types>& table,
                                            const typename Types::Key& key, FailedKeys& failed) {
     ++figures_->removed;
-    table.remove(key, nullptr, matchHandler(packed(key), failed));
+    table.remove(key, nullptr, matchHandler(packed(key), std::nullopt, failed));
 }
 
-Asic::OrderedSwTable::ResponseHandler PolicyLoader::UnitLoader::matchHandler(std::uint64_t key,
-                                                                             FailedKeys& failed) {
+Asic::OrderedSwTable::ResponseHandler PolicyLoader::UnitLoader::matchHandler(
+    std::uint64_t key, std::optional<std::uint64_t> actionBefore, FailedKeys& failed) {
     ++figures_->inProgress;
     ++matchesInProgress_;
-    return [weak = weak_from_this(), figures = figures_, key, &failed](const Handle& handle) {
+    return [weak = weak_from_this(), figures = figures_, key, actionBefore,
+            &failed](const Handle& handle) {
         const auto self = weak.lock();  // keeps `failed`, a member of it
         if (self == nullptr)
             return;
         --self->matchesInProgress_;
         const auto earlier = failed.find(key);
         if (book(handle, *figures)) {
-            failed[key] = figures->number;
+            failed[key].number = figures->number;
+            if (actionBefore)
+                failed[key].stillNamed.insert(*actionBefore);
             self->noteFailure(*figures, &failed == &self->failedV4_
                                             ? "ipv4 entry " + nameOf(self->policy_->ipv4, key)
                                             : "ipv6 entry " + nameOf(self->policy_->ipv6, key));
-        } else if (earlier != failed.end() && earlier->second < figures->number) {
+        } else if (earlier != failed.end() && earlier->second.number < figures->number) {
             failed.erase(earlier);
         }
         self->removeStaleActions();
@@ -171,14 +184,19 @@ void PolicyLoader::UnitLoader::removeStaleActions() {
         return;
     const std::vector<ActionTypes::Key> stale = std::move(staleActions_);
     staleActions_.clear();
-    if (!failedV4_.empty() || !failedV6_.empty()) {
-        // The entry that was to be replaced is still there, and with it maybe a stale action.
-        figures_->removed -= stale.size();
-        figures_->inProgress -= stale.size();
-        return;
+    ActionKeys stillNamed;
+    for (const FailedKeys* failed : {&failedV4_, &failedV6_}) {
+        for (const auto& [key, failure] : *failed)
+            stillNamed.insert(failure.stillNamed.begin(), failure.stillNamed.end());
     }
-    for (const ActionTypes::Key& key : stale)
-        removeAction(key);
+    for (const ActionTypes::Key& key : stale) {
+        if (!stillNamed.contains(packed(key))) {
+            removeAction(key);
+            continue;
+        }
+        --figures_->removed;
+        --figures_->inProgress;
+    }
 }
 
 void PolicyLoader::UnitLoader::removeAction(const ActionTypes::Key& key) {

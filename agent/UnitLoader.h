@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -28,8 +29,13 @@ public:
 
 private:
     using Handle = Brumo::Ptr<const Asic::OrderedSwTable::EntryHandle>;
-    /// Keys whose last change failed, with the number of the load that made it.
-    using FailedKeys = std::unordered_map<std::uint64_t, std::uint64_t>;
+    using ActionKeys = std::unordered_set<std::uint64_t>;
+    /// A change of a match entry that failed: what was there before it is still there.
+    struct Failure {
+        std::uint64_t number = 0;  ///< of the load
+        ActionKeys stillNamed;     ///< actions that what is still there may name
+    };
+    using FailedKeys = std::unordered_map<std::uint64_t, Failure>;
 
     void loadActions();
     void writeAction(const ActionEntry& entry);
@@ -38,12 +44,16 @@ private:
                      const std::vector<Named<typename Types::Entry>>& wanted, FailedKeys& failed);
     template <class Types>
     void writeMatch(VornPolicyCpu::TableOperations<Types>& table,
-                    const typename Types::Entry& entry, FailedKeys& failed);
+                    const typename Types::Entry& entry, std::optional<std::uint64_t> actionBefore,
+                    FailedKeys& failed);
     template <class Types>
     void removeMatch(VornPolicyCpu::TableOperations<Types>& table, const typename Types::Key& key,
                      FailedKeys& failed);
-    /// The handler of a change of a match entry.
-    Asic::OrderedSwTable::ResponseHandler matchHandler(std::uint64_t key, FailedKeys& failed);
+    /// The handler of a change of a match entry, which named `actionBefore` before it, if it was
+    /// there.
+    Asic::OrderedSwTable::ResponseHandler matchHandler(std::uint64_t key,
+                                                       std::optional<std::uint64_t> actionBefore,
+                                                       FailedKeys& failed);
 
     void removeStaleActions();
     void removeAction(const ActionTypes::Key& key);

@@ -223,7 +223,7 @@ TEST_F(PolicyLoaderTest, WritesFailedEntriesAgainAtTheNextLoadThoughTheyAreStill
     EXPECT_THAT(journal_.texts(), IsEmpty());
 }
 
-TEST_F(PolicyLoaderTest, KeepsStaleActionsWhileAnEntryHasFailed) {
+TEST_F(PolicyLoaderTest, KeepsAStaleActionThatAnEntryNamesWhoseReplacementFailed) {
     settle(simple({"a"}, {"x a"}));
     loader_->load(simple({"b"}, {"x b"}));  // "x" is to move from "a" to "b"
     ASSERT_THAT(journal_.texts(), ElementsAre("write action", "write ipv4"));
@@ -236,6 +236,15 @@ TEST_F(PolicyLoaderTest, KeepsStaleActionsWhileAnEntryHasFailed) {
     journal_.completeAll();
     EXPECT_EQ(journal_.calls.back().what, "remove action");
     EXPECT_EQ(journal_.calls.back().key, actionKey("a"));
+}
+
+TEST_F(PolicyLoaderTest, RemovesStaleActionsThatNoFailedEntryNames) {
+    settle(simple({"a", "c"}, {"x a"}));
+    loader_->load(simple({"a", "b"}, {"x a", "y b"}));  // "b" needs what "c" has
+    journal_.fail(0);
+    journal_.fail(1);
+    EXPECT_EQ(journal_.calls.back().what, "remove action");
+    EXPECT_EQ(journal_.calls.back().key, actionKey("c"));
 }
 
 TEST_F(PolicyLoaderTest, RemembersTheFailureOfALaterWriteOverTheSuccessOfAnEarlierOne) {
