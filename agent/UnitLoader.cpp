@@ -44,10 +44,13 @@ std::string nameOf(const std::vector<Named<Entry>>& entries, std::uint64_t key) 
 void PolicyLoader::UnitLoader::load(const Policy& policy, const Figures& figures) {
     policy_ = policy;
     figures_ = figures;
+    deferred_.clear();
     loadActions();
     loadMatches<V4Types>(*tables_.ipv4, policy_->ipv4, failedV4_);
     loadMatches<V6Types>(*tables_.ipv6, policy_->ipv6, failedV6_);
-    removeStaleActions();
+    figures_->written += deferred_.size();
+    figures_->inProgress += deferred_.size();
+    nextPhase();
 }
 
 void PolicyLoader::UnitLoader::loadActions() {
@@ -122,17 +125,22 @@ void PolicyLoader::UnitLoader::loadMatches(VornPolicyCpu::TableOperations<Types>
         stale.push_back(entry.key);
     std::sort(stale.begin(), stale.end());
 
-    const auto writeAll = [&] {
-        for (const Write& write : writes)
+    // What is removed makes room only when it is acknowledged.
+    const std::size_t taken = table.count() + matchesInProgress_;
+    std::size_t room = taken < kMaxEntries ? kMaxEntries - taken : 0;
+    for (const Write& write : writes) {
+        const auto make = [this, &table, write, &failed] {
             writeMatch(table, *write.entry, write.actionBefore, failed);
-    };
-    const bool roomForBoth = table.count() + writes.size() <= kMaxEntries;
-    if (roomForBoth)
-        writeAll();
+        };
+        if (write.actionBefore || room > 0) {
+            room -= write.actionBefore ? 0 : 1;
+            make();
+        } else {
+            deferred_.emplace_back(make);
+        }
+    }
     for (const typename Types::Key& key : stale)
         removeMatch(table, key, failed);
-    if (!roomForBoth)
-        writeAll();
 }
 
 template <class Types>
@@ -174,14 +182,27 @@ Asic::OrderedSwTable::ResponseHandler PolicyLoader::UnitLoader::matchHandler(
         } else if (earlier != failed.end() && earlier->second.number < figures->number) {
             failed.erase(earlier);
         }
-        self->removeStaleActions();
+        self->nextPhase();
         self->changed();
     };
 }
 
-void PolicyLoader::UnitLoader::removeStaleActions() {
-    if (matchesInProgress_ != 0 || staleActions_.empty())
+void PolicyLoader::UnitLoader::nextPhase() {
+    if (matchesInProgress_ != 0)
         return;
+    if (deferred_.empty()) {
+        removeStaleActions();
+        return;
+    }
+    const auto writes = std::move(deferred_);
+    deferred_.clear();
+    figures_->written -= writes.size();  // each counts itself
+    figures_->inProgress -= writes.size();
+    for (const auto& write : writes)
+        write();
+}
+
+void PolicyLoader::UnitLoader::removeStaleActions() {
     const std::vector<ActionTypes::Key> stale = std::move(staleActions_);
     staleActions_.clear();
     ActionKeys stillNamed;

@@ -55,6 +55,9 @@ private:
                                                        std::optional<std::uint64_t> actionBefore,
                                                        FailedKeys& failed);
 
+    /// When no match entry is being changed: writes what there was no room for, or else removes
+    /// stale actions.
+    void nextPhase();
     void removeStaleActions();
     void removeAction(const ActionTypes::Key& key);
     /// Books a change that has ended. Returns whether it failed.
@@ -72,8 +75,9 @@ private:
     std::unordered_map<std::uint64_t, Handle> actionWrites_;  ///< in progress, by packed key
     FailedKeys failedV4_;
     FailedKeys failedV6_;
-    std::uint64_t matchesInProgress_ = 0;  ///< of all loads
-    std::vector<ActionTypes::Key> staleActions_;
+    std::uint64_t matchesInProgress_ = 0;          ///< of all loads
+    std::vector<std::function<void()>> deferred_;  ///< writes of the last load without room yet
+    std::vector<ActionTypes::Key> staleActions_;   ///< of the last load
 };
 
 }  // namespace Agent

@@ -174,6 +174,11 @@ std::vector<Mistake> entryMistakes() {
          "p.yaml:4:46: expected an IPv4 address, prefix (192.0.2.0/24) or address/mask, without "
          "bits "
          "outside of the mask instead of a list"},
+    };
+}
+
+std::vector<Mistake> fieldMistakes() {
+    return {
         {"Protocol", rule("protocol: tpc"),
          "p.yaml:4:47: expected a protocol name (tcp, udp, icmp, icmpv6, ospf, igmp, ...) or a "
          "number up to 255 instead of 'tpc'"},
@@ -233,6 +238,7 @@ std::string nameOf(const testing::TestParamInfo<Mistake>& info) {
 
 INSTANTIATE_TEST_SUITE_P(Structure, PolicyMistake, testing::ValuesIn(structureMistakes()), nameOf);
 INSTANTIATE_TEST_SUITE_P(Action, PolicyMistake, testing::ValuesIn(actionMistakes()), nameOf);
+INSTANTIATE_TEST_SUITE_P(Field, PolicyMistake, testing::ValuesIn(fieldMistakes()), nameOf);
 INSTANTIATE_TEST_SUITE_P(Entry, PolicyMistake, testing::ValuesIn(entryMistakes()), nameOf);
 
 TEST(PolicyError, CollectsAllFindingsInTheOrderOfTheFile) {

@@ -1,5 +1,6 @@
 // What a load writes and removes, in which order, and what becomes of loads that overlap or fail.
 
+#include <algorithm>
 #include <array>
 
 #include <gmock/gmock.h>
@@ -261,7 +262,7 @@ TEST_F(PolicyLoaderTest, RemembersTheFailureOfALaterWriteOverTheSuccessOfAnEarli
     EXPECT_NE(journal_.find("write ipv4", entryKey("x")), journal_.calls.size());
 }
 
-TEST_F(PolicyLoaderTest, RemovesFirstWhenATableHasNoRoomForBoth) {
+TEST_F(PolicyLoaderTest, WritesWhatHasNoRoomOnlyAfterTheRemovalsAreAcknowledged) {
     std::string ports = "[1";
     for (int port = 2; port <= 40000; ++port)
         ports += "," + std::to_string(port);
@@ -269,10 +270,41 @@ TEST_F(PolicyLoaderTest, RemovesFirstWhenATableHasNoRoomForBoth) {
         return policy("actions: [{name: a}]\nipv4: [{name: " + name +
                       ", action: a, priority: 1, protocol: tcp, source-port: " + ports + "]}]\n");
     };
+    const auto count = [&](const std::string& what) {
+        const auto texts = journal_.texts();
+        return std::count(texts.begin(), texts.end(), what);
+    };
+    settle(many("x"));
+    EXPECT_EQ(loader_->load(many("y")).written, 40000U);
+    EXPECT_EQ(count("write ipv4"), 65536 - 40000);
+    EXPECT_EQ(count("remove ipv4"), 40000);
+    const std::size_t staged = journal_.calls.size();
+    for (std::size_t i = 0; i + 1 < staged; ++i)
+        journal_.complete(i);
+    EXPECT_EQ(journal_.calls.size(), staged);
+    journal_.complete(staged - 1);
+    EXPECT_EQ(count("write ipv4"), 40000);
+    EXPECT_EQ(finished_.size(), 0U);
+    journal_.completeAll();
+    ASSERT_EQ(finished_.size(), 1U);
+    EXPECT_EQ(finished_[0].written, 40000U);
+    EXPECT_EQ(finished_[0].complete, 80000U);
+}
+
+TEST_F(PolicyLoaderTest, ForgetsDeferredWritesThatALaterLoadDoesNotWant) {
+    std::string ports = "[1";
+    for (int port = 2; port <= 65535; ++port)
+        ports += "," + std::to_string(port);
+    const auto many = [&](const std::string& name) {
+        return policy("actions: [{name: a}]\nipv4: [{name: " + name +
+                      ", action: a, priority: 1, protocol: tcp, source-port: " + ports + "]}]\n");
+    };
     settle(many("x"));
     loader_->load(many("y"));
-    EXPECT_EQ(journal_.calls.front().what, "remove ipv4");
-    EXPECT_EQ(journal_.calls.back().what, "write ipv4");
+    loader_->load(simple({"a"}, {}));
+    journal_.completeAll();
+    EXPECT_EQ(ipv4_->count(), 0U);
+    ASSERT_EQ(finished_.size(), 1U);
 }
 
 TEST_F(PolicyLoaderTest, HandlesBothFamilies) {

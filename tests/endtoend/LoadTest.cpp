@@ -223,4 +223,26 @@ TEST(Table, HoldsAllItsKeysAndNotOneMore) {
     EXPECT_EQ(entries(), 65536);
 }
 
+TEST(Table, ThatIsFullTakesAWhollyDifferentPolicy) {
+    TestedSystem system;
+    system.units = "1";
+    system.agentOptions.clear();
+    std::string ports;
+    for (int port = 1; port <= 65535; ++port)
+        ports += std::to_string(port) + ",";
+    const auto full = [&](const std::string& name) {
+        return "actions: [{name: " + name + "}]\nipv4:\n- {name: " + name + ", action: " + name +
+               ", priority: 2, protocol: udp, source-port: [" + ports + "]}\n";
+    };
+    system.policyIs(full("x"));
+    system.startHardware();
+    system.startAgent();
+    ASSERT_TRUE(system.loaded(1)) << system.agent().standardError();
+    system.policyIs(full("y"));
+    system.agent().signal(SIGHUP);
+    ASSERT_TRUE(system.loaded(2)) << system.agent().standardError();
+    EXPECT_EQ(system.load()["failed"], 0);
+    EXPECT_EQ(system.difference(), "");
+}
+
 }  // namespace
