@@ -59,7 +59,7 @@ TYPED_TEST(FailedDependency, FailsARemoveAllWhichAnswersThen) {
     EXPECT_EQ(traces.texts(this->name(), 1),
               (std::vector<std::string>{"Failed dependent entry for remove all",
                                         "Failed to commit entry remove all operation"}));
-    EXPECT_EQ(answers.count, 1);
+    ASSERT_EQ(answers.count, 1);
     EXPECT_EQ(answers.last->entryState(), Asic::EntryState::failed);
     EXPECT_EQ(this->version(), 1U);
     EXPECT_EQ(this->table->transientRemoveAllVersion().value, 0U) << "it stays counted";

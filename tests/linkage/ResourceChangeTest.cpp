@@ -79,6 +79,8 @@ TYPED_TEST(ResourceChange, AtTeardownDoesNothing) {
     this->committedAction(1, 5);
     const auto machine = this->machine(5);
     machine->kivDoZombieReactors();
+    machine->hasNotificationActiveIs(false);
+    machine->hasNotificationActiveIs(true);
     const TraceCapture traces;
     this->changed(machine->resPtr());
     EXPECT_TRUE(traces.lines().empty());

@@ -131,6 +131,8 @@ TYPED_TEST(Usage, EndsWithTheLastUserOnly) {
         this->agent.settle();
         EXPECT_TRUE(this->messages(traces).empty());
         EXPECT_EQ(callsOf(traces, this->traced(), "deleteResKeyMapping"), 1U);
+        EXPECT_EQ(callsOf(traces, this->traced(), "addResKeyMapping"), 0U)
+            << "a remove puts no other key in the old one's place";
         EXPECT_TRUE(traces.has(this->traced(), 8, "resKey: 00000005/0, swKey: " + this->text(1)));
     }
     EXPECT_TRUE(machine->hasNotificationActive());

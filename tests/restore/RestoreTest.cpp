@@ -138,6 +138,42 @@ TEST_F(Restore, RewritesAnEntryThatDiffersFromItsResource) {
     EXPECT_EQ(table->stats()->updateCnt(), 1U);
 }
 
+TEST_F(Restore, BringsInAMoveThatTheProcessBeforeDidNotHandle) {
+    committedAction(1, 5);
+    committedAction(2, 5);
+    agent.acknowledgeAll();
+    const std::uint32_t before = table->entryFromConfig(actionKey(1)).counterIndex;
+    ASSERT_TRUE(agent.counters()->move({5}));
+    restart();
+    makeTable();
+    agent.counters()->sweepUnclaimed();
+    agent.settle();
+    const std::uint32_t after = counterMachine(5)->resPtr()->counterIndex();
+    EXPECT_NE(after, before);
+    for (std::uint32_t id : {1U, 2U})
+        EXPECT_EQ(table->entryFromConfig(actionKey(id)).counterIndex, after);
+    EXPECT_EQ(version(), 4U);
+    EXPECT_EQ(agent.counters()->pool().returning, 1U);
+    agent.acknowledgeAll();
+    EXPECT_EQ(agent.counters()->pool().returning, 0U);
+    EXPECT_EQ(agent.counters()->pool().used, 1U);
+}
+
+TEST_F(Restore, WritesNothingWhereActionsShareAPolicerWhoseSettingsHaveChanged) {
+    committedAction(1, 0, 6);
+    auto second = actionEntry(2, 0, 6);
+    second.policerClientData.rate = 7777;
+    table->entryWrite(actionKey(2), second, nullptr);
+    agent.settle();
+    for (std::uint32_t id : {1U, 2U})
+        EXPECT_EQ(table->entryFromConfig(actionKey(id)).policerClientData.rate.get(), 7777U);
+    const std::uint64_t last = version();
+    restart();
+    makeTable();
+    agent.settle();
+    EXPECT_EQ(version(), last);
+}
+
 TEST_F(Restore, MapsNothingForAnActionWithoutResources) {
     committedAction(1, 0, 0);
     restart();
