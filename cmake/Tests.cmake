@@ -15,13 +15,10 @@ target_compile_definitions(vorn_test_settings INTERFACE
     VORN_AGENT_PATH="${CMAKE_BINARY_DIR}/vorn-agent"
     VORN_HWD_PATH="${CMAKE_BINARY_DIR}/vorn-hwd"
     VORN_PLUGIN_PATH="${CMAKE_BINARY_DIR}/libVornPolicyCpu.so")
-# Tests are compiled once and run for seconds: the faster compilation wins. With
-# sanitizers, optimising the test libraries' templates takes most of the time.
-if(VORN_SANITIZE)
-    target_compile_options(vorn_test_settings INTERFACE -O0)
-elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
-    target_compile_options(vorn_test_settings INTERFACE -O1)
-endif()
+# Tests are compiled once and run for seconds: the faster compilation wins, and
+# optimising the test libraries' templates would take most of the time. What they
+# test is compiled as the preset says.
+target_compile_options(vorn_test_settings INTERFACE -O0)
 
 add_library(vorn_test_pch OBJECT ${CMAKE_BINARY_DIR}/empty.cpp)
 target_link_libraries(vorn_test_pch PRIVATE vorn_test_settings)
