@@ -17,7 +17,7 @@ public:
     /// Makes the table of a unit, restored from what a process before left, or cleared when
     /// `reset`; the same table again when there is one. Throws KivShimo::MountError.
     virtual Brumo::Ptr<TableOperations<Types>> makeTable(Asic::UnitId unit, bool reset) = 0;
-    /// The versions handed out so far.
+    /// The last version that the family's entry log has handed out; 0 when none was.
     virtual Asic::LogVersion logVersion() const = 0;
 };
 

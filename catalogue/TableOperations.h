@@ -30,7 +30,9 @@ public:
     /// Stages a remove; a key that is not there is removed all the same.
     virtual HandlePtr remove(const Key& key, const DependencyPtr& dependency,
                              const ResponseHandler& handler) = 0;
-    /// Stages the removal of all entries. Changes staged before it are committed before it.
+    /// Stages the removal of all entries. Changes staged before it are committed before it, later
+    /// ones after it. `handler` is called only when the removal fails with `dependency`; that it
+    /// is done, the table tells (hasPendingHwWrites()).
     virtual void removeAll(const DependencyPtr& dependency, const ResponseHandler& handler) = 0;
     /// The staged or committed entry, or the default entry with a trace.
     virtual Entry read(const Key& key) const = 0;

@@ -72,6 +72,7 @@ public:
 
     /// Writes an entry and returns the version of the write; with `suppressIdenticalWrites` and an
     /// equal entry in the log, writes nothing and returns the version of the earlier write.
+    /// REQUIRES: entryHasRoom() of the key; a value that finds no room is lost, its record is not.
     Asic::LogVersion entryIs(const LogEntry& logEntry, const ResourceKeys& rsrcKeys,
                              const NeededPtr& neededEntry, Asic::UnitId unitId,
                              const Brumo::Ptr<Asic::SwTableStats>& stats,

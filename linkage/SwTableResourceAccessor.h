@@ -28,6 +28,7 @@ template <class LinkageType> struct SwTableResourceAccessor {
             case Asic::EntryState::resourceFailed: return Asic::EntryState::resourceFailed;
             case Asic::EntryState::undefined: break;
         }
+        // Operators know this assertion by the place that it names.
         Brumo::assertionFailed("false && \"Unhandled resHandle entryState\"", "",
                                "OrderedTableResourceAccessor", 144);
     }

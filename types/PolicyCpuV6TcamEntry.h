@@ -26,8 +26,8 @@ static_assert(sizeof(MatchV6Address) == 33);
 
 /// The match entry as shared memory holds it: 139 bytes, the key at 28, addresses at 72 and 105.
 ///
-///   0      8       16         20     28    36       40    41      55      71   72       105 138 |
-///   head | ports | priority | rsvd | key | action | sub | bytes | label | r | source | dest  | r |
+///   0      8       16     20     28    36       40    41      55      71  72       105    138 139
+///   | head | ports | prio | rsvd | key | action | sub | bytes | label | r | source | dest | r |
 struct PolicyCpuV6TcamEntryLogEntry {
     Brumo::Unaligned<LogEntryHead> head = LogEntryHead{.revision = 1, .origin = 0};
     Brumo::Unaligned<MatchPorts> ports;

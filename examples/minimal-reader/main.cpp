@@ -1,5 +1,6 @@
-// The smallest hardware side that keeps all rules: it prints what it would program, and
-// acknowledges it. docs/hardware-side.md explains each step.
+// The smallest hardware side that keeps the rules of order, acknowledgement and snapshot: it prints
+// what it would program, and acknowledges it. A file that is busy or rotten ends it with status 4,
+// where one in service tries again. docs/hardware-side.md explains each step.
 //
 //   vorn-example-minimal-reader DIR          follows the agent in DIR until it is killed
 //   vorn-example-minimal-reader DIR --once   ends when nothing is left to do

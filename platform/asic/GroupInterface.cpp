@@ -19,8 +19,8 @@ namespace {
 
 const Brumo::TraceSource trace("GroupInterface", "GroupInterface");
 
-/// Slots of the announcement log that changes which can wait leave to those that cannot: updates
-/// of entries whose resource has moved, and cleared tables.
+/// One slot in this many of the announcement log is left, by changes that can wait, to those that
+/// cannot: updates of entries whose resource has moved, and cleared tables.
 constexpr std::uint64_t kReserveShare = 8;
 
 std::uint64_t announceSlots() {
@@ -201,7 +201,7 @@ void GroupInterface::acknowledgementsArrived() {
     }
 }
 
-/// True when the table's acknowledged version has moved. A handler may end tables, so they are held.
+/// True when the table's acknowledged version has moved. A handler may end tables: they are held.
 bool GroupInterface::acknowledge(SwTableId tableId, LogVersion version) {
     LogVersion& taken = acknowledged_[tableId];
     if (version == taken) return false;

@@ -5,8 +5,7 @@
 //
 // What always holds:
 //  1. Positions count from 1 and never repeat in a file; position p lies in slot p modulo the
-//  number
-//     of slots, a power of two.
+//     number of slots, a power of two.
 //  2. An announcement exists once the tail is stored at or after its position. What lies behind the
 //     tail was never announced, whatever it looks like; what lies before it and does not verify is
 //     rot, and the reader throws CorruptionError.

@@ -1,9 +1,10 @@
 // The room for one pending change in the header of a table file: what is being done, sealed.
 //
-// Written by the table's one writer, read when the table is mounted again. A change touches several
-// places; the journal holds it as a whole, so that a mount can complete it.
+// Every table file has this room; no writer fills it and no mount reads it yet. It is the place of
+// the table's one writer: a change touches several places, and a journal that holds it as a whole
+// lets a mount complete it.
 //
-// What always holds:
+// What holds of a journal that is filled:
 //  1. `seal` is the checksum of all bytes before it, seeded with the file's identity; 0 is no seal.
 //  2. A sealed change may be carried out any number of times with the same result.
 #pragma once

@@ -5,8 +5,7 @@
 //
 // What always holds:
 //  1. The record of version v lies in slot v modulo the number of slots, a power of two. So there
-//  is
-//     no search, and a look-up touches the record and its check.
+//     is no search, and a look-up touches the record and its check.
 //  2. Capacity is what was declared; slots are the next power of two, and the room between is a
 //     reserve for changes past the capacity.
 //  3. A slot that a record left behind (a straggler) still takes is not overwritten: inserting the

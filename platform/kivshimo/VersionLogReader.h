@@ -5,8 +5,7 @@
 // What always holds:
 //  1. Nothing is ever written; a writer is never held up.
 //  2. Every record returned is whole and verified; a rotten one throws CorruptionError, one that
-//  the
-//     writer keeps changing BusyError.
+//     the writer keeps changing BusyError.
 //  3. Every record up to the number that scratchpad() returned is visible, but for those that the
 //     writer has erased.
 //  4. A writer may replace the file; the reader then sees the old one and stale() says so.

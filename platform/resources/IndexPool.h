@@ -6,8 +6,7 @@
 //  1. Each index is free, used or returning.
 //  2. Every operation takes constant time; nothing is allocated after construction.
 //  3. Free indexes are handed out in the order in which they became free, so that an index rests
-//  for
-//     as long as possible before it is used again.
+//     for as long as possible before it is used again.
 #pragma once
 
 #include <cstdint>

@@ -14,7 +14,7 @@
 //     that ended it with a failure, or no handle at all, end it at once.
 //  4. Freed indexes go to the requests that failed for want of one, oldest first.
 //  5. Handles are referred to weakly: dropping one that was never acknowledged gives the index
-//  back.
+//     back.
 #pragma once
 
 #include <array>

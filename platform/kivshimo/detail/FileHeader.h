@@ -25,7 +25,7 @@ namespace KivShimo::detail {
 
 constexpr std::size_t kPageBytes = 4096;
 constexpr std::size_t kMostCollections = 8;
-constexpr std::uint64_t kMagic = 0x31304D4948535642U;
+constexpr std::uint64_t kMagic = 0x31304D4948535642U;  ///< "BVSHIM01" as bytes of the file
 constexpr std::uint32_t kLayoutVersion = 1;
 constexpr std::uint64_t kMostSlots = std::uint64_t{1} << 31U;
 
@@ -99,6 +99,7 @@ static_assert(offsetof(DynamicHeader, sleepEpoch) == 256);
 static_assert(offsetof(DynamicHeader, structure) == 320);
 static_assert(offsetof(DynamicHeader, pause) == 384 && sizeof(DynamicHeader) == 448);
 
+/// "NOTWIPED" and "WIPED", read as numbers. A word that is rotten or zero counts as wiped.
 constexpr std::uint64_t kNotWiped = 0x4E4F545749504544U;
 constexpr std::uint64_t kWiped = 0x0000005749504544U;
 
@@ -126,8 +127,8 @@ void seal(StaticHeader& header);
 /// Why the page is not one of ours, or empty.
 std::string defectOf(const StaticHeader& header, std::uint64_t fileBytes);
 
-/// Why the page, though whole, does not describe what is planned; empty when it does. Capacities
-/// count only where the plan says them.
+/// Why the page, though whole, does not describe what is planned; empty when it does. Capacities,
+/// and collections that are not planned, count only with `compareCapacity`.
 std::string differenceOf(const StaticHeader& header, const StaticHeader& planned,
                          bool compareCapacity);
 

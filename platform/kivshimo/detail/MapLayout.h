@@ -39,10 +39,11 @@ constexpr std::size_t mapSlotBytes(std::size_t valueBytes) {
     return 24 + 8 * wordsOf(valueBytes);
 }
 
-/// Bytes of the area: one head of 8 bytes for each bucket, as many buckets as slots or more.
+/// A power of two, as many as slots or more.
 constexpr std::uint64_t mapBuckets(std::uint64_t slots) {
     return std::bit_ceil(slots < 2 ? std::uint64_t{2} : slots);
 }
+/// Bytes of the area: one head of 8 bytes for each bucket, then the slots.
 constexpr std::uint64_t mapBytes(std::uint64_t slots, std::size_t valueBytes) {
     return 8 * mapBuckets(slots) + slots * mapSlotBytes(valueBytes);
 }

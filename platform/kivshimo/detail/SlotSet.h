@@ -4,8 +4,7 @@
 //
 // What always holds:
 //  1. A bit of a word is set exactly when that slot is a member; a bit of a summary exactly when
-//  its
-//     word is not zero. So a search skips 4096 absent slots with one look.
+//     its word is not zero. So a search skips 4096 absent slots with one look.
 #pragma once
 
 #include <bit>

@@ -5,8 +5,7 @@
 // What always holds:
 //  1. Every word that another process may read while it is written is accessed as an atomic.
 //  2. A VerifiedWord is read as the value stored last, or the one before while a store is under
-//  way;
-//     zeroed or rotten memory never reads as a value.
+//     way; zeroed or rotten memory never reads as a value.
 #pragma once
 
 #include <atomic>
@@ -21,7 +20,8 @@ namespace KivShimo::detail {
 /// XXH3 of the bytes; never 0, which means "nothing stored here".
 std::uint64_t checksumOf(const void* bytes, std::size_t size, std::uint64_t seed);
 
-/// A cheap mixture of two words: for seeds and for checks of single words.
+/// A cheap mixture of two words, for seeds and for checks of single words: the step and the
+/// finaliser of SplitMix64 (public domain).
 constexpr std::uint64_t mixed(std::uint64_t a, std::uint64_t b) {
     std::uint64_t x = a ^ (b + 0x9E3779B97F4A7C15U) * 0xBF58476D1CE4E5B9U;
     x = (x ^ x >> 30U) * 0xBF58476D1CE4E5B9U;
