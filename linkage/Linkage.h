@@ -18,8 +18,9 @@
 
 namespace VornPolicyCpu {
 
-template <class B, class L> class Linkage final : public Kiv::Entity {
-  public:
+template <class B, class L>
+class Linkage final : public Kiv::Entity {
+public:
     using Binding = B;
     using ResourceBinding = L;
     using Key = typename B::Key;
@@ -89,14 +90,15 @@ template <class B, class L> class Linkage final : public Kiv::Entity {
     /// Removes all machines without a word to the resource table.
     void entryUsageSmDelAll();
 
-  private:
+private:
     typename B::SwTable* swTable_;
     ClientPtr resTblClient_;
     Kiv::HashMap2018<ResourceKey, UsageSmPtr> entryUsageSm_;
 };
 
 /// What linkages trace on: a handle named by the linkage's class.
-template <class L> struct LinkageTraces {
+template <class L>
+struct LinkageTraces {
     static inline const Brumo::TraceSource accessor{L::kClassName, "SwTableResourceAccessor"};
 };
 

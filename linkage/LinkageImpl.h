@@ -6,22 +6,27 @@
 
 namespace VornPolicyCpu {
 
-template <class B, class L> void LocalUsageUpdateSm<B, L>::handleResourceChange() {
+template <class B, class L>
+void LocalUsageUpdateSm<B, L>::handleResourceChange() {
     SwTableResourceAccessor<Linkage<B, L>>::handleResourceChange(
         *parent_, Brumo::Ptr<LocalUsageUpdateSm>(this));
 }
 
-template <class B, class L> Linkage<B, L>::~Linkage() {
+template <class B, class L>
+Linkage<B, L>::~Linkage() {
     entryUsageSm_.forEach(
         [](const ResourceKey&, const UsageSmPtr& machine) { machine->kivDoZombieReactors(); });
 }
 
-template <class B, class L> const Kiv::TypeData& Linkage<B, L>::typeData() const {
+template <class B, class L>
+const Kiv::TypeData& Linkage<B, L>::typeData() const {
     return linkageTypeData<L>();
 }
 
-template <class B, class L> void Linkage<B, L>::resolveEntry(const WrapperPtr& wrapper) {
-    if (resourceKeyFromEntry(wrapper->entry()).isEq(ResourceKey{})) return;
+template <class B, class L>
+void Linkage<B, L>::resolveEntry(const WrapperPtr& wrapper) {
+    if (resourceKeyFromEntry(wrapper->entry()).isEq(ResourceKey{}))
+        return;
     wrapper->template resourceIs<L>(L::request(*resTblClient_, wrapper->entry()));
 }
 
@@ -30,9 +35,11 @@ Asic::EntryState Linkage<B, L>::entryResolutionState(const ConstWrapperPtr& wrap
     return SwTableResourceAccessor<Linkage>::entryResolutionState(*this, wrapper);
 }
 
-template <class B, class L> void Linkage<B, L>::setResourceHandle(const WrapperPtr& wrapper) {
+template <class B, class L>
+void Linkage<B, L>::setResourceHandle(const WrapperPtr& wrapper) {
     const UsageSmPtr machine = entryUsageSm(resourceKeyFromEntry(wrapper->entry()));
-    if (machine != nullptr) wrapper->template resourceIs<L>(machine->resPtr());
+    if (machine != nullptr)
+        wrapper->template resourceIs<L>(machine->resPtr());
 }
 
 template <class B, class L>
@@ -41,10 +48,13 @@ Brumo::Ptr<Asic::NeededEntry> Linkage<B, L>::getNeededEntrySet(
     return SwTableResourceAccessor<Linkage>::getNeededEntrySet(*this, wrapper);
 }
 
-template <class B, class L> void Linkage<B, L>::restoreEntry(const WrapperPtr& wrapper) {
-    if (wrapper == nullptr) return;
+template <class B, class L>
+void Linkage<B, L>::restoreEntry(const WrapperPtr& wrapper) {
+    if (wrapper == nullptr)
+        return;
     const ResourceKey key = resourceKeyFromEntry(wrapper->entry());
-    if (key.isEq(ResourceKey{})) return;
+    if (key.isEq(ResourceKey{}))
+        return;
     SwTableResourceAccessor<Linkage>::addResKeyMapping(*this, key, wrapper, false);
 }
 
@@ -60,19 +70,22 @@ void Linkage<B, L>::updateLocalUsage(const WrapperPtr& wrapper, const Entry& old
     const ResourceKey oldKey = resourceKeyFromEntry(oldEntry);
     const auto handle = wrapper == nullptr ? nullptr : DependencyPtr(wrapper->entryHandle());
     if (isDeleted) {
-        if (!isFirst) Accessor::deleteResKeyMapping(*this, oldKey, swKey, handle);
+        if (!isFirst)
+            Accessor::deleteResKeyMapping(*this, oldKey, swKey, handle);
         return;
     }
     const ResourceKey newKey =
         wrapper == nullptr ? ResourceKey{} : resourceKeyFromEntry(wrapper->entry());
     if (!isFirst) {
-        if (oldKey.isEq(newKey)) return;
+        if (oldKey.isEq(newKey))
+            return;
         Accessor::deleteResKeyMapping(*this, oldKey, swKey, handle);
     }
     Accessor::addResKeyMapping(*this, newKey, wrapper, true);
 }
 
-template <class B, class L> void Linkage<B, L>::handleResourceChangeAtInit() {
+template <class B, class L>
+void Linkage<B, L>::handleResourceChangeAtInit() {
     for (const auto* node = entryUsageSm_.first(); node != nullptr;) {
         const ResourceKey key = node->key;
         const UsageSmPtr machine = node->value;
@@ -87,11 +100,13 @@ auto Linkage<B, L>::entryUsageSm(const ResourceKey& key) const -> UsageSmPtr {
     return found == nullptr ? nullptr : *found;
 }
 
-template <class B, class L> auto Linkage<B, L>::entryUsageSmIs(const HandlePtr& handle)
-    -> UsageSmPtr {
-    if (handle == nullptr) throw Kiv::NullArgumentError("entryUsageSm");
+template <class B, class L>
+auto Linkage<B, L>::entryUsageSmIs(const HandlePtr& handle) -> UsageSmPtr {
+    if (handle == nullptr)
+        throw Kiv::NullArgumentError("entryUsageSm");
     if (const UsageSmPtr existing = entryUsageSm(handle->key()); existing != nullptr) {
-        if (existing->resPtr() == handle) return existing;
+        if (existing->resPtr() == handle)
+            return existing;
         throw Kiv::ReinstantiationError("entryUsageSm");
     }
     const UsageSmPtr machine = Brumo::make<UsageSm>(handle, this);
@@ -101,17 +116,19 @@ template <class B, class L> auto Linkage<B, L>::entryUsageSmIs(const HandlePtr& 
     return machine;
 }
 
-template <class B, class L> auto Linkage<B, L>::entryUsageSmDel(const ResourceKey& key)
-    -> UsageSmPtr {
+template <class B, class L>
+auto Linkage<B, L>::entryUsageSmDel(const ResourceKey& key) -> UsageSmPtr {
     const UsageSmPtr removed = entryUsageSm(key);
-    if (removed == nullptr) return nullptr;
+    if (removed == nullptr)
+        return nullptr;
     entryUsageSm_.erase(key);
     publisher().publish(kEntryUsageSm);
     removed->hasNotificationActiveIs(false);
     return removed;
 }
 
-template <class B, class L> void Linkage<B, L>::entryUsageSmDelAll() {
+template <class B, class L>
+void Linkage<B, L>::entryUsageSmDelAll() {
     for (const auto* node = entryUsageSm_.first(); node != nullptr;) {
         const ResourceKey key = node->key;
         entryUsageSmDel(node->value->resourceKey());

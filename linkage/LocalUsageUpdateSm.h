@@ -15,8 +15,9 @@
 
 namespace VornPolicyCpu {
 
-template <class B, class L> class LocalUsageUpdateSm final : public Brumo::RefCounted {
-  public:
+template <class B, class L>
+class LocalUsageUpdateSm final : public Brumo::RefCounted {
+public:
     using Key = typename B::Key;
     using ResourceHandle = typename L::ResourceHandle;
     using HandlePtr = Brumo::Ptr<const ResourceHandle>;
@@ -35,7 +36,8 @@ template <class B, class L> class LocalUsageUpdateSm final : public Brumo::RefCo
 
     bool hasNotificationActive() const { return hasNotificationActive_; }
     void hasNotificationActiveIs(bool active) {
-        if (active == hasNotificationActive_) return;
+        if (active == hasNotificationActive_)
+            return;
         hasNotificationActive_ = active;
         if (active) {
             subscribe();
@@ -57,14 +59,16 @@ template <class B, class L> class LocalUsageUpdateSm final : public Brumo::RefCo
         subscription_.reset();
     }
 
-  private:
+private:
     void subscribe() {
-        if (resPtr_ == nullptr || subscription_.active()) return;
+        if (resPtr_ == nullptr || subscription_.active())
+            return;
         subscription_ = resPtr_->publisher().subscribe(
             [this](const Kiv::Change& change) { resPtrDispatch(change); });
     }
     void resPtrDispatch(const Kiv::Change& change) {
-        if (change.attribute != ResourceHandle::kState || zombie_) return;
+        if (change.attribute != ResourceHandle::kState || zombie_)
+            return;
         const Brumo::Ptr<LocalUsageUpdateSm> keep(this);
         handleResourceChange();
     }

@@ -12,7 +12,8 @@ template class Linkage<PolicyCpuTcamActionBinding, PolicerIndexRequestBinding>;
 namespace {
 
 const Kiv::ModuleRegistration module(
-    linkageModule<PolicyCpuTcamActionBinding, CrpsIndexRequestBinding, PolicerIndexRequestBinding>());
+    linkageModule<PolicyCpuTcamActionBinding, CrpsIndexRequestBinding,
+                  PolicerIndexRequestBinding>());
 
 }  // namespace
 

@@ -7,7 +7,8 @@
 
 namespace VornPolicyCpu {
 
-template <class LinkageType> struct SwTableResourceAccessor {
+template <class LinkageType>
+struct SwTableResourceAccessor {
     using B = typename LinkageType::Binding;
     using L = typename LinkageType::ResourceBinding;
     using Traces = LinkageTraces<L>;
@@ -21,12 +22,16 @@ template <class LinkageType> struct SwTableResourceAccessor {
         }
         switch (linkage.resourceOf(*wrapper)->entryState()) {
             case Asic::EntryState::created:
-            case Asic::EntryState::written: return Asic::EntryState::created;
-            case Asic::EntryState::complete: return Asic::EntryState::complete;
+            case Asic::EntryState::written:
+                return Asic::EntryState::created;
+            case Asic::EntryState::complete:
+                return Asic::EntryState::complete;
             case Asic::EntryState::exhausted:
             case Asic::EntryState::failed:
-            case Asic::EntryState::resourceFailed: return Asic::EntryState::resourceFailed;
-            case Asic::EntryState::undefined: break;
+            case Asic::EntryState::resourceFailed:
+                return Asic::EntryState::resourceFailed;
+            case Asic::EntryState::undefined:
+                break;
         }
         // Operators know this assertion by the place that it names.
         Brumo::assertionFailed("false && \"Unhandled resHandle entryState\"", "",
@@ -36,7 +41,8 @@ template <class LinkageType> struct SwTableResourceAccessor {
     static Brumo::Ptr<Asic::NeededEntry> getNeededEntrySet(
         const LinkageType& linkage, const typename LinkageType::ConstWrapperPtr& wrapper) {
         const auto needed = Brumo::make<Asic::NeededEntry>();
-        if (wrapper == nullptr || linkage.resourceOf(*wrapper) == nullptr) return needed;
+        if (wrapper == nullptr || linkage.resourceOf(*wrapper) == nullptr)
+            return needed;
         for (const Asic::TableVersion& version : linkage.resourceOf(*wrapper)->neededVersions()) {
             needed->add(version);
         }
@@ -59,9 +65,8 @@ template <class LinkageType> struct SwTableResourceAccessor {
         if (linkage.entryUsageSm(resKey) == nullptr) {
             const auto machine = linkage.entryUsageSmIs(linkage.resourceOf(*wrapper));
             if (publish) {
-                linkage.resTblClient()->ackUpdate(machine->resPtr(),
-                                                  machine->resPtr()->updateVersion(),
-                                                  wrapper->entryHandle());
+                linkage.resTblClient()->ackUpdate(
+                    machine->resPtr(), machine->resPtr()->updateVersion(), wrapper->entryHandle());
             }
         }
         if (const auto machine = linkage.entryUsageSm(resKey); machine != nullptr) {
@@ -74,9 +79,11 @@ template <class LinkageType> struct SwTableResourceAccessor {
                                     const Key& swKey, const DependencyPtr& entryHandle) {
         Traces::accessor(8, "resKey: {}, swKey: {}", resKey, swKey);
         const auto machine = linkage.entryUsageSm(resKey);
-        if (machine == nullptr) return;
+        if (machine == nullptr)
+            return;
         machine->entryUsageDel(swKey);
-        if (!machine->entryUsage().empty()) return;
+        if (!machine->entryUsage().empty())
+            return;
         linkage.resTblClient()->release(machine->resPtr(), entryHandle);
         linkage.entryUsageSmDel(resKey);
     }

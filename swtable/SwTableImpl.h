@@ -222,6 +222,7 @@ void SwTable<B>::restoreEntries() {
 template <class B>
 auto SwTable<B>::updateEntry(const Key& key) -> Brumo::Ptr<const EntryHandle> {
     Traces<B>::swTable(8, " key: {}", key);
+    const Brumo::Ptr<SwTable> keep(this);  // a hook may drop the table
     return withLinkages([&](const auto&... linkages) {
         return OrderedSwTableAccessor<B>::updateEntry(self(), key, linkages...);
     });
