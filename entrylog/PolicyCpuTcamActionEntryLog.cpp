@@ -1,3 +1,4 @@
+// The entry log of the action table: its instantiation, registrations and factories.
 #include "entrylog/PolicyCpuTcamActionEntryLog.h"
 
 #include "catalogue/Modules.h"

@@ -1,3 +1,4 @@
+// The entry log of the IPv4 match table: its instantiation, registrations and factories.
 #include "entrylog/PolicyCpuV4TcamEntryEntryLog.h"
 
 #include "catalogue/Modules.h"

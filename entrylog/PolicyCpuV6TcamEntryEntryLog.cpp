@@ -1,3 +1,4 @@
+// The entry log of the IPv6 match table: its instantiation, registrations and factories.
 #include "entrylog/PolicyCpuV6TcamEntryEntryLog.h"
 
 #include "catalogue/Modules.h"
