@@ -1,8 +1,13 @@
 #include "agent/Tables.h"
 
+#include <filesystem>
+#include <memory>
+#include <system_error>
+
 #include "platform/asic/Constants.h"
 #include "platform/kivshimo/EntityManager.h"
 #include "platform/regdb/EntityManager.h"
+#include "platform/ringtrace/ProcessRing.h"
 
 namespace Agent {
 
@@ -15,6 +20,16 @@ constexpr std::uint16_t kAgentAndGroupId = 0x2C08;
 
 const std::string kCounterTable = "CrpsIndexRequest.CpuTrafficPolicyIngress";
 const std::string kPolicerTable = "PolicerIndexRequest.VornPolicyCpu";
+
+/// Messages that the ring trace keeps, 64 bytes each.
+constexpr std::size_t kRingSlots = 1024;
+
+/// Begins the process's ring trace; that of the process before stays beside it.
+void startRing(const std::string& file) {
+    std::error_code noneBefore;
+    std::filesystem::rename(file, file + ".before", noneBefore);
+    RingTrace::processRingIs(std::make_shared<RingTrace::Ring>(file, kRingSlots));
+}
 
 }  // namespace
 
@@ -32,6 +47,8 @@ Tables::Tables(const Options& options, const Plugin& plugin, Kiv::EventLoop& loo
                        relaunch_);
     interface_ = Brumo::make<Asic::OrderedTableInterface>(database, std::string(kAgentName), loop);
     group_ = interface_->makeGroupIntf(std::string(kGroupName), kAgentAndGroupId);
+    // The group's lock is ours now: no other agent's ring is touched.
+    startRing(options.stateDirectory + "/agent.ring");
     makeResourceTables(options, loop);
 
     actions_ = plugin.actions(interface_);
@@ -55,6 +72,7 @@ void Tables::makeResourceTables(const Options& options, Kiv::EventLoop& loop) {
 }
 
 Tables::~Tables() {
+    RingTrace::processRingIs(nullptr);
     units_.clear();
     auto& families = Asic::SwTableInterfacesSingleton::instance();
     const auto end = [&](auto& family, std::string_view name) {

@@ -18,7 +18,8 @@ const Kiv::ModuleRegistration module(entryLogModule<PolicyCpuTcamActionBinding>(
 Brumo::Ptr<PolicyCpuTcamActionEntryLog> policyCpuTcamActionEntryLogFactory(
     Asic::SwTableId tableId, const Brumo::Ptr<Regdb::EntityManager>& entityManager,
     const Brumo::Ptr<Asic::GroupInterface>& groupInterface, const Brumo::String& agentName) {
-    return entryLogFactory<PolicyCpuTcamActionBinding>(tableId, entityManager, groupInterface, agentName);
+    return entryLogFactory<PolicyCpuTcamActionBinding>(tableId, entityManager, groupInterface,
+                                                       agentName);
 }
 
 Brumo::Ptr<PolicyCpuTcamActionEntryLog> PolicyCpuTcamActionEntryLogIs(

@@ -18,7 +18,8 @@ const Kiv::ModuleRegistration module(entryLogModule<PolicyCpuV4TcamEntryBinding>
 Brumo::Ptr<PolicyCpuV4TcamEntryEntryLog> policyCpuV4TcamEntryEntryLogFactory(
     Asic::SwTableId tableId, const Brumo::Ptr<Regdb::EntityManager>& entityManager,
     const Brumo::Ptr<Asic::GroupInterface>& groupInterface, const Brumo::String& agentName) {
-    return entryLogFactory<PolicyCpuV4TcamEntryBinding>(tableId, entityManager, groupInterface, agentName);
+    return entryLogFactory<PolicyCpuV4TcamEntryBinding>(tableId, entityManager, groupInterface,
+                                                        agentName);
 }
 
 Brumo::Ptr<PolicyCpuV4TcamEntryEntryLog> PolicyCpuV4TcamEntryEntryLogIs(

@@ -18,7 +18,8 @@ const Kiv::ModuleRegistration module(entryLogModule<PolicyCpuV6TcamEntryBinding>
 Brumo::Ptr<PolicyCpuV6TcamEntryEntryLog> policyCpuV6TcamEntryEntryLogFactory(
     Asic::SwTableId tableId, const Brumo::Ptr<Regdb::EntityManager>& entityManager,
     const Brumo::Ptr<Asic::GroupInterface>& groupInterface, const Brumo::String& agentName) {
-    return entryLogFactory<PolicyCpuV6TcamEntryBinding>(tableId, entityManager, groupInterface, agentName);
+    return entryLogFactory<PolicyCpuV6TcamEntryBinding>(tableId, entityManager, groupInterface,
+                                                        agentName);
 }
 
 Brumo::Ptr<PolicyCpuV6TcamEntryEntryLog> PolicyCpuV6TcamEntryEntryLogIs(

@@ -12,7 +12,7 @@
 namespace VornPolicyCpu {
 
 /// The most records that the change log holds while changes may still be committed to it.
-inline constexpr std::size_t kFullChangeLog = 999999;
+inline constexpr std::size_t kFullChangeLog = kEntryLogConfigCapacity - 1;
 
 template <class B>
 template <class... L>

@@ -1,3 +1,5 @@
+// The action table in the plug-in: its instantiation, registration and factories.
+
 #include "swtable/PolicyCpuTcamActionSwTable.h"
 
 #include "catalogue/Modules.h"

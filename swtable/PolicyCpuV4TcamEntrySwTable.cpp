@@ -1,3 +1,5 @@
+// The IPv4 match table in the plug-in: its instantiation, registration and factories.
+
 #include "swtable/PolicyCpuV4TcamEntrySwTable.h"
 
 #include "catalogue/Modules.h"

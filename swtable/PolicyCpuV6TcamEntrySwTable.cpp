@@ -1,3 +1,5 @@
+// The IPv6 match table in the plug-in: its instantiation, registration and factories.
+
 #include "swtable/PolicyCpuV6TcamEntrySwTable.h"
 
 #include "catalogue/Modules.h"

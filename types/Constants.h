@@ -23,7 +23,8 @@ inline constexpr std::uint64_t kSwTableEntriesCapacity = 65536;
 inline constexpr const char* kEntryLogConfig = "entryLogConfig";
 inline constexpr std::uint64_t kEntryLogConfigCapacity = 1000000;
 
-template <TableTypes Types> struct Constants {
+template <TableTypes Types>
+struct Constants {
     static std::string configShimoPath(Asic::UnitId unitId) {
         return Asic::Constants::tableConfigPath(canonicalGroupName(), Types::kName, unitId);
     }

@@ -90,6 +90,13 @@ concept TableTypes = requires(const typename T::Entry& entry, const typename T::
                               const typename T::ResourceKeys& rsrcKeys,
                               const typename T::Key& key) {
     requires sizeof(typename T::Key) == 8;
+    requires std::is_trivially_copyable_v<typename T::Key>;
+    { logEntry.head } -> std::convertible_to<LogEntryHead>;
+    { logEntry.key } -> std::convertible_to<typename T::Key>;
+    { logEntry.word() } -> std::convertible_to<std::uint32_t>;
+    { entry.key } -> std::convertible_to<typename T::Key>;
+    requires Brumo::Printable<typename T::Key> && Brumo::Printable<typename T::Entry>;
+    requires Brumo::Printable<typename T::LogEntry> && Brumo::Printable<typename T::ResourceKeys>;
     requires std::is_trivially_copyable_v<typename T::LogEntry>;
     requires std::is_trivially_copyable_v<typename T::ResourceKeys>;
     { key.hash(0U) } -> std::same_as<std::uint32_t>;

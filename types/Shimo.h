@@ -18,8 +18,9 @@
 namespace VornPolicyCpu {
 
 /// One unit's committed values by key. Reads throw KivShimo::CorruptionError.
-template <TableTypes Types> class ConfigShimo final : public KivShimo::Table {
-  public:
+template <TableTypes Types>
+class ConfigShimo final : public KivShimo::Table {
+public:
     using Key = typename Types::Key;
     using Value = ConfigShimoEntry<Key, typename Types::LogEntry, typename Types::ResourceKeys>;
 
@@ -51,13 +52,14 @@ template <TableTypes Types> class ConfigShimo final : public KivShimo::Table {
         return swTableEntries_.nextKey(key);
     }
 
-  private:
+private:
     KivShimo::Map<Value> swTableEntries_;
 };
 
 /// A table's change log. Reads throw KivShimo::CorruptionError.
-template <TableTypes Types> class EntryLogShimo final : public KivShimo::Table {
-  public:
+template <TableTypes Types>
+class EntryLogShimo final : public KivShimo::Table {
+public:
     using Record = LogShimoEntry<typename Types::Key>;
 
     static std::vector<KivShimo::CollectionLayout> layouts() {
@@ -77,18 +79,20 @@ template <TableTypes Types> class EntryLogShimo final : public KivShimo::Table {
     /// The lowest version at or after `version` of which there is a record; nothing is read.
     std::optional<Asic::LogVersion> entryLogConfigVersionAtOrAfter(Asic::LogVersion version) const {
         const auto found = entryLogConfig_.versionAtOrAfter(version.value);
-        if (!found.has_value()) return std::nullopt;
+        if (!found.has_value())
+            return std::nullopt;
         return Asic::LogVersion{*found};
     }
 
-  private:
+private:
     using Log = KivShimo::VersionLog<Record>;
 
     Log entryLogConfig_;
 };
 
 /// Registers a table's shared-memory types for as long as the object lives.
-template <TableTypes Types> struct ShimoTypes {
+template <TableTypes Types>
+struct ShimoTypes {
     KivShimo::TableTypeRegistration config{Constants<Types>::configShimoType(),
                                            KivShimo::tableTypeOf<ConfigShimo<Types>>()};
     KivShimo::TableTypeRegistration entryLog{Constants<Types>::entryLogShimoType(),

@@ -39,15 +39,24 @@ struct GroupInterface::SharedMemory {
         : root(rootDirectory),
           announcements(root, Constants::announcementsPath(group), announceSlots()),
           sleeper(announcements.sleepEpoch()),
-          acknowledgementsFile(KivShimo::tableFile(root, Constants::acknowledgementsPath(group))) {
-    }
+          acknowledgementsFile(KivShimo::tableFile(root, Constants::acknowledgementsPath(group))) {}
 
     /// Opens the hardware side's map when it is there and not open, or was replaced.
     KivShimo::AckMapReader* map() {
-        if (reader.has_value() && !reader->stale()) return &*reader;
+        if (reader.has_value() && !reader->stale())
+            return &*reader;
         waker.reset();
-        reader = KivShimo::AckMapReader::open(acknowledgementsFile);
-        if (!reader.has_value()) return nullptr;
+        reader.reset();
+        try {
+            reader = KivShimo::AckMapReader::open(acknowledgementsFile);
+        } catch (const KivShimo::MountError& error) {
+            // A file that cannot be opened counts as not there; said once.
+            if (reported != error.what())
+                trace(1, " {}", error.what());
+            reported = error.what();
+        }
+        if (!reader.has_value())
+            return nullptr;
         waker.emplace(reader->sleepEpoch(), root + "/hwd.bell");
         return &*reader;
     }
@@ -57,6 +66,7 @@ struct GroupInterface::SharedMemory {
     KivShimo::Sleeper sleeper;
     std::string acknowledgementsFile;
     std::optional<KivShimo::AckMapReader> reader;
+    std::string reported;  ///< why the map could not be opened last
     std::optional<KivShimo::Waker> waker;
 };
 
@@ -71,7 +81,9 @@ GroupInterface::GroupInterface(std::string canonicalName, std::uint16_t agentAnd
     takeUpAnnouncements();
 }
 
-GroupInterface::~GroupInterface() { resolver_->hasRoomIs({}); }
+GroupInterface::~GroupInterface() {
+    resolver_->hasRoomIs({});
+}
 
 /// Learns from what is acknowledged, and from what the hardware side has still to read, how far
 /// each table was announced by the process before.
@@ -88,7 +100,8 @@ void GroupInterface::takeUpAnnouncements() {
             }
         }
         const auto log = KivShimo::AnnounceLogReader::open(shm_->announcements.file());
-        if (!log.has_value()) return;
+        if (!log.has_value())
+            return;
         while (const auto announcement = log->next(position + 1)) {
             announcedVersionIs(SwTableId(announcement->tableId), {announcement->version});
             position = announcement->position;
@@ -103,11 +116,13 @@ void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
     announcedVersionIs(tableId, version);
     const Announcement announcement{tableId, version, needed};
     if (!waiting_.empty() || !append(announcement)) {
-        if (waiting_.empty()) trace(1, " announcement log of {} is full", name_);
+        if (waiting_.empty())
+            trace(1, " announcement log of {} is full", name_);
         waiting_.push_back(announcement);
         return;
     }
-    if (shm_->waker.has_value()) shm_->waker->published();
+    if (shm_->waker.has_value())
+        shm_->waker->published();
 }
 
 bool GroupInterface::append(const Announcement& announcement) {
@@ -127,7 +142,8 @@ void GroupInterface::appendWaiting() {
         waiting_.pop_front();
         appended = true;
     }
-    if (appended && shm_->waker.has_value()) shm_->waker->published();
+    if (appended && shm_->waker.has_value())
+        shm_->waker->published();
 }
 
 bool GroupInterface::hasRoom() const {
@@ -137,7 +153,8 @@ bool GroupInterface::hasRoom() const {
 
 Brumo::Ptr<NeededEntry> GroupInterface::everythingAnnounced() const {
     auto needed = Brumo::make<NeededEntry>();
-    for (const auto& [tableId, version] : announced_) needed->add({tableId, version});
+    for (const auto& [tableId, version] : announced_)
+        needed->add({tableId, version});
     return needed;
 }
 
@@ -145,7 +162,9 @@ void GroupInterface::swTableSetIs(const Brumo::Ptr<OrderedSwTableSet>& set) {
     sets_[set->tableId()] = set;
 }
 
-void GroupInterface::swTableSetDel(SwTableId tableId) { sets_.erase(tableId); }
+void GroupInterface::swTableSetDel(SwTableId tableId) {
+    sets_.erase(tableId);
+}
 
 Brumo::Ptr<OrderedSwTableSet> GroupInterface::swTableSet(SwTableId tableId) const {
     const auto found = sets_.find(tableId);
@@ -164,9 +183,11 @@ LogVersion GroupInterface::announcedVersion(SwTableId tableId) const {
 
 std::optional<LogVersion> GroupInterface::tableVersionInMap(SwTableId tableId) const {
     KivShimo::AckMapReader* map = shm_->map();
-    if (map == nullptr) return std::nullopt;
+    if (map == nullptr)
+        return std::nullopt;
     const auto version = map->acknowledged(tableId.whole());
-    if (!version.has_value()) return std::nullopt;
+    if (!version.has_value())
+        return std::nullopt;
     return LogVersion{*version};
 }
 
@@ -183,7 +204,8 @@ LogVersion GroupInterface::acknowledgedVersion(SwTableId tableId) const {
 void GroupInterface::acknowledgementsArrived() {
     try {
         KivShimo::AckMapReader* map = shm_->map();
-        if (map == nullptr) return;
+        if (map == nullptr)
+            return;
         const auto acknowledgements = map->all();
         if (map->announceIdentity() == shm_->announcements.identity()) {
             shm_->announcements.consumedIs(map->consumed());
@@ -194,7 +216,8 @@ void GroupInterface::acknowledgementsArrived() {
         for (const auto& [tableId, version] : acknowledgements) {
             moved |= acknowledge(SwTableId(tableId), {version});
         }
-        if (moved) publisher().publish(kAcknowledged);
+        if (moved)
+            publisher().publish(kAcknowledged);
         resolver_->updateGenId();
     } catch (const KivShimo::CorruptionError& error) {
         doCorruptionDetected(error.what());
@@ -204,7 +227,8 @@ void GroupInterface::acknowledgementsArrived() {
 /// True when the table's acknowledged version has moved. A handler may end tables: they are held.
 bool GroupInterface::acknowledge(SwTableId tableId, LogVersion version) {
     LogVersion& taken = acknowledged_[tableId];
-    if (version == taken) return false;
+    if (version == taken)
+        return false;
     if (!sets_.contains(tableId) && !announced_.contains(tableId)) {
         refuse(tableId, version, "no such table");
         return false;
@@ -219,17 +243,21 @@ bool GroupInterface::acknowledge(SwTableId tableId, LogVersion version) {
     }
     taken = version;
     const Brumo::Ptr<OrderedSwTableSet> set = swTableSet(tableId);
-    if (set == nullptr) return true;
+    if (set == nullptr)
+        return true;
     std::vector<Brumo::Ptr<OrderedSwTable>> tables;
-    for (const auto& [unit, table] : set->swTables()) tables.push_back(table);
-    for (const auto& table : tables) table->tableStatusVersion(version);
+    for (const auto& [unit, table] : set->swTables())
+        tables.push_back(table);
+    for (const auto& table : tables)
+        table->tableStatusVersion(version);
     return true;
 }
 
 /// Traced once for each lie, however often the map is read.
 void GroupInterface::refuse(SwTableId tableId, LogVersion version, std::string_view why) {
     LogVersion& last = refused_[tableId];
-    if (last == version) return;
+    if (last == version)
+        return;
     last = version;
     trace(1, " refused acknowledgement of version {} for table id: {}: {}", version, tableId, why);
 }
@@ -243,8 +271,10 @@ bool GroupInterface::sleepPrepared() {
 bool GroupInterface::acknowledgementsPending() {
     try {
         const KivShimo::AckMapReader* map = shm_->map();
-        if (map == nullptr) return false;
-        if (map->pauseRequested() != resolver_->suspended()) return true;
+        if (map == nullptr)
+            return false;
+        if (map->pauseRequested() != resolver_->suspended())
+            return true;
         if (map->announceIdentity() == shm_->announcements.identity() &&
             map->consumed() > shm_->announcements.consumed()) {
             return true;
@@ -252,9 +282,11 @@ bool GroupInterface::acknowledgementsPending() {
         for (const auto& [tableId, version] : map->all()) {
             const SwTableId table(tableId);
             const LogVersion pending{version};
-            if (pending <= acknowledgedVersion(table)) continue;
+            if (pending <= acknowledgedVersion(table))
+                continue;
             const auto refused = refused_.find(table);
-            if (refused == refused_.end() || refused->second != pending) return true;
+            if (refused == refused_.end() || refused->second != pending)
+                return true;
         }
         return false;
     } catch (const KivShimo::CorruptionError&) {
@@ -262,12 +294,20 @@ bool GroupInterface::acknowledgementsPending() {
     }
 }
 
-void GroupInterface::awake() { shm_->sleeper.awake(); }
+void GroupInterface::awake() {
+    shm_->sleeper.awake();
+}
 
-void GroupInterface::wakeHardwareSide() { KivShimo::ring(hardwareDoorbellPath()); }
+void GroupInterface::wakeHardwareSide() {
+    KivShimo::ring(hardwareDoorbellPath());
+}
 
-std::string GroupInterface::hardwareDoorbellPath() const { return shm_->root + "/hwd.bell"; }
+std::string GroupInterface::hardwareDoorbellPath() const {
+    return shm_->root + "/hwd.bell";
+}
 
-std::string GroupInterface::agentDoorbellPath() const { return shm_->root + "/agent.bell"; }
+std::string GroupInterface::agentDoorbellPath() const {
+    return shm_->root + "/agent.bell";
+}
 
 }  // namespace Asic

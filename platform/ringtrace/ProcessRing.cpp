@@ -13,8 +13,12 @@ std::shared_ptr<Ring>& current() {
 
 }  // namespace
 
-void processRingIs(std::shared_ptr<Ring> ring) { current() = std::move(ring); }
+void processRingIs(std::shared_ptr<Ring> ring) {
+    current() = std::move(ring);
+}
 
-const std::shared_ptr<Ring>& processRing() { return current(); }
+const std::shared_ptr<Ring>& processRing() {
+    return current();
+}
 
 }  // namespace RingTrace

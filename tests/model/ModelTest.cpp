@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <stdexcept>
+#include <string>
 
 #include "platform/brumo/Trace.h"
 #include "tests/model/Commands.h"
@@ -23,7 +25,12 @@ constexpr int kSequences = 3000;
 
 int sequencesWanted() {
     const char* wanted = std::getenv("VORN_MODEL_SEQUENCES");
-    return wanted == nullptr ? kSequences : std::atoi(wanted);
+    if (wanted == nullptr)
+        return kSequences;
+    const int number = std::stoi(wanted);  // throws what it cannot read
+    if (number <= 0)
+        throw std::invalid_argument("VORN_MODEL_SEQUENCES: expected a number above 0");
+    return number;
 }
 
 /// Says at the very end how many sequences there were.
