@@ -69,12 +69,15 @@ AgentProcess::AgentProcess(const Options& options)
 AgentProcess::~AgentProcess() = default;
 
 void AgentProcess::run() {
-    loop_.run([this] { return mayBlock(); },
-              [this] {
-                  tables_->group().awake();
-                  // What arrived while the hardware side rang for something else.
-                  tables_->group().acknowledgementsArrived();
-              });
+    // The hardware side rings only for a sleeper: one that is awake looks by itself.
+    Asic::GroupInterface& group = tables_->group();
+    loop_.run({.worked = [&] { group.acknowledgementsArrived(); },
+               .mayBlock = [this] { return mayBlock(); },
+               .awake =
+                   [&] {
+                       group.awake();
+                       group.acknowledgementsArrived();
+                   }});
     logLine("ends");
 }
 

@@ -8,14 +8,16 @@ void AsioEventLoop::post(std::function<void()> work) {
     asio::post(io_, std::move(work));
 }
 
-void AsioEventLoop::run(const std::function<bool()>& mayBlock, const std::function<void()>& awake) {
+void AsioEventLoop::run(const Hooks& hooks) {
     while (!stopped_) {
-        if (io_.poll_one() != 0)
+        if (io_.poll_one() != 0) {
+            hooks.worked();
             continue;
-        if (!mayBlock())
+        }
+        if (!hooks.mayBlock())
             continue;
         io_.run_one();
-        awake();
+        hooks.awake();
     }
 }
 

@@ -18,9 +18,16 @@ public:
 
     asio::io_context& io() { return io_; }
 
-    /// Runs until stop(). When nothing is ready it asks `mayBlock`; if that says yes it blocks
-    /// until something is, and then calls `awake`.
-    void run(const std::function<bool()>& mayBlock, const std::function<void()>& awake);
+    /// What a loop tells its owner.
+    struct Hooks {
+        std::function<void()> worked;  ///< a piece of work is done, others may be ready
+        std::function<bool()>
+            mayBlock;                 ///< nothing is ready; when yes, it blocks until something is
+        std::function<void()> awake;  ///< it blocked, and something was ready
+    };
+
+    /// Runs until stop().
+    void run(const Hooks& hooks);
     void stop() { stopped_ = true; }
 
 private:
