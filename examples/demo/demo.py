@@ -8,6 +8,7 @@ Ends with "OK: ..." and status 0, or with what is not as it has to be and status
 import argparse
 import os
 import shutil
+import signal
 import sys
 import tempfile
 import time
@@ -219,19 +220,12 @@ def kill_in_a_reload(place, agent, hardware, directory):
 
 def story(place, directory):
     started = time.monotonic()
-    processes = []
-    try:
-        agent, hardware, first_packets = first_policy(place)
-        processes = [agent, hardware]
-        load, second_packets = second_policy(place, agent, hardware)
-        agent, committed, programmed = kill_in_a_reload(place, agent, hardware, directory)
-        processes = [agent, hardware]
-        statuses = [process.end() for process in processes]
-        if statuses != [0, 0]:
-            raise Failure(f"the processes ended with {statuses}")
-    finally:
-        for process in processes:
-            process.end()
+    agent, hardware, first_packets = first_policy(place)
+    load, second_packets = second_policy(place, agent, hardware)
+    agent, committed, programmed = kill_in_a_reload(place, agent, hardware, directory)
+    statuses = [agent.end(), hardware.end()]
+    if statuses != [0, 0]:
+        raise Failure(f"the processes ended with {statuses}")
     print(f"\nOK: {first_packets + second_packets} packets classified; replacement: "
           f"{load['written']} written, {load['removed']} removed, {load['unchanged']} unchanged; "
           f"kill after {committed} changes: {programmed} programmed, 0 again; "
@@ -253,9 +247,11 @@ def main():
     parser.add_argument("--build", default="build/release", help="folder with the programs")
     arguments = parser.parse_args()
     sys.stdout.reconfigure(line_buffering=True)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # what is started is ended all the same
     directory = roomy_directory()
+    place = Surroundings(arguments.build, directory, UNITS)
     try:
-        story(Surroundings(arguments.build, directory, UNITS), directory)
+        story(place, directory)
         return 0
     except Failure as failure:
         print(f"\nFAILED: {failure}", file=sys.stderr)
@@ -266,6 +262,7 @@ def main():
                     print(f"-- {name}\n{log.read()[-2000:]}", file=sys.stderr)
         return 1
     finally:
+        place.end()
         shutil.rmtree(directory, ignore_errors=True)
 
 

@@ -33,7 +33,10 @@ class Process:
         with open(log_path, "ab") as log:
             self.process = subprocess.Popen(command, stderr=log)
         self.stream = None
-        wait_until(self._connected, f"{name} to serve {socket_path}")
+
+    def wait_served(self):
+        wait_until(self._connected, f"{self.name} to serve {self.socket_path}")
+        return self
 
     def _connected(self):
         if self.process.poll() is not None:
@@ -93,6 +96,7 @@ class Surroundings:
         self.state = os.path.join(directory, "state")
         self.logs = directory
         self.units = units
+        self.started = []
         os.mkdir(self.state, 0o750)
 
     def program(self, name):
@@ -101,17 +105,26 @@ class Surroundings:
             raise Failure(f"{path} is not built")
         return path
 
+    def _start(self, name, command, short):
+        process = Process(name, command, os.path.join(self.state, short + ".sock"),
+                          os.path.join(self.logs, short + ".log"))
+        self.started.append(process)
+        return process.wait_served()
+
+    def end(self):
+        """Ends what still runs."""
+        for process in self.started:
+            process.end()
+
     def agent(self, policy):
         command = [self.program("vorn-agent"), "--policy", policy, "--state-dir", self.state,
                    "--units", ",".join(map(str, self.units)), "--capacity", "65536",
                    "--plugin", self.program("libVornPolicyCpu.so")]
-        return Process("the agent", command, os.path.join(self.state, "agent.sock"),
-                       os.path.join(self.logs, "agent.log"))
+        return self._start("the agent", command, "agent")
 
     def hardware(self):
         command = [self.program("vorn-hwd"), "--state-dir", self.state]
-        return Process("the hardware side", command, os.path.join(self.state, "hwd.sock"),
-                       os.path.join(self.logs, "hwd.log"))
+        return self._start("the hardware side", command, "hwd")
 
     def compiled(self, policy):
         """The entries that a policy stands for."""
