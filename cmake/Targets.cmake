@@ -52,6 +52,10 @@ function(vorn_link target scope)
     endforeach()
 endfunction()
 
+# Command lines, JSON, YAML and sockets cost most of a build at full optimisation,
+# and none of them is on the path of a change.
+set(VORN_NOT_HOT $<$<CONFIG:Release>:-O1>)
+
 # vorn_program(name "source..." library...)
 function(vorn_program name sources)
     foreach(source ${sources})
@@ -63,6 +67,7 @@ function(vorn_program name sources)
     endforeach()
     add_executable(${name} ${sources})
     vorn_common(${name})
+    target_compile_options(${name} PRIVATE ${VORN_NOT_HOT})
     target_link_libraries(${name} PRIVATE vorn_fmt)
     vorn_link(${name} PRIVATE ${ARGN})
     target_precompile_headers(${name} REUSE_FROM vorn_pch)
