@@ -21,7 +21,7 @@ TYPED_TEST(FailedDependency, FailsAWriteThatWasResolved) {
         const auto wrapper = this->wrapper(1);
         wrapper->entryHandle()->responseHandlerIs(answers.handler());
         const auto change =
-            this->change(Asic::EntryFlags::write, wrapper, Brumo::make<ForeignChange>(state, 3));
+            this->change(Asic::EntryFlags::write, wrapper, Brumo::make<ForeignChange>(state, 3U));
         EXPECT_TRUE(this->table->isResolverEntryResolved(change));
         const TraceCapture traces;
         this->commit(change);

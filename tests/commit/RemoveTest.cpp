@@ -70,7 +70,7 @@ TYPED_TEST(RemoveCommit, ClearsItsStagedStateUnlessALaterChangeIsStaged) {
 
 TYPED_TEST(RemoveCommit, NeedsOnlyTheVersionOfItsDependency) {
     this->committed(1);
-    const auto dependency = Brumo::make<ForeignChange>(Asic::EntryState::complete, 5);
+    const auto dependency = Brumo::make<ForeignChange>(Asic::EntryState::complete, 5U);
     this->table->entryRemove(this->key(1), dependency);
     this->agent.settle();
     ASSERT_EQ(this->neededOf(2).size(), 1U);
@@ -199,7 +199,7 @@ TYPED_TEST(RemoveAllCommit, IsNotAnnouncedAsAChangeWhenTheCountIsTheSame) {
 TYPED_TEST(RemoveAllCommit, NeedsTheVersionOfItsDependency) {
     this->committed(1);
     this->table->transientRemoveAllVersionIs({0});
-    this->commit(this->removeAll(Brumo::make<ForeignChange>(Asic::EntryState::written, 12)));
+    this->commit(this->removeAll(Brumo::make<ForeignChange>(Asic::EntryState::written, 12U)));
     ASSERT_EQ(this->neededOf(2).size(), 1U);
     EXPECT_EQ(this->neededOf(2)[0].version, 12U);
 }

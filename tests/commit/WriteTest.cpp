@@ -137,7 +137,7 @@ TYPED_TEST(WriteCommit, NeedsNothingByItself) {
 }
 
 TYPED_TEST(WriteCommit, NeedsTheVersionOfItsDependency) {
-    const auto dependency = Brumo::make<ForeignChange>(Asic::EntryState::written, 17);
+    const auto dependency = Brumo::make<ForeignChange>(Asic::EntryState::written, 17U);
     this->commit(this->change(Asic::EntryFlags::write, this->wrapper(1), dependency));
     const auto needed = this->neededOf(1);
     ASSERT_EQ(needed.size(), 1U);

@@ -84,19 +84,20 @@ TYPED_TEST(Wrappers, TraceWhatTheyFinalize) {
 
 TYPED_TEST(Wrappers, KeepHooksAndWrapperForTheLengthOfACall) {
     struct Leaving final : SwTableHelperBase<TypeParam> {
-        using Base = SwTableHelperBase<TypeParam>;
         void leave() {
             wrapper = nullptr;
-            table->swTableHelperIs(Brumo::make<Base>());
+            table->swTableHelperIs(Brumo::make<SwTableHelperBase<TypeParam>>());
             EXPECT_EQ(this->users(), 1U) << "the call's own reference";
         }
-        void finalizeOnSuccess(const typename Base::WrapperPtr& passed, bool,
-                               const typename Base::TablePtr&) override {
+        void finalizeOnSuccess(const typename SwTableHelperBase<TypeParam>::WrapperPtr& passed,
+                               bool,
+                               const typename SwTableHelperBase<TypeParam>::TablePtr&) override {
             leave();
             EXPECT_EQ(passed->users(), 1U);
         }
-        std::uint32_t finalizeOnFailure(const typename Base::WrapperPtr& passed, bool,
-                                        const typename Base::TablePtr&) override {
+        std::uint32_t finalizeOnFailure(
+            const typename SwTableHelperBase<TypeParam>::WrapperPtr& passed, bool,
+            const typename SwTableHelperBase<TypeParam>::TablePtr&) override {
             leave();
             EXPECT_EQ(passed->users(), 1U);
             return 5;

@@ -1,4 +1,5 @@
 // The numbered queue of a table's handles: numbering, segments, look-up, and its broken invariants.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <deque>

@@ -1,4 +1,5 @@
 // Staging removes of one key and of all entries, and clearing at once.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tests/support/SwTableFixture.h"

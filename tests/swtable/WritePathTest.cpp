@@ -1,4 +1,5 @@
 // Staging a write: versions, handles, what is staged, requested, queued, traced and counted.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tests/support/SwTableFixture.h"
