@@ -121,6 +121,7 @@ void PolicyLoader::UnitLoader::loadMatches(VornPolicyCpu::TableOperations<Types>
         return a.entry->priority > b.entry->priority;
     });
     std::vector<typename Types::Key> stale;
+    stale.reserve(held.size());
     for (const auto& [key, entry] : held)
         stale.push_back(entry.key);
     std::sort(stale.begin(), stale.end());

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <array>
+#include <compare>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -101,7 +102,7 @@ concept TableTypes = requires(const typename T::Entry& entry, const typename T::
     requires std::is_trivially_copyable_v<typename T::ResourceKeys>;
     { key.hash(0U) } -> std::same_as<std::uint32_t>;
     { key.isEq(key) } -> std::same_as<bool>;
-    {key <=> key};
+    requires std::three_way_comparable<typename T::Key>;
     { entry.isEq(entry) } -> std::same_as<bool>;
     { logEntry.isEq(logEntry) } -> std::same_as<bool>;
     { rsrcKeys.isEq(rsrcKeys) } -> std::same_as<bool>;

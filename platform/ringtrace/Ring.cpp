@@ -130,6 +130,7 @@ std::vector<std::string> linesIn(const std::byte* base, std::size_t slots) {
     }
     std::ranges::sort(whole, {}, &Slot::sequence);
     std::vector<std::string> lines;
+    lines.reserve(whole.size());
     for (const Slot& slot : whole)
         lines.push_back(lineOf(base, slot));
     return lines;

@@ -70,7 +70,7 @@ TEST(PtrTest, EndsTheObjectWithItsLastPointer) {
 TEST(PtrTest, MovesWithoutCounting) {
     auto first = make<Base>();
     const Ptr<Base> second = std::move(first);
-    EXPECT_EQ(first, nullptr);
+    EXPECT_EQ(first, nullptr);  // NOLINT(bugprone-use-after-move): null is what it must be
     EXPECT_EQ(second->users(), 1U);
 }
 
@@ -91,7 +91,7 @@ TEST(PtrTest, ConvertsToBasesAndToConst) {
 TEST(PtrTest, MovesIntoAPointerToABaseWithoutCounting) {
     auto derived = make<Derived>();
     const Ptr<Base> base = std::move(derived);
-    EXPECT_EQ(derived, nullptr);
+    EXPECT_EQ(derived, nullptr);  // NOLINT(bugprone-use-after-move): null is what it must be
     EXPECT_EQ(base->users(), 1U);
 }
 
