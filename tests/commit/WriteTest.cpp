@@ -110,9 +110,9 @@ TYPED_TEST(WriteCommit, TurnsTheFamilysPendingWritesOn) {
 
 TYPED_TEST(WriteCommit, TakesUpAPauseThatTheHookAskedForRightAfterIt) {
     struct Pausing final : SwTableHelperBase<TypeParam> {
-        using Base = SwTableHelperBase<TypeParam>;
-        void finalizeOnSuccess(const typename Base::WrapperPtr&, bool,
-                               const typename Base::TablePtr& swTable) override {
+        void finalizeOnSuccess(
+            const typename SwTableHelperBase<TypeParam>::WrapperPtr&, bool,
+            const typename SwTableHelperBase<TypeParam>::TablePtr& swTable) override {
             resolver = swTable->groupResolver();
             resolver->suspendRequestedIs(true);
             resolver->suspendRequestedIs(false);
@@ -184,9 +184,9 @@ TYPED_TEST(WriteCommit, WithNothingStagedClearsNothing) {
 
 TYPED_TEST(WriteCommit, LetsTheHookStageTheNextChangeOfTheKey) {
     struct Rewriting final : SwTableHelperBase<TypeParam> {
-        using Base = SwTableHelperBase<TypeParam>;
-        void finalizeOnSuccess(const typename Base::WrapperPtr& wrapper, bool,
-                               const typename Base::TablePtr&) override {
+        void finalizeOnSuccess(const typename SwTableHelperBase<TypeParam>::WrapperPtr& wrapper,
+                               bool,
+                               const typename SwTableHelperBase<TypeParam>::TablePtr&) override {
             if (std::exchange(done, true))
                 return;
             table->entryWrite(wrapper->key(), entryOf<TypeParam>(1, 8), nullptr);

@@ -181,7 +181,7 @@ TEST(HandleQueueSegments, OneIsFreedWithItsLastElementEvenWithSlotsToSpare) {
 
 TEST(HandleQueueSegments, LetGoOfElementsThatLeave) {
     Queue queue;
-    const auto element = Brumo::make<Element>(1);
+    const auto element = Brumo::make<Element>(1U);
     queue.enqueue(element);
     fill(queue, 1);
     queue.dequeue();
@@ -189,7 +189,7 @@ TEST(HandleQueueSegments, LetGoOfElementsThatLeave) {
 }
 
 TEST(HandleQueueSegments, LetGoOfAllElementsWithTheQueue) {
-    const auto element = Brumo::make<Element>(1);
+    const auto element = Brumo::make<Element>(1U);
     {
         Queue queue;
         for (int i = 0; i < 20; ++i)

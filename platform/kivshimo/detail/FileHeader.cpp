@@ -118,7 +118,7 @@ std::string defectOf(const StaticHeader& header, std::uint64_t fileBytes) {
         return "too many collections";
     std::uint64_t offset = kAreasOffset;
     for (std::size_t i = 0; i < header.collections; ++i) {
-        const std::string defect = defectOf(header.collection[i], offset);
+        std::string defect = defectOf(header.collection[i], offset);
         if (!defect.empty())
             return defect;
         offset += header.collection[i].bytes;
