@@ -118,8 +118,8 @@ void AgentProcess::waitForBell() {
                                 });
 }
 
-void AgentProcess::load(std::shared_ptr<const CompiledPolicy> policy) {
-    const LoadFigures& figures = loader_->load(std::move(policy));
+void AgentProcess::load(const std::shared_ptr<const CompiledPolicy>& policy) {
+    const LoadFigures& figures = loader_->load(policy);
     logLine(fmt::format("policy {}: {} written, {} removed, {} unchanged on {} units", figures.file,
                         figures.written, figures.removed, figures.unchanged,
                         loader_->units().size()));

@@ -36,7 +36,7 @@ public:
 private:
     void waitForSignal();
     void waitForBell();
-    void load(std::shared_ptr<const CompiledPolicy> policy);
+    void load(const std::shared_ptr<const CompiledPolicy>& policy);
     /// Loads a policy file; throws PolicyError, and then nothing has changed.
     void reload(const std::string& path);
     Json answer(const Json& request);

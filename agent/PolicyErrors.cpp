@@ -41,6 +41,7 @@ void PolicyErrors::throwIfAny() const {
         return a.at.line != b.at.line ? a.at.line < b.at.line : a.at.column < b.at.column;
     });
     std::vector<std::string> lines;
+    lines.reserve(sorted.size() + 1);
     for (const Finding& finding : sorted) {
         lines.push_back(finding.at.line == 0 ? fmt::format("{}: {}", file_, finding.text)
                                              : fmt::format("{}:{}:{}: {}", file_, finding.at.line,

@@ -18,7 +18,7 @@ PolicyLoader::~PolicyLoader() {
         loader->detach();
 }
 
-const LoadFigures& PolicyLoader::load(std::shared_ptr<const CompiledPolicy> policy) {
+const LoadFigures& PolicyLoader::load(const std::shared_ptr<const CompiledPolicy>& policy) {
     const auto figures = std::make_shared<LoadFigures>();
     figures->number = figures_->number + 1;
     figures->file = policy->file;

@@ -56,7 +56,7 @@ public:
     ~PolicyLoader();
 
     /// Stages all changes but the removal of actions, which follows by itself.
-    const LoadFigures& load(std::shared_ptr<const CompiledPolicy> policy);
+    const LoadFigures& load(const std::shared_ptr<const CompiledPolicy>& policy);
 
     /// Of the last load.
     const LoadFigures& figures() const { return *figures_; }

@@ -28,6 +28,7 @@ std::vector<std::string> ModuleRegistry::moduleNames() const {
     return names;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): it is moved into the registry
 ModuleRegistration::ModuleRegistration(Module module) : name_(module.name) {
     const bool inserted =
         ModuleRegistry::instance().modules_.try_emplace(name_, std::move(module)).second;

@@ -40,6 +40,7 @@ const TableType* TableTypes::type(std::string_view typeName) const {
     return found == types_.end() ? nullptr : &found->second;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): it is moved into the registry
 TableTypeRegistration::TableTypeRegistration(std::string typeName, TableType type)
     : typeName_(std::move(typeName)) {
     const bool inserted =
