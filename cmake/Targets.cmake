@@ -11,16 +11,24 @@ function(vorn_sources result)
     set(${result} ${all} PARENT_SCOPE)
 endfunction()
 
-# What nearly every source includes, compiled once for all libraries and programs.
+# What nearly every source includes, compiled once: vorn_pch for all libraries, and
+# vorn_process_pch for what has command lines, JSON and sockets besides.
 function(vorn_precompiled_headers)
     set(empty ${CMAKE_BINARY_DIR}/empty.cpp)
     file(GENERATE OUTPUT ${empty} CONTENT "")
-    add_library(vorn_pch OBJECT ${empty})
-    target_link_libraries(vorn_pch PRIVATE vorn_fmt)
-    target_precompile_headers(vorn_pch PRIVATE
+    set(everywhere
         <algorithm> <array> <atomic> <chrono> <compare> <concepts> <cstddef> <cstdint> <cstring>
         <functional> <map> <memory> <optional> <set> <span> <string> <string_view> <tuple>
         <type_traits> <unordered_map> <utility> <variant> <vector> <fmt/format.h>)
+    add_library(vorn_pch OBJECT ${empty})
+    target_link_libraries(vorn_pch PRIVATE vorn_fmt)
+    target_precompile_headers(vorn_pch PRIVATE ${everywhere})
+    add_library(vorn_process_pch OBJECT ${empty})
+    target_link_libraries(vorn_process_pch PRIVATE vorn_fmt vorn_process_libraries)
+    target_precompile_headers(vorn_process_pch PRIVATE ${everywhere}
+        <asio/io_context.hpp> <asio/local/stream_protocol.hpp> <asio/posix/stream_descriptor.hpp>
+        <asio/read_until.hpp> <asio/signal_set.hpp> <asio/steady_timer.hpp> <asio/write.hpp>
+        <nlohmann/json.hpp> <CLI/CLI.hpp>)
 endfunction()
 
 function(vorn_common target)
@@ -28,7 +36,7 @@ function(vorn_common target)
     set_target_properties(${target} PROPERTIES DEFINE_SYMBOL "")
 endfunction()
 
-# vorn_library(name SHARED|STATIC folder...)
+# vorn_library(name SHARED|STATIC folder...); a static one belongs to a process.
 function(vorn_library name kind)
     vorn_sources(sources ${ARGN})
     if(NOT sources)
@@ -37,7 +45,11 @@ function(vorn_library name kind)
     add_library(${name} ${kind} ${sources})
     vorn_common(${name})
     target_link_libraries(${name} PUBLIC vorn_fmt)
-    target_precompile_headers(${name} REUSE_FROM vorn_pch)
+    if(kind STREQUAL STATIC)
+        target_precompile_headers(${name} REUSE_FROM vorn_process_pch)
+    else()
+        target_precompile_headers(${name} REUSE_FROM vorn_pch)
+    endif()
 endfunction()
 
 # Links what exists of the libraries named.
@@ -70,7 +82,7 @@ function(vorn_program name sources)
     target_compile_options(${name} PRIVATE ${VORN_NOT_HOT})
     target_link_libraries(${name} PRIVATE vorn_fmt)
     vorn_link(${name} PRIVATE ${ARGN})
-    target_precompile_headers(${name} REUSE_FROM vorn_pch)
+    target_precompile_headers(${name} REUSE_FROM vorn_process_pch)
     set_property(GLOBAL APPEND PROPERTY VORN_PROGRAMS ${name})
 endfunction()
 

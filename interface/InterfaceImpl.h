@@ -7,7 +7,6 @@
 #include "platform/asic/Constants.h"
 #include "platform/brumo/Assert.h"
 #include "platform/ringtrace/ProcessRing.h"
-#include "swtable/SwTableImpl.h"
 
 namespace VornPolicyCpu {
 

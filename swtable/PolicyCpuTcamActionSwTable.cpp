@@ -3,6 +3,7 @@
 #include "swtable/PolicyCpuTcamActionSwTable.h"
 
 #include "catalogue/Modules.h"
+#include "swtable/SwTableImpl.h"
 
 namespace VornPolicyCpu {
 

@@ -3,9 +3,10 @@
 
 #include "entrylog/PolicyCpuTcamActionEntryLog.h"
 #include "linkage/PolicyCpuTcamActionLinkages.h"
+#include "swtable/EntryIterator.h"
 #include "swtable/EntryWrapper.h"
 #include "swtable/SwTable.h"
-#include "swtable/SwTableImpl.h"
+#include "swtable/SwTableEntriesPy.h"
 
 namespace VornPolicyCpu {
 

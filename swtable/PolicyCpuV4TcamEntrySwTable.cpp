@@ -3,6 +3,7 @@
 #include "swtable/PolicyCpuV4TcamEntrySwTable.h"
 
 #include "catalogue/Modules.h"
+#include "swtable/SwTableImpl.h"
 
 namespace VornPolicyCpu {
 

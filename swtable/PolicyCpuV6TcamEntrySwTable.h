@@ -2,9 +2,10 @@
 #pragma once
 
 #include "entrylog/PolicyCpuV6TcamEntryEntryLog.h"
+#include "swtable/EntryIterator.h"
 #include "swtable/EntryWrapper.h"
 #include "swtable/SwTable.h"
-#include "swtable/SwTableImpl.h"
+#include "swtable/SwTableEntriesPy.h"
 
 namespace VornPolicyCpu {
 

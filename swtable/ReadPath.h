@@ -3,6 +3,7 @@
 #pragma once
 
 #include "platform/brumo/Assert.h"
+#include "swtable/EntryIterator.h"
 #include "swtable/OrderedSwTableAccessor.h"
 
 namespace VornPolicyCpu {
@@ -184,28 +185,10 @@ private:
     }
 };
 
-/// A forward iterator over a table: `while (iterator.valid()) { *iterator; ++iterator; }`.
 template <class B>
-class SwTable<B>::EntryIteratorConst {
-public:
-    explicit EntryIteratorConst(Brumo::Ptr<SwTableIteratorState<B>> state)
-        : state_(std::move(state)) {
-        ++*this;
-    }
-
-    bool valid() const { return state_->has(Asic::SwTableIteratorStateBase::kCurrentEntryValid); }
-    /// The default entry when the iterator is not valid.
-    const Entry& operator*() const { return current_; }
-    const Entry* operator->() const { return &current_; }
-    EntryIteratorConst& operator++() {
-        current_ = IterStateAccessor<B>::maybeUpdateCurrentEntry(*state_);
-        return *this;
-    }
-    const SwTableIteratorState<B>& state() const { return *state_; }
-
-private:
-    Brumo::Ptr<SwTableIteratorState<B>> state_;
-    Entry current_{};
-};
+auto SwTable<B>::EntryIteratorConst::operator++() -> EntryIteratorConst& {
+    current_ = IterStateAccessor<B>::maybeUpdateCurrentEntry(*state_);
+    return *this;
+}
 
 }  // namespace VornPolicyCpu

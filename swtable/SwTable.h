@@ -199,7 +199,13 @@ public:
         return std::get<Brumo::Ptr<Linkage<B, L>>>(linkages_.linkages);
     }
     template <class L>
-    void linkageIs(Brumo::Ptr<Linkage<B, L>> linkage);
+    void linkageIs(Brumo::Ptr<Linkage<B, L>> linkage) {
+        auto& member = std::get<Brumo::Ptr<Linkage<B, L>>>(linkages_.linkages);
+        if (linkage == member)
+            return;
+        const auto old = std::exchange(member, std::move(linkage));
+        this->publisher().publish(Asic::OrderedSwTable::kLinkage, &old);
+    }
 
     /// States what always holds; for tests, after every step.
     void assertConsistent() const;

@@ -385,16 +385,6 @@ void SwTable<B>::entryHandleInLogEnq(const Brumo::Ptr<EntryHandle>& handle) {
 }
 
 template <class B>
-template <class L>
-void SwTable<B>::linkageIs(Brumo::Ptr<Linkage<B, L>> linkage) {
-    auto& member = std::get<Brumo::Ptr<Linkage<B, L>>>(linkages_.linkages);
-    if (linkage == member)
-        return;
-    const auto old = std::exchange(member, std::move(linkage));
-    this->publisher().publish(Asic::OrderedSwTable::kLinkage, &old);
-}
-
-template <class B>
 void SwTable<B>::assertConsistent() const {
     transientAddEntry_.forEach([this](const Key& key, const WrapperPtr& wrapper) {
         Brumo::require(transientRemoveEntry_.find(key) == nullptr, "staged once");

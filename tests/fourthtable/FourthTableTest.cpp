@@ -5,6 +5,7 @@
 #include <set>
 
 #include "interface/InterfaceImpl.h"
+#include "swtable/SwTableImpl.h"
 #include "tests/fourthtable/QueueShareBinding.h"
 #include "tests/support/InProcessAgent.h"
 

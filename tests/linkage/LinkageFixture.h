@@ -1,6 +1,7 @@
 // Both linkages of the action table, as one set of tests sees them.
 #pragma once
 
+#include "linkage/LinkageImpl.h"
 #include "tests/support/SwTableFixture.h"
 
 namespace TestSupport {

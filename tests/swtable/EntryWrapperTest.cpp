@@ -1,6 +1,7 @@
 // Entry wrappers, resolver entries and hooks: what carries one change through its table.
 #include <gtest/gtest.h>
 
+#include "platform/kiv/Module.h"
 #include "tests/support/SwTableFixture.h"
 
 namespace {
