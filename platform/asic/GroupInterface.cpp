@@ -77,7 +77,7 @@ GroupInterface::GroupInterface(std::string canonicalName, std::uint16_t agentAnd
       agentAndGroupId_(agentAndGroupId),
       resolver_(Brumo::make<GroupResolver>(loop)),
       shm_(std::make_unique<SharedMemory>(rootOf(*entityManager), name_)) {
-    resolver_->hasRoomIs([this] { return hasRoom(); });
+    resolver_->hasRoomIs([this] { return hasRoomForWaiting(); });
     takeUpAnnouncements();
 }
 
@@ -151,6 +151,20 @@ bool GroupInterface::hasRoom() const {
     return waiting_.empty() && announcements.free() > announcements.slots() / kReserveShare;
 }
 
+/// Asked when changes wait to be committed; says once that they are held, and once that they go on.
+bool GroupInterface::hasRoomForWaiting() {
+    const bool room = hasRoom();
+    if (room != changesHeld_)
+        return room;
+    changesHeld_ = !room;
+    if (room) {
+        trace(2, " announcement log of {} has room again, changes go on", name_);
+    } else {
+        trace(1, " announcement log of {} is short of room, changes wait", name_);
+    }
+    return room;
+}
+
 Brumo::Ptr<NeededEntry> GroupInterface::everythingAnnounced() const {
     auto needed = Brumo::make<NeededEntry>();
     for (const auto& [tableId, version] : announced_)
@@ -212,6 +226,7 @@ void GroupInterface::acknowledgementsArrived() {
         }
         appendWaiting();
         resolver_->suspendRequestedIs(map->pauseRequested());
+        resolver_->maybeUpdateSuspend();
         bool moved = false;
         for (const auto& [tableId, version] : acknowledgements) {
             moved |= acknowledge(SwTableId(tableId), {version});

@@ -95,6 +95,7 @@ private:
     };
 
     void takeUpAnnouncements();
+    bool hasRoomForWaiting();
     bool acknowledgementsPending();
     bool append(const Announcement& announcement);
     void appendWaiting();
@@ -110,6 +111,7 @@ private:
     std::map<SwTableId, LogVersion> acknowledged_;
     std::map<SwTableId, LogVersion> refused_;  ///< so that a lie is traced once
     std::deque<Announcement> waiting_;
+    bool changesHeld_ = false;  ///< what the resolver was told last, so that it is traced once
     mutable std::uint64_t corruptions_ = 0;
 };
 

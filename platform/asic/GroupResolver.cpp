@@ -1,5 +1,7 @@
 #include "platform/asic/GroupResolver.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "platform/brumo/Assert.h"
@@ -12,12 +14,15 @@ const Brumo::TraceSource trace("GroupResolver", "GroupResolver");
 
 }  // namespace
 
-/// Ends the changes that wait behind this one, one by one: left to themselves, each would end
-/// within the end of the one before.
-void ResolverEntry::dropFollowing() {
+/// Takes the changes that wait behind this one apart, to end one by one: left to themselves, each
+/// would end within the end of the one before.
+void ResolverEntry::moveFollowingTo(std::vector<Brumo::Ptr<ResolverEntry>>& changes) {
     Brumo::Ptr<ResolverEntry> next = std::exchange(nextOfKey_, nullptr);
-    while (next != nullptr)
-        next = std::exchange(next->nextOfKey_, nullptr);
+    while (next != nullptr) {
+        Brumo::Ptr<ResolverEntry> afterIt = std::exchange(next->nextOfKey_, nullptr);
+        changes.push_back(std::move(next));
+        next = std::move(afterIt);
+    }
 }
 
 void GroupResolver::resolverQueueEnq(const Entry& entry) {
@@ -61,6 +66,7 @@ void GroupResolver::schedule() {
 
 void GroupResolver::pass() {
     scheduled_ = false;
+    maybeUpdateSuspend();
     std::size_t budget = budget_;
     if (probe_)
         probeFullLogs(budget);
@@ -118,6 +124,7 @@ void GroupResolver::probeFullLogs(std::size_t& budget) {
             break;
         }
     }
+    probe_ = suspended_ && !waitingForLog_.empty();  // the rest is asked when the pause ends
 }
 
 void GroupResolver::park(const Entry& entry) {
@@ -151,7 +158,8 @@ void GroupResolver::wake(const Kiv::Entity* entity) {
 void GroupResolver::finish(const OrderedSwTable* table, const Entry& entry) {
     const auto found = lanes_.find(table);
     if (found == lanes_.end()) {
-        entry->dropFollowing();  // the table went while the change was committed
+        std::vector<Entry> dropped;  // the table went while the change was committed
+        entry->moveFollowingTo(dropped);
         return;
     }
     Lane& lane = found->second;
@@ -196,30 +204,44 @@ void GroupResolver::maybeUpdateSuspend() {
 
 void GroupResolver::suspendRequestedIs(bool requested) {
     suspendRequested_ = requested;
-    maybeUpdateSuspend();
 }
 
+/// What is dropped may hold the last reference on another table, which then comes here too: it is
+/// released when all containers are whole again.
 void GroupResolver::resolverQueueDel(const OrderedSwTable* table) {
-    const auto lane = lanes_.find(table);
-    if (lane == lanes_.end())
+    const auto found = lanes_.find(table);
+    if (found == lanes_.end())
         return;
-    queued_ -= lane->second.unfinished + lane->second.held.size() +
-               (lane->second.barrier != nullptr ? 1 : 0);
-    lanes_.erase(lane);
-    const auto dropped = [table](const Entry& entry) {
-        if (entry->orderingTable() != table)
-            return false;
-        entry->dropFollowing();
-        return true;
+    std::vector<WaitList> ended;
+    std::vector<Entry> dropped;
+    const Lane lane = std::move(found->second);
+    lanes_.erase(found);
+    queued_ -= lane.unfinished + lane.held.size() + (lane.barrier != nullptr ? 1 : 0);
+    const auto takeFrom = [&](auto& entries) {
+        const auto first = std::stable_partition(
+            entries.begin(), entries.end(),
+            [table](const Entry& entry) { return entry->orderingTable() != table; });
+        dropped.insert(dropped.end(), std::make_move_iterator(first),
+                       std::make_move_iterator(entries.end()));
+        entries.erase(first, entries.end());
     };
+    takeFrom(ready_);
     if (const auto full = waitingForLog_.find(table); full != waitingForLog_.end()) {
-        std::erase_if(full->second, dropped);
+        takeFrom(full->second);
         waitingForLog_.erase(full);
     }
-    std::erase_if(ready_, dropped);
     for (auto list = waiting_.begin(); list != waiting_.end();) {
-        std::erase_if(list->second.entries, dropped);
-        list = list->second.entries.empty() ? waiting_.erase(list) : std::next(list);
+        takeFrom(list->second.entries);
+        if (list->second.entries.empty()) {
+            ended.push_back(std::move(list->second));
+            list = waiting_.erase(list);
+        } else {
+            ++list;
+        }
+    }
+    for (std::size_t i = 0, heads = dropped.size(); i < heads; ++i) {
+        const Entry head = dropped[i];  // the vector grows
+        head->moveFollowingTo(dropped);
     }
 }
 

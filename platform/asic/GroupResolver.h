@@ -64,7 +64,7 @@ public:
 private:
     friend class GroupResolver;
 
-    void dropFollowing();
+    void moveFollowingTo(std::vector<Brumo::Ptr<ResolverEntry>>& changes);
 
     Brumo::Ptr<const DependencyEntryHandle> dependency_;
     EntryFlags flags_;
@@ -85,10 +85,12 @@ public:
     /// Something that changes wait for may have moved: room in a log, above all.
     void updateGenId();
     std::uint64_t genId() const { return genId_; }
-    /// Takes up or ends a pause that was asked for; called between any two commits.
+    /// Takes up or ends a pause that was asked for. Every change calls it when it is staged and
+    /// when it is committed, so that a pause holds between any two commits.
     void maybeUpdateSuspend();
 
-    /// Asks for a pause or ends it. The resolver commits nothing while suspended().
+    /// Asks for a pause or for its end; the next maybeUpdateSuspend() takes it up. The resolver
+    /// commits nothing while suspended().
     void suspendRequestedIs(bool requested);
     bool suspended() const { return suspended_; }
 

@@ -479,6 +479,24 @@ TYPED_TEST(TableObject, GoesWithAnyNumberOfQueuedChangesOfOneKey) {
     this->agent.settle();
 }
 
+TYPED_TEST(TableObject, MayGoWithTheHandlerOfAnothersQueuedChange) {
+    const auto resolver = this->table->groupResolver();
+    auto first = this->looseTable();
+    auto second = this->looseTable();
+    first->entryWriteWithResponseHandler(
+        this->key(1), this->entry(1), nullptr,
+        [second](const Brumo::Ptr<const Asic::OrderedSwTable::EntryHandle>&) {});
+    first->entryRemove(this->key(1), nullptr);
+    second->entryWrite(this->key(1), this->entry(1), nullptr);
+    second->entryWrite(this->key(2), this->entry(2), nullptr);
+    second = nullptr;
+    EXPECT_EQ(resolver->queued(), 4U);
+    first = nullptr;
+    EXPECT_EQ(resolver->queued(), 0U);
+    this->agent.settle();
+    EXPECT_EQ(this->version(), 0U);
+}
+
 // Factories under the tables' names.
 
 TEST(TableFactories, MakeTablesOfTheirNames) {

@@ -252,6 +252,38 @@ TEST_F(GroupInterfaceTest, RefusesAnAcknowledgementOfAnUnknownTableOnce) {
               1U);
 }
 
+TEST_F(GroupInterfaceTest, SaysOnceThatChangesWaitForRoomAndOnceThatTheyGoOn) {
+    Journal journal;
+    const auto table = Brumo::make<FakeTable>(group_->groupResolver());
+    const std::string waits =
+        " announcement log of " + group_->name() + " is short of room, changes wait";
+    const std::string goesOn =
+        " announcement log of " + group_->name() + " has room again, changes go on";
+    std::uint64_t version = 0;
+    TraceCapture traces;
+    for (std::uint64_t round = 1; round <= 2; ++round) {
+        while (group_->hasRoom())
+            group_->addLogEntry(kTable, {++version}, nullptr);
+        EXPECT_EQ(traces.count("GroupInterface", 1, waits), round - 1) << "nothing waits yet";
+        for (std::uint64_t key = 1; key <= 3; ++key) {
+            group_->groupResolver()->resolverQueueEnq(
+                Brumo::make<FakeChange>(journal, table.get(), key, "change"));
+            ASSERT_TRUE(loop_.runUntilIdle());
+            group_->acknowledgementsArrived();
+            ASSERT_TRUE(loop_.runUntilIdle());
+        }
+        EXPECT_EQ(traces.count("GroupInterface", 1, waits), round);
+        EXPECT_EQ(traces.count("GroupInterface", 2, goesOn), round - 1);
+        readVersions();
+        consume();
+        group_->acknowledgementsArrived();
+        ASSERT_TRUE(loop_.runUntilIdle());
+        EXPECT_EQ(journal.committed.size(), 3 * round);
+        EXPECT_EQ(traces.count("GroupInterface", 2, goesOn), round);
+    }
+    EXPECT_EQ(traces.count("GroupInterface", 1, waits), 2U);
+}
+
 TEST_F(GroupInterfaceTest, TakesUpAPauseAndItsEnd) {
     hardware().pauseRequestedIs(true);
     group_->acknowledgementsArrived();

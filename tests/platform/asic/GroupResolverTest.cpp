@@ -161,7 +161,11 @@ TEST_F(GroupResolverTest, PausesBetweenTwoCommitsAndGoesOn) {
         EXPECT_EQ(change.attribute, Asic::GroupResolver::kSuspended);
         told.push_back(!change.oldAs<bool>());
     });
-    queued("first", 1)->onCommit = [this] { resolver_->suspendRequestedIs(true); };
+    queued("first", 1)->onCommit = [this] {
+        resolver_->suspendRequestedIs(true);
+        EXPECT_FALSE(resolver_->suspended()) << "taken up between two commits only";
+        resolver_->maybeUpdateSuspend();
+    };
     queued("second", 2);
     settle();
     EXPECT_THAT(committed(), ElementsAre("first"));
@@ -171,6 +175,7 @@ TEST_F(GroupResolverTest, PausesBetweenTwoCommitsAndGoesOn) {
     settle();
     EXPECT_THAT(committed(), ElementsAre("first"));
     resolver_->suspendRequestedIs(false);
+    resolver_->maybeUpdateSuspend();
     settle();
     EXPECT_THAT(committed(), ElementsAre("first", "second", "third"));
     EXPECT_THAT(told, ElementsAre(true, false));
@@ -220,6 +225,46 @@ TEST_F(GroupResolverTest, DropsWhatATableLeavesBehindWhereverItWaits) {
     EXPECT_THAT(committed(), IsEmpty());
 }
 
+/// A dropped change may hold the last reference on another table, which then comes to the resolver
+/// too.
+TEST_F(GroupResolverTest, LetsWhatIsDroppedEndAnotherTable) {
+    auto other = Brumo::make<FakeTable>(resolver_);
+    const auto owns = [&other](const Change& change) {
+        change->onCommit = [kept = other] { static_cast<void>(kept); };
+    };
+    const auto ofOther = [&](std::uint64_t key, EntryFlags flags = EntryFlags::write) {
+        const auto made = Brumo::make<FakeChange>(journal_, other.get(), key, "other", flags);
+        resolver_->resolverQueueEnq(made);
+        return made;
+    };
+    for (const std::uint64_t key : {1U, 2U}) {
+        owns(waiting("waiting", key, blocker_));
+        ofOther(key)->waitsFor = {Blocker::Cause::resource, blocker_};
+        const Change full = queued("full", 10 + key);
+        full->waitsFor = {Blocker::Cause::logFull, nullptr};
+        owns(full);
+        ofOther(10 + key)->waitsFor = {Blocker::Cause::logFull, nullptr};
+    }
+    settle();
+    for (const std::uint64_t key : {21U, 22U}) {
+        owns(queued("ready", key));
+        owns(queued("follower", key));
+        ofOther(key);
+        ofOther(key);
+    }
+    owns(queued("all", 0, EntryFlags::tableDelete));
+    owns(queued("held", 3));
+    ofOther(0, EntryFlags::tableDelete);
+    ofOther(3);
+    other = nullptr;
+    table_ = nullptr;
+    EXPECT_EQ(resolver_->queued(), 0U);
+    blocker_->publisher().publish(1);
+    resolver_->updateGenId();
+    settle();
+    EXPECT_THAT(committed(), IsEmpty());
+}
+
 TEST_F(GroupResolverTest, HoldsEverythingWhileThereIsNoRoomAndThenGoesOn) {
     bool room = false;
     resolver_->hasRoomIs([&room] { return room; });
@@ -255,6 +300,44 @@ TEST_F(GroupResolverTest, AsksOneChangeATableWhetherAFullLogHasRoom) {
     resolver_->updateGenId();
     settle();
     EXPECT_EQ(committed().size(), 1000U);
+}
+
+TEST_F(GroupResolverTest, AsksWhatWaitsForAFullLogAfterAPauseThatCameBefore) {
+    const Change full = queued("full", 1);
+    full->waitsFor = {Blocker::Cause::logFull, nullptr};
+    settle();
+    full->waitsFor = {};
+    resolver_->updateGenId();
+    resolver_->suspendRequestedIs(true);
+    resolver_->maybeUpdateSuspend();
+    settle();
+    EXPECT_THAT(committed(), IsEmpty());
+    resolver_->suspendRequestedIs(false);
+    resolver_->maybeUpdateSuspend();
+    settle();
+    EXPECT_THAT(committed(), ElementsAre("full"));
+}
+
+TEST_F(GroupResolverTest, AsksTheOthersThatWaitForAFullLogAfterAPause) {
+    std::vector<Change> changes;
+    for (std::uint64_t key = 1; key <= 3; ++key) {
+        changes.push_back(queued("full", key));
+        changes.back()->waitsFor = {Blocker::Cause::logFull, nullptr};
+    }
+    settle();
+    for (const Change& change : changes)
+        change->waitsFor = {};
+    changes[0]->onCommit = [this] {
+        resolver_->suspendRequestedIs(true);
+        resolver_->maybeUpdateSuspend();
+    };
+    resolver_->updateGenId();
+    settle();
+    EXPECT_EQ(committed().size(), 1U);
+    resolver_->suspendRequestedIs(false);
+    resolver_->maybeUpdateSuspend();
+    settle();
+    EXPECT_EQ(committed().size(), 3U);
 }
 
 TEST_F(GroupResolverTest, ParksAgainWhatFindsAnotherBlocker) {
