@@ -68,6 +68,7 @@ auto SwTable<B>::entryWriteWithResponseHandler(const Key& key, const Entry& entr
                                                const ResponseHandler& handler)
     -> Brumo::Ptr<const EntryHandle> {
     Traces<B>::swTable(8, " key: {}", key);
+    const Brumo::Ptr<SwTable> keep(this);  // an observer may drop the table
     return withLinkages([&](const auto&... linkages) {
         return OrderedSwTableAccessor<B>::entryWriteGeneric(self(), key, entry, dependency, handler,
                                                             linkages...);
@@ -86,6 +87,7 @@ auto SwTable<B>::entryRemoveWithResponseHandler(const Key& key, const Dependency
                                                 const ResponseHandler& handler)
     -> Brumo::Ptr<const EntryHandle> {
     Traces<B>::swTable(8, " key: {}", key);
+    const Brumo::Ptr<SwTable> keep(this);  // an observer may drop the table
     return OrderedSwTableAccessor<B>::entryRemoveGeneric(self(), key, dependency, handler);
 }
 
@@ -99,12 +101,14 @@ template <class B>
 void SwTable<B>::entryRemoveAllWithResponseHandler(const DependencyPtr& dependency,
                                                    const ResponseHandler& handler) {
     Traces<B>::swTable(8, "");
+    const Brumo::Ptr<SwTable> keep(this);  // an observer may drop the table
     OrderedSwTableAccessor<B>::entryRemoveAllGeneric(self(), dependency, handler);
 }
 
 template <class B>
 void SwTable<B>::clearTable(bool releaseResources) {
     Traces<B>::swTable(8, "");
+    const Brumo::Ptr<SwTable> keep(this);  // an observer may drop the table
     Brumo::Ptr<EntryHandle> handle;
     withLinkages([&](const auto&... linkages) {
         OrderedSwTableAccessor<B>::delAllEntries(self(), releaseResources, nullptr, handle,
@@ -126,6 +130,7 @@ bool SwTable<B>::isResolverEntryResolved(const Brumo::Ptr<ResolverEntry<B>>& res
 template <class B>
 void SwTable<B>::commitEntry(const Brumo::Ptr<Asic::ResolverEntry>& resolverEntry) {
     Traces<B>::swTable(8, "");
+    const Brumo::Ptr<SwTable> keep(this);  // a hook or handler may drop the table
     withLinkages([&](const auto&... linkages) {
         OrderedSwTableAccessor<B>::commitEntry(self(), resolverEntry, linkages...);
     });
@@ -214,6 +219,7 @@ auto SwTable<B>::getTableEntries_py() -> SwTableEntries_py& {
 template <class B>
 void SwTable<B>::restoreEntries() {
     Traces<B>::swTable(8, "");
+    const Brumo::Ptr<SwTable> keep(this);  // a hook may drop the table
     withLinkages([&](const auto&... linkages) {
         OrderedSwTableAccessor<B>::restoreEntries(self(), linkages...);
     });

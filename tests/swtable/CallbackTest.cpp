@@ -284,4 +284,70 @@ TYPED_TEST(Callback, OfATablesObserverMayReadWhatHasChanged) {
     EXPECT_EQ(staged, (std::vector<bool>{true, false})) << "staged, then on its way into the log";
 }
 
+/// Each operation holds the table until it has ended.
+TYPED_TEST(Callback, OfATablesObserverMayDropTheLastReference) {
+    const auto resolver = this->table->groupResolver();
+    using Act = std::function<void(typename TypeParam::SwTable&)>;
+    const std::vector<Act> operations{
+        [&](auto& own) { own.entryWrite(this->key(1), this->entry(1), nullptr); },
+        [&](auto& own) { own.entryRemove(this->key(1), nullptr); },
+        [&](auto& own) { own.entryRemoveAll(nullptr); },
+    };
+    const auto family = this->table;
+    for (const Act& operation : operations) {
+        this->table = family;
+        this->becomeSoleOwner();
+        const auto subscription =
+            this->table->publisher().subscribe([&](const Kiv::Change&) { this->table = nullptr; });
+        operation(*this->table);
+        EXPECT_EQ(this->table, nullptr);
+        EXPECT_EQ(resolver->queued(), 0U);
+    }
+}
+
+TYPED_TEST(Callback, OfAHookMayDropTheLastReferenceInADirectCommit) {
+    this->becomeSoleOwner();
+    this->table->swTableHelperIs(
+        Brumo::make<ActingHelper<TypeParam>>([&](bool) { this->table = nullptr; }));
+    const auto change = this->change(Asic::EntryFlags::write, this->wrapper(1));
+    this->commit(change);
+    EXPECT_EQ(this->table, nullptr);
+    EXPECT_EQ(change->entryWrapper()->entryHandle()->logVersion().value, 1U);
+}
+
+/// The action table alone has resources that are given up, or taken up again, on the way.
+class ActionCallback : public Callback<PolicyCpuTcamActionBinding> {
+protected:
+    void becomeSoleOwnerWithLinkages() {
+        using Counter = CrpsIndexRequestBinding;
+        becomeSoleOwner();
+        table->linkageIs<Counter>(policyCpuTcamActionCrpsIndexRequestLinkageFactory(
+            table.get(), agent.counters()->makeClientInstance()));
+    }
+};
+
+TEST_F(ActionCallback, OfAHookMayDropTheLastReferenceWhileEntriesAreRestored) {
+    struct Dropping final : PolicyCpuTcamActionSwTableHelperBase {
+        bool finalizeOnResourceUpdate(const WrapperPtr&, const TablePtr&, bool) override {
+            drop();
+            return true;
+        }
+        std::function<void()> drop;
+    };
+    for (std::uint32_t number = 1; number <= 3; ++number)
+        table->entryWrite(actionKey(number), actionEntry(number, number), nullptr);
+    agent.settle();
+    becomeSoleOwnerWithLinkages();
+    const auto helper = Brumo::make<Dropping>();
+    int calls = 0;
+    helper->drop = [&] {
+        ++calls;
+        table = nullptr;
+    };
+    table->swTableHelperIs(helper);
+    table->restoreEntries();
+    EXPECT_EQ(table, nullptr);
+    EXPECT_EQ(calls, 3) << "the restore is finished before the table goes";
+}
+
 }  // namespace
