@@ -192,11 +192,6 @@ void OrderedSwTableAccessor<B>::commitWrite(Table& table, const Resolver& change
     if (change.dependantEntryHandle() != nullptr) {
         needed->add(change.dependantEntryHandle()->entryTableVersion());
     }
-    if (!table.entryLog()->entryHasRoom(wrapper->key(), table.unitId())) {
-        Traces<B>::engine.in("commitEntry", 1, "Failed to commit entry key: {}", wrapper->key());
-        answer(handle, Asic::EntryState::failed);
-        return;
-    }
     const Asic::LogVersion version = table.entryLog()->entryIs(
         wrapper->logEntry(), wrapper->rsrcKeys(), needed, table.unitId(), table.stats(), false);
     handle->logVersionIs(version);
@@ -210,21 +205,26 @@ void OrderedSwTableAccessor<B>::commitWrite(Table& table, const Resolver& change
 }
 
 /// Runs the hooks of a write and clears what was staged. False when the write has failed and was
-/// answered.
+/// answered: a resource failed and the hook does not want the entry all the same, or the
+/// configuration has no room for its key. Room is asked for before any hook: one that was told of
+/// success must not see the write fail.
 template <class B>
 template <class... L>
 bool OrderedSwTableAccessor<B>::finalizeWrite(Table& table, const WrapperPtr& wrapper,
                                               const HandlePtr& handle, const L&... linkages) {
     const Brumo::Ptr<const Table> tablePtr(&table);
-    if (checkResolveSuccess(wrapper, linkages...)) {
+    const bool hasRoom = table.entryLog()->entryHasRoom(wrapper->key(), table.unitId());
+    const bool resolved = checkResolveSuccess(wrapper, linkages...);
+    if (!resolved)
+        table.stats()->resolveFailCntInc(1);
+    if (resolved && hasRoom) {
         wrapper->finalizeOnSuccess(tablePtr, false);
         clearTransient(table, wrapper->key(), handle->entryVersion(), false);
         return true;
     }
-    table.stats()->resolveFailCntInc(1);
     const bool commitAllTheSame = wrapper->finalizeOnFailure(tablePtr, false) != 0;
     clearTransient(table, wrapper->key(), handle->entryVersion(), false);
-    if (commitAllTheSame)
+    if (commitAllTheSame && hasRoom)
         return true;
     Traces<B>::engine.in("commitEntry", 1, "Failed to commit entry key: {}", wrapper->key());
     answer(handle, Asic::EntryState::failed);

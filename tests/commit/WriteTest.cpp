@@ -108,25 +108,45 @@ TYPED_TEST(WriteCommit, TurnsTheFamilysPendingWritesOn) {
     EXPECT_TRUE(this->table->status()->pendingHwWrites());
 }
 
+/// Hooks that ask for a pause, which nobody takes up but the engine.
+template <class B>
+struct PausingHelper final : SwTableHelperBase<B> {
+    using Base = SwTableHelperBase<B>;
+    void finalizeOnSuccess(const typename Base::WrapperPtr&, bool,
+                           const typename Base::TablePtr& swTable) override {
+        swTable->groupResolver()->suspendRequestedIs(true);
+        suspendedAtHook = swTable->groupResolver()->suspended();
+    }
+    bool suspendedAtHook = false;
+};
+
 TYPED_TEST(WriteCommit, TakesUpAPauseThatTheHookAskedForRightAfterIt) {
-    struct Pausing final : SwTableHelperBase<TypeParam> {
-        void finalizeOnSuccess(
-            const typename SwTableHelperBase<TypeParam>::WrapperPtr&, bool,
-            const typename SwTableHelperBase<TypeParam>::TablePtr& swTable) override {
-            resolver = swTable->groupResolver();
-            resolver->suspendRequestedIs(true);
-            resolver->suspendRequestedIs(false);
-        }
-        Brumo::Ptr<Asic::GroupResolver> resolver;
-    };
-    const auto helper = Brumo::make<Pausing>();
+    const auto helper = Brumo::make<PausingHelper<TypeParam>>();
     this->table->swTableHelperIs(helper);
     const auto first = this->write(1);
     const auto second = this->write(2);
+    const auto resolver = this->table->groupResolver();
     this->agent.settle();
-    EXPECT_FALSE(helper->resolver->suspended());
+    EXPECT_TRUE(resolver->suspended());
+    EXPECT_FALSE(helper->suspendedAtHook);
     EXPECT_EQ(first->entryState(), Asic::EntryState::written);
+    EXPECT_EQ(second->entryState(), Asic::EntryState::created);
+    resolver->suspendRequestedIs(false);
+    resolver->maybeUpdateSuspend();
+    this->agent.settle();
     EXPECT_EQ(second->entryState(), Asic::EntryState::written);
+}
+
+TYPED_TEST(WriteCommit, TakesAPauseUpBeforeItTellsTheFamily) {
+    this->table->swTableHelperIs(Brumo::make<PausingHelper<TypeParam>>());
+    const auto& resolver = this->table->groupResolver();
+    std::vector<std::string> order;
+    const auto status = this->table->status()->publisher().subscribe(
+        [&](const Kiv::Change&) { order.push_back("family"); });
+    const auto suspended =
+        resolver->publisher().subscribe([&](const Kiv::Change&) { order.push_back("resolver"); });
+    this->commit(this->change(Asic::EntryFlags::write, this->wrapper(1)));
+    EXPECT_EQ(order, (std::vector<std::string>{"resolver", "family"}));
 }
 
 // What the change needs.
@@ -213,6 +233,91 @@ TYPED_TEST(WriteCommit, AnswersMayCallBackIntoTheTable) {
     EXPECT_FALSE(this->table->entryHas(this->key(1)));
     EXPECT_EQ(this->version(), 2U);
     this->table->assertConsistent();
+}
+
+// A full configuration.
+
+template <class B>
+class FullConfiguration : public SwTableFixture<B> {
+protected:
+    /// Takes a unit whose configuration is small, and fills it; `last` is the first without room.
+    void SetUp() override {
+        const std::uint64_t before = KivShimo::EntityManager::capacityCeiling();
+        KivShimo::EntityManager::capacityCeilingIs(4);
+        this->table = tableOf<B>(this->agent, 2);
+        KivShimo::EntityManager::capacityCeilingIs(before);
+        for (; last <= 4; ++last)
+            this->committed(last);
+        this->acknowledged();
+        ASSERT_FALSE(this->table->entryLog()->entryHasRoom(this->key(last), this->table->unitId()));
+    }
+    void acknowledged() {
+        this->agent.acknowledgeAll();
+        this->agent.settle();
+    }
+
+    std::uint32_t last = 1;
+};
+TYPED_TEST_SUITE(FullConfiguration, AllBindings, TableName);
+
+TYPED_TEST(FullConfiguration, FailsTheWriteOfANewKeyBeforeAnythingIsDoneForIt) {
+    const auto helper = this->notingHelper();
+    helper->commitFailed = 1;  // no hook can have committed what has no room
+    const std::uint64_t before = this->version();
+    const std::uint64_t commits = this->table->stats()->commitCnt();
+    Answers answers;
+    const TraceCapture traces;
+    const auto handle = this->table->entryWriteWithResponseHandler(
+        this->key(this->last), this->entry(this->last), nullptr, answers.handler());
+    this->agent.settle();
+    EXPECT_EQ(handle->entryState(), Asic::EntryState::failed);
+    EXPECT_EQ(answers.count, 1);
+    EXPECT_EQ(answers.last, handle);
+    EXPECT_EQ(helper->calls, std::vector<std::string>{"failure"});
+    EXPECT_TRUE(helper->stagedAtHook);
+    EXPECT_EQ(this->version(), before);
+    EXPECT_EQ(handle->logVersion().value, 0U);
+    EXPECT_TRUE(
+        traces.has(this->name(), 1, "Failed to commit entry key: " + this->text(this->last)));
+    EXPECT_EQ(this->table->transientAddEntrys(), 0U);
+    EXPECT_EQ(this->table->transientVersionForKeys(), 0U);
+    EXPECT_EQ(this->table->stats()->commitCnt(), commits + 1);
+    EXPECT_EQ(this->table->stats()->resolveFailCnt(), 0U);
+    EXPECT_FALSE(this->table->status()->pendingHwWrites());
+    this->acknowledged();
+    EXPECT_EQ(answers.count, 1);
+    this->table->assertConsistent();
+}
+
+TYPED_TEST(FullConfiguration, LeavesALaterChangeOfTheKeyStaged) {
+    this->write(this->last);
+    this->remove(this->last);
+    this->commit(this->change(Asic::EntryFlags::write, this->wrapper(this->last, 0, {0, 0})));
+    EXPECT_NE(this->table->transientRemoveEntry(this->key(this->last)), nullptr);
+    EXPECT_TRUE(this->table->transientVersionForKey(this->key(this->last)).isEq({1, 0}));
+}
+
+TYPED_TEST(FullConfiguration, StillTakesANewValueOfAKeyThatItHas) {
+    const auto helper = this->notingHelper();
+    const auto handle = this->write(1, 7);
+    this->agent.settle();
+    EXPECT_EQ(handle->entryState(), Asic::EntryState::written);
+    EXPECT_EQ(helper->calls, std::vector<std::string>{"success"});
+    EXPECT_EQ(this->table->entryFromConfig(this->key(1)), this->entry(1, 7));
+}
+
+TYPED_TEST(FullConfiguration, TakesANewKeyOnceAnotherWasRemovedAndCleanedUp) {
+    this->committed(this->last);
+    EXPECT_FALSE(this->table->entryHas(this->key(this->last)));
+    this->remove(1);
+    this->agent.settle();
+    this->acknowledged();
+    const auto handle = this->write(this->last);
+    this->agent.settle();
+    EXPECT_EQ(handle->entryState(), Asic::EntryState::written);
+    EXPECT_EQ(this->table->entryFromConfig(this->key(this->last)), this->entry(this->last));
+    this->acknowledged();
+    EXPECT_EQ(handle->entryState(), Asic::EntryState::complete);
 }
 
 // Assertions.
