@@ -86,6 +86,9 @@ void Linkage<B, L>::updateLocalUsage(const WrapperPtr& wrapper, const Entry& old
 
 template <class B, class L>
 void Linkage<B, L>::handleResourceChangeAtInit() {
+    // A hook may drop the table, and with it the linkage.
+    const Brumo::Ptr<Linkage> keep(this);
+    const Brumo::Ptr<typename B::SwTable> keepTable(swTable_);
     for (const auto* node = entryUsageSm_.first(); node != nullptr;) {
         const ResourceKey key = node->key;
         const UsageSmPtr machine = node->value;

@@ -97,6 +97,9 @@ struct SwTableResourceAccessor {
             Traces::accessor(3, "Ignoring change for resourceKey: {} ", machine->resourceKey());
             return;
         }
+        // A hook may drop the table, and with it the linkage.
+        const Brumo::Ptr<LinkageType> keepLinkage(&linkage);
+        const Brumo::Ptr<typename B::SwTable> keepTable(linkage.swTable());
         DependencyPtr last;
         const auto& users = machine->entryUsage();
         // A hook may change the set under the walk, so each step looks its place up again.

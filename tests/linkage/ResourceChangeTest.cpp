@@ -138,6 +138,56 @@ TYPED_TEST(ResourceChange, AtInitIsHandledOnceForEachResourceInOrder) {
     EXPECT_EQ(expected.size(), 8U);
 }
 
+/// A table that nothing but the test holds, whose hook drops it at the first update.
+template <class Side>
+class LastReference : public LinkageFixture<Side> {
+protected:
+    using typename LinkageFixture<Side>::B;
+    using typename LinkageFixture<Side>::L;
+
+    struct Dropping final : PolicyCpuTcamActionSwTableHelperBase {
+        bool finalizeOnResourceUpdate(const WrapperPtr&, const TablePtr&, bool) override {
+            ++calls;
+            drop();
+            return true;
+        }
+        std::function<void()> drop;
+        int calls = 0;
+    };
+
+    void SetUp() override {
+        this->table = Brumo::make<PolicyCpuTcamActionSwTable>(nullptr, B::kTableId, Asic::UnitId{1},
+                                                              nullptr, this->table->entryLog(),
+                                                              this->table->groupResolver());
+        this->table->template linkageIs<L>(
+            Brumo::make<Linkage<B, L>>(this->table.get(), this->resources().makeClientInstance()));
+        this->committedAction(1, 5);
+        this->committedAction(2, 5);
+        helper->drop = [this] { this->table = nullptr; };
+        this->table->swTableHelperIs(helper);
+    }
+
+    Brumo::Ptr<Dropping> helper = Brumo::make<Dropping>();
+};
+TYPED_TEST_SUITE(LastReference, BothSides, SideName);
+
+TYPED_TEST(LastReference, MayGoWithTheHookOfAResourceChange) {
+    const TraceCapture traces;
+    ASSERT_TRUE(this->resources().move(this->rkey(5)));
+    this->agent.settle();
+    EXPECT_EQ(this->table, nullptr);
+    EXPECT_EQ(this->helper->calls, 2) << "the table lives until all users are up to date";
+    EXPECT_EQ(this->calls(traces, "ackUpdate"), 1U);
+}
+
+TYPED_TEST(LastReference, MayGoWithTheHookOfAChangeAtInit) {
+    const TraceCapture traces;
+    this->linkage().handleResourceChangeAtInit();
+    EXPECT_EQ(this->table, nullptr);
+    EXPECT_EQ(this->helper->calls, 2);
+    EXPECT_EQ(this->calls(traces, "ackUpdate"), 1U);
+}
+
 // The real resource tables: moves, failures, exhaustion.
 
 TYPED_TEST(ResourceChange, OfAMoveBringsTheNewIndexToAllUsers) {
