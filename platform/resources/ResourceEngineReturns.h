@@ -33,7 +33,7 @@ void ResourceEngine<Binding>::ackUpdate(ClientId client, const Handle& handle,
         found->users.push_back(client);
     }
     noteTable(*found, entry);
-    endUses(client, handle.key(), updateVersion, entry);
+    endUses(client, handle.key(), updateVersion, entry, true);
 }
 
 template <class Binding>
@@ -43,7 +43,7 @@ void ResourceEngine<Binding>::release(ClientId client, const Handle& handle, con
     if (found == nullptr)
         return;
     noteTable(*found, entry);
-    endUses(client, handle.key(), std::numeric_limits<std::uint32_t>::max(), entry);
+    endUses(client, handle.key(), std::numeric_limits<std::uint32_t>::max(), entry, false);
     if (found->index)
         waits_.waitFor(*found->index, entry);
     std::erase(found->users, client);
@@ -69,20 +69,29 @@ void ResourceEngine<Binding>::noteTable(Allocation& allocation, const Entry& ent
         store_->write(recordOf(allocation, *allocation.index));
 }
 
-/// The client uses no index of the key that was replaced at or before `updateVersion`.
+/// The client uses no index of the key that was replaced at or before `updateVersion`, once the
+/// hardware has the entry's change. `forAllUsers`: the entry is one user of many, and not always
+/// the one with the highest version: an update that another resource brought about may have given
+/// others their new index later. So all that the table has handed out is waited for.
 template <class Binding>
 void ResourceEngine<Binding>::endUses(ClientId client, const Key& key, std::uint32_t updateVersion,
-                                      const Entry& entry) {
+                                      const Entry& entry, bool forAllUsers) {
     const std::vector<std::uint32_t>* held = returningOf_.find(key);
     if (held == nullptr)
         return;
+    TableVersion last;
+    if (forAllUsers && entry != nullptr && group_ != nullptr)
+        last = {entry->tableId(), group_->handedOut(entry->tableId())};
     const std::vector<std::uint32_t> indexes = *held;  // ending a return changes the list
     for (const std::uint32_t index : indexes) {
         Returning& returning = returning_.at(index);
         const bool ended = updateVersion >= returning.replacedAt &&
                            std::erase(returning.unacknowledged, client) > 0;
-        if (ended || returning.untilSwept)
+        if (ended || returning.untilSwept) {
             waits_.waitFor(index, entry);
+            if (last.version.value != 0)
+                waits_.waitFor(index, last);
+        }
         maybeEndReturn(index);
     }
 }

@@ -263,6 +263,33 @@ TYPED_TEST(ResourceChange, MayRemoveAUserFromWithinTheHook) {
     EXPECT_EQ(this->steps(traces).size(), 2U) << "one update, one acknowledgement";
 }
 
+/// Both orders: the update of the last user in the set's order may have either version.
+TYPED_TEST(ResourceChange, OfSeveralAtOnceReturnsAnIndexOnlyWhenAllUpdatesAreAcknowledged) {
+    using Other =
+        std::conditional_t<std::is_same_v<TypeParam, CounterSide>, PolicerSide, CounterSide>;
+    for (const bool upwards : {true, false}) {
+        for (std::uint32_t number : {1U, 2U}) {
+            auto shared = this->action(number, 5);
+            Other::request(shared, 10 + number);
+            this->table->entryWrite(this->key(number), shared, nullptr);
+        }
+        this->agent.settle();
+        this->agent.acknowledgeAll();
+        const std::uint64_t before = this->version();
+        auto& others = Other::resources(this->agent);
+        ASSERT_TRUE(others.move({upwards ? 11U : 12U, 0, 0}));
+        ASSERT_TRUE(others.move({upwards ? 12U : 11U, 0, 0}));
+        ASSERT_TRUE(this->resources().move(this->rkey(5)));
+        this->agent.settle();
+        ASSERT_EQ(this->version(), before + 2) << "one update brings both of an entry's indexes";
+        this->agent.acknowledge(this->table->tableId(), before + 1);
+        EXPECT_EQ(this->resources().pool().returning, 1U) << "an entry still has the old index";
+        this->agent.acknowledge(this->table->tableId(), before + 2);
+        EXPECT_EQ(this->resources().pool().returning, 0U);
+        this->resources().assertConsistent();
+    }
+}
+
 /// Pools of one index.
 template <class Side>
 class SmallPool : public LinkageFixture<Side> {

@@ -134,10 +134,12 @@ private:
         }
         return newest;
     }
-    void endUses(std::uint32_t number, std::uint32_t id, const Entry& entry) {
+    /// `last` stands for all that was handed out; null when only the entry is waited for.
+    void endUses(std::uint32_t number, std::uint32_t id, const Entry& entry, const Entry& last) {
         for (auto& [index, returning] : returning_) {
             if (returning.id == id && returning.owed.erase(number) > 0) {
                 waits_[index].push_back(entry);
+                waits_[index].push_back(last);
             }
         }
     }
@@ -146,14 +148,15 @@ private:
             return;
         w_.ack(client(number), held_[id], entry);
         allocations_[id].users.insert(number);
-        endUses(number, id, entry);
+        const bool last = entry != nullptr && handedOut_ != 0;
+        endUses(number, id, entry, last ? w_.entry(handedOut_) : nullptr);
     }
     void release(std::uint32_t number, std::uint32_t id, const Entry& entry) {
         if (!held_.contains(id))
             return;
         w_.release(client(number), held_[id], entry);
         Allocation& allocation = allocations_[id];
-        endUses(number, id, entry);
+        endUses(number, id, entry, nullptr);
         if (allocation.index)
             waits_[*allocation.index].push_back(entry);
         allocation.users.erase(number);

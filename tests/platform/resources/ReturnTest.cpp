@@ -144,6 +144,39 @@ TYPED_TEST(ResourceReturn, OfAReplacedIndexNeedsItsAcknowledgement) {
     EXPECT_EQ(w.table->pool(), (Asic::ResourcePoolFigures{2, 1, 0}));
 }
 
+/// The handle of an update need not be the table's latest change.
+TYPED_TEST(ResourceReturn, OfAReplacedIndexNeedsAllThatTheTableHasHandedOut) {
+    auto& w = this->world;
+    const auto handle = w.use(w.a, 1);
+    w.table->move(w.key(1));
+    w.turn();
+    w.kept->handedOut[kUserTable] = {7};
+    w.ack(w.a, handle, w.entry(5));
+    w.acknowledge(6);
+    EXPECT_EQ(w.returning(), 1U);
+    w.acknowledge(7);
+    EXPECT_EQ(w.returning(), 0U);
+}
+
+TYPED_TEST(ResourceReturn, OfAReplacedIndexIsImmediateWithoutAnEntryWhateverWasHandedOut) {
+    auto& w = this->world;
+    const auto handle = w.use(w.a, 1);
+    w.table->move(w.key(1));
+    w.turn();
+    w.kept->handedOut[kUserTable] = {7};
+    w.ack(w.a, handle, nullptr);
+    EXPECT_EQ(w.returning(), 0U);
+}
+
+TYPED_TEST(ResourceReturn, OfAReleasedIndexNeedsItsOwnEntryOnly) {
+    auto& w = this->world;
+    const auto handle = w.use(w.a, 1);
+    w.kept->handedOut[kUserTable] = {7};
+    w.release(w.a, handle, w.entry(5));
+    w.acknowledge(5);
+    EXPECT_EQ(w.returning(), 0U);
+}
+
 TYPED_TEST(ResourceReturn, OfAReplacedIndexNeedsAllUsers) {
     auto& w = this->world;
     const auto handle = w.use(w.a, 1);
