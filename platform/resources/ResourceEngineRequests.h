@@ -85,9 +85,8 @@ void ResourceEngine<Binding>::dataIs(Allocation& allocation, const ClientData& d
     allocation.data = data;
     if (allocation.handle != nullptr)
         showData(*allocation.handle, data);
-    if (!allocation.index)
-        return;
-    newVersion(allocation);
+    if (allocation.index)
+        newVersion(allocation);
     if (allocation.state == EntryState::created)
         return;  // its answer is still to come
     trace_(3, "key: {}, new clientData: {}", allocation.key, data);

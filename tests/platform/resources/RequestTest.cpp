@@ -249,6 +249,7 @@ VornPolicerLib::PolicerIndexRequestClientData rate(std::uint64_t value) {
 class PolicerRequest : public ::testing::Test {
 protected:
     World<VornPolicerLib::PolicerBinding> w{3};
+    std::vector<World<VornPolicerLib::PolicerBinding>::HandlePtr> held;
 };
 
 TEST_F(PolicerRequest, WithOtherClientDataSetsThePolicerAnewInPlace) {
@@ -284,6 +285,25 @@ TEST_F(PolicerRequest, BeforeItsAnswerMayChangeItsClientData) {
     w.turn();
     EXPECT_EQ(publications.count(), 1);
     EXPECT_EQ(handle->clientData(), rate(20));
+}
+
+TEST_F(PolicerRequest, ThatFoundNoIndexPublishesOtherClientData) {
+    for (std::uint32_t id = 1; id <= 3; ++id)
+        held.push_back(w.use(w.a, id));
+    const auto handle = w.request(w.a, 4, rate(10));
+    w.turn();
+    ASSERT_EQ(handle->entryState(), EntryState::exhausted);
+    const auto version = handle->updateVersion();
+    const auto announced = w.kept->announced.size();
+    const Publications<VornPolicerLib::PolicerResourceHandle> publications(handle);
+    w.request(w.a, 4, rate(20));
+    EXPECT_EQ(publications.count(), 0) << "on a later turn";
+    w.turn();
+    EXPECT_EQ(publications.count(), 1);
+    EXPECT_EQ(handle->updateVersion(), version + 1);
+    EXPECT_EQ(handle->clientData(), rate(20));
+    EXPECT_EQ(handle->entryState(), EntryState::exhausted);
+    EXPECT_EQ(w.kept->announced.size(), announced) << "there is nothing to program";
 }
 
 TEST_F(PolicerRequest, ChangesInOneTurnArePublishedOnce) {
