@@ -195,6 +195,20 @@ TEST_F(FailedResource, ClearsStagedStateAfterTheHookWhateverItSays) {
     }
 }
 
+TEST_F(FailedResource, LeavesALaterChangeOfTheKeyStaged) {
+    for (const std::uint32_t answer : {0U, 1U}) {
+        helper->commitFailed = answer;
+        write(1, 1);
+        write(1, 2);
+        const auto latest = table->transientVersionForKey(key(1));
+        commit(change(Flags::write, withResources(State::resourceFailed, State::complete)));
+        ASSERT_NE(table->transientAddEntry(key(1)), nullptr);
+        EXPECT_EQ(table->entryRead(key(1)), entry(1, 2));
+        EXPECT_TRUE(table->transientVersionForKey(key(1)).isEq(latest));
+        table->assertConsistent();
+    }
+}
+
 class ExhaustedPool : public SwTableFixture<PolicyCpuTcamActionBinding> {
 protected:
     ExhaustedPool() : SwTableFixture({.counters = 1}) {

@@ -149,6 +149,17 @@ TYPED_TEST(RemoveAllCommit, OfAnEmptyTableWritesNothingAndLeavesTheHandleInState
     EXPECT_EQ(this->table->stats()->tableClearCnt(), 0U);
 }
 
+/// The version of a remove-all is that of the table, not of its handle.
+TYPED_TEST(RemoveAllCommit, NeedsNoVersionOfItsHandle) {
+    this->committed(1);
+    this->table->transientRemoveAllVersionIs({0});
+    const auto wrapper = this->wrapper(0, 0, Asic::EntryVersion{});
+    this->commit(this->change(Asic::EntryFlags::tableDelete, wrapper));
+    EXPECT_EQ(this->version(), 2U);
+    EXPECT_FALSE(this->table->entryHas(this->key(1)));
+    EXPECT_FALSE(this->table->transientRemoveAllVersion().valid());
+}
+
 TYPED_TEST(RemoveAllCommit, LowersTheCountOfThoseInFlight) {
     this->table->entryRemoveAll(nullptr);
     this->table->entryRemoveAll(nullptr);

@@ -144,6 +144,17 @@ TEST_F(ActionResolution, NamesTheResourceKeyThatItWaitsFor) {
     EXPECT_EQ(change->blocker().entity, change->entryWrapper()->counterRequestKeyResPtr());
 }
 
+TEST_F(ActionResolution, NamesThePolicersKeyWhenOnlyThatIsWaitedFor) {
+    const auto change =
+        this->change(Flags::write, Brumo::make<Wrapper>(actionEntry(1, 0, 6), handle(1)));
+    const TraceCapture traces;
+    EXPECT_FALSE(table->isResolverEntryResolved(change));
+    EXPECT_TRUE(traces.has(name(), 3,
+                           "SwTable key: " + actionKey(1).toText() +
+                               ", resourceKey: 00000006/0 is still unresolved!"));
+    EXPECT_EQ(change->blocker().entity, change->entryWrapper()->policerRequestKeyResPtr());
+}
+
 TEST_F(ActionResolution, TakesFailedResourcesForResolved) {
     for (const std::uint8_t failed : {std::uint8_t{3}, std::uint8_t{5}, std::uint8_t{6}}) {
         const auto wrapper = this->wrapper(1);

@@ -110,6 +110,28 @@ TYPED_TEST(ResourceChange, OfUsersThatAreGoneIsAcknowledgedWithoutAHandle) {
     EXPECT_EQ(this->resources().pool().returning, 0U);
 }
 
+TYPED_TEST(ResourceChange, IsAcknowledgedWithTheLastUserThatIsStillThere) {
+    this->committedAction(1, 5);
+    this->agent.acknowledgeAll();
+    const auto machine = this->machine(5);
+    std::uint32_t absent = 2;
+    for (;; ++absent) {
+        ASSERT_LT(absent, 100U);
+        machine->entryUsageIs(this->key(absent));
+        if (machine->entryUsage().after(this->key(absent)) == nullptr)
+            break;
+        machine->entryUsageDel(this->key(absent));
+    }
+    const TraceCapture traces;
+    ASSERT_TRUE(this->resources().move(this->rkey(5)));
+    this->agent.settle();
+    EXPECT_EQ(this->steps(traces),
+              (Messages{this->updating(1), this->updating(absent), "acknowledged"}));
+    EXPECT_EQ(this->resources().pool().returning, 1U) << "the committed user's change counts";
+    this->agent.acknowledgeAll();
+    EXPECT_EQ(this->resources().pool().returning, 0U);
+}
+
 TYPED_TEST(ResourceChange, IsNotAcknowledgedWhenAnUpdateThrows) {
     struct Throwing final : PolicyCpuTcamActionSwTableHelperBase {
         bool finalizeOnResourceUpdate(const WrapperPtr&, const TablePtr&, bool) override {
@@ -178,6 +200,17 @@ TYPED_TEST(LastReference, MayGoWithTheHookOfAResourceChange) {
     EXPECT_EQ(this->table, nullptr);
     EXPECT_EQ(this->helper->calls, 2) << "the table lives until all users are up to date";
     EXPECT_EQ(this->calls(traces, "ackUpdate"), 1U);
+}
+
+TYPED_TEST(LastReference, LeavesAMachineThatStaysSilent) {
+    const auto machine = this->machine(5);
+    const auto resource = machine->resPtr();
+    this->helper = nullptr;
+    this->table = nullptr;
+    const TraceCapture traces;
+    resource->publishState();
+    EXPECT_TRUE(traces.lines().empty());
+    EXPECT_EQ(machine->entryUsage().size(), 2U);
 }
 
 TYPED_TEST(LastReference, MayGoWithTheHookOfAChangeAtInit) {

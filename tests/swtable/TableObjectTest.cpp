@@ -523,6 +523,22 @@ TEST(TableFactories, MakeTablesOfTheirNames) {
     check(PolicyCpuV6TcamEntrySwTableIs, PolicyCpuV6TcamEntryBinding::kTableId);
 }
 
+TYPED_TEST(TableObject, HasAFactoryOfStatesForWalksThatHaveNotBegun) {
+    const Brumo::Ptr<const typename TypeParam::SwTable> swTable = this->table;
+    const Brumo::Ptr<SwTableIteratorState<TypeParam>> state = [&swTable] {
+        if constexpr (std::is_same_v<TypeParam, PolicyCpuTcamActionBinding>) {
+            return policyCpuTcamActionSwTableIteratorStateFactory(swTable);
+        } else if constexpr (std::is_same_v<TypeParam, PolicyCpuV4TcamEntryBinding>) {
+            return policyCpuV4TcamEntrySwTableIteratorStateFactory(swTable);
+        } else {
+            return policyCpuV6TcamEntrySwTableIteratorStateFactory(swTable);
+        }
+    }();
+    ASSERT_NE(state, nullptr);
+    EXPECT_EQ(state->flags(), 0U);
+    EXPECT_EQ(state->swTable(), swTable);
+}
+
 // The action table's linkages.
 
 class ActionTableLinkages : public SwTableFixture<PolicyCpuTcamActionBinding> {
