@@ -20,8 +20,8 @@ void EntryLog<B>::cleanupEntryLog(Asic::LogVersion version) {
     while (next.has_value() && *next <= version) {
         const Asic::LogVersion current = *next;
         const auto record = changeRecord(current);
+        tableEntryLog_->entryLogConfigDel(current);  // also one that nobody can read any more
         if (record.has_value()) {
-            tableEntryLog_->entryLogConfigDel(current);
             reclaim(*record);
         } else if (isWalk) {
             break;

@@ -199,6 +199,20 @@ TYPED_TEST(Cleanup, OfATableDeleteReclaimsValuesOfItsVersionOnly) {
                                       this->line(3, " deleteing all entries for unitId: 1")}));
 }
 
+TYPED_TEST(Cleanup, OfATableDeleteLeavesEarlierDeletionsToTheirOwnRecords) {
+    for (std::uint32_t number = 1; number <= 3; ++number)
+        this->write(*this->log, number);
+    const auto deletion = this->del(*this->log, 1);
+    const auto tableDelete = this->log->tableDel(nullptr, kUnit);
+    EXPECT_EQ(this->log->configEntry(this->key(1), kUnit)->version, deletion);
+    EXPECT_EQ(this->log->configEntry(this->key(2), kUnit)->version, tableDelete);
+    this->log->cleanupEntryLog(deletion);
+    EXPECT_FALSE(this->stored(1));
+    EXPECT_TRUE(this->stored(2));
+    this->log->cleanupEntryLog(tableDelete);
+    EXPECT_EQ(this->configReader().count(), 0U);
+}
+
 TYPED_TEST(Cleanup, OfAUnitWithoutConfigurationRemovesTheRecord) {
     this->write(*this->log, 1, kOtherUnit);
     const auto version = this->del(*this->log, 1, kOtherUnit);

@@ -92,8 +92,9 @@ TYPED_TEST(Corruption, FirstCleanupEndsThere) {
     this->log->cleanupEntryLog({3});
     EXPECT_EQ(this->log->tableEntryLog()->corruptions(), 1U);
     EXPECT_EQ(this->log->cleanedUpTo().value, 3U);
-    EXPECT_EQ(this->log->entryLogConfigs(), 2U);
+    EXPECT_EQ(this->log->entryLogConfigs(), 1U) << "what cannot be read is given up too";
     EXPECT_FALSE(this->logReader().find(1).has_value());
+    EXPECT_FALSE(this->logReader().find(2).has_value());
     EXPECT_TRUE(this->logReader().find(3).has_value());
 }
 
@@ -102,6 +103,8 @@ TYPED_TEST(Corruption, LaterCleanupGoesOnBehindIt) {
     this->spoilRecord(2);
     this->log->cleanupEntryLog({3});
     EXPECT_EQ(this->log->tableEntryLog()->corruptions(), 1U);
+    EXPECT_EQ(this->log->entryLogConfigs(), 0U) << "what cannot be read is given up too";
+    EXPECT_FALSE(this->logReader().find(2).has_value());
     EXPECT_FALSE(this->logReader().find(3).has_value());
     EXPECT_EQ(this->log->cleanedUpTo().value, 3U);
 }
@@ -113,6 +116,17 @@ TYPED_TEST(Corruption, ReclaimOfADeletedKeyKeepsACorruptValue) {
     EXPECT_EQ(this->reported(), 1U);
     EXPECT_EQ(this->log->entryLogConfigs(), 0U);
     EXPECT_EQ(this->log->tableConfigShimo(kUnit)->swTableEntriesCount(), 3U);
+}
+
+TYPED_TEST(Corruption, ReclaimOfATableDeleteEndsThereAndTheRecordGoes) {
+    const auto version = this->log->tableDel(nullptr, kUnit);
+    this->spoilValue(this->keys[1]);
+    this->log->cleanupEntryLog(version);
+    EXPECT_EQ(this->reported(), 1U);
+    EXPECT_EQ(this->log->entryLogConfigs(), 0U);
+    EXPECT_FALSE(this->log->configEntry(this->keys[0], kUnit).has_value());
+    EXPECT_TRUE(this->log->configEntry(this->keys[2], kUnit).has_value());
+    EXPECT_EQ(this->log->cleanedUpTo(), version);
 }
 
 }  // namespace
