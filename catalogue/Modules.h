@@ -39,9 +39,16 @@ std::string linkageAttribute() {
 
 template <class B, class... L>
 std::vector<std::string> swTableAttributes(LinkageList<L...>) {
-    return {"swTableHelper",          "transientAddEntry",         "transientRemoveEntry",
-            "transientVersionForKey", "transientRemoveAllVersion", "entryLog",
-            "groupResolver",          "entryHandleInLog",          linkageAttribute<B, L>()...};
+    return {"swTableHelper",
+            "transientAddEntry",
+            "transientRemoveEntry",
+            "transientVersionForKey",
+            "transientRemoveAllVersion",
+            "entryLog",
+            "groupResolver",
+            "entryHandleInLog",
+            linkageAttribute<B, L>()...,
+            "tableEntries"};
 }
 
 template <class B>
@@ -51,13 +58,27 @@ const Kiv::TypeData& swTableTypeData() {
     return data;
 }
 
-/// What every wrapper shows, and what those of a table with resources show of these.
+template <class B>
+const Kiv::TypeData& entryHandleTypeData() {
+    static const Kiv::TypeData data = typeDataOf<B>(
+        "SwTable::EntryHandle",
+        {"entryVersion", "logVersion", "entryState", "key", "swTable", "responseHandler"});
+    return data;
+}
+
+/// What every wrapper shows, and what those of a table with resources show of these: the handles
+/// come right after the entry's own, the values that the handles give come last.
 template <class B>
 std::vector<std::string> entryWrapperAttributes() {
-    std::vector<std::string> names{"entry",    "entryHandle", "logEntry",
-                                   "rsrcKeys", "isDeleted",   "swTableEntry"};
+    std::vector<std::string> names{"entry", "entryHandle"};
+    const std::vector<std::string> common{"logEntry", "rsrcKeys", "isDeleted", "swTableEntry"};
     if constexpr (requires { B::kResourceAttributes; }) {
-        names.insert(names.end(), B::kResourceAttributes.begin(), B::kResourceAttributes.end());
+        const auto values = B::kResourceAttributes.begin() + B::Linkages::kCount;
+        names.insert(names.end(), B::kResourceAttributes.begin(), values);
+        names.insert(names.end(), common.begin(), common.end());
+        names.insert(names.end(), values, B::kResourceAttributes.end());
+    } else {
+        names.insert(names.end(), common.begin(), common.end());
     }
     return names;
 }
@@ -78,6 +99,13 @@ const Kiv::TypeData& linkageTypeData() {
     return data;
 }
 
+/// The state machines of a linkage, one a resource key in use.
+template <class L>
+Kiv::TypeData usageSmTypeData() {
+    return {linkageTypeData<L>().name + "::LocalUsageUpdateSm",
+            {"resPtr", "parent", "resourceKey", "hasNotificationActive", "entryUsage"}};
+}
+
 template <class B>
 Kiv::Module entryLogModule() {
     return {moduleName<B>("EntryLog"), {entryLogTypeData<B>()}, {}};
@@ -95,12 +123,18 @@ Kiv::Module infraTypesModuleOf() {
 
 template <class B>
 Kiv::Module swTableModuleOf() {
-    return {moduleName<B>("SwTable"), {swTableTypeData<B>()}, {}};
+    return {moduleName<B>("SwTable"),
+            {swTableTypeData<B>(), entryHandleTypeData<B>(),
+             typeDataOf<B>("SwTableIteratorState", {"flags", "swTable", "bookmark"}),
+             typeDataOf<B>("SwTable::SwTableEntries_py", {"tableEntries"})},
+            {}};
 }
 
 template <class B, class... L>
 Kiv::Module linkageModule() {
-    return {moduleName<B>("ResourceTableLinkage"), {linkageTypeData<L>()...}, {}};
+    return {moduleName<B>("ResourceTableLinkage"),
+            {linkageTypeData<L>()..., usageSmTypeData<L>()...},
+            {}};
 }
 
 /// The one module with a factory: through it an agent enters the library.

@@ -257,6 +257,8 @@ public:
         swTableIs(swTable);
     }
 
+    const Kiv::TypeData& typeData() const override;
+
     const Key& key() const { return key_; }
     /// Must not be used after the table has gone.
     typename B::SwTable* swTable() const { return swTable_; }

@@ -53,6 +53,11 @@ const Kiv::TypeData& SwTable<B>::typeData() const {
     return swTableTypeData<B>();
 }
 
+template <class B>
+const Kiv::TypeData& SwTable<B>::EntryHandle::typeData() const {
+    return entryHandleTypeData<B>();
+}
+
 // Changes.
 
 template <class B>

@@ -164,10 +164,18 @@ TEST(LoadTimeRegistration, DescribesBothLinkagesOfTheActionTable) {
     const auto* module = Kiv::ModuleRegistry::instance().module(
         "VornPolicyCpu::PolicyCpuTcamActionResourceTableLinkage");
     ASSERT_NE(module, nullptr);
-    ASSERT_EQ(module->types.size(), 2U);
-    EXPECT_EQ(module->types[0].name, "VornPolicyCpu::PolicyCpuTcamActionCrpsIndexRequestLinkage");
-    EXPECT_EQ(module->types[1].name,
-              "VornPolicyCpu::PolicyCpuTcamActionPolicerIndexRequestLinkage");
+    ASSERT_EQ(module->types.size(), 4U);
+    const std::string counters = "VornPolicyCpu::PolicyCpuTcamActionCrpsIndexRequestLinkage";
+    const std::string policers = "VornPolicyCpu::PolicyCpuTcamActionPolicerIndexRequestLinkage";
+    EXPECT_EQ(module->types[0].name, counters);
+    EXPECT_EQ(module->types[1].name, policers);
+    EXPECT_EQ(module->types[2].name, counters + "::LocalUsageUpdateSm");
+    EXPECT_EQ(module->types[3].name, policers + "::LocalUsageUpdateSm");
+    for (const std::size_t machine : {2U, 3U}) {
+        EXPECT_EQ(module->types[machine].attributes,
+                  (std::vector<std::string>{"resPtr", "parent", "resourceKey",
+                                            "hasNotificationActive", "entryUsage"}));
+    }
 }
 
 template <class B>
@@ -187,12 +195,35 @@ TYPED_TEST(Catalogue, ModulesDescribeTheirClasses) {
     EXPECT_EQ(infra->types[0].name, "VornPolicyCpu::" + this->name("EntryWrapper"));
     EXPECT_EQ(infra->types[1].name, "VornPolicyCpu::" + this->name("ResolverEntry"));
     EXPECT_EQ(infra->types[2].name, "VornPolicyCpu::" + this->name("SwTableHelperBase"));
-    for (const char* unit : {"SwTable", "EntryLog", "Interface"}) {
+    const auto* table = this->module("SwTable");
+    ASSERT_NE(table, nullptr);
+    ASSERT_EQ(table->types.size(), 4U);
+    EXPECT_EQ(table->types[0].name, "VornPolicyCpu::" + this->name("SwTable"));
+    EXPECT_EQ(table->types[1].name, "VornPolicyCpu::" + this->name("SwTable::EntryHandle"));
+    EXPECT_EQ(table->types[2].name, "VornPolicyCpu::" + this->name("SwTableIteratorState"));
+    EXPECT_EQ(table->types[3].name, "VornPolicyCpu::" + this->name("SwTable::SwTableEntries_py"));
+    for (const char* unit : {"EntryLog", "Interface"}) {
         const auto* module = this->module(unit);
         ASSERT_NE(module, nullptr) << unit;
         ASSERT_EQ(module->types.size(), 1U) << unit;
         EXPECT_EQ(module->types[0].name, "VornPolicyCpu::" + this->name(unit));
     }
+}
+
+TYPED_TEST(Catalogue, AttributesOfWhatATableHandsOutAreInTheirOrder) {
+    const auto& types = this->module("SwTable")->types;
+    EXPECT_EQ(types[1].attributes,
+              (std::vector<std::string>{"entryVersion", "logVersion", "entryState", "key",
+                                        "swTable", "responseHandler"}));
+    EXPECT_EQ(types[2].attributes, (std::vector<std::string>{"flags", "swTable", "bookmark"}));
+    EXPECT_EQ(types[3].attributes, std::vector<std::string>{"tableEntries"});
+}
+
+TYPED_TEST(Catalogue, HandlesKnowTheirType) {
+    using Handle = typename SwTable<TypeParam>::EntryHandle;
+    const auto handle = Brumo::make<Handle>(Asic::EntryVersion{0, 0}, keyOf<TypeParam>(1), nullptr);
+    EXPECT_EQ(handle->typeData().name, "VornPolicyCpu::" + this->name("SwTable::EntryHandle"));
+    EXPECT_EQ(handle->typeData().attributes, this->module("SwTable")->types[1].attributes);
 }
 
 TYPED_TEST(Catalogue, EntryLogsAttributesAreInTheirOrder) {

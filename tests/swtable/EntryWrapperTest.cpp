@@ -131,10 +131,20 @@ TYPED_TEST(Wrappers, DescribeTheirAttributes) {
     std::vector<std::string> expected{"entry",    "entryHandle", "logEntry",
                                       "rsrcKeys", "isDeleted",   "swTableEntry"};
     if constexpr (TypeParam::Linkages::kCount > 0) {
-        expected.insert(expected.end(),
-                        {"counterRequestKeyResPtr", "policerRequestKeyResPtr", "counterRequestKey",
-                         "policerRequestKey", "policerClientData", "counterIndex", "policerIndex",
-                         "featureId"});
+        expected = {"entry",
+                    "entryHandle",
+                    "counterRequestKeyResPtr",
+                    "policerRequestKeyResPtr",
+                    "logEntry",
+                    "rsrcKeys",
+                    "isDeleted",
+                    "swTableEntry",
+                    "counterRequestKey",
+                    "policerRequestKey",
+                    "policerClientData",
+                    "counterIndex",
+                    "policerIndex",
+                    "featureId"};
     }
     const auto* module = Kiv::ModuleRegistry::instance().module(
         "VornPolicyCpu::" + std::string(TypeParam::Types::kName) + "InfraTypes");

@@ -126,6 +126,7 @@ TYPED_TEST(TableObject, DescribesItsAttributesInTheirOrder) {
     if constexpr (TypeParam::Linkages::kCount > 0) {
         expected.insert(expected.end(), {"crpsIndexRequestLinkage", "policerIndexRequestLinkage"});
     }
+    expected.push_back("tableEntries");
     EXPECT_EQ(this->table->typeData().name, "VornPolicyCpu::" + this->name());
     EXPECT_EQ(this->table->typeData().attributes, expected);
 }
