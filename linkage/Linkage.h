@@ -7,7 +7,8 @@
 //  1. At most one usage state machine exists for a resource key, made for one handle.
 //  2. The default resource key means that no resource is needed; it never has a state machine.
 //  3. The resource table learns of a use (ackUpdate) when the first entry that uses the resource is
-//     committed, and of its end (release) when the last one has left.
+//     committed, and of its end (release) when the last one has left; not when the table is cleared
+//     and the resources are kept: then the machines stay, with the keys of entries that are gone.
 #pragma once
 
 #include <string>

@@ -5,8 +5,8 @@
 //
 // What always holds:
 //  1. Its handle never changes, and is the one that the linkage's collection key comes from.
-//  2. It exists exactly while some committed entry uses the key, but for the moment between its
-//     creation and the first use.
+//  2. While some committed entry uses the key, it exists. It may outlast them: between its creation
+//     and the first use, and when the table was cleared and the resources were kept.
 #pragma once
 
 #include "catalogue/Binding.h"

@@ -14,7 +14,8 @@ class SwTable<B>::SwTableEntries_py {
 public:
     explicit SwTableEntries_py(const typename B::SwTable& table) : table_(table) {}
 
-    /// The table's current entries, and those that tools have put in, as text by key order.
+    /// As text: the staged entries, then the committed ones, then those that tools have put in,
+    /// each group in its own order.
     std::vector<std::string> lines() const {
         std::vector<std::string> result;
         table_.forEach([&](const Entry& entry) { result.push_back(entry.toText()); });
