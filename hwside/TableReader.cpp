@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/brumo/Trace.h"
+#include "platform/kivshimo/Errors.h"
 #include "platform/kivshimo/MapReader.h"
 #include "platform/kivshimo/VersionLogReader.h"
 
@@ -18,7 +19,9 @@ using VornPolicyCpu::LogOperation;
 
 const Brumo::TraceSource kTrace{"HwSideTableReader", "TableReader"};
 
-/// The units that have a configuration below a folder. A folder that is not there has none.
+/// The units that have a configuration below a folder. Only a folder that is not there has none:
+/// whoever took another failure for that would remove all that hardware holds. Throws
+/// KivShimo::MountError.
 std::vector<Asic::UnitId> unitsIn(const std::filesystem::path& folder) {
     std::vector<Asic::UnitId> units;
     std::error_code error;
@@ -30,7 +33,18 @@ std::vector<Asic::UnitId> unitsIn(const std::filesystem::path& folder) {
         if (unit)
             units.push_back(*unit);
     }
+    if (error && error != std::errc::no_such_file_or_directory)
+        throw KivShimo::MountError(folder.string(), "list", error.message());
     return units;
+}
+
+/// Throws KivShimo::MountError when that cannot be said.
+bool isThere(const std::string& file) {
+    std::error_code error;
+    const bool there = std::filesystem::exists(file, error);
+    if (error)
+        throw KivShimo::MountError(file, "look for", error.message());
+    return there;
 }
 
 template <class Types>
@@ -109,7 +123,7 @@ template <class Types>
 auto ShimoTableReader<Types>::changeLog() -> const ChangeLog* {
     if (!changeLog_) {
         const std::string file = group_.changeLogFile<Types>();
-        if (!std::filesystem::exists(file))
+        if (!isThere(file))
             return nullptr;
         changeLog_.emplace(file, Constants::entryLogShimoType(), VornPolicyCpu::kEntryLogConfig);
     }
@@ -122,7 +136,7 @@ auto ShimoTableReader<Types>::config(Asic::UnitId unit) -> const Config* {
     if (at != configs_.end())
         return &at->second;
     const std::string file = group_.configFile<Types>(unit);
-    if (!std::filesystem::exists(file))
+    if (!isThere(file))
         return nullptr;
     return &configs_
                 .emplace(std::piecewise_construct, std::forward_as_tuple(unit),

@@ -1,8 +1,10 @@
 #include "hwside/LogReader.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 
 #include "platform/brumo/Trace.h"
@@ -532,6 +534,41 @@ TEST_F(LogReaderTest, ASnapshotOfAUnitWithARottenValueRemovesNothingThere) {
     EXPECT_EQ(reader_->counters().rotten, 1U);
     EXPECT_EQ(tcam_->counters<ActionTypes>(),
               (ProgramCounters{.added = 2, .unchanged = 1, .removed = 0}));
+}
+
+TEST_F(LogReaderTest, RemovesNothingWhileTheUnitsCannotBeListed) {
+    reader_->pump();
+    agent_->write<V4Types>(kUnit, matchEntry<V4Types>(1, 1));
+    reader_->pump();
+    const std::filesystem::path folder =
+        std::filesystem::path(group_.configFile<V4Types>(kUnit)).parent_path();
+    const std::filesystem::path aside = folder.string() + ".aside";
+    std::filesystem::rename(folder, aside);
+    std::ofstream(folder) << "no folder";
+    EXPECT_EQ(reader_->pump(), Progress::idle);
+    EXPECT_EQ(tcam_->entries<V4Types>(), 1U);
+    EXPECT_EQ(reader_->counters().rotten, 1U);
+    EXPECT_THAT(traces_, testing::HasSubstr(folder.string() + ": list: "));
+
+    std::filesystem::remove(folder);
+    std::filesystem::rename(aside, folder);
+    agent_->write<V4Types>(kUnit, matchEntry<V4Types>(2, 1));
+    EXPECT_EQ(reader_->pump(), Progress::idle);
+    EXPECT_EQ(tcam_->counters<V4Types>().removed, 0U);
+    expectAllSame();
+}
+
+TEST_F(LogReaderTest, AConfigurationThatCannotBeLookedForIsReportedAndItsUnitKept) {
+    reader_->pump();
+    agent_->write<V4Types>(kUnit, matchEntry<V4Types>(1, 1));
+    agent_->write<V4Types>(kOtherUnit, matchEntry<V4Types>(1, 1));
+    reader_->pump();
+    const std::string file = group_.configFile<V4Types>(kUnit);
+    std::filesystem::rename(file, file + ".aside");
+    std::filesystem::create_symlink(file, file);  // a link to itself leads nowhere
+    EXPECT_EQ(reader_->pump(), Progress::idle);
+    EXPECT_EQ(reader_->counters().rotten, 1U);
+    EXPECT_EQ(tcam_->entries<V4Types>(), 2U);
 }
 
 }  // namespace
