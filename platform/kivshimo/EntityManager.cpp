@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <limits>
 #include <memory>
+#include <system_error>
 #include <utility>
 
 #include "platform/brumo/Assert.h"
@@ -139,14 +140,25 @@ std::vector<std::string> EntityManager::entitiesBelow(std::string_view basePath)
     std::vector<std::string> result;
     const std::string relative = withoutSlash(basePath);
     const fs::path base = relative.empty() ? fs::path(root_) : fs::path(root_) / relative;
+    // Only a missing folder has no tables: a failure taken for that would lose all there are.
     std::error_code error;
-    for (fs::recursive_directory_iterator at(base, error), end; !error && at != end;
-         at.increment(error)) {
+    fs::recursive_directory_iterator at(base, error);
+    if (error == std::errc::no_such_file_or_directory)
+        return result;
+    for (const fs::recursive_directory_iterator end; !error && at != end; at.increment(error)) {
         const std::string name = at->path().lexically_relative(base).string();
-        if (!name.ends_with(kTableSuffix) || !at->is_regular_file(error))
+        if (!name.ends_with(kTableSuffix))
             continue;
-        result.push_back(name.substr(0, name.size() - kTableSuffix.size()));
+        const fs::file_status status = fs::status(at->path(), error);
+        if (fs::is_regular_file(status))
+            result.push_back(name.substr(0, name.size() - kTableSuffix.size()));
+        else if (status.type() == fs::file_type::not_found)
+            error.clear();  // a link that leads nowhere
+        if (error)
+            break;
     }
+    if (error)
+        throw MountError(base.string(), "list", error.message());
     std::ranges::sort(result);
     return result;
 }

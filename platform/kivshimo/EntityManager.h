@@ -84,7 +84,8 @@ public:
     Brumo::Ptr<Kiv::Entity> entity(std::string_view path) const;
     /// Takes the table off. Its file stays.
     void entityDel(std::string_view path);
-    /// The paths below `basePath`, relative to it and sorted, at which table files lie.
+    /// The paths below `basePath`, relative to it and sorted, at which table files lie. Throws
+    /// MountError when they cannot be listed; a missing folder has none.
     std::vector<std::string> entitiesBelow(std::string_view basePath) const;
     const std::string& root() const { return root_; }
 

@@ -226,6 +226,7 @@ TEST_F(MountTest, ListsTablesBelowAPath) {
               (std::vector<std::string>{"other", "unit/10", "unit/2"}));
     EXPECT_EQ(manager_->entitiesBelow("config/unit"), (std::vector<std::string>{"10", "2"}));
     EXPECT_TRUE(manager_->entitiesBelow("nowhere").empty());
+    EXPECT_THROW(manager_->entitiesBelow("config/unit/10.table"), MountError);
 }
 
 TEST_F(MountTest, ReaderRefusesMissingAndOtherTables) {
