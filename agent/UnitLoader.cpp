@@ -16,7 +16,6 @@ template <class Types>
 std::unordered_map<std::uint64_t, typename Types::Entry> heldBy(
     const VornPolicyCpu::TableOperations<Types>& table) {
     std::unordered_map<std::uint64_t, typename Types::Entry> held;
-    held.reserve(table.count());
     table.forEach(
         [&](const typename Types::Entry& entry) { held.try_emplace(packed(entry.key), entry); });
     return held;
@@ -86,7 +85,7 @@ void PolicyLoader::UnitLoader::writeAction(const ActionEntry& entry) {
         if (found != self->actionWrites_.end() && found->second == handle)
             self->actionWrites_.erase(found);
         if (book(handle, *figures))
-            self->noteFailure(*figures, "action " + nameOf(self->policy_->actions, key));
+            self->noteFailure(*figures, "action", self->policy_->actions, key);
         self->changed();
     };
     actionWrites_[key] = tables_.actions->write(entry.key, entry, nullptr, handler);
@@ -98,6 +97,8 @@ void PolicyLoader::UnitLoader::loadMatches(VornPolicyCpu::TableOperations<Types>
                                            FailedKeys& failed) {
     using Entry = typename Types::Entry;
     auto held = heldBy(table);
+    // What is removed makes room only when it is acknowledged.
+    const std::size_t taken = held.size() + matchesInProgress_;
     struct Write {
         const Entry* entry;
         std::optional<std::uint64_t> actionBefore;
@@ -126,8 +127,6 @@ void PolicyLoader::UnitLoader::loadMatches(VornPolicyCpu::TableOperations<Types>
         stale.push_back(entry.key);
     std::sort(stale.begin(), stale.end());
 
-    // What is removed makes room only when it is acknowledged.
-    const std::size_t taken = table.count() + matchesInProgress_;
     std::size_t room = taken < kMaxEntries ? kMaxEntries - taken : 0;
     for (const Write& write : writes) {
         const auto make = [this, &table, write, &failed] {
@@ -177,9 +176,10 @@ Asic::OrderedSwTable::ResponseHandler PolicyLoader::UnitLoader::matchHandler(
             failed[key].number = figures->number;
             if (actionBefore)
                 failed[key].stillNamed.insert(*actionBefore);
-            self->noteFailure(*figures, &failed == &self->failedV4_
-                                            ? "ipv4 entry " + nameOf(self->policy_->ipv4, key)
-                                            : "ipv6 entry " + nameOf(self->policy_->ipv6, key));
+            if (&failed == &self->failedV4_)
+                self->noteFailure(*figures, "ipv4 entry", self->policy_->ipv4, key);
+            else
+                self->noteFailure(*figures, "ipv6 entry", self->policy_->ipv6, key);
         } else if (earlier != failed.end() && earlier->second.number < figures->number) {
             failed.erase(earlier);
         }
@@ -243,9 +243,14 @@ bool PolicyLoader::UnitLoader::book(const Handle& handle, LoadFigures& figures) 
     return false;
 }
 
-void PolicyLoader::UnitLoader::noteFailure(LoadFigures& figures, const std::string& what) const {
+/// The name is looked for once a load: a search for each of many failures would take seconds.
+template <class Entry>
+void PolicyLoader::UnitLoader::noteFailure(LoadFigures& figures, std::string_view kind,
+                                           const std::vector<Named<Entry>>& entries,
+                                           std::uint64_t key) const {
     if (figures.firstFailure.empty())
-        figures.firstFailure = fmt::format("{} of unit {}", what, tables_.unit);
+        figures.firstFailure =
+            fmt::format("{} {} of unit {}", kind, nameOf(entries, key), tables_.unit);
 }
 
 }  // namespace Agent

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -62,7 +63,10 @@ private:
     void removeAction(const ActionTypes::Key& key);
     /// Books a change that has ended. Returns whether it failed.
     static bool book(const Handle& handle, LoadFigures& figures);
-    void noteFailure(LoadFigures& figures, const std::string& what) const;
+    /// Keeps the name of the first change that failed.
+    template <class Entry>
+    void noteFailure(LoadFigures& figures, std::string_view kind,
+                     const std::vector<Named<Entry>>& entries, std::uint64_t key) const;
     void changed() const {
         if (changed_)
             changed_();
