@@ -1,6 +1,6 @@
 // Names and paths that all members of a group agree on.
 //
-// Paths are relative to the root of the shared-memory tables.
+// Paths are relative to the root of the shared-memory tables, unless they say otherwise.
 #pragma once
 
 #include <charconv>
@@ -46,6 +46,14 @@ inline std::string announcementsPath(std::string_view canonicalGroupName) {
 /// The versions that the hardware side has acknowledged; the hardware side writes this file.
 inline std::string acknowledgementsPath(std::string_view canonicalGroupName) {
     return "hwside/" + std::string(canonicalGroupName) + "/acknowledgements";
+}
+
+/// The socket on which the agent sleeps, and that of the hardware side; full paths.
+inline std::string agentDoorbell(std::string_view root) {
+    return std::string(root) + "/agent.bell";
+}
+inline std::string hardwareDoorbell(std::string_view root) {
+    return std::string(root) + "/hwd.bell";
 }
 
 /// The unit of a configuration path; nothing when the path is of another form.

@@ -57,7 +57,9 @@ struct GroupInterface::SharedMemory {
         }
         if (!reader.has_value())
             return nullptr;
-        waker.emplace(reader->sleepEpoch(), root + "/hwd.bell");
+        waker.emplace(reader->sleepEpoch(), Constants::hardwareDoorbell(root));
+        // It may have gone to sleep over what was announced before there was a waker.
+        waker->published();
         return &*reader;
     }
 
@@ -66,8 +68,10 @@ struct GroupInterface::SharedMemory {
     KivShimo::Sleeper sleeper;
     std::string acknowledgementsFile;
     std::optional<KivShimo::AckMapReader> reader;
-    std::string reported;  ///< why the map could not be opened last
+    std::uint64_t refusedPosition = 0;  ///< consumed, says the map, but never announced
+    std::string reported;               ///< why the map could not be opened last
     std::optional<KivShimo::Waker> waker;
+    std::vector<KivShimo::NeededVersion> needed;  ///< of the announcement made last
 };
 
 GroupInterface::GroupInterface(std::string canonicalName, std::uint16_t agentAndGroupId,
@@ -89,19 +93,17 @@ GroupInterface::~GroupInterface() {
 /// each table was announced by the process before.
 void GroupInterface::takeUpAnnouncements() {
     try {
-        std::uint64_t position = 0;
         if (KivShimo::AckMapReader* map = shm_->map(); map != nullptr) {
             for (const auto& [tableId, version] : map->all()) {
                 announcedVersionIs(SwTableId(tableId), {version});
             }
-            if (map->announceIdentity() == shm_->announcements.identity()) {
-                position = map->consumed();
-                shm_->announcements.consumedIs(position);
-            }
+            takeUpConsumed();
         }
         const auto log = KivShimo::AnnounceLogReader::open(shm_->announcements.file());
         if (!log.has_value())
             return;
+        // What was overwritten before it is no rot, also where nobody says what was consumed.
+        std::uint64_t position = shm_->announcements.consumed();
         while (const auto announcement = log->next(position + 1)) {
             announcedVersionIs(SwTableId(announcement->tableId), {announcement->version});
             position = announcement->position;
@@ -126,7 +128,8 @@ void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
 }
 
 bool GroupInterface::append(const Announcement& announcement) {
-    std::vector<KivShimo::NeededVersion> needed;
+    std::vector<KivShimo::NeededVersion>& needed = shm_->needed;
+    needed.clear();
     if (announcement.needed != nullptr) {
         for (const TableVersion& version : *announcement.needed) {
             needed.push_back({version.tableId.whole(), version.version.value});
@@ -221,9 +224,7 @@ void GroupInterface::acknowledgementsArrived() {
         if (map == nullptr)
             return;
         const auto acknowledgements = map->all();
-        if (map->announceIdentity() == shm_->announcements.identity()) {
-            shm_->announcements.consumedIs(map->consumed());
-        }
+        takeUpConsumed();
         appendWaiting();
         resolver_->suspendRequestedIs(map->pauseRequested());
         resolver_->maybeUpdateSuspend();
@@ -237,6 +238,22 @@ void GroupInterface::acknowledgementsArrived() {
     } catch (const KivShimo::CorruptionError& error) {
         doCorruptionDetected(error.what());
     }
+}
+
+/// Frees what the hardware side has consumed. REQUIRES: its map is open. A position that was never
+/// announced is refused; that is traced once, however often the map is read.
+void GroupInterface::takeUpConsumed() {
+    KivShimo::AnnounceLogWriter& announcements = shm_->announcements;
+    if (shm_->reader->announceIdentity() != announcements.identity())
+        return;
+    const std::uint64_t position = shm_->reader->consumed();
+    announcements.consumedIs(position);
+    const bool isRefused = position > announcements.tail();
+    if (isRefused && shm_->refusedPosition != position) {
+        trace(1, " refused consumed position {}: beyond the last one announced, {}", position,
+              announcements.tail());
+    }
+    shm_->refusedPosition = isRefused ? position : 0;
 }
 
 /// True when the table's acknowledged version has moved. A handler may end tables: they are held.
@@ -291,7 +308,8 @@ bool GroupInterface::acknowledgementsPending() {
         if (map->pauseRequested() != resolver_->suspended())
             return true;
         if (map->announceIdentity() == shm_->announcements.identity() &&
-            map->consumed() > shm_->announcements.consumed()) {
+            map->consumed() > shm_->announcements.consumed() &&
+            map->consumed() <= shm_->announcements.tail()) {
             return true;
         }
         for (const auto& [tableId, version] : map->all()) {
@@ -311,18 +329,6 @@ bool GroupInterface::acknowledgementsPending() {
 
 void GroupInterface::awake() {
     shm_->sleeper.awake();
-}
-
-void GroupInterface::wakeHardwareSide() {
-    KivShimo::ring(hardwareDoorbellPath());
-}
-
-std::string GroupInterface::hardwareDoorbellPath() const {
-    return shm_->root + "/hwd.bell";
-}
-
-std::string GroupInterface::agentDoorbellPath() const {
-    return shm_->root + "/agent.bell";
 }
 
 }  // namespace Asic

@@ -76,12 +76,6 @@ public:
     /// which acknowledgementsArrived() takes up; then the caller must not sleep.
     bool sleepPrepared();
     void awake();
-    /// Rings the hardware side, whether it sleeps or not: an agent does it once when it starts.
-    void wakeHardwareSide();
-
-    /// The socket path at which the hardware side listens, and ours.
-    std::string hardwareDoorbellPath() const;
-    std::string agentDoorbellPath() const;
 
     /// For tests and tools: changes that found no room in the announcement log and wait in memory.
     std::size_t announcementsWaiting() const { return waiting_.size(); }
@@ -96,6 +90,7 @@ private:
 
     void takeUpAnnouncements();
     bool hasRoomForWaiting();
+    void takeUpConsumed();
     bool acknowledgementsPending();
     bool append(const Announcement& announcement);
     void appendWaiting();

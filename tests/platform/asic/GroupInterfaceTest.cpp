@@ -9,6 +9,7 @@
 #include "platform/asic/GroupInterface.h"
 #include "platform/kivshimo/AckMap.h"
 #include "platform/kivshimo/AnnounceLog.h"
+#include "platform/kivshimo/Doorbell.h"
 #include "platform/kivshimo/EntityManager.h"
 #include "platform/kivshimo/Paths.h"
 #include "tests/platform/asic/Fakes.h"
@@ -314,6 +315,49 @@ TEST_F(GroupInterfaceTest, DoesNotSleepOverNewWork) {
     acknowledge(kTable, 9);
     EXPECT_TRUE(group_->sleepPrepared()) << "what was refused is no work";
     group_->awake();
+}
+
+TEST_F(GroupInterfaceTest, WakesAHardwareSideThatFellAsleepBeforeItWasKnown) {
+    KivShimo::Doorbell bell(Asic::Constants::hardwareDoorbell(dir_.path()));
+    KivShimo::Sleeper sleeper(hardware().sleepEpoch());
+    sleeper.asleep();
+    group_->addLogEntry(kTable, {1}, nullptr);
+    EXPECT_TRUE(group_->sleepPrepared());
+    EXPECT_EQ(bell.drain(), 1U);
+    group_->awake();
+}
+
+TEST_F(GroupInterfaceTest, SleepsOverAConsumedPositionBeyondTheTailAndTracesItOnce) {
+    group_->addLogEntry(kTable, {1}, nullptr);
+    read();
+    hardware().announceIdentityIs(identity_);
+    hardware().consumedIs(2);
+    TraceCapture traces;
+    EXPECT_TRUE(group_->sleepPrepared());
+    group_->acknowledgementsArrived();
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(traces.count("GroupInterface", 1,
+                           " refused consumed position 2: beyond the last one announced, 1"),
+              1U);
+    hardware().consumedIs(1);
+    EXPECT_FALSE(group_->sleepPrepared());
+    group_->acknowledgementsArrived();
+    EXPECT_TRUE(group_->sleepPrepared());
+    group_->awake();
+}
+
+TEST_F(GroupInterfaceTest, TakesAWrappedLogWithoutAcknowledgementsForNoRot) {
+    for (std::uint64_t version = 1; version <= 2 * kSlots; ++version) {
+        group_->addLogEntry(kTable, {version}, nullptr);
+        read();
+        consume();
+    }
+    stop();
+    std::filesystem::remove(hardware_->file());
+    hardware_.reset();
+    start();
+    EXPECT_EQ(group_->corruptions(), 0U);
+    EXPECT_EQ(group_->announcedVersion(kTable).value, 2 * kSlots);
 }
 
 TEST_F(GroupInterfaceTest, LearnsAfterARestartWhatWasAnnounced) {
