@@ -12,6 +12,7 @@
 
 #include "agent/ControlCommands.h"
 #include "agent/StateDirectory.h"
+#include "platform/asic/Constants.h"
 #include "platform/brumo/Trace.h"
 
 namespace Agent {
@@ -50,7 +51,8 @@ AgentProcess::AgentProcess(const Options& options)
 
     tables_ = std::make_unique<Tables>(options, plugin, loop_);
     loader_ = std::make_unique<PolicyLoader>(tables_->units(), reportFinished);
-    bell_ = std::make_unique<KivShimo::Doorbell>(tables_->group().agentDoorbellPath());
+    bell_ = std::make_unique<KivShimo::Doorbell>(
+        Asic::Constants::agentDoorbell(options.stateDirectory));
     const int descriptor = ::dup(bell_->fd());
     if (descriptor < 0)
         throw std::system_error(errno, std::generic_category(), bell_->path());
@@ -59,11 +61,11 @@ AgentProcess::AgentProcess(const Options& options)
     tables_->counters().sweepUnclaimed();
     tables_->policers().sweepUnclaimed();
     control_ =
-        std::make_unique<ControlSocket>(loop_.io(), options.stateDirectory + "/agent.sock",
+        std::make_unique<ControlSocket>(loop_.io(), controlSocketIn(options.stateDirectory),
                                         [this](const Json& request) { return answer(request); });
     waitForSignal();
     waitForBell();
-    KivShimo::ring(tables_->group().hardwareDoorbellPath());
+    KivShimo::ring(Asic::Constants::hardwareDoorbell(options.stateDirectory));
 }
 
 AgentProcess::~AgentProcess() = default;

@@ -24,8 +24,8 @@ void checkStateDirectory(const std::string& path) {
         fail(fmt::format("it belongs to user {}, not to user {}", status.st_uid, ::geteuid()));
     if (::access(path.c_str(), R_OK | W_OK | X_OK) != 0)
         fail(fmt::format("it is not writable: {}", std::strerror(errno)));
-    constexpr std::size_t kLongestSocketName = sizeof("/agent.sock");
-    if (path.size() + kLongestSocketName > sizeof(sockaddr_un{}.sun_path))
+    // No other socket in it has a longer name.
+    if (controlSocketIn(path).size() >= sizeof(sockaddr_un{}.sun_path))
         fail("the path is too long for the sockets in it");
 }
 

@@ -12,6 +12,11 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+/// Where the agent answers requests.
+inline std::string controlSocketIn(const std::string& stateDirectory) {
+    return stateDirectory + "/agent.sock";
+}
+
 /// Throws StateDirectoryError unless the path is a directory of this process's user that it can
 /// write to, and short enough for the sockets in it. Changes nothing.
 void checkStateDirectory(const std::string& path);

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 
 #include <fmt/format.h>
 #include <asio/post.hpp>
@@ -34,6 +35,14 @@ std::string checkedDirectory(std::string path) {
     while (path.size() > 1 && path.back() == '/')
         path.pop_back();
     return path;
+}
+
+/// A second descriptor of the bell, for Asio to own.
+int descriptorOf(const KivShimo::Doorbell& bell) {
+    const int descriptor = ::dup(bell.fd());
+    if (descriptor < 0)
+        throw std::system_error(errno, std::generic_category(), bell.path());
+    return descriptor;
 }
 
 Asic::UnitId unitOf(const Json& request) {
@@ -80,7 +89,7 @@ Daemon::Daemon(asio::io_context& io, const std::string& stateDirectory)
       sleeper_(acks_.sleepEpoch()),
       reader_(group_, tcam_, acks_),
       control_(io, group_.controlSocket(), [this](const Json& request) { return answer(request); }),
-      rings_(io, ::dup(bell_.fd())),
+      rings_(io, descriptorOf(bell_)),
       again_(io) {}
 
 void Daemon::start() {

@@ -11,8 +11,8 @@ namespace HwSide {
 struct Group {
     std::string root;  ///< of the shared-memory tables
 
-    std::string agentBell() const { return root + "/agent.bell"; }
-    std::string ownBell() const { return root + "/hwd.bell"; }
+    std::string agentBell() const { return Asic::Constants::agentDoorbell(root); }
+    std::string ownBell() const { return Asic::Constants::hardwareDoorbell(root); }
     std::string controlSocket() const { return root + "/hwd.sock"; }
 
     std::string announcementsFile() const {

@@ -111,9 +111,10 @@ public:
     explicit MinimalReader(const std::string& root)
         : root_(root),
           acks_(root, Asic::Constants::acknowledgementsPath(canonicalGroupName())),
-          bell_(root + "/hwd.bell"),
+          bell_(Asic::Constants::hardwareDoorbell(root)),
           sleeper_(acks_.sleepEpoch()) {
-        KivShimo::ring(root_ + "/agent.bell");  // now there are acknowledgements to look at
+        // Now there are acknowledgements to look at.
+        KivShimo::ring(Asic::Constants::agentDoorbell(root_));
     }
 
     void run(bool once) {
@@ -140,7 +141,7 @@ private:
                 fileOf(root_, Asic::Constants::announcementsPath(canonicalGroupName())));
             if (!log_)
                 return false;
-            waker_.emplace(log_->sleepEpoch(), root_ + "/agent.bell");
+            waker_.emplace(log_->sleepEpoch(), Asic::Constants::agentDoorbell(root_));
             snapshot();
         }
         bool worked = false;

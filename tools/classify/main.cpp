@@ -2,7 +2,6 @@
 // capture file.
 
 #include <cstdio>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -11,6 +10,7 @@
 #include <CLI/CLI.hpp>
 
 #include "hwside/ControlServer.h"
+#include "hwside/Group.h"
 #include "hwside/Json.h"
 #include "hwside/PcapFile.h"
 
@@ -130,7 +130,7 @@ int failed(int code, std::string_view reason) {
 int run(const Options& options) {
     std::optional<HwSide::ControlClient> client;
     try {
-        client.emplace(std::filesystem::path(options.stateDirectory) / "hwd.sock");
+        client.emplace(HwSide::Group{options.stateDirectory}.controlSocket());
     } catch (const std::system_error& error) {
         return failed(kStateDirectory, fmt::format("no hardware side answers: {}", error.what()));
     }
