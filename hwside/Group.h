@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "platform/asic/Constants.h"
 #include "platform/kivshimo/Paths.h"
 #include "types/Constants.h"
 

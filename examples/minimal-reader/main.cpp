@@ -10,12 +10,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <fmt/format.h>
 
+#include "platform/asic/Constants.h"
 #include "platform/kivshimo/AckMap.h"
 #include "platform/kivshimo/AnnounceLog.h"
 #include "platform/kivshimo/Doorbell.h"
@@ -143,6 +145,8 @@ private:
                 return false;
             waker_.emplace(log_->sleepEpoch(), Asic::Constants::agentDoorbell(root_));
             snapshot();
+        } else if (hasBegunAnew(publishedVersions())) {
+            snapshot();
         }
         bool worked = false;
         while (const auto change = log_->next(acks_.consumed() + 1)) {
@@ -171,33 +175,59 @@ private:
         acks_.ackIs(change.tableId, change.version);  // other tables have nothing to look up
     }
 
+    static bool isOwn(std::uint32_t tableId) {
+        return tableId == kActionTable || tableId == kV4Table || tableId == kV6Table;
+    }
+
+    /// Of the own tables, those that need others read before those that are needed.
+    std::map<std::uint32_t, std::uint64_t> publishedVersions() const {
+        std::map<std::uint32_t, std::uint64_t> versions;
+        versions[kV6Table] = published<PolicyCpuV6TcamEntryTypes>(root_);
+        versions[kV4Table] = published<PolicyCpuV4TcamEntryTypes>(root_);
+        versions[kActionTable] = published<PolicyCpuTcamActionTypes>(root_);
+        return versions;
+    }
+
+    /// Whether a change log is another than the one that was acknowledged.
+    bool hasBegunAnew(const std::map<std::uint32_t, std::uint64_t>& versions) const {
+        return std::ranges::any_of(versions, [&](const auto& table) {
+            return table.second < acks_.acknowledged(table.first).value_or(0);
+        });
+    }
+
+    /// Takes the acknowledgements back, but for other tables of the same announcements.
+    void startAnew(bool isSameLog) {
+        const auto before = acks_.all();
+        acks_.reset();
+        for (const auto& [tableId, version] : before) {
+            if (isSameLog && !isOwn(tableId))
+                acks_.ackIs(tableId, version);
+        }
+    }
+
     /// This process's hardware is empty, so it always begins with all there is. The tail is read
     /// first; then the versions, those of tables that need others before those that are needed.
     void snapshot() {
         const std::uint64_t tail = log_->tail();
-        const std::uint64_t v6 = published<PolicyCpuV6TcamEntryTypes>(root_);
-        const std::uint64_t v4 = published<PolicyCpuV4TcamEntryTypes>(root_);
-        const std::uint64_t action = published<PolicyCpuTcamActionTypes>(root_);
+        auto versions = publishedVersions();
         const bool isSameLog = acks_.announceIdentity() == log_->identity();
-        if (!isSameLog)
-            acks_.reset();
-        acks_.announceIdentityIs(log_->identity());
-        programAll<PolicyCpuTcamActionTypes>(root_, action);
-        programAll<PolicyCpuV4TcamEntryTypes>(root_, v4);
-        programAll<PolicyCpuV6TcamEntryTypes>(root_, v6);
-        acks_.ackIs(kActionTable, action);
-        acks_.ackIs(kV4Table, v4);
-        acks_.ackIs(kV6Table, v6);
-        // Tables that are not looked up are only in the log.
         std::uint64_t at = isSameLog ? acks_.consumed() + 1 : 1;
+        if (!isSameLog || hasBegunAnew(versions))
+            startAnew(isSameLog);
+        acks_.announceIdentityIs(log_->identity());
+        programAll<PolicyCpuTcamActionTypes>(root_, versions[kActionTable]);
+        programAll<PolicyCpuV4TcamEntryTypes>(root_, versions[kV4Table]);
+        programAll<PolicyCpuV6TcamEntryTypes>(root_, versions[kV6Table]);
+        for (const auto& [tableId, version] : versions)
+            acks_.ackIs(tableId, version);
+        // Tables that are not looked up are only in the log.
         if (tail > log_->slots())
             at = std::max(at, tail - log_->slots() + 1);
         while (at <= tail) {
             const auto change = log_->next(at);
             if (!change)
                 break;
-            const bool isOwn = change->tableId >= kActionTable && change->tableId <= kV6Table;
-            if (!isOwn)
+            if (!isOwn(change->tableId))
                 acks_.ackIs(change->tableId, change->version);
             at = change->position + 1;
         }

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <optional>
 
 #include "platform/kivshimo/AckMap.h"
 #include "tests/hwside/AgentSide.h"
@@ -64,6 +65,26 @@ TEST(MinimalReader, ComesBackWithWhatIsLive) {
               "PolicyCpuV4TcamEntry unit 1: write key 00000006.00000000 rule 6 priority 1 action "
               "00000001.0\n");
     EXPECT_EQ(acknowledged(folder, kV4), 3U);
+}
+
+TEST(MinimalReader, BeginsAnewWithAChangeLogThatBeginsAnew) {
+    Folder folder;
+    std::optional<AgentSide> agent(folder.path());
+    agent->announce(0x2C080301, 7);
+    agent->write<V4Types>(kUnit, matchEntry<V4Types>(5, 1));
+    agent->write<V4Types>(kUnit, matchEntry<V4Types>(6, 1));
+    outputOf(folder.path());
+    agent.reset();
+    const Group group{folder.path()};
+    std::filesystem::remove(group.changeLogFile<V4Types>());
+    std::filesystem::remove(group.configFile<V4Types>(kUnit));
+    agent.emplace(folder.path());
+    agent->write<V4Types>(kUnit, matchEntry<V4Types>(7, 1));
+    EXPECT_EQ(outputOf(folder.path()),
+              "PolicyCpuV4TcamEntry unit 1: write key 00000007.00000000 rule 7 priority 1 action "
+              "00000001.0\n");
+    EXPECT_EQ(acknowledged(folder, kV4), 1U);
+    EXPECT_EQ(acknowledged(folder, 0x2C080301), 7U);
 }
 
 }  // namespace
