@@ -72,7 +72,8 @@ MapReader::MapReader(const YAML::Node& node, const Position& at, std::string_vie
 }
 
 std::optional<MapReader::Field> MapReader::take(const std::string& key) {
-    known_.push_back(key);
+    if (std::find(known_.begin(), known_.end(), key) == known_.end())
+        known_.push_back(key);
     for (Entry& entry : entries_) {
         if (entry.key != key)
             continue;

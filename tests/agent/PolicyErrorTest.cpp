@@ -212,6 +212,10 @@ std::vector<Mistake> fieldMistakes() {
          "source-port, destination-port, port, tcp-flags, ttl, dscp, fragment, icmp-type, "
          "icmp-code "
          "in a match entry instead of 'hop-limit'"},
+        {"UnknownBesidePort", rule("protocol: tcp, port: 179, hop-limit: 255"),
+         "p.yaml:4:63: expected one of name, action, priority, source, destination, protocol, "
+         "source-port, destination-port, port, tcp-flags, ttl, dscp, fragment, icmp-type, "
+         "icmp-code in a match entry instead of 'hop-limit'"},
         {"Dscp", rule("dscp: af44"),
          "p.yaml:4:43: expected a DSCP up to 63 or its name (cs0-cs7, af11-af43, ef) instead of "
          "'af44'"},
