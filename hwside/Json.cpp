@@ -80,7 +80,11 @@ std::uint8_t readProtocol(const Json& object) {
                         "number from 0 to 255",
                         at->dump()));
     }
-    return static_cast<std::uint8_t>(*number(object, "proto", 255));
+    const auto protocol = number(object, "proto", 255);
+    if (!protocol) {
+        throw RequestError("packet: proto: expected a protocol by name or number, got null");
+    }
+    return static_cast<std::uint8_t>(*protocol);
 }
 
 std::uint8_t readFragment(const Json& object, const Packet& packet) {

@@ -64,6 +64,8 @@ TEST(PacketJson, SaysWhichMemberIsWrong) {
          "packet: ttl: expected a number from 0 to 255, got -1"},
         {R"({"src":"::1","dst":"::","proto":"bgp"})",
          "packet: proto: \"bgp\" is no protocol known by name, and no number from 0 to 255"},
+        {R"({"src":"::1","dst":"::","proto":null})",
+         "packet: proto: expected a protocol by name or number, got null"},
         {R"({"src":"::1","dst":"::","proto":"icmpv6","dport":1})",
          "packet: dport: a packet of protocol icmpv6 has no such field"},
         {R"({"src":"::1","dst":"::","proto":6,"fragment":"later","dport":1})",
