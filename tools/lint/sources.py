@@ -5,7 +5,7 @@ import re
 import subprocess
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-SUFFIXES = (".cpp", ".h", ".inl")
+SUFFIXES = (".cpp", ".h")
 
 
 def tracked():
