@@ -1,19 +1,12 @@
 # What `cmake --install` puts in place: libraries, headers below include/vorn,
 # programs, a CMake package and a pkg-config file.
 
-if(NOT TARGET VornPlatform)
-    return()
-endif()
-
 include(CMakePackageConfigHelpers)
 
 set(header_dir ${CMAKE_INSTALL_INCLUDEDIR}/vorn)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/VornPolicyCpu)
 
-set(libraries VornPlatform)
-if(TARGET VornPolicyCpu)
-    list(APPEND libraries VornPolicyCpu)
-endif()
+set(libraries VornPlatform VornPolicyCpu)
 foreach(library ${libraries})
     target_include_directories(${library} INTERFACE $<INSTALL_INTERFACE:${header_dir}>)
     target_compile_features(${library} INTERFACE cxx_std_20)
@@ -23,10 +16,7 @@ install(TARGETS ${libraries} vorn_fmt vorn_xxhash EXPORT VornTargets)
 install(EXPORT VornTargets NAMESPACE Vorn:: DESTINATION ${package_dir})
 
 foreach(folder platform types catalogue entrylog linkage swtable interface)
-    if(IS_DIRECTORY ${CMAKE_SOURCE_DIR}/${folder})
-        install(DIRECTORY ${folder} DESTINATION ${header_dir}
-            FILES_MATCHING PATTERN "*.h" PATTERN "*.inl")
-    endif()
+    install(DIRECTORY ${folder} DESTINATION ${header_dir} FILES_MATCHING PATTERN "*.h")
 endforeach()
 set(VORN_PC_CFLAGS "-I\${includedir}/vorn")
 if(VORN_FMT_UNPACKED)
@@ -36,9 +26,7 @@ endif()
 
 get_property(programs GLOBAL PROPERTY VORN_PROGRAMS)
 list(FILTER programs EXCLUDE REGEX "^vorn-example-")
-if(programs)
-    install(TARGETS ${programs})
-endif()
+install(TARGETS ${programs})
 
 configure_package_config_file(cmake/VornPolicyCpuConfig.cmake.in
     ${CMAKE_BINARY_DIR}/VornPolicyCpuConfig.cmake INSTALL_DESTINATION ${package_dir})

@@ -30,13 +30,11 @@ target_precompile_headers(vorn_test_pch PRIVATE
 set(vorn_test_libraries VornPlatform VornPolicyCpu vorn_agent vorn_hwside)
 
 file(GLOB support_sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/support/*.cpp)
-if(support_sources)
-    add_library(vorn_test_support STATIC ${support_sources})
-    vorn_common(vorn_test_support)
-    target_link_libraries(vorn_test_support PUBLIC vorn_test_settings)
-    vorn_link(vorn_test_support PUBLIC ${vorn_test_libraries} vorn_process_libraries)
-    target_precompile_headers(vorn_test_support REUSE_FROM vorn_test_pch)
-endif()
+add_library(vorn_test_support STATIC ${support_sources})
+vorn_common(vorn_test_support)
+target_link_libraries(vorn_test_support PUBLIC
+    vorn_test_settings ${vorn_test_libraries} vorn_process_libraries)
+target_precompile_headers(vorn_test_support REUSE_FROM vorn_test_pch)
 
 file(GLOB_RECURSE test_sources CONFIGURE_DEPENDS
     RELATIVE ${CMAKE_SOURCE_DIR}/tests ${CMAKE_SOURCE_DIR}/tests/*.cpp)
@@ -55,8 +53,8 @@ foreach(name ${test_folders})
     vorn_common(${name})
     # Linked even where no symbol is used: libraries register themselves when loaded.
     target_link_options(${name} PRIVATE LINKER:--no-as-needed)
-    target_link_libraries(${name} PRIVATE vorn_test_settings GTest::gtest_main)
-    vorn_link(${name} PRIVATE vorn_test_support ${vorn_test_libraries} vorn_process_libraries)
+    target_link_libraries(${name} PRIVATE vorn_test_settings GTest::gtest_main
+        vorn_test_support ${vorn_test_libraries} vorn_process_libraries)
     target_precompile_headers(${name} REUSE_FROM vorn_test_pch)
     add_test(NAME ${name}
         COMMAND ${name} --gtest_output=xml:${VORN_REPORTS}/${name}.xml
@@ -68,17 +66,13 @@ set(VORN_TEST_ENVIRONMENT
     "ASAN_OPTIONS=halt_on_error=1:detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1"
     "UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1"
     "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1")
-if(test_folders)
-    set_tests_properties(${test_folders} PROPERTIES
-        TIMEOUT ${VORN_TEST_TIMEOUT_S} ENVIRONMENT "${VORN_TEST_ENVIRONMENT}")
-endif()
+set_tests_properties(${test_folders} PROPERTIES
+    TIMEOUT ${VORN_TEST_TIMEOUT_S} ENVIRONMENT "${VORN_TEST_ENVIRONMENT}")
 
 # A user's program against an installed tree, by CMake package and by pkg-config.
-if(TARGET VornPlatform AND TARGET VornPolicyCpu AND EXISTS ${CMAKE_SOURCE_DIR}/tests/install/run)
-    string(JOIN " " sanitize ${VORN_SANITIZE_FLAGS})
-    add_test(NAME installed_consumer
-        COMMAND ${CMAKE_SOURCE_DIR}/tests/install/run
-            ${CMAKE_BINARY_DIR} ${CMAKE_CXX_COMPILER} "${sanitize}")
-    set_tests_properties(installed_consumer PROPERTIES
-        TIMEOUT ${VORN_TEST_TIMEOUT_S} ENVIRONMENT "${VORN_TEST_ENVIRONMENT}")
-endif()
+string(JOIN " " sanitize ${VORN_SANITIZE_FLAGS})
+add_test(NAME installed_consumer
+    COMMAND ${CMAKE_SOURCE_DIR}/tests/install/run
+        ${CMAKE_BINARY_DIR} ${CMAKE_CXX_COMPILER} "${sanitize}")
+set_tests_properties(installed_consumer PROPERTIES
+    TIMEOUT ${VORN_TEST_TIMEOUT_S} ENVIRONMENT "${VORN_TEST_ENVIRONMENT}")
