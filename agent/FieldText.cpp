@@ -9,6 +9,8 @@
 
 #include <fmt/format.h>
 
+#include "types/Protocols.h"
+
 namespace Agent {
 
 namespace {
@@ -172,32 +174,9 @@ std::string toText(const PortRange& range) {
 }
 
 std::optional<std::uint8_t> protocolFromText(std::string_view text) {
-    static constexpr auto kNames = std::to_array<Name>({
-        {"icmp", 1},
-        {"igmp", 2},
-        {"tcp", 6},
-        {"udp", 17},
-        {"dccp", 33},
-        {"rsvp", 46},
-        {"gre", 47},
-        {"esp", 50},
-        {"ah", 51},
-        {"icmpv6", 58},
-        {"eigrp", 88},
-        {"ospf", 89},
-        {"pim", 103},
-        {"vrrp", 112},
-        {"isis", 124},
-        {"sctp", 132},
-        {"udplite", 136},
-    });
+    const auto named = VornPolicyCpu::protocolByName(text);
     // Protocol 0 with its mask would match, but is an extension header's number, not a protocol.
-    return byNameOrNumber(kNames, text);
-}
-
-bool protocolHasPorts(std::uint8_t protocol) {
-    static constexpr std::array<std::uint8_t, 5> kWithPorts{kProtocolTcp, 17, 33, 132, 136};
-    return std::find(kWithPorts.begin(), kWithPorts.end(), protocol) != kWithPorts.end();
+    return named ? named : byteFromText(text);
 }
 
 std::optional<MaskedByte> tcpFlagsFromText(std::string_view text) {

@@ -45,11 +45,6 @@ std::string toText(const PortRange& range);
 inline constexpr std::string_view kProtocolExpected =
     "a protocol name (tcp, udp, icmp, icmpv6, ospf, igmp, ...) or a number up to 255";
 std::optional<std::uint8_t> protocolFromText(std::string_view text);
-/// Whether packets of the protocol begin with two ports.
-bool protocolHasPorts(std::uint8_t protocol);
-inline constexpr std::uint8_t kProtocolTcp = 6;
-inline constexpr std::uint8_t kProtocolIcmp = 1;
-inline constexpr std::uint8_t kProtocolIcmpV6 = 58;
 
 /// A byte and the mask of its bits that must agree.
 struct MaskedByte {

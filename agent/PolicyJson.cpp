@@ -3,44 +3,15 @@
 #include <fmt/format.h>
 
 #include "agent/FieldText.h"
+#include "types/Protocols.h"
 
 namespace Agent {
 
 namespace {
 
 std::string protocolText(std::uint8_t protocol) {
-    switch (protocol) {
-        case 1:
-            return "icmp";
-        case 2:
-            return "igmp";
-        case 6:
-            return "tcp";
-        case 17:
-            return "udp";
-        case 33:
-            return "dccp";
-        case 47:
-            return "gre";
-        case 50:
-            return "esp";
-        case 51:
-            return "ah";
-        case 58:
-            return "icmpv6";
-        case 89:
-            return "ospf";
-        case 103:
-            return "pim";
-        case 112:
-            return "vrrp";
-        case 132:
-            return "sctp";
-        case 136:
-            return "udplite";
-        default:
-            return std::to_string(protocol);
-    }
+    const auto name = VornPolicyCpu::nameOfProtocol(protocol);
+    return name ? std::string(*name) : std::to_string(protocol);
 }
 
 /// "ADDRESS/LENGTH", or "ADDRESS mask MASK" where the mask is no prefix's.

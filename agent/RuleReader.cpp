@@ -6,6 +6,7 @@
 
 #include "agent/FieldText.h"
 #include "agent/PolicyReader.h"
+#include "types/Protocols.h"
 
 namespace Agent {
 
@@ -237,12 +238,12 @@ void RuleReader<Types>::checkProtocols(const Rule<Types>& rule) {
         errors_.add(dimension.alternatives.front().at,
                     fmt::format("expected protocol {} beside '{}'", names, dimension.field));
     };
-    const std::uint8_t icmp = kIsV4 ? kProtocolIcmp : kProtocolIcmpV6;
+    const std::uint8_t icmp = kIsV4 ? VornPolicyCpu::kIcmp : VornPolicyCpu::kIcmpV6;
     for (const Dimension<Entry>& dimension : rule.dimensions) {
         if (dimension.field.ends_with("port"))
-            need(dimension, "tcp, udp, sctp, dccp or udplite", protocolHasPorts);
+            need(dimension, "tcp, udp, sctp, dccp or udplite", VornPolicyCpu::protocolHasPorts);
         else if (dimension.field == "tcp-flags")
-            need(dimension, "tcp", [](std::uint8_t p) { return p == kProtocolTcp; });
+            need(dimension, "tcp", [](std::uint8_t p) { return p == VornPolicyCpu::kTcp; });
         else if (dimension.field.starts_with("icmp"))
             need(dimension, kIsV4 ? "icmp" : "icmpv6", [&](std::uint8_t p) { return p == icmp; });
     }

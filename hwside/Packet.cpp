@@ -2,9 +2,8 @@
 
 #include <arpa/inet.h>
 
-#include <algorithm>
+#include <array>
 #include <charconv>
-#include <utility>
 
 #include <fmt/format.h>
 
@@ -13,23 +12,6 @@
 namespace HwSide {
 
 namespace {
-
-constexpr std::array<std::pair<std::string_view, std::uint8_t>, 14> kProtocolNames{{
-    {"icmp", kIcmp},
-    {"igmp", kIgmp},
-    {"tcp", kTcp},
-    {"udp", kUdp},
-    {"dccp", kDccp},
-    {"gre", kGre},
-    {"esp", kEsp},
-    {"ah", kAh},
-    {"icmpv6", kIcmpV6},
-    {"ospf", kOspf},
-    {"pim", kPim},
-    {"vrrp", kVrrp},
-    {"sctp", kSctp},
-    {"udplite", kUdpLite},
-}};
 
 std::string fragmentText(std::uint8_t bits) {
     std::string text;
@@ -45,24 +27,14 @@ std::string fragmentText(std::uint8_t bits) {
 
 }  // namespace
 
-bool protocolHasPorts(std::uint8_t protocol) {
-    return protocol == kTcp || protocol == kUdp || protocol == kDccp || protocol == kSctp ||
-           protocol == kUdpLite;
-}
-
 std::string protocolText(std::uint8_t protocol) {
-    for (const auto& [name, number] : kProtocolNames) {
-        if (number == protocol)
-            return std::string(name);
-    }
-    return std::to_string(protocol);
+    const auto name = VornPolicyCpu::nameOfProtocol(protocol);
+    return name ? std::string(*name) : std::to_string(protocol);
 }
 
 std::optional<std::uint8_t> protocolFromText(std::string_view text) {
-    for (const auto& [name, number] : kProtocolNames) {
-        if (name == text)
-            return number;
-    }
+    if (const auto named = VornPolicyCpu::protocolByName(text))
+        return named;
     std::uint8_t number = 0;
     const char* const end = text.data() + text.size();
     const auto [rest, error] = std::from_chars(text.data(), end, number);

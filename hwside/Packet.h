@@ -12,6 +12,8 @@
 #include <string_view>
 #include <variant>
 
+#include "types/Protocols.h"
+
 namespace HwSide {
 
 /// IPv4 addresses in host byte order.
@@ -62,26 +64,9 @@ struct Packet {
     std::string toText() const;
 };
 
-/// Protocol numbers that the hardware knows by name.
-enum Protocol : std::uint8_t {
-    kIcmp = 1,
-    kIgmp = 2,
-    kTcp = 6,
-    kUdp = 17,
-    kDccp = 33,
-    kGre = 47,
-    kEsp = 50,
-    kAh = 51,
-    kIcmpV6 = 58,
-    kOspf = 89,
-    kPim = 103,
-    kVrrp = 112,
-    kSctp = 132,
-    kUdpLite = 136,
-};
+using enum VornPolicyCpu::Protocol;
+using VornPolicyCpu::protocolHasPorts;
 
-/// Whether packets of the protocol begin with a source and a destination port.
-bool protocolHasPorts(std::uint8_t protocol);
 /// "tcp", or the number where the protocol has no name here.
 std::string protocolText(std::uint8_t protocol);
 /// From a name or a decimal number up to 255; nothing for other text.

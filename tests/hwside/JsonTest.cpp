@@ -28,6 +28,14 @@ TEST(PacketJson, GivesWhatIsLeftOutItsDefault) {
     EXPECT_EQ(packet, expected);
 }
 
+TEST(PacketJson, KnowsEveryProtocolThatAPolicyMayName) {
+    for (const char* const name : {"rsvp", "eigrp", "isis"}) {
+        const Packet packet =
+            packetFromJson({{"src", "192.0.2.1"}, {"dst", "192.0.2.2"}, {"proto", name}});
+        EXPECT_EQ(protocolText(packet.protocol), name);
+    }
+}
+
 TEST(PacketJson, SurvivesTheWayThereAndBack) {
     std::vector<Packet> packets(4);
     packets[0].addresses = V6Addresses{{0x20, 1}, {0xFE, 0x80}};
