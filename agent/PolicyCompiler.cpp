@@ -6,7 +6,9 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 
 #include <fmt/format.h>
 
@@ -159,9 +161,9 @@ template <class Types>
 void compileRules(const std::vector<Rule<Types>>& rules, std::string_view table,
                   const CompiledPolicy& policy, PolicyErrors& errors,
                   std::vector<Named<typename Types::Entry>>& into) {
-    std::unordered_map<std::string, bool> known;
+    std::unordered_set<std::string_view> known;
     for (const Named<ActionEntry>& action : policy.actions)
-        known[action.name] = true;
+        known.insert(action.name);
     RuleCompiler<Types> compiler(table, errors);
     for (const Rule<Types>& rule : rules) {
         if (!rule.action.empty() && !known.contains(rule.action))

@@ -36,7 +36,7 @@ int fail(int code, const std::string& text) {
 
 int main(int argc, char** argv) {
     // A reader of our output that has gone must not end the agent.
-    std::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): cannot fail for this signal
+    std::signal(SIGPIPE, SIG_IGN);
     try {
         return run(argc, argv);
     } catch (const Agent::UsageError& error) {

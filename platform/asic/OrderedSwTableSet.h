@@ -1,4 +1,4 @@
-// A table family: its tables, one a unit.
+// The tables of a family, one a unit, and their common status.
 //
 // Event thread only. The interface of the family owns the set; the group interface refers to it.
 #pragma once

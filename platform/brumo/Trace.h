@@ -57,7 +57,7 @@ private:
 template <class... Arguments>
 struct TraceText {
     template <class Text>
-    // NOLINTNEXTLINE(google-explicit-constructor): stands where a literal is written
+    // Implicit: it stands where a literal is written.
     consteval TraceText(const Text& literal, const char* where = __builtin_FUNCTION())
         : text(literal), function(where) {}
 

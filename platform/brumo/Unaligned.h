@@ -16,10 +16,9 @@ class Unaligned {
 
 public:
     constexpr Unaligned() : Unaligned(T{}) {}
-    // NOLINTNEXTLINE(google-explicit-constructor): stands for a T
+    // Implicit both ways: it stands for a T.
     constexpr Unaligned(const T& value)
         : bytes_(std::bit_cast<std::array<std::byte, sizeof(T)>>(value)) {}
-    // NOLINTNEXTLINE(google-explicit-constructor): stands for a T
     constexpr operator T() const { return get(); }
     constexpr T get() const { return std::bit_cast<T>(bytes_); }
 
