@@ -57,12 +57,13 @@ AgentProcess::AgentProcess(const Options& options)
     if (descriptor < 0)
         throw std::system_error(errno, std::generic_category(), bell_->path());
     bellDescriptor_.emplace(loop_.io(), descriptor);
-    load(policy);
-    tables_->counters().sweepUnclaimed();
-    tables_->policers().sweepUnclaimed();
+    // What can fail comes before the first change.
     control_ =
         std::make_unique<ControlSocket>(loop_.io(), controlSocketIn(options.stateDirectory),
                                         [this](const Json& request) { return answer(request); });
+    load(policy);
+    tables_->counters().sweepUnclaimed();
+    tables_->policers().sweepUnclaimed();
     waitForSignal();
     waitForBell();
     KivShimo::ring(Asic::Constants::hardwareDoorbell(options.stateDirectory));

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
@@ -133,6 +134,18 @@ TEST_F(ExitStatus, IsFiveWithoutPolicy) {
     expectRefused(5,
                   "/nonexistent/p.yaml: expected a readable policy file: No such file or "
                   "directory");
+}
+
+TEST_F(ExitStatus, IsOneWithoutItsControlSocketAndNothingIsLoaded) {
+    std::filesystem::create_directory(directory_.file("agent.sock"));
+    const Ended ended = run();
+    EXPECT_EQ(ended.status, 1);
+    const auto has = [&](const std::string& part) {
+        return std::any_of(ended.errorLines.begin(), ended.errorLines.end(),
+                           [&](const auto& line) { return line.find(part) != std::string::npos; });
+    };
+    EXPECT_TRUE(has("vorn-agent: " + directory_.file("agent.sock")));
+    EXPECT_FALSE(has(" written, "));
 }
 
 TEST_F(ExitStatus, IsSixForASecondAgentAndTheFirstGoesOn) {
