@@ -15,8 +15,8 @@ namespace Agent {
 namespace {
 
 template <class Types>
-void find(std::string_view name, const std::string& path,
-          VornPolicyCpu::TableFamilyFactory<Types>& factory) {
+void find(const std::string& path, VornPolicyCpu::TableFamilyFactory<Types>& factory) {
+    const std::string name = familyName<Types>();
     factory =
         Kiv::ModuleRegistry::instance().factory<VornPolicyCpu::TableFamilyFactory<Types>>(name);
     if (factory == nullptr)
@@ -42,9 +42,9 @@ Plugin loadPlugin(const std::string& path) {
         throw PluginError(fmt::format("{}: no policy plug-in: {}", path, text));
     }
     Plugin plugin;
-    find<ActionTypes>(kActionFamily, path, plugin.actions);
-    find<V4Types>(kV4Family, path, plugin.ipv4);
-    find<V6Types>(kV6Family, path, plugin.ipv6);
+    find<ActionTypes>(path, plugin.actions);
+    find<V4Types>(path, plugin.ipv4);
+    find<V6Types>(path, plugin.ipv6);
     return plugin;
 }
 

@@ -9,6 +9,7 @@
 
 #include "agent/Policy.h"
 #include "catalogue/TableFamily.h"
+#include "types/Constants.h"
 
 namespace Agent {
 
@@ -18,10 +19,11 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// The registry names under which the families register themselves.
-inline constexpr std::string_view kActionFamily = "VornPolicyCpu::PolicyCpuTcamActionInterface";
-inline constexpr std::string_view kV4Family = "VornPolicyCpu::PolicyCpuV4TcamEntryInterface";
-inline constexpr std::string_view kV6Family = "VornPolicyCpu::PolicyCpuV6TcamEntryInterface";
+/// The registry name under which a family registers itself.
+template <class Types>
+std::string familyName() {
+    return VornPolicyCpu::qualifiedClassName<Types>("Interface");
+}
 
 /// How the three families are made.
 struct Plugin {

@@ -4,7 +4,7 @@
 #include <memory>
 #include <system_error>
 
-#include "platform/asic/Constants.h"
+#include "catalogue/PolicyCpuTcamAction.h"
 #include "platform/kivshimo/EntityManager.h"
 #include "platform/regdb/EntityManager.h"
 #include "platform/ringtrace/ProcessRing.h"
@@ -14,12 +14,6 @@ namespace Agent {
 namespace {
 
 constexpr std::string_view kSystemName = "vorn";
-constexpr std::string_view kAgentName = "VornPolicyCpu";
-constexpr std::string_view kGroupName = "VornPolicyCpuGroup";
-constexpr std::uint16_t kAgentAndGroupId = 0x2C08;
-
-const std::string kCounterTable = "CrpsIndexRequest.CpuTrafficPolicyIngress";
-const std::string kPolicerTable = "PolicerIndexRequest.VornPolicyCpu";
 
 /// Messages that the ring trace keeps, 64 bytes each.
 constexpr std::size_t kRingSlots = 1024;
@@ -43,10 +37,13 @@ Tables::Tables(const Options& options, const Plugin& plugin, Kiv::EventLoop& loo
 
     const auto database = Brumo::make<Regdb::EntityManager>(system, true);
     relaunch_ = Brumo::make<Asic::GenId>();
-    database->entityIs("hardware/crest/agent/relaunch/config/" + std::string(kAgentName),
-                       relaunch_);
-    interface_ = Brumo::make<Asic::OrderedTableInterface>(database, std::string(kAgentName), loop);
-    group_ = interface_->makeGroupIntf(std::string(kGroupName), kAgentAndGroupId);
+    database->entityIs(
+        "hardware/crest/agent/relaunch/config/" + std::string(VornPolicyCpu::kAgentName),
+        relaunch_);
+    interface_ = Brumo::make<Asic::OrderedTableInterface>(
+        database, std::string(VornPolicyCpu::kAgentName), loop);
+    group_ = interface_->makeGroupIntf(std::string(VornPolicyCpu::kGroupName),
+                                       ActionTypes::kTableId.agentAndGroupId());
     // The group's lock is ours now: no other agent's ring is touched.
     startRing(options.stateDirectory + "/agent.ring");
     makeResourceTables(options, loop);
@@ -64,27 +61,32 @@ Tables::Tables(const Options& options, const Plugin& plugin, Kiv::EventLoop& loo
 }
 
 void Tables::makeResourceTables(const Options& options, Kiv::EventLoop& loop) {
-    const auto& database = interface_->entityManager();
-    counters_ = Brumo::make<Counters>(kCounterTable, database, group_, loop, options.counters);
-    interface_->resourceTableIs("VornCountersLib", kCounterTable, counters_);
-    policers_ = Brumo::make<Policers>(kPolicerTable, database, group_, loop, options.policers);
-    interface_->resourceTableIs("VornPolicerLib", kPolicerTable, policers_);
+    // By the names under which the action table looks for them.
+    const auto make = [&]<class Linkage>(Brumo::Ptr<typename Linkage::ResourceTable>& table,
+                                         std::uint32_t capacity) {
+        const std::string name(Linkage::kResourceTable);
+        table = Brumo::make<typename Linkage::ResourceTable>(name, interface_->entityManager(),
+                                                             group_, loop, capacity);
+        interface_->resourceTableIs(std::string(Linkage::kResourceLibrary), name, table);
+    };
+    make.operator()<VornPolicyCpu::CrpsIndexRequestBinding>(counters_, options.counters);
+    make.operator()<VornPolicyCpu::PolicerIndexRequestBinding>(policers_, options.policers);
 }
 
 Tables::~Tables() {
     RingTrace::processRingIs(nullptr);
     units_.clear();
     auto& families = Asic::SwTableInterfacesSingleton::instance();
-    const auto end = [&](auto& family, std::string_view name) {
+    const auto end = [&](auto& family, const std::string& name) {
         if (family == nullptr)
             return;
         family->onDelete();
         family = nullptr;
-        families.swTableIntfDel(std::string(name));
+        families.swTableIntfDel(name);
     };
-    end(ipv6_, kV6Family);
-    end(ipv4_, kV4Family);
-    end(actions_, kActionFamily);
+    end(ipv6_, familyName<V6Types>());
+    end(ipv4_, familyName<V4Types>());
+    end(actions_, familyName<ActionTypes>());
 }
 
 }  // namespace Agent

@@ -12,6 +12,7 @@
 
 #include "platform/asic/SwTable.h"
 #include "platform/brumo/Trace.h"
+#include "types/Constants.h"
 #include "types/Records.h"
 
 namespace VornPolicyCpu {
@@ -50,6 +51,8 @@ struct TableBinding {
     using Linkages = LinkageList<L...>;
     using SwTable = VornPolicyCpu::SwTable<Self>;
     using EntryWrapper = VornPolicyCpu::EntryWrapper<Self>;
+
+    static constexpr Asic::SwTableId kTableId = T::kTableId;
 };
 
 /// What the engine asks of a linkage's binding `L` for entries of type `Entry`: the resource
@@ -69,11 +72,6 @@ concept LinkageBinding = requires(Entry& entry, const Entry& written,
     L::setResolvedFields(entry, handle);
     L::retrieveClientData(entry, *handle);
 };
-
-/// Where the tables of this library belong.
-inline constexpr std::string_view kGroupName = "VornPolicyCpuGroup";
-inline constexpr std::string_view kAgentName = "VornPolicyCpu";
-inline constexpr std::string_view kTableNamespace = "VornPolicyCpu";
 
 /// The name of one of a table's classes, or of its trace handle.
 template <class B>

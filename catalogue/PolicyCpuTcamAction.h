@@ -71,7 +71,6 @@ struct PolicyCpuTcamActionBinding
     using SwTable = PolicyCpuTcamActionSwTable;
     using EntryWrapper = PolicyCpuTcamActionEntryWrapper;
 
-    static constexpr Asic::SwTableId kTableId{0x2C080403};
     static constexpr std::array<std::string_view, 8> kResourceAttributes{"counterRequestKeyResPtr",
                                                                          "policerRequestKeyResPtr",
                                                                          "counterRequestKey",

@@ -7,8 +7,6 @@
 namespace VornPolicyCpu {
 
 struct PolicyCpuV4TcamEntryBinding
-    : TableBinding<PolicyCpuV4TcamEntryBinding, PolicyCpuV4TcamEntryTypes> {
-    static constexpr Asic::SwTableId kTableId{0x2C080404};
-};
+    : TableBinding<PolicyCpuV4TcamEntryBinding, PolicyCpuV4TcamEntryTypes> {};
 
 }  // namespace VornPolicyCpu

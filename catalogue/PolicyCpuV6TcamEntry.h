@@ -7,8 +7,6 @@
 namespace VornPolicyCpu {
 
 struct PolicyCpuV6TcamEntryBinding
-    : TableBinding<PolicyCpuV6TcamEntryBinding, PolicyCpuV6TcamEntryTypes> {
-    static constexpr Asic::SwTableId kTableId{0x2C080405};
-};
+    : TableBinding<PolicyCpuV6TcamEntryBinding, PolicyCpuV6TcamEntryTypes> {};
 
 }  // namespace VornPolicyCpu

@@ -59,7 +59,7 @@ Asic::UnitId unitOf(const Json& request) {
 template <class Types>
 Json tableStatus(const Tcam& tcam) {
     const ProgramCounters& counters = tcam.counters<Types>();
-    return {{"id", Asic::SwTableId(TableNumber<Types>::kValue).toText()},
+    return {{"id", Types::kTableId.toText()},
             {"entries", tcam.entries<Types>()},
             {"version", tcam.reached<Types>().value},
             {"added", counters.added},

@@ -52,7 +52,7 @@ class ShimoTableReader final : public TableReader {
 public:
     ShimoTableReader(Group group, Tcam& tcam) : group_(std::move(group)), tcam_(&tcam) {}
 
-    std::uint32_t tableId() const override { return TableNumber<Types>::kValue; }
+    std::uint32_t tableId() const override { return Types::kTableId.whole(); }
     bool stale() const override;
     void close() override;
     Applied apply(Asic::LogVersion version) override;

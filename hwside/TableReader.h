@@ -12,22 +12,6 @@
 
 namespace HwSide {
 
-/// The group's tables by the number under which they are announced.
-template <class Types>
-struct TableNumber;
-template <>
-struct TableNumber<ActionTypes> {
-    static constexpr std::uint32_t kValue = 0x2C080403;
-};
-template <>
-struct TableNumber<V4Types> {
-    static constexpr std::uint32_t kValue = 0x2C080404;
-};
-template <>
-struct TableNumber<V6Types> {
-    static constexpr std::uint32_t kValue = 0x2C080405;
-};
-
 /// What became of a change.
 enum class Applied : std::uint8_t {
     done,

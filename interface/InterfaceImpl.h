@@ -12,7 +12,7 @@ namespace VornPolicyCpu {
 
 template <class B>
 const std::string& Interface<B>::registryName() {
-    static const std::string name = "VornPolicyCpu::" + className<B>("Interface");
+    static const std::string name = qualifiedClassName<typename B::Types>("Interface");
     return name;
 }
 

@@ -1,7 +1,9 @@
-// Constants of each table: where its shared-memory tables lie, relative to the root of all.
+// Constants of each table: its group, and where its shared-memory tables lie, relative to the root
+// of all.
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "platform/asic/Constants.h"
 #include "types/PolicyCpuTcamAction.h"
@@ -10,10 +12,20 @@
 
 namespace VornPolicyCpu {
 
+/// Where the tables of this library belong.
+inline constexpr std::string_view kGroupName = "VornPolicyCpuGroup";
+inline constexpr std::string_view kAgentName = "VornPolicyCpu";
+inline constexpr std::string_view kTableNamespace = "VornPolicyCpu";
+
+/// The name of one of a table's classes as registries and mounts know it.
+template <TableTypes Types>
+std::string qualifiedClassName(std::string_view role) {
+    return std::string(kTableNamespace) + "::" + std::string(Types::kName) + std::string(role);
+}
+
 /// The canonical name of the group that all tables of this library belong to.
 inline const std::string& canonicalGroupName() {
-    static const std::string name =
-        Asic::Constants::canonicalizeGroupName("VornPolicyCpuGroup", "VornPolicyCpu");
+    static const std::string name = Asic::Constants::canonicalizeGroupName(kGroupName, kAgentName);
     return name;
 }
 
@@ -32,12 +44,8 @@ struct Constants {
         return Asic::Constants::entryLogPath(canonicalGroupName(), Types::kName);
     }
     /// The type names under which the tables are mounted.
-    static std::string configShimoType() {
-        return "VornPolicyCpu::" + std::string(Types::kName) + "ConfigShimo";
-    }
-    static std::string entryLogShimoType() {
-        return "VornPolicyCpu::" + std::string(Types::kName) + "EntryLogShimo";
-    }
+    static std::string configShimoType() { return qualifiedClassName<Types>("ConfigShimo"); }
+    static std::string entryLogShimoType() { return qualifiedClassName<Types>("EntryLogShimo"); }
 };
 
 using PolicyCpuTcamActionConstants = Constants<PolicyCpuTcamActionTypes>;

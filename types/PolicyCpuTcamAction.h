@@ -137,6 +137,7 @@ struct PolicyCpuTcamActionEntry {
 
 struct PolicyCpuTcamActionTypes {
     static constexpr std::string_view kName = "PolicyCpuTcamAction";
+    static constexpr Asic::SwTableId kTableId{0x2C080403};
     using Key = PolicyCpuTcamActionEntryKey;
     using Entry = PolicyCpuTcamActionEntry;
     using LogEntry = PolicyCpuTcamActionLogEntry;

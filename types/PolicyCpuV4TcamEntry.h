@@ -81,6 +81,7 @@ inline std::string PolicyCpuV4TcamEntryLogEntry::toText() const {
 
 struct PolicyCpuV4TcamEntryTypes {
     static constexpr std::string_view kName = "PolicyCpuV4TcamEntry";
+    static constexpr Asic::SwTableId kTableId{0x2C080404};
     using Key = PolicyCpuV4TcamEntryEntryKey;
     using Entry = PolicyCpuV4TcamEntryEntry;
     using LogEntry = PolicyCpuV4TcamEntryLogEntry;

@@ -91,6 +91,7 @@ inline std::string PolicyCpuV6TcamEntryLogEntry::toText() const {
 
 struct PolicyCpuV6TcamEntryTypes {
     static constexpr std::string_view kName = "PolicyCpuV6TcamEntry";
+    static constexpr Asic::SwTableId kTableId{0x2C080405};
     using Key = PolicyCpuV6TcamEntryEntryKey;
     using Entry = PolicyCpuV6TcamEntryEntry;
     using LogEntry = PolicyCpuV6TcamEntryLogEntry;

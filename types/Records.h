@@ -110,6 +110,7 @@ concept TableTypes = requires(const typename T::Entry& entry, const typename T::
     { entry.resourceKeys() } -> std::same_as<typename T::ResourceKeys>;
     { T::Entry::from(logEntry, rsrcKeys) } -> std::same_as<typename T::Entry>;
     { T::kName } -> std::convertible_to<std::string_view>;
+    { T::kTableId } -> std::convertible_to<Asic::SwTableId>;
 };
 
 /// Resource keys of a table whose entries need no resources.

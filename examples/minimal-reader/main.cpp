@@ -31,9 +31,9 @@ namespace {
 using namespace VornPolicyCpu;
 
 /// The tables of the group, by the numbers under which they are announced.
-constexpr std::uint32_t kActionTable = 0x2C080403;
-constexpr std::uint32_t kV4Table = 0x2C080404;
-constexpr std::uint32_t kV6Table = 0x2C080405;
+constexpr std::uint32_t kActionTable = PolicyCpuTcamActionTypes::kTableId.whole();
+constexpr std::uint32_t kV4Table = PolicyCpuV4TcamEntryTypes::kTableId.whole();
+constexpr std::uint32_t kV6Table = PolicyCpuV6TcamEntryTypes::kTableId.whole();
 
 std::string fileOf(const std::string& root, const std::string& path) {
     return KivShimo::tableFile(root, path);

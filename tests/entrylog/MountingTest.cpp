@@ -325,10 +325,9 @@ TEST_F(MountRoutine, FailsOnALostTableWithNobodyToTell) {
 /// A table whose shared-memory types are registered with the classes of another.
 struct StrangeTypes : PolicyCpuV4TcamEntryTypes {
     static constexpr std::string_view kName = "StrangeTable";
-};
-struct StrangeBinding : TableBinding<StrangeBinding, StrangeTypes> {
     static constexpr Asic::SwTableId kTableId{0x2C08040F};
 };
+struct StrangeBinding : TableBinding<StrangeBinding, StrangeTypes> {};
 
 class StrangeTable : public EntryLogFixture<StrangeBinding> {
 protected:

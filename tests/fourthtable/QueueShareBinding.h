@@ -32,8 +32,6 @@ struct QueueShareCounterBinding {
 static_assert(LinkageBinding<QueueShareCounterBinding, QueueShareEntry>);
 
 struct QueueShareBinding
-    : TableBinding<QueueShareBinding, QueueShareTypes, QueueShareCounterBinding> {
-    static constexpr Asic::SwTableId kTableId{0x2C080406};
-};
+    : TableBinding<QueueShareBinding, QueueShareTypes, QueueShareCounterBinding> {};
 
 }  // namespace VornPolicyCpu

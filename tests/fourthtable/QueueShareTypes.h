@@ -69,6 +69,7 @@ struct QueueShareEntry {
 
 struct QueueShareTypes {
     static constexpr std::string_view kName = "QueueShare";
+    static constexpr Asic::SwTableId kTableId{0x2C080406};
     using Key = QueueShareKey;
     using Entry = QueueShareEntry;
     using LogEntry = QueueShareLogEntry;

@@ -154,19 +154,19 @@ public:
     std::uint64_t write(Asic::UnitId unit, const typename Types::Entry& entry,
                         const Needed& needed = {}) {
         const std::uint64_t version = table<Types>().write(unit, entry);
-        announce(TableNumber<Types>::kValue, version, needed);
+        announce(Types::kTableId.whole(), version, needed);
         return version;
     }
     template <class Types>
     std::uint64_t remove(Asic::UnitId unit, const typename Types::Key& key) {
         const std::uint64_t version = table<Types>().remove(unit, key);
-        announce(TableNumber<Types>::kValue, version);
+        announce(Types::kTableId.whole(), version);
         return version;
     }
     template <class Types>
     std::uint64_t clear(Asic::UnitId unit) {
         const std::uint64_t version = table<Types>().clear(unit);
-        announce(TableNumber<Types>::kValue, version);
+        announce(Types::kTableId.whole(), version);
         return version;
     }
 

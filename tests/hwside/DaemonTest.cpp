@@ -196,7 +196,7 @@ TEST_F(DaemonTest, FollowsAnAgentThatComesLaterAndRingsForIt) {
         waker.published();
         eventually([&] { return bell.drain() > 0; });
         sleeper.awake();
-        eventually([&] { return acks->acknowledged(TableNumber<V4Types>::kValue) == version; });
+        eventually([&] { return acks->acknowledged(V4Types::kTableId.whole()) == version; });
         agent.announcements().consumedIs(acks->consumed());
     }
     EXPECT_EQ(process.end(SIGTERM), 0);

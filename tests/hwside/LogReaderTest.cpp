@@ -15,9 +15,9 @@ namespace {
 
 constexpr Asic::UnitId kUnit{1};
 constexpr Asic::UnitId kOtherUnit{2};
-constexpr std::uint32_t kAction = TableNumber<ActionTypes>::kValue;
-constexpr std::uint32_t kV4 = TableNumber<V4Types>::kValue;
-constexpr std::uint32_t kV6 = TableNumber<V6Types>::kValue;
+constexpr std::uint32_t kAction = ActionTypes::kTableId.whole();
+constexpr std::uint32_t kV4 = V4Types::kTableId.whole();
+constexpr std::uint32_t kV6 = V6Types::kTableId.whole();
 constexpr std::uint32_t kCounters = 0x2C080301;
 
 using Progress = LogReader::Progress;

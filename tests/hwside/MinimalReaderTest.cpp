@@ -15,8 +15,8 @@ namespace HwSide::Test {
 namespace {
 
 constexpr Asic::UnitId kUnit{1};
-constexpr std::uint32_t kAction = TableNumber<ActionTypes>::kValue;
-constexpr std::uint32_t kV4 = TableNumber<V4Types>::kValue;
+constexpr std::uint32_t kAction = ActionTypes::kTableId.whole();
+constexpr std::uint32_t kV4 = V4Types::kTableId.whole();
 
 std::string outputOf(const std::string& folder) {
     const std::filesystem::path program =
