@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -105,6 +106,8 @@ void Daemon::work() {
     sleeper_.awake();
     again_.cancel();
     LogReader::Progress progress = reader_.pump(kBudget);
+    if (progress != LogReader::Progress::again)
+        againAfter_ = kAgainAfter;
     if (progress == LogReader::Progress::idle) {
         const std::uint64_t position = reader_.position();
         sleeper_.asleep();
@@ -114,7 +117,8 @@ void Daemon::work() {
         sleeper_.awake();
     }
     if (progress == LogReader::Progress::again) {
-        again_.expires_after(kAgainAfter);
+        again_.expires_after(againAfter_);
+        againAfter_ = std::min(2 * againAfter_, kAgainAfterAtMost);
         again_.async_wait([this](const asio::error_code& error) {
             if (!error)
                 work();

@@ -2,7 +2,8 @@
 //
 // Event thread only. Woken by its doorbell (DIR/hwd.bell) and by requests (DIR/hwd.sock); it polls
 // nothing. The one exception is a store of the agent that is seen half done: it is looked at again
-// after kAgainAfter.
+// after kAgainAfter, then after twice as long each time: an agent that was killed there leaves it
+// so until the next one starts.
 #pragma once
 
 #include <chrono>
@@ -28,6 +29,7 @@ public:
 class Daemon {
 public:
     static constexpr std::chrono::milliseconds kAgainAfter{10};
+    static constexpr std::chrono::milliseconds kAgainAfterAtMost{1000};
 
     /// Takes the directory; a second one on it is refused. Throws StateDirectoryError,
     /// KivShimo::MountError, std::system_error.
@@ -55,6 +57,7 @@ private:
     ControlServer control_;
     asio::posix::stream_descriptor rings_;
     asio::steady_timer again_;
+    std::chrono::milliseconds againAfter_ = kAgainAfter;
 };
 
 }  // namespace HwSide

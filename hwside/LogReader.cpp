@@ -227,7 +227,6 @@ void LogReader::publishConsumed() {
 /// what a change of theirs needs was published before it, so it is within the versions read after.
 /// Values newer than these are left to their announcements, which come behind the tail.
 void LogReader::snapshot() {
-    ++counters_.snapshots;
     const std::uint64_t tail = announcements_->tail();
     kTrace(2, " snapshot: announcements up to {}", tail);
     Covered covered = coveredUpTo(tail);
@@ -260,6 +259,7 @@ void LogReader::snapshot() {
     }
     position_ = tail;
     snapshotDue_ = false;
+    ++counters_.snapshots;
 }
 
 /// What was announced up to the tail, as far as the log still has it.

@@ -51,9 +51,9 @@ public:
         std::uint64_t resources = 0;      ///< of tables that are not looked up
         std::uint64_t repeated = 0;       ///< acknowledged before
         std::uint64_t superseded = 0;     ///< a later announcement brings the value
-        std::uint64_t snapshots = 0;
-        std::uint64_t rotten = 0;  ///< announcements, records, values, files
-        std::uint64_t lost = 0;    ///< change records or values that are not there
+        std::uint64_t snapshots = 0;      ///< finished
+        std::uint64_t rotten = 0;         ///< announcements, records, values, files
+        std::uint64_t lost = 0;           ///< change records or values that are not there
     };
 
     /// `tcam` may hold what an earlier reader of this process programmed. Opens nothing yet.

@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "platform/brumo/Trace.h"
+#include "platform/kivshimo/detail/MapLayout.h"
 #include "tests/hwside/AgentSide.h"
 
 namespace HwSide::Test {
@@ -47,13 +48,13 @@ protected:
         return acks_->acknowledged(tableId).value_or(0);
     }
     /// Flips bits of a byte that a running system holds.
-    static void spoil(const std::string& file, std::size_t offset) {
+    static void spoil(const std::string& file, std::size_t offset, int bits = 0x5A) {
         std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
         ASSERT_TRUE(stream) << file;
         stream.seekg(static_cast<std::streamoff>(offset));
         const int byte = stream.get();
         stream.seekp(static_cast<std::streamoff>(offset));
-        stream.put(static_cast<char>(byte ^ 0x5A));
+        stream.put(static_cast<char>(byte ^ bits));
     }
     /// Where the file holds these bytes; the first place.
     static std::size_t placeOf(const std::string& file, const std::string& bytes) {
@@ -534,6 +535,23 @@ TEST_F(LogReaderTest, ASnapshotOfAUnitWithARottenValueRemovesNothingThere) {
     EXPECT_EQ(reader_->counters().rotten, 1U);
     EXPECT_EQ(tcam_->counters<ActionTypes>(),
               (ProgramCounters{.added = 2, .unchanged = 1, .removed = 0}));
+}
+
+TEST_F(LogReaderTest, CountsASnapshotOnceHoweverOftenItFindsAStoreHalfDone) {
+    using Value = TableWriter<V4Types>::ConfigTable::Value;
+    agent_->write<V4Types>(kUnit, matchEntry<V4Types>(1, 1));
+    const std::string file = group_.configFile<V4Types>(kUnit);
+    const std::size_t label = offsetof(Value, logEntry) + offsetof(V4Types::LogEntry, label);
+    const std::size_t slot =
+        placeOf(file, "rule 1") - label - offsetof(KivShimo::detail::MapSlot<Value>, value);
+    spoil(file, slot, KivShimo::detail::kMidStore);
+    EXPECT_EQ(reader_->pump(), Progress::again);
+    EXPECT_EQ(reader_->pump(), Progress::again);
+    EXPECT_EQ(reader_->counters().snapshots, 0U);
+    spoil(file, slot, KivShimo::detail::kMidStore);
+    EXPECT_EQ(reader_->pump(), Progress::idle);
+    EXPECT_EQ(reader_->counters().snapshots, 1U);
+    expectAllSame();
 }
 
 TEST_F(LogReaderTest, RemovesNothingWhileTheUnitsCannotBeListed) {
