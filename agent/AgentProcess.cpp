@@ -11,9 +11,9 @@
 #include <fmt/format.h>
 
 #include "agent/ControlCommands.h"
-#include "agent/StateDirectory.h"
 #include "platform/asic/Constants.h"
 #include "platform/brumo/Trace.h"
+#include "process/StateDirectory.h"
 
 namespace Agent {
 
@@ -21,6 +21,11 @@ namespace {
 
 /// Failures of all, life-cycle messages of the interfaces: a line for each entry would be too much.
 constexpr const char* kTraceFilter = "*/1;*Interface/1-2";
+
+/// Where the agent answers requests.
+std::string controlSocketIn(const std::string& stateDirectory) {
+    return stateDirectory + "/agent.sock";
+}
 
 void reportFinished(const LoadFigures& figures) {
     if (figures.failed == 0) {
@@ -45,7 +50,7 @@ AgentProcess::AgentProcess(const Options& options)
     : signals_(loop_.io(), SIGHUP, SIGTERM, SIGINT), policyPath_(options.policy) {
     if (std::getenv("VORN_TRACE") == nullptr)
         Brumo::traceFilterIs(kTraceFilter);
-    checkStateDirectory(options.stateDirectory);
+    Process::checkStateDirectory(options.stateDirectory, controlSocketIn(options.stateDirectory));
     const auto policy = std::make_shared<const CompiledPolicy>(loadPolicy(options.policy));
     const Plugin plugin = loadPlugin(options.plugin);
 
@@ -58,9 +63,9 @@ AgentProcess::AgentProcess(const Options& options)
         throw std::system_error(errno, std::generic_category(), bell_->path());
     bellDescriptor_.emplace(loop_.io(), descriptor);
     // What can fail comes before the first change.
-    control_ =
-        std::make_unique<ControlSocket>(loop_.io(), controlSocketIn(options.stateDirectory),
-                                        [this](const Json& request) { return answer(request); });
+    control_ = std::make_unique<Process::ControlServer>(
+        loop_.io(), controlSocketIn(options.stateDirectory),
+        [this](const Json& request) { return answer(request); });
     load(policy);
     tables_->counters().sweepUnclaimed();
     tables_->policers().sweepUnclaimed();

@@ -12,18 +12,20 @@
 #include <asio/signal_set.hpp>
 
 #include "agent/AsioEventLoop.h"
-#include "agent/ControlSocket.h"
 #include "agent/Options.h"
 #include "agent/PolicyLoader.h"
 #include "agent/Tables.h"
 #include "platform/kivshimo/Doorbell.h"
+#include "process/ControlServer.h"
 
 namespace Agent {
+
+using Json = nlohmann::ordered_json;
 
 class AgentProcess {
 public:
     /// Checks everything that can be checked before it changes anything, then mounts the tables and
-    /// stages the first load. Throws StateDirectoryError, PluginError, PolicyError,
+    /// stages the first load. Throws Process::StateDirectoryError, PluginError, PolicyError,
     /// KivShimo::MountError, std::system_error.
     explicit AgentProcess(const Options& options);
     AgentProcess(const AgentProcess&) = delete;
@@ -49,7 +51,7 @@ private:
     std::unique_ptr<PolicyLoader> loader_;
     std::unique_ptr<KivShimo::Doorbell> bell_;
     std::optional<asio::posix::stream_descriptor> bellDescriptor_;
-    std::unique_ptr<ControlSocket> control_;
+    std::unique_ptr<Process::ControlServer> control_;
 };
 
 /// Writes a line to standard error.

@@ -7,8 +7,8 @@
 #include "agent/AgentProcess.h"
 #include "agent/ExitCodes.h"
 #include "agent/PolicyJson.h"
-#include "agent/StateDirectory.h"
 #include "platform/kivshimo/Errors.h"
+#include "process/StateDirectory.h"
 
 namespace {
 
@@ -41,7 +41,7 @@ int main(int argc, char** argv) {
         return run(argc, argv);
     } catch (const Agent::UsageError& error) {
         return fail(Agent::kExitUsage, std::string(error.what()) + "; see --help");
-    } catch (const Agent::StateDirectoryError& error) {
+    } catch (const Process::StateDirectoryError& error) {
         return fail(Agent::kExitStateDirectory, error.what());
     } catch (const Agent::PluginError& error) {
         return fail(Agent::kExitPlugin, error.what());

@@ -1,15 +1,15 @@
 #include "hwside/Daemon.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 
 #include <fmt/format.h>
 #include <asio/post.hpp>
+
+#include "process/StateDirectory.h"
 
 namespace HwSide {
 
@@ -20,21 +20,9 @@ constexpr std::size_t kBudget = 4096;
 
 /// Returns the path without slashes at its end.
 std::string checkedDirectory(std::string path) {
-    const auto refuse = [&](std::string_view reason) {
-        throw StateDirectoryError(fmt::format("state directory {}: {}", path, reason));
-    };
-    struct stat status {};
-    if (::stat(path.c_str(), &status) != 0)
-        refuse(std::strerror(errno));
-    if (!S_ISDIR(status.st_mode))
-        refuse("it is no directory");
-    if (status.st_uid != ::geteuid()) {
-        refuse(fmt::format("it belongs to user {}, not to user {}", status.st_uid, ::geteuid()));
-    }
-    if (::access(path.c_str(), R_OK | W_OK | X_OK) != 0)
-        refuse(std::strerror(errno));
     while (path.size() > 1 && path.back() == '/')
         path.pop_back();
+    Process::checkStateDirectory(path, Group{path}.controlSocket());
     return path;
 }
 

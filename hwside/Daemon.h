@@ -13,25 +13,20 @@
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/steady_timer.hpp>
 
-#include "hwside/ControlServer.h"
+#include "hwside/Json.h"
 #include "hwside/LogReader.h"
 #include "hwside/Tcam.h"
 #include "platform/kivshimo/Doorbell.h"
+#include "process/ControlServer.h"
 
 namespace HwSide {
-
-/// The state directory cannot be used: path and reason.
-class StateDirectoryError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
 
 class Daemon {
 public:
     static constexpr std::chrono::milliseconds kAgainAfter{10};
     static constexpr std::chrono::milliseconds kAgainAfterAtMost{1000};
 
-    /// Takes the directory; a second one on it is refused. Throws StateDirectoryError,
+    /// Takes the directory; a second one on it is refused. Throws Process::StateDirectoryError,
     /// KivShimo::MountError, std::system_error.
     Daemon(asio::io_context& io, const std::string& stateDirectory);
 
@@ -54,7 +49,7 @@ private:
     KivShimo::Sleeper sleeper_;
     Tcam tcam_;
     LogReader reader_;
-    ControlServer control_;
+    Process::ControlServer control_;
     asio::posix::stream_descriptor rings_;
     asio::steady_timer again_;
     std::chrono::milliseconds againAfter_ = kAgainAfter;

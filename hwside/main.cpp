@@ -10,6 +10,7 @@
 #include <asio/signal_set.hpp>
 
 #include "hwside/Daemon.h"
+#include "process/StateDirectory.h"
 
 namespace {
 
@@ -41,7 +42,7 @@ int serve(const std::string& stateDirectory) {
     std::optional<HwSide::Daemon> daemon;
     try {
         daemon.emplace(io, stateDirectory);
-    } catch (const HwSide::StateDirectoryError& error) {
+    } catch (const Process::StateDirectoryError& error) {
         return failed(kStateDirectory, error.what());
     } catch (const KivShimo::MountError& error) {
         return failed(kStateDirectory, error.what());

@@ -4,7 +4,7 @@
 #include <sstream>
 
 #include "agent/Options.h"
-#include "hwside/ControlServer.h"
+#include "process/ControlServer.h"
 
 namespace TestSupport {
 
@@ -66,7 +66,7 @@ void TestedSystem::startHardware() {
 
 Json TestedSystem::ask(const std::string& socket, const Json& request) {
     try {
-        return HwSide::ControlClient(socket).request(request);
+        return Process::ControlClient(socket).request(request);
     } catch (const std::exception&) {  // not there, or not any more
         return Json::object();
     }

@@ -13,9 +13,10 @@
 #include <sstream>
 #include <thread>
 
-#include "hwside/ControlServer.h"
+#include "hwside/Json.h"
 #include "platform/kivshimo/AckMap.h"
 #include "platform/kivshimo/Doorbell.h"
+#include "process/ControlServer.h"
 #include "tests/hwside/AgentSide.h"
 
 namespace HwSide::Test {
@@ -88,7 +89,9 @@ protected:
     void waitUntilReady(const Process& process) {
         eventually([&] { return process.output().find("follows") != std::string::npos; });
     }
-    Json ask(const Json& request) { return ControlClient(group_.controlSocket()).request(request); }
+    Json ask(const Json& request) {
+        return ::Process::ControlClient(group_.controlSocket()).request(request);
+    }
     std::uint64_t acknowledged() {
         return ask({{"cmd", "status"}})["tables"]["PolicyCpuV4TcamEntry"]["version"];
     }

@@ -9,10 +9,10 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
-#include "hwside/ControlServer.h"
 #include "hwside/Group.h"
 #include "hwside/Json.h"
 #include "hwside/PcapFile.h"
+#include "process/ControlServer.h"
 
 namespace {
 
@@ -95,7 +95,7 @@ std::string lineOf(const Json& answer) {
                        match.at("priority").get<std::uint32_t>(), actionText(match));
 }
 
-void ask(HwSide::ControlClient& client, const Options& options, const Json& packet) {
+void ask(Process::ControlClient& client, const Options& options, const Json& packet) {
     Json answer = client.request({{"cmd", "classify"}, {"unit", options.unit}, {"packet", packet}});
     if (!answer.at("ok").get<bool>()) {
         throw HwSide::RequestError(answer.at("error").get<std::string>());
@@ -104,7 +104,7 @@ void ask(HwSide::ControlClient& client, const Options& options, const Json& pack
     fmt::print("{}\n", options.json ? answer.dump() : lineOf(answer));
 }
 
-void askForCapture(HwSide::ControlClient& client, const Options& options) {
+void askForCapture(Process::ControlClient& client, const Options& options) {
     HwSide::PcapFile capture(options.pcap);
     while (const std::optional<HwSide::Decoded> decoded = capture.next()) {
         if (decoded->outcome == HwSide::DecodeOutcome::ok) {
@@ -128,7 +128,7 @@ int failed(int code, std::string_view reason) {
 }
 
 int run(const Options& options) {
-    std::optional<HwSide::ControlClient> client;
+    std::optional<Process::ControlClient> client;
     try {
         client.emplace(HwSide::Group{options.stateDirectory}.controlSocket());
     } catch (const std::system_error& error) {

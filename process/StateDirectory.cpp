@@ -1,4 +1,4 @@
-#include "agent/StateDirectory.h"
+#include "process/StateDirectory.h"
 
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -9,9 +9,9 @@
 
 #include <fmt/format.h>
 
-namespace Agent {
+namespace Process {
 
-void checkStateDirectory(const std::string& path) {
+void checkStateDirectory(const std::string& path, const std::string& controlSocket) {
     const auto fail = [&](std::string_view why) {
         throw StateDirectoryError(fmt::format("state directory {}: {}", path, why));
     };
@@ -24,9 +24,8 @@ void checkStateDirectory(const std::string& path) {
         fail(fmt::format("it belongs to user {}, not to user {}", status.st_uid, ::geteuid()));
     if (::access(path.c_str(), R_OK | W_OK | X_OK) != 0)
         fail(fmt::format("it is not writable: {}", std::strerror(errno)));
-    // No other socket in it has a longer name.
-    if (controlSocketIn(path).size() >= sizeof(sockaddr_un{}.sun_path))
+    if (controlSocket.size() >= sizeof(sockaddr_un{}.sun_path))
         fail("the path is too long for the sockets in it");
 }
 
-}  // namespace Agent
+}  // namespace Process

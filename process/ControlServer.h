@@ -1,4 +1,4 @@
-// The control socket: requests and answers as lines of JSON.
+// The control socket of a process: requests and answers as lines of JSON.
 //
 // Event thread only. A Unix stream socket of mode 0660; whoever is neither of the server's user nor
 // root is turned away. Every line is one request and gets one line as its answer, in order: an
@@ -6,26 +6,29 @@
 //
 // What always holds:
 //  1. Whatever a peer sends, the server lives on; a line longer than kRequestLimit_bytes ends its
-//     connection.
+//     connection, and a connection beyond kMaxConnections is turned away.
 //  2. A peer that does not read its answers costs one answer: the next request is read only after
 //     the answer is sent.
 #pragma once
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include <asio/io_context.hpp>
 #include <asio/local/stream_protocol.hpp>
 #include <asio/steady_timer.hpp>
+#include <nlohmann/json.hpp>
 
-#include "hwside/Json.h"
+namespace Process {
 
-namespace HwSide {
+using Json = nlohmann::ordered_json;
 
 class ControlServer {
 public:
     static constexpr std::size_t kRequestLimit_bytes = 65536;
+    static constexpr std::size_t kMaxConnections = 32;
 
     /// Answers a request; what it throws becomes the "error" of the answer.
     using Handler = std::function<Json(const Json& request)>;
@@ -41,11 +44,13 @@ private:
     class Connection;
 
     void accept();
+    void admit(asio::local::stream_protocol::socket socket);
 
     asio::local::stream_protocol::acceptor acceptor_;
     asio::steady_timer pause_;
     std::string path_;
-    Handler handler_;
+    std::shared_ptr<Handler> handler_;
+    std::shared_ptr<std::size_t> connections_ = std::make_shared<std::size_t>(0);
 };
 
 /// The answer to one line; never throws for what the line holds.
@@ -68,4 +73,4 @@ private:
     std::string received_;
 };
 
-}  // namespace HwSide
+}  // namespace Process

@@ -1,9 +1,10 @@
-#include "hwside/ControlServer.h"
+#include "process/ControlServer.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <system_error>
@@ -13,7 +14,7 @@
 #include <asio/read_until.hpp>
 #include <asio/write.hpp>
 
-namespace HwSide {
+namespace Process {
 
 namespace {
 
@@ -67,31 +68,40 @@ std::string controlAnswer(const ControlServer::Handler& handler, const std::stri
 /// Lives as long as one of its operations is under way.
 class ControlServer::Connection : public std::enable_shared_from_this<Connection> {
 public:
-    Connection(LocalStream::socket socket, Handler handler)
-        : socket_(std::move(socket)), handler_(std::move(handler)) {}
+    Connection(LocalStream::socket socket, std::weak_ptr<Handler> handler,
+               std::shared_ptr<std::size_t> count)
+        : socket_(std::move(socket)), handler_(std::move(handler)), count_(std::move(count)) {
+        ++*count_;
+    }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+    ~Connection() { --*count_; }
 
     void read() {
         asio::async_read_until(
             socket_, asio::dynamic_buffer(received_, kRequestLimit_bytes), '\n',
             [self = shared_from_this()](const asio::error_code& error, std::size_t line_bytes) {
                 if (error == asio::error::not_found) {
-                    self->answer_ = lineOf(refusal(
-                        fmt::format("the request is longer than {} bytes", kRequestLimit_bytes)));
-                    self->write(false);
+                    self->refuse(
+                        fmt::format("the request is longer than {} bytes", kRequestLimit_bytes));
                 } else if (!error) {
                     self->answer(line_bytes);
                 }
             });
     }
 
-    void refuse() {
-        answer_ = lineOf(refusal("only the server's user and root may ask"));
+    /// Sends a last answer.
+    void refuse(std::string_view reason) {
+        answer_ = lineOf(refusal(reason));
         write(false);
     }
 
 private:
     void answer(std::size_t line_bytes) {
-        answer_ = controlAnswer(handler_, received_.substr(0, line_bytes));
+        const auto handler = handler_.lock();
+        if (handler == nullptr)  // the server is gone
+            return;
+        answer_ = controlAnswer(*handler, received_.substr(0, line_bytes));
         received_.erase(0, line_bytes);
         write(true);
     }
@@ -106,13 +116,17 @@ private:
     }
 
     LocalStream::socket socket_;
-    Handler handler_;
+    std::weak_ptr<Handler> handler_;
+    std::shared_ptr<std::size_t> count_;
     std::string received_;
     std::string answer_;
 };
 
 ControlServer::ControlServer(asio::io_context& io, std::string path, Handler handler)
-    : acceptor_(io), pause_(io), path_(std::move(path)), handler_(std::move(handler)) {
+    : acceptor_(io),
+      pause_(io),
+      path_(std::move(path)),
+      handler_(std::make_shared<Handler>(std::move(handler))) {
     const LocalStream::endpoint endpoint = endpointAt(path_);
     ::unlink(path_.c_str());
     acceptor_.open();
@@ -146,15 +160,21 @@ void ControlServer::accept() {
             });
             return;
         }
-        const bool trusted = isTrusted(socket);
-        const auto connection = std::make_shared<Connection>(std::move(socket), handler_);
-        if (trusted) {
-            connection->read();
-        } else {
-            connection->refuse();
-        }
+        admit(std::move(socket));
         accept();
     });
+}
+
+void ControlServer::admit(LocalStream::socket socket) {
+    const bool trusted = isTrusted(socket);
+    const bool full = *connections_ >= kMaxConnections;
+    const auto connection = std::make_shared<Connection>(std::move(socket), handler_, connections_);
+    if (!trusted)
+        connection->refuse("only the server's user and root may ask");
+    else if (full)
+        connection->refuse("too many connections");
+    else
+        connection->read();
 }
 
 ControlClient::ControlClient(const std::string& path) : path_(path) {
@@ -176,9 +196,9 @@ Json ControlClient::request(const Json& request) {
     Json answer = Json::parse(received_.substr(0, line_bytes), nullptr, false);
     received_.erase(0, line_bytes);
     if (!answer.is_object() || !answer.contains("ok")) {
-        throw std::runtime_error(path_ + ": what answers there is not the hardware side");
+        throw std::runtime_error(path_ + ": what answers there is no control socket");
     }
     return answer;
 }
 
-}  // namespace HwSide
+}  // namespace Process

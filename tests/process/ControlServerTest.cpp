@@ -1,16 +1,20 @@
-#include "hwside/ControlServer.h"
+#include "process/ControlServer.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <deque>
 #include <filesystem>
+#include <optional>
 #include <thread>
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/write.hpp>
 
-namespace HwSide::Test {
+namespace Process::Test {
 namespace {
 
 using LocalStream = asio::local::stream_protocol;
@@ -21,7 +25,7 @@ protected:
     ControlServerTest() {
         server_.emplace(io_, path_, [](const Json& request) -> Json {
             if (request.contains("fail"))
-                throw RequestError("asked to fail");
+                throw std::runtime_error("asked to fail");
             return {{"asked", request}};
         });
         thread_ = std::thread([this] { io_.run(); });
@@ -79,6 +83,16 @@ TEST_F(ControlServerTest, EndsTheConnectionOfAnEndlessLine) {
     EXPECT_EQ(exchange("{}\n", 1), "{\"ok\":true,\"asked\":{}}\n");
 }
 
+TEST_F(ControlServerTest, TurnsAwayConnectionsBeyondItsLimitUntilOneEnds) {
+    std::deque<ControlClient> clients;
+    for (std::size_t i = 0; i < ControlServer::kMaxConnections; ++i)
+        EXPECT_EQ(clients.emplace_back(path_).request({{"n", i}}).at("ok"), true);
+    EXPECT_EQ(exchange("", 1), "{\"ok\":false,\"error\":\"too many connections\"}\n");
+    clients.pop_back();
+    while (exchange("{}\n", 1) != "{\"ok\":true,\"asked\":{}}\n")
+        std::this_thread::yield();  // until the server has noticed
+}
+
 TEST_F(ControlServerTest, IsOpenToOwnerAndGroupOnly) {
     struct stat status {};
     ASSERT_EQ(::stat(path_.c_str(), &status), 0);
@@ -117,4 +131,4 @@ TEST(ControlServerPaths, NameThePathThatFails) {
 }
 
 }  // namespace
-}  // namespace HwSide::Test
+}  // namespace Process::Test
