@@ -32,6 +32,10 @@ public:
 
     /// False when the key is new and there is no room.
     bool swTableEntriesIs(const Value& value) { return swTableEntries_.insertOrReplace(value); }
+    /// The same, for a caller in whose own journal the value is until this has returned.
+    bool swTableEntriesJournaledIs(const Value& value) {
+        return swTableEntries_.insertOrReplaceJournaled(value);
+    }
     void swTableEntriesDel(const Key& key) { swTableEntries_.erase(key); }
     /// Nothing when the key is absent.
     std::optional<Value> swTableEntries(const Key& key) const { return swTableEntries_.find(key); }
@@ -70,6 +74,12 @@ public:
 
     /// False when the place of the version is taken.
     bool entryLogConfigIs(const Record& record) { return entryLogConfig_.insert(record); }
+    /// The version whose record is where that of `version` belongs; 0 when there is none.
+    Asic::LogVersion entryLogConfigInPlaceOf(Asic::LogVersion version) const {
+        return {entryLogConfig_.versionInPlaceOf(version.value)};
+    }
+    /// The highest version of which there is a record, just after the mount; 0 when there is none.
+    Asic::LogVersion entryLogConfigHighest() const { return {entryLogConfig_.highestBound()}; }
     void entryLogConfigDel(Asic::LogVersion version) { entryLogConfig_.erase(version.value); }
     /// Nothing when there is no record of that version.
     std::optional<Record> entryLogConfig(Asic::LogVersion version) const {

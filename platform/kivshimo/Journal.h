@@ -1,17 +1,29 @@
-// The room for one pending change in the header of a table file: what is being done, sealed.
+// The room for one pending change in a table file: what is being done, sealed.
 //
-// Every table file has this room; no writer fills it and no mount reads it yet. It is the place of
-// the table's one writer: a change touches several places, and a journal that holds it as a whole
-// lets a mount complete it.
+// A change touches several places. Before the first of them is touched, the change is written here
+// as a whole and sealed; after the last one the seal is taken away. A mount that finds a seal
+// carries the change out again. Event thread of the writing process.
 //
-// What holds of a journal that is filled:
-//  1. `seal` is the checksum of all bytes before it, seeded with the file's identity; 0 is no seal.
-//  2. A sealed change may be carried out any number of times with the same result.
+// What always holds:
+//  1. `seal` is the checksum of the head, the value and the needed versions, seeded with the file's
+//     identity; 0 is no seal. Storing it is the moment from which the change happens.
+//  2. Between seal and done, whatever of the change was carried out can be carried out again with
+//     the same result. There is one pending change at a time.
+//  3. No store of the change is before the seal, none after its removal: a killed process leaves
+//     a prefix of its stores.
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <optional>
+#include <span>
 #include <type_traits>
+
+#include "platform/brumo/Assert.h"
+#include "platform/kivshimo/detail/Words.h"
 
 namespace KivShimo {
 
@@ -23,28 +35,103 @@ struct JournalNeeded {
 };
 static_assert(sizeof(JournalNeeded) == 16);
 
-/// The pending change.
+/// The pending change as it lies in the file.
 ///
-///   0           4      8         16      24           28            32      288      4064   4072
-///   | operation | unit | version | flags | valueBytes | neededCount | value | needed | seal |
+///   0      8           16     24        32           36            40      296
+///   | seal | operation | unit | version | valueBytes | neededCount | value | needed |
 struct Journal {
     static constexpr std::size_t kValueBytes = 256;
-    static constexpr std::size_t kMostNeeded = 236;
+    static constexpr std::size_t kMostNeeded = 234;
 
-    std::uint32_t operation;  ///< 0: none, so zeroed memory is no change
-    std::uint32_t unit;
+    std::uint64_t seal;
+    std::uint64_t operation;
+    std::uint64_t unit;
     std::uint64_t version;
-    std::uint64_t flags;
     std::uint32_t valueBytes;
     std::uint32_t neededCount;
-    std::uint8_t value[kValueBytes];  ///< the key, or the whole value, as the operation says
+    std::byte value[kValueBytes];
     JournalNeeded needed[kMostNeeded];
-    std::uint64_t seal;
 };
 static_assert(std::is_trivially_copyable_v<Journal>);
-static_assert(offsetof(Journal, version) == 8 && offsetof(Journal, flags) == 16);
-static_assert(offsetof(Journal, valueBytes) == 24 && offsetof(Journal, neededCount) == 28);
-static_assert(offsetof(Journal, value) == 32 && offsetof(Journal, needed) == 288);
-static_assert(offsetof(Journal, seal) == 4064 && sizeof(Journal) == 4072);
+static_assert(offsetof(Journal, operation) == 8 && offsetof(Journal, version) == 24);
+static_assert(offsetof(Journal, value) == 40 && offsetof(Journal, needed) == 296);
+static_assert(sizeof(Journal) == 4040);
+
+/// What is done. Numbers from 16 on belong to the owner of the table.
+using JournalOperation = std::uint64_t;
+constexpr JournalOperation kStoreValue = 1;  ///< a map's value; unit: collection, version: slot
+
+/// A change that a process before has sealed and not finished.
+struct PendingChange {
+    JournalOperation operation = 0;
+    std::uint64_t unit = 0;
+    std::uint64_t version = 0;
+    std::uint32_t valueBytes = 0;
+    std::array<std::byte, Journal::kValueBytes> bytes{};
+    std::span<const JournalNeeded> needed;  ///< in the file, until done()
+
+    /// The value, when it is one of that size.
+    template <class Value>
+    std::optional<Value> value() const {
+        static_assert(std::is_trivially_copyable_v<Value>);
+        if (valueBytes != sizeof(Value))
+            return std::nullopt;
+        Value result;
+        std::memcpy(static_cast<void*>(&result), bytes.data(), sizeof(Value));
+        return result;
+    }
+};
+
+class JournalWriter {
+public:
+    JournalWriter(Journal& place, std::uint64_t identity)
+        : place_(&place), seed_(detail::mixed(identity, 0x6A6F75726E616CU)) {}
+
+    /// Something is sealed that does not verify.
+    bool rotten() const { return sealed() != 0 && !verifies(); }
+    /// Empty when nothing is sealed, or it does not verify.
+    std::optional<PendingChange> pending() const;
+
+    // A change: begin, then its value and what it needs, then the seal; done when carried out.
+
+    /// REQUIRES: nothing is sealed.
+    void begin(JournalOperation operation, std::uint64_t unit, std::uint64_t version) {
+        Brumo::require(sealed() == 0, "one pending change at a time");
+        place_->operation = operation;
+        place_->unit = unit;
+        place_->version = version;
+        place_->valueBytes = 0;
+        place_->neededCount = 0;
+    }
+    template <class Value>
+    void valueIs(const Value& value) {
+        static_assert(std::is_trivially_copyable_v<Value> && sizeof(Value) <= Journal::kValueBytes);
+        std::memcpy(place_->value, static_cast<const void*>(&value), sizeof(Value));
+        place_->valueBytes = sizeof(Value);
+    }
+    void needs(std::uint32_t tableId, std::uint64_t version) {
+        Brumo::require(place_->neededCount < Journal::kMostNeeded, "room for needed versions");
+        place_->needed[place_->neededCount++] = {version, tableId, 0};
+    }
+    void seal() {
+        detail::word(place_->seal).store(sum(), std::memory_order_release);
+        inOrder();
+    }
+    void done() {
+        inOrder();
+        detail::word(place_->seal).store(0, std::memory_order_release);
+        inOrder();
+    }
+
+private:
+    std::uint64_t sealed() const { return detail::loaded(place_->seal); }
+    std::uint64_t sum() const;
+    bool verifies() const;
+    /// Stores on either side stay there. Only this process's own order counts, so it costs nothing.
+    static void inOrder() { std::atomic_signal_fence(std::memory_order_seq_cst); }
+
+    Journal* place_;
+    std::uint64_t seed_;
+};
 
 }  // namespace KivShimo

@@ -12,6 +12,8 @@
 //     value can be replaced and erased like any other.
 //  4. Every value that is returned was verified; a rotten one throws CorruptionError.
 //  5. A full map refuses new keys and changes nothing then.
+//  6. Each change is all or nothing, also for a process that is killed: a value that replaces
+//     another is in a journal while it is stored.
 #pragma once
 
 #include <algorithm>
@@ -35,6 +37,7 @@ namespace KivShimo {
 template <class Value>
 class Map {
     static_assert(std::is_trivially_copyable_v<Value> && std::is_default_constructible_v<Value>);
+    static_assert(sizeof(Value) <= Journal::kValueBytes);
 
 public:
     using Key = std::remove_cvref_t<decltype(std::declval<const Value&>().key())>;
@@ -54,6 +57,8 @@ public:
 
     /// False when the key is new and there is no room.
     bool insertOrReplace(const Value& value);
+    /// The same, for a caller in whose own journal the value is until this has returned.
+    bool insertOrReplaceJournaled(const Value& value);
     /// False when the key was not there.
     bool erase(const Key& key);
     bool has(const Key& key) const { return slotOf(key) != detail::Link::kNone; }
@@ -119,6 +124,7 @@ private:
         return slot == detail::Link::kNone ? std::nullopt : std::optional<Key>(nodes_[slot].key);
     }
 
+    bool insertNew(const Value& value, const Kiv::KeyOrder<Key>& wanted, const Place& place);
     void store(std::uint32_t slot, const Value& value);
     void setFree(std::uint32_t slot);
     void linkIs(std::uint32_t before, std::size_t bucket, std::uint32_t target);
@@ -129,12 +135,15 @@ private:
     void structureChanged();
 
     // Mount
+    void finishPending(Table& table);
     void rebuild(Table& table);
     bool takeUp(Table& table, std::uint32_t slot);
     void chainUp(std::vector<std::uint32_t>& taken);
 
     std::string file_;
     std::string name_;
+    JournalWriter* journal_;  ///< of the table
+    std::size_t number_;      ///< of the collection
     std::uint64_t slots_;
     std::uint64_t seed_;
     unsigned bits_;

@@ -17,7 +17,15 @@ const Brumo::TraceSource& trace() {
 }  // namespace
 
 Table::Table(TableMount mount)
-    : path_(std::move(mount.path)), file_(std::move(mount.file)), control_(file_->dynamicHeader()) {
+    : path_(std::move(mount.path)),
+      file_(std::move(mount.file)),
+      control_(file_->dynamicHeader()),
+      journal_(file_->journal(), file_->identity()) {
+    if (journal_.rotten()) {
+        Table::doCorruptionDetected(
+            CorruptionError(file(), "journal", 0, "does not verify, dropped").what());
+        journal_.done();
+    }
     if (control_.scratchpadRotten()) {
         Table::doCorruptionDetected(
             CorruptionError(file(), "scratchpad", 0, "does not verify, counts as 0").what());
@@ -28,6 +36,17 @@ Table::Table(TableMount mount)
 void Table::doCorruptionDetected(std::string_view message) {
     ++corruptions_;
     trace()(1, " {}", message);
+}
+
+void Table::tornDetected(std::string_view message) {
+    trace()(3, " {}", message);
+    torn_.emplace_back(message);
+}
+
+void Table::tornSettled(std::size_t explained) {
+    for (std::size_t i = explained; i < torn_.size(); ++i)
+        doCorruptionDetected(torn_[i]);
+    torn_.clear();
 }
 
 TableTypes& TableTypes::instance() {

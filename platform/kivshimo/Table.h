@@ -6,7 +6,8 @@
 // What always holds:
 //  1. A table object exists only while its file is mapped and locked for writing.
 //  2. The collections' indexes were rebuilt from their slots when the object was made.
-//  3. What a mount finds torn or rotten is traced, counted and repaired to "free".
+//  3. What a mount finds rotten is traced, counted and repaired to "free". A value whose store was
+//     cut off is no corruption when its change is in a journal, which carries it out again.
 #pragma once
 
 #include <cstdint>
@@ -18,6 +19,7 @@
 
 #include "platform/kiv/Entity.h"
 #include "platform/kivshimo/Errors.h"
+#include "platform/kivshimo/Journal.h"
 #include "platform/kivshimo/detail/MappedFile.h"
 
 namespace KivShimo {
@@ -79,12 +81,17 @@ public:
 
     CollectionControl& collectionControl() { return control_; }
     const CollectionControl& collectionControl() const { return control_; }
-    Journal& journal() { return file_->journal(); }
+    JournalWriter& journal() { return journal_; }
     std::uint64_t identity() const { return file_->identity(); }
 
     /// Takes notice of a corruption: a trace at level 1, and the count.
     virtual void doCorruptionDetected(std::string_view message);
     std::uint64_t corruptions() const { return corruptions_; }
+
+    /// Takes notice of a value that was dropped because its store was cut off.
+    void tornDetected(std::string_view message);
+    /// Counts as corruption all of them but those that the caller has a pending change for.
+    void tornSettled(std::size_t explained);
 
     /// For the collections that are made as members.
     detail::WriterFile& mapping() { return *file_; }
@@ -93,7 +100,9 @@ private:
     std::string path_;
     std::unique_ptr<detail::WriterFile> file_;
     CollectionControl control_;
+    JournalWriter journal_;
     std::uint64_t corruptions_ = 0;
+    std::vector<std::string> torn_;
 };
 
 using TableFactory = Brumo::Ptr<Table> (*)(TableMount mount);

@@ -69,6 +69,10 @@ public:
         const std::uint64_t there = versions_[slotOf(version)];
         return version != 0 && (there == 0 || there == version);
     }
+    /// The version whose record is where that of `version` belongs; 0 when there is none.
+    std::uint64_t versionInPlaceOf(std::uint64_t version) const {
+        return versions_[slotOf(version)];
+    }
     /// Throws CorruptionError.
     std::optional<Record> find(std::uint64_t version) const;
 

@@ -16,6 +16,8 @@ template <class Value>
 Map<Value>::Map(Table& table, std::string_view name)
     : file_(table.file()),
       name_(name),
+      journal_(&table.journal()),
+      number_(table.mapping().collectionNumber(name)),
       slots_(0),
       seed_(0),
       bits_(0),
@@ -25,20 +27,36 @@ Map<Value>::Map(Table& table, std::string_view name)
       usedBuckets_(0),
       free_(0) {
     detail::WriterFile& mapping = table.mapping();
-    const std::size_t number = mapping.collectionNumber(name);
-    const detail::CollectionHeader& header = mapping.header().collection[number];
+    const detail::CollectionHeader& header = mapping.header().collection[number_];
     slots_ = header.slots;
-    seed_ = mapping.seed(number);
+    seed_ = mapping.seed(number_);
     const std::uint64_t buckets = detail::mapBuckets(slots_);
     bits_ = static_cast<unsigned>(std::countr_zero(buckets));
-    headArea_ = reinterpret_cast<std::uint64_t*>(mapping.writableArea(number));
+    headArea_ = reinterpret_cast<std::uint64_t*>(mapping.writableArea(number_));
     slotArea_ = reinterpret_cast<Slot*>(headArea_ + buckets);
-    structure_ = &mapping.dynamicHeader().structure[number];
+    structure_ = &mapping.dynamicHeader().structure[number_];
     nodes_.resize(slots_);
     heads_.assign(buckets, detail::Link::kNone);
     usedBuckets_ = detail::SlotSet(buckets);
     free_ = detail::SlotSet(slots_);
+    finishPending(table);
     rebuild(table);
+}
+
+/// A value that was replacing another when the process before was killed is stored again.
+template <class Value>
+void Map<Value>::finishPending(Table& table) {
+    const std::optional<PendingChange> pending = journal_->pending();
+    if (!pending || pending->operation != kStoreValue || pending->unit != number_)
+        return;
+    const std::optional<Value> value = pending->template value<Value>();
+    if (value && pending->version < slots_) {
+        store(static_cast<std::uint32_t>(pending->version), *value);
+    } else {
+        table.doCorruptionDetected(
+            CorruptionError(file_, "journal", 0, "value of no slot dropped").what());
+    }
+    journal_->done();
 }
 
 template <class Value>
@@ -46,16 +64,37 @@ bool Map<Value>::insertOrReplace(const Value& value) {
     const Key key = value.key();
     const Kiv::KeyOrder<Key> wanted(key);
     const Place place = placeOf(wanted);
-    if (matches(place.at, wanted)) {
-        store(place.at, value);
-        return true;
-    }
+    if (!matches(place.at, wanted))
+        return insertNew(value, wanted, place);
+    journal_->begin(kStoreValue, number_, place.at);
+    journal_->valueIs(value);
+    journal_->seal();
+    store(place.at, value);
+    journal_->done();
+    return true;
+}
+
+template <class Value>
+bool Map<Value>::insertOrReplaceJournaled(const Value& value) {
+    const Key key = value.key();
+    const Kiv::KeyOrder<Key> wanted(key);
+    const Place place = placeOf(wanted);
+    if (!matches(place.at, wanted))
+        return insertNew(value, wanted, place);
+    store(place.at, value);
+    return true;
+}
+
+/// Needs no journal: until its checksum is stored, the last of the value, the slot counts as free.
+template <class Value>
+bool Map<Value>::insertNew(const Value& value, const Kiv::KeyOrder<Key>& wanted,
+                           const Place& place) {
     const std::optional<std::size_t> room = free_.atOrAfter(0);
     if (!room)
         return false;
     const auto slot = static_cast<std::uint32_t>(*room);
     free_.remove(slot);
-    nodes_[slot] = {wanted.hash, place.at, key};
+    nodes_[slot] = {wanted.hash, place.at, wanted.key};
     structureChanges();
     store(slot, value);
     publishLink(slot);
@@ -129,7 +168,8 @@ void Map<Value>::store(std::uint32_t slot, const Value& value) {
     // loads.
     std::atomic_thread_fence(std::memory_order_release);
     words.storeTo(place.value);
-    detail::word(place.checksum).store(checksum, std::memory_order_relaxed);
+    // The value is whole before the checksum that vouches for it.
+    detail::word(place.checksum).store(checksum, std::memory_order_release);
     detail::word(place.sequence)
         .store((before | detail::kHoldsValue) + detail::kSequenceStep, std::memory_order_release);
 }
@@ -195,7 +235,7 @@ void Map<Value>::structureChanged() {
 ///   0          odd             -          free: a removal, or a first store, was cut off
 ///   0          value           -          rotten: freed, counted
 ///   other      any             yes        kept; the sequence is put right
-///   other      odd             no         torn: freed, counted
+///   other      odd             no         torn: freed; corruption only if no journal has it
 ///   other      even            no         rotten: freed, counted
 template <class Value>
 bool Map<Value>::takeUp(Table& table, std::uint32_t slot) {
@@ -221,10 +261,11 @@ bool Map<Value>::takeUp(Table& table, std::uint32_t slot) {
         }
     }
     setFree(slot);
-    if (checksum != 0 || !odd) {
+    if (!odd) {
         table.doCorruptionDetected(
-            CorruptionError(file_, name_, slot, odd ? "torn value dropped" : "rotten value dropped")
-                .what());
+            CorruptionError(file_, name_, slot, "rotten value dropped").what());
+    } else if (checksum != 0) {
+        table.tornDetected(CorruptionError(file_, name_, slot, "torn value dropped").what());
     }
     return false;
 }

@@ -251,6 +251,47 @@ TEST_F(MapTest, MountKeepsAWholeValueOfACutOffStore) {
     table->items.assertConsistent();
 }
 
+TEST_F(MapTest, MountStoresAgainWhatTheJournalHolds) {
+    auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    table->items.insertOrReplace(item(2, 2));
+    table->journal().begin(kStoreValue, 0, 1);
+    table->journal().valueIs(item(2, 3));
+    table->journal().seal();
+    table = nullptr;
+    restart();
+    flip(itemsFile(), itemSlotOffset(64, 1));       // a store was under way
+    flip(itemsFile(), itemSlotOffset(64, 1) + 40);  // and not finished
+    table = items();
+    EXPECT_EQ(table->items.find(item(2, 0).key()), item(2, 3));
+    EXPECT_EQ(table->items.find(item(1, 0).key()), item(1, 1));
+    EXPECT_EQ(table->corruptions(), 0U);
+    EXPECT_FALSE(table->journal().pending().has_value());
+    table->items.assertConsistent();
+}
+
+TEST_F(MapTest, PendingValueOfNoSlotIsCorruption) {
+    auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    table->journal().begin(kStoreValue, 0, 64);
+    table->journal().valueIs(item(2, 3));
+    table->journal().seal();
+    table = nullptr;
+    restart();
+    table = items();
+    EXPECT_EQ(table->corruptions(), 1U);
+    EXPECT_EQ(table->items.count(), 1U);
+    EXPECT_FALSE(table->journal().pending().has_value());
+}
+
+TEST_F(MapTest, ReplacedValueIsInNoJournalAfterwards) {
+    const auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    table->items.insertOrReplace(item(1, 2));
+    EXPECT_FALSE(table->journal().pending().has_value());
+    EXPECT_FALSE(table->journal().rotten());
+}
+
 TEST_F(MapTest, MountFreesATornValue) {
     auto table = items();
     table->items.insertOrReplace(item(1, 1));
@@ -259,6 +300,8 @@ TEST_F(MapTest, MountFreesATornValue) {
     flip(itemsFile(), itemSlotOffset(64, 0));
     flip(itemsFile(), itemSlotOffset(64, 0) + 40);
     table = items();
+    EXPECT_EQ(table->corruptions(), 0U);
+    table->tornSettled(0);
     EXPECT_EQ(table->corruptions(), 1U);
     EXPECT_EQ(table->items.count(), 0U);
     table->items.assertConsistent();
