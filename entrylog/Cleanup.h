@@ -2,6 +2,7 @@
 #pragma once
 
 #include "entrylog/EntryLog.h"
+#include "entrylog/Journaling.h"
 
 namespace VornPolicyCpu {
 
@@ -20,11 +21,12 @@ void EntryLog<B>::cleanupEntryLog(Asic::LogVersion version) {
     while (next.has_value() && *next <= version) {
         const Asic::LogVersion current = *next;
         const auto record = changeRecord(current);
-        tableEntryLog_->entryLogConfigDel(current);  // also one that nobody can read any more
         if (record.has_value()) {
-            reclaim(*record);
-        } else if (isWalk) {
-            break;
+            cleanUp(*record);
+        } else {
+            tableEntryLog_->entryLogConfigDel(current);  // nobody can read it any more
+            if (isWalk)
+                break;
         }
         if (current == version)
             break;
@@ -51,27 +53,43 @@ auto EntryLog<B>::changeRecord(Asic::LogVersion version) const -> std::optional<
     }
 }
 
-/// A value that was written again after the deletion has another version, and stays.
+/// Takes a record out of the log, and with it the values whose deletion it records. The record of a
+/// write takes one store, and needs no journal.
 template <class B>
-void EntryLog<B>::reclaim(const Record& record) {
+void EntryLog<B>::cleanUp(const Record& record) {
     const auto config = tableConfigShimo(record.unitId);
-    if (config == nullptr) {
-        Traces<B>::entryLog.in("cleanupEntryLog", 3, " configShimo not found for unitId: {}",
-                               record.unitId);
+    if (config == nullptr || record.operation == LogOperation::entryWritten) {
+        tableEntryLog_->entryLogConfigDel(record.version);
+        if (config == nullptr) {
+            Traces<B>::entryLog.in("cleanupEntryLog", 3, " configShimo not found for unitId: {}",
+                                   record.unitId);
+        }
         return;
     }
+    KivShimo::JournalWriter& journal = tableEntryLog_->journal();
+    beginSealed(kSealedReclaim, record.version, record.unitId, nullptr);
+    journal.valueIs(record);
+    journal.seal();
+    tableEntryLog_->entryLogConfigDel(record.version);
+    reclaim(record, *config);
+    journal.done();
+}
+
+/// A value that was written again after the deletion has another version, and stays.
+template <class B>
+void EntryLog<B>::reclaim(const Record& record, ConfigTable& config) {
     const auto operation = static_cast<unsigned>(record.operation);
     if ((operation & static_cast<unsigned>(LogOperation::entryDeleted)) != 0) {
-        const auto stored = configEntry(record.key, record.unitId);
+        const auto stored = valueIn(config, record.key);
         if (stored.has_value() && stored->version == record.version) {
-            config->swTableEntriesDel(record.key);
+            config.swTableEntriesDel(record.key);
         }
     } else if ((operation & static_cast<unsigned>(LogOperation::allDeleted)) != 0) {
         Traces<B>::entryLog.in("cleanupEntryLog", 3, " deleteing all entries for unitId: {}",
                                record.unitId);
-        forEachValue(*config, [&](const ConfigValue& value) {
+        forEachValue(config, [&](const ConfigValue& value) {
             if (value.version == record.version)
-                config->swTableEntriesDel(value.key());
+                config.swTableEntriesDel(value.key());
         });
     }
 }

@@ -12,7 +12,9 @@
 //     units; a suppressed write and an ignored delete take none.
 //  2. A change is visible to readers in this order: value, record, published version, announcement.
 //  3. A key in deletion keeps its value, marked, until the record of its deletion is reclaimed.
-//  4. Corruption found while reading goes to the table's corruption handler and reads as the
+//  4. A change is all or nothing: it is in the change log's journal from before its first store
+//     until it is announced, and the next mount finishes what a killed process has begun.
+//  5. Corruption found while reading goes to the table's corruption handler and reads as the
 //     default value; a walk ends there.
 #pragma once
 
@@ -110,17 +112,33 @@ public:
 
 private:
     void handleInitialized();
-    void announceWhatWasNot();
-    Record recordOf(Asic::LogVersion version, const LogEntry& logEntry, Asic::UnitId unitId,
-                    LogOperation operation) const;
-    void publish(const Record& record, const NeededPtr& neededEntry);
+    Brumo::Ptr<ConfigTable> mountedConfig(Asic::UnitId unitId, std::size_t tornExplained);
+
+    // A change: sealed in the journal, carried out, announced. Each can be repeated.
+
+    void beginSealed(KivShimo::JournalOperation operation, Asic::LogVersion version,
+                     Asic::UnitId unitId, const NeededPtr& neededEntry);
+    void storeValue(ConfigTable& config, const ConfigValue& value, Asic::UnitId unitId);
+    void deleteAll(ConfigTable& config, Asic::LogVersion version, Asic::UnitId unitId);
+    void cleanUp(const Record& record);
+    void reclaim(const Record& record, ConfigTable& config);
+    void publish(const Record& record);
+    void changeValue(ConfigTable& config, const ConfigValue& value, Asic::UnitId unitId,
+                     const NeededPtr& neededEntry);
+
+    // What a process before has begun.
+
+    void finish(const KivShimo::PendingChange& pending);
+    void restoreVersion(bool lost);
+    void announceWhatWasNot(const std::optional<KivShimo::PendingChange>& pending);
+
     std::optional<Asic::LogVersion> suppressed(const LogEntry& logEntry,
                                                const ResourceKeys& rsrcKeys, Asic::UnitId unitId,
                                                Asic::SwTableStats& stats) const;
     static bool isDefaultValue(const ConfigValue& value);
     std::optional<Asic::LogVersion> versionAtOrAfter(Asic::LogVersion version) const;
+    static std::optional<ConfigValue> valueIn(ConfigTable& config, const Key& key);
     std::optional<Record> changeRecord(Asic::LogVersion version) const;
-    void reclaim(const Record& record);
     /// Calls `visit` for each value of the unit; it may change or delete the value it was given.
     template <class Visit>
     void forEachValue(ConfigTable& config, Visit&& visit) const;

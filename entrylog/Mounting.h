@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "entrylog/EntryLog.h"
+#include "entrylog/Journaling.h"
 #include "entrylog/ShimoManager.h"
 #include "platform/asic/GenId.h"
 #include "platform/brumo/Assert.h"
@@ -86,6 +87,7 @@ template <class B>
 void EntryLog<B>::mountShimoChangeLog() {
     Traces<B>::entryLog(8, "");
     const std::string path = Constants<Types>::tableEntryLogShimoPath();
+    bool lost = false;
     tableEntryLog_ = checkAndwriteMountShimo<ChangeLog>(
         entityManager(), Constants<Types>::entryLogShimoType(), path, agentName(),
         [](KivShimo::MountInfo& info) {
@@ -94,35 +96,30 @@ void EntryLog<B>::mountShimoChangeLog() {
         [](const Brumo::Ptr<ChangeLog>& log) -> KivShimo::CollectionControl& {
             return log->collectionControl();
         },
-        [] { LogMessages::error.emit(fmt::format("{}::{}", "entryLog", Types::kName)); });
+        [&lost] {
+            lost = true;
+            LogMessages::error.emit(fmt::format("{}::{}", "entryLog", Types::kName));
+        });
     if (tableEntryLog_ == nullptr)
         return;
-    tableVersionRestored({tableEntryLog_->collectionControl().scratchpad()});
+    const auto pending = tableEntryLog_->journal().pending();
+    if (pending.has_value())
+        finish(*pending);
+    restoreVersion(lost);
     Traces<B>::entryLog(2, " Mounted entryLog: {}, tableVersion: {}", path, tableVersion());
-    announceWhatWasNot();
+    announceWhatWasNot(pending);
+    if (pending.has_value())
+        tableEntryLog_->journal().done();
 }
 
-/// A process that was killed between publishing a change and announcing it left it unannounced.
-/// What such a change needed is not known any more: everything announced before it is enough.
+/// The unit's configuration. Values that were being stored when the process before was killed count
+/// as corruption, but for `tornExplained` of them, which a pending change will store again.
 template <class B>
-void EntryLog<B>::announceWhatWasNot() {
-    const auto& group = groupInterface();
-    if (group == nullptr)
-        return;
-    const Asic::LogVersion announced = group->announcedVersion(tableId());
-    for (auto next = versionAtOrAfter({announced.value + 1});
-         next.has_value() && *next <= tableVersion(); next = versionAtOrAfter({next->value + 1})) {
-        group->addLogEntry(tableId(), *next, group->everythingAnnounced());
-    }
-    group->announcedVersionIs(tableId(), tableVersion());
-}
-
-template <class B>
-void EntryLog<B>::mountShimoConfig(Asic::UnitId unitId, Asic::LogVersion logVersion) {
-    Traces<B>::entryLog(8, " unitId:{}, logVersion: {}", unitId, logVersion);
-    const std::string path = Constants<Types>::configShimoPath(unitId);
+auto EntryLog<B>::mountedConfig(Asic::UnitId unitId, std::size_t tornExplained)
+    -> Brumo::Ptr<ConfigTable> {
     const auto cfgShimo = checkAndwriteMountShimo<ConfigTable>(
-        entityManager(), Constants<Types>::configShimoType(), path, agentName(),
+        entityManager(), Constants<Types>::configShimoType(),
+        Constants<Types>::configShimoPath(unitId), agentName(),
         [](KivShimo::MountInfo& info) {
             info.collectionIs({kSwTableEntries, kSwTableEntriesCapacity, 0});
         },
@@ -131,6 +128,15 @@ void EntryLog<B>::mountShimoConfig(Asic::UnitId unitId, Asic::LogVersion logVers
         },
         [] { LogMessages::error.emit(fmt::format("{}::{}", "entryCfg", Types::kName)); });
     Brumo::require(cfgShimo != nullptr, "cfgShimo");
+    cfgShimo->tornSettled(tornExplained);
+    return cfgShimo;
+}
+
+template <class B>
+void EntryLog<B>::mountShimoConfig(Asic::UnitId unitId, Asic::LogVersion logVersion) {
+    Traces<B>::entryLog(8, " unitId:{}, logVersion: {}", unitId, logVersion);
+    const std::string path = Constants<Types>::configShimoPath(unitId);
+    const auto cfgShimo = mountedConfig(unitId, 0);
     tableConfigShimoIs(unitId, cfgShimo);
     Traces<B>::entryLog(2, " Mounted config for unitId: {} at {}", unitId, path);
     if (logVersion.value == 0)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "entrylog/EntryLog.h"
+#include "entrylog/Journaling.h"
 #include "platform/brumo/Assert.h"
 
 namespace VornPolicyCpu {
@@ -24,9 +25,21 @@ Asic::LogVersion EntryLog<B>::entryIs(const LogEntry& logEntry, const ResourceKe
     Traces<B>::entryLog(
         8, " logEntry: {} neededEntry: {} version: {} unitId: {} suppressIdenticalWrites: {}",
         logEntry, neededEntry, version, unitId, suppressIdenticalWrites);
-    config->second->swTableEntriesIs({logEntry.key, logEntry, rsrcKeys, version, false});
-    publish(recordOf(version, logEntry, unitId, LogOperation::entryWritten), neededEntry);
+    changeValue(*config->second, {logEntry.key, logEntry, rsrcKeys, version, false}, unitId,
+                neededEntry);
     return version;
+}
+
+template <class B>
+void EntryLog<B>::changeValue(ConfigTable& config, const ConfigValue& value, Asic::UnitId unitId,
+                              const NeededPtr& neededEntry) {
+    KivShimo::JournalWriter& journal = tableEntryLog_->journal();
+    beginSealed(kSealedValue, value.version, unitId, neededEntry);
+    journal.valueIs(value);
+    journal.seal();
+    storeValue(config, value, unitId);
+    groupInterface()->addLogEntry(tableId(), value.version, neededEntry);
+    journal.done();
 }
 
 template <class B>
@@ -78,8 +91,7 @@ Asic::LogVersion EntryLog<B>::entryDel(const Key& key, const NeededPtr& neededEn
     const Asic::LogVersion version = tableVersionInc(1);
     stored->version = version;
     stored->inDeletion = true;
-    tableConfigShimo(unitId)->swTableEntriesIs(*stored);
-    publish(recordOf(version, stored->logEntry, unitId, LogOperation::entryDeleted), neededEntry);
+    changeValue(*tableConfigShimo(unitId), *stored, unitId, neededEntry);
     return version;
 }
 
@@ -87,43 +99,12 @@ template <class B>
 Asic::LogVersion EntryLog<B>::tableDel(const NeededPtr& neededEntry, Asic::UnitId unitId) {
     Traces<B>::entryLog(8, " neededEntry:{}, unitId: {}", neededEntry, unitId);
     const Asic::LogVersion version = tableVersionInc(1);
-    const auto config = tableConfigShimo(unitId);
-    forEachValue(*config, [&](ConfigValue value) {
-        if (value.inDeletion)
-            return;
-        value.version = version;
-        value.inDeletion = true;
-        config->swTableEntriesIs(value);
-    });
-    Record record;
-    record.version = version;
-    record.unitId = unitId;
-    record.operation = LogOperation::allDeleted;
-    publish(record, neededEntry);
+    beginSealed(kSealedDeleteAll, version, unitId, neededEntry);
+    tableEntryLog_->journal().seal();
+    deleteAll(*tableConfigShimo(unitId), version, unitId);
+    groupInterface()->addLogEntry(tableId(), version, neededEntry);
+    tableEntryLog_->journal().done();
     return version;
-}
-
-template <class B>
-auto EntryLog<B>::recordOf(Asic::LogVersion version, const LogEntry& logEntry, Asic::UnitId unitId,
-                           LogOperation operation) const -> Record {
-    Record record;
-    record.version = version;
-    record.head = logEntry.head;
-    record.key = logEntry.key;
-    record.word = logEntry.word();
-    record.unitId = unitId;
-    record.operation = operation;
-    return record;
-}
-
-/// Readers take up a version when it is published, so its record must be there by then.
-template <class B>
-void EntryLog<B>::publish(const Record& record, const NeededPtr& neededEntry) {
-    if (!tableEntryLog_->entryLogConfigIs(record)) {
-        Traces<B>::entryLog(1, " no room in change log for version: {}", record.version);
-    }
-    tableEntryLog_->collectionControl().scratchpadIs(record.version.value);
-    groupInterface()->addLogEntry(tableId(), record.version, neededEntry);
 }
 
 template <class B>
@@ -132,10 +113,16 @@ auto EntryLog<B>::configEntry(const Key& key, Asic::UnitId unitId) const
     const auto config = tableConfigShimo_.find(unitId);
     if (config == tableConfigShimo_.end())
         return std::nullopt;
+    return valueIn(*config->second, key);
+}
+
+/// Nothing when the value is absent, or cannot be read, which is reported.
+template <class B>
+auto EntryLog<B>::valueIn(ConfigTable& config, const Key& key) -> std::optional<ConfigValue> {
     try {
-        return config->second->swTableEntries(key);
+        return config.swTableEntries(key);
     } catch (const KivShimo::CorruptionError& error) {
-        config->second->doCorruptionDetected(error.what());
+        config.doCorruptionDetected(error.what());
         return std::nullopt;
     }
 }

@@ -58,6 +58,10 @@ public:
     /// Tells that a table has handed versions out up to this one, so that its acknowledgements can
     /// be checked.
     void announcedVersionIs(SwTableId tableId, LogVersion version);
+    /// Tells where a table stands that has just been mounted, whatever the hardware side says.
+    void announcedVersionRestored(SwTableId tableId, LogVersion version) {
+        announced_[tableId] = version;
+    }
     LogVersion announcedVersion(SwTableId tableId) const;
 
     /// The acknowledged version as the hardware side's map has it; nothing when the table is not in

@@ -222,7 +222,6 @@ TYPED_TEST(Mounting, LostChangeLogIsReportedOnceAndAsksForARelaunch) {
               (std::vector<LogCapture::Line>{this->unableToLoad("entryLog::" + this->name())}));
     EXPECT_EQ(relaunch->majorId(), 1U);
     EXPECT_FALSE(log->tableEntryLog()->collectionControl().wiped());
-    EXPECT_EQ(log->tableVersion().value, 0U);
 
     log = nullptr;
     this->agent.restart();
@@ -230,6 +229,17 @@ TYPED_TEST(Mounting, LostChangeLogIsReportedOnceAndAsksForARelaunch) {
     log = this->makeLog();
     EXPECT_EQ(messages.lines().size(), 1U);
     EXPECT_EQ(again->majorId(), 0U);
+}
+
+TYPED_TEST(Mounting, VersionsGoOnAboveThoseAnnouncedWhenTheChangeLogIsLost) {
+    this->liveOnce();
+    const auto announced = this->announcements().back().version;
+    ASSERT_GT(announced, 0U);
+    this->lose(this->logFile());
+    const auto log = this->mountedLog();
+    EXPECT_EQ(log->tableVersion().value, announced);
+    EXPECT_EQ(log->tableEntryLog()->collectionControl().scratchpad(), announced);
+    EXPECT_EQ(this->write(*log, 9).value, announced + 1);
 }
 
 TYPED_TEST(Mounting, LostConfigurationIsReportedOnceAndAsksForARelaunch) {

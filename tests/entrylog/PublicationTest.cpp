@@ -52,6 +52,8 @@ protected:
                 std::_Exit(0);
             },
             ::testing::KilledBySignal(SIGSEGV), "");
+        // What the copy has begun is its own; this process goes on as if it had never been.
+        log->tableEntryLog()->journal().done();
     }
     void killBeforeRecord(const std::function<void()>& change) {
         killAtStoreTo(this->logFile(), KivShimo::detail::kAreasOffset, 0, change);

@@ -1,0 +1,129 @@
+// Changes that are all or nothing: sealed before their first store, finished by the next mount.
+#pragma once
+
+#include "entrylog/EntryLog.h"
+
+namespace VornPolicyCpu {
+
+/// What the change log's journal may hold, and the content that goes with it.
+inline constexpr KivShimo::JournalOperation kSealedValue = 16;      ///< the configuration value
+inline constexpr KivShimo::JournalOperation kSealedDeleteAll = 17;  ///< none
+inline constexpr KivShimo::JournalOperation kSealedReclaim = 18;    ///< the change record
+
+template <class B>
+void EntryLog<B>::beginSealed(KivShimo::JournalOperation operation, Asic::LogVersion version,
+                              Asic::UnitId unitId, const NeededPtr& neededEntry) {
+    KivShimo::JournalWriter& journal = tableEntryLog_->journal();
+    journal.begin(operation, unitId.value, version.value);
+    if (neededEntry == nullptr)
+        return;
+    for (const Asic::TableVersion& needed : *neededEntry)
+        journal.needs(needed.tableId.whole(), needed.version.value);
+}
+
+/// Value and record of one key's write or deletion, then the version.
+template <class B>
+void EntryLog<B>::storeValue(ConfigTable& config, const ConfigValue& value, Asic::UnitId unitId) {
+    config.swTableEntriesJournaledIs(value);
+    Record record;
+    record.version = value.version;
+    record.head = value.logEntry.head;
+    record.key = value.logEntry.key;
+    record.word = value.logEntry.word();
+    record.unitId = unitId;
+    record.operation = value.inDeletion ? LogOperation::entryDeleted : LogOperation::entryWritten;
+    publish(record);
+}
+
+/// Values in deletion keep the version of theirs; so this can be repeated.
+template <class B>
+void EntryLog<B>::deleteAll(ConfigTable& config, Asic::LogVersion version, Asic::UnitId unitId) {
+    forEachValue(config, [&](ConfigValue value) {
+        if (value.inDeletion)
+            return;
+        value.version = version;
+        value.inDeletion = true;
+        config.swTableEntriesIs(value);
+    });
+    Record record;
+    record.version = version;
+    record.unitId = unitId;
+    record.operation = LogOperation::allDeleted;
+    publish(record);
+}
+
+/// Readers take up a version when it is published, so its record must be there by then.
+///
+/// A full log gives up its oldest record: the hardware side, which has not come to it yet, finds it
+/// gone and takes everything from the configurations. Only changes that do not wait for room come
+/// this far, and only while the hardware side is away.
+template <class B>
+void EntryLog<B>::publish(const Record& record) {
+    if (!tableEntryLog_->entryLogConfigIs(record)) {
+        const auto oldest = tableEntryLog_->entryLogConfigInPlaceOf(record.version);
+        Traces<B>::entryLog(1, " no room in change log for version: {}, given up: {}",
+                            record.version, oldest);
+        tableEntryLog_->entryLogConfigDel(oldest);
+        tableEntryLog_->entryLogConfigIs(record);
+    }
+    tableEntryLog_->collectionControl().scratchpadIs(record.version.value);
+}
+
+/// Finishes what the process before has sealed, if it has: afterwards the files are as if the
+/// change had been carried out at once. Announcing it, and the end of the seal, are left to the
+/// caller.
+template <class B>
+void EntryLog<B>::finish(const KivShimo::PendingChange& pending) {
+    const auto unitId = static_cast<std::uint16_t>(pending.unit);
+    const Asic::LogVersion version{pending.version};
+    Traces<B>::entryLog(2, " finishing version: {} of unitId: {}", version, unitId);
+    if (pending.operation == kSealedValue) {
+        if (const auto value = pending.value<ConfigValue>(); value.has_value())
+            return storeValue(*mountedConfig({unitId}, 1), *value, {unitId});
+    } else if (pending.operation == kSealedDeleteAll) {
+        return deleteAll(*mountedConfig({unitId}, 0), version, {unitId});
+    } else if (pending.operation == kSealedReclaim) {
+        if (const auto record = pending.value<Record>(); record.has_value()) {
+            tableEntryLog_->entryLogConfigDel(record->version);
+            return reclaim(*record, *mountedConfig({unitId}, 0));
+        }
+    }
+    tableEntryLog_->doCorruptionDetected("pending change of another kind dropped");
+}
+
+/// Versions never repeat: neither those whose records outlived the published number, nor, after the
+/// log was lost, those that the hardware side has heard of.
+template <class B>
+void EntryLog<B>::restoreVersion(bool lost) {
+    KivShimo::CollectionControl& control = tableEntryLog_->collectionControl();
+    Asic::LogVersion last = tableEntryLog_->entryLogConfigHighest();
+    if ((lost || control.scratchpadRotten()) && groupInterface() != nullptr)
+        last = std::max(last, groupInterface()->announcedVersion(tableId()));
+    if (control.scratchpad() < last.value)
+        control.scratchpadIs(last.value);
+    tableVersionRestored({control.scratchpad()});
+}
+
+/// A process that was killed between publishing changes and announcing them left them unannounced.
+/// What the last of them needed is in the journal; for earlier ones, which had found no room among
+/// the announcements, everything announced before is enough.
+template <class B>
+void EntryLog<B>::announceWhatWasNot(const std::optional<KivShimo::PendingChange>& pending) {
+    const auto& group = groupInterface();
+    if (group == nullptr)
+        return;
+    const Asic::LogVersion announced = group->announcedVersion(tableId());
+    for (auto next = versionAtOrAfter({announced.value + 1});
+         next.has_value() && *next <= tableVersion(); next = versionAtOrAfter({next->value + 1})) {
+        auto needed = group->everythingAnnounced();
+        if (pending.has_value() && pending->version == next->value) {
+            needed = Brumo::make<Asic::NeededEntry>();
+            for (const KivShimo::JournalNeeded& each : pending->needed)
+                needed->add({Asic::SwTableId(each.tableId), {each.version}});
+        }
+        group->addLogEntry(tableId(), *next, needed);
+    }
+    group->announcedVersionRestored(tableId(), tableVersion());
+}
+
+}  // namespace VornPolicyCpu
