@@ -78,9 +78,14 @@ bool LogReader::opened() {
 }
 
 /// Whether hardware holds what was acknowledged, from these very files.
+///
+/// A process that has programmed nothing goes on only where nothing was consumed: one killed while
+/// it began anew may have left no acknowledgements of what it had programmed.
 bool LogReader::goesOn() {
+    const bool isNew =
+        std::ranges::all_of(tables_, [](const auto& table) { return table->reached().value == 0; });
     return acks_->announceIdentity() == announcements_->identity() &&
-           acks_->consumed() <= announcements_->tail() &&
+           acks_->consumed() <= announcements_->tail() && !(isNew && acks_->consumed() != 0) &&
            std::ranges::all_of(tables_, [&](const auto& table) {
                const std::uint64_t version = acknowledged(table->tableId());
                return table->reached().value == version && snapshotVersion(*table, 0) >= version;
@@ -312,15 +317,13 @@ void LogReader::leaveOutWhatHasToWait(Covered& covered) const {
 /// The agent's logs are others than those that were acknowledged. Tables that are not looked up
 /// keep what they have as long as the announcements are the same.
 void LogReader::startAcknowledgingAnew() {
-    std::vector<KivShimo::Acknowledged> kept;
-    if (acks_->announceIdentity() == announcements_->identity())
-        kept = acks_->all();
-    acks_->reset();
-    acks_->announceIdentityIs(announcements_->identity());
-    for (const auto& [tableId, version] : kept) {
-        if (tableOf(tableId) == nullptr)
-            acknowledge(tableId, version);
+    const bool isSameLog = acks_->announceIdentity() == announcements_->identity();
+    for (const auto& [tableId, version] : acks_->all()) {
+        if (!isSameLog || tableOf(tableId) != nullptr)
+            acks_->forget(tableId);
     }
+    acks_->consumedIs(0);
+    acks_->announceIdentityIs(announcements_->identity());
 }
 
 std::uint64_t LogReader::snapshotVersion(TableReader& table, std::uint64_t announced) {

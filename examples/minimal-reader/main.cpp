@@ -197,12 +197,11 @@ private:
 
     /// Takes the acknowledgements back, but for other tables of the same announcements.
     void startAnew(bool isSameLog) {
-        const auto before = acks_.all();
-        acks_.reset();
-        for (const auto& [tableId, version] : before) {
-            if (isSameLog && !isOwn(tableId))
-                acks_.ackIs(tableId, version);
+        for (const auto& [tableId, version] : acks_.all()) {
+            if (!isSameLog || isOwn(tableId))
+                acks_.forget(tableId);
         }
+        acks_.consumedIs(0);
     }
 
     /// This process's hardware is empty, so it always begins with all there is. The tail is read

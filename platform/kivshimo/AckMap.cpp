@@ -77,22 +77,18 @@ AckMapWriter::AckMapWriter(detail::WriterFile mapping)
     takeUp();
 }
 
-/// Takes the rows up in order. With a rotten row among them all rows are written anew, without it:
-/// its table counts as not acknowledged.
+/// A rotten row is freed: its table counts as not acknowledged.
 void AckMapWriter::takeUp() {
     Row* rows = rowsOf(mapping_);
-    std::vector<Acknowledged> whole;
-    std::size_t used = 0;
     for (std::size_t i = 0; i < kMostAckTables; ++i) {
         bool rotten = false;
         const std::optional<std::uint32_t> table = tableOf(rows[i], mapping_.seed(0), rotten);
         if (!table && !rotten)
             continue;
-        used = i + 1;
-        const std::optional<detail::VerifiedWord::Reading> version = rows[i].version.newest();
-        if (table && version) {
-            whole.push_back({*table, version->value});
+        if (table && rows[i].version.newest() && entryOf(*table) == nullptr) {
+            entries_.push_back({*table, i, detail::VerifiedWordWriter(rows[i].version)});
         } else {
+            detail::word(rows[i].check).store(0, std::memory_order_release);
             ++corruptions_;
         }
     }
@@ -105,17 +101,6 @@ void AckMapWriter::takeUp() {
         static const Brumo::TraceSource trace("KivShimo", "AckMapWriter");
         trace(1, " {}: {} rotten acknowledgements dropped", mapping_.file(), corruptions_);
     }
-    if (used == whole.size()) {
-        for (std::size_t i = 0; i < used; ++i) {
-            entries_.push_back({whole[i].tableId, detail::VerifiedWordWriter(rows[i].version)});
-        }
-        return;
-    }
-    for (std::size_t i = 0; i < used; ++i) {
-        detail::word(rows[i].check).store(0, std::memory_order_release);
-    }
-    for (const Acknowledged& entry : whole)
-        ackIs(entry.tableId, entry.version);
 }
 
 const AckMapWriter::Entry* AckMapWriter::entryOf(std::uint32_t tableId) const {
@@ -132,14 +117,15 @@ bool AckMapWriter::ackIs(std::uint32_t tableId, std::uint64_t version) {
             found->version.valueIs(version);
         return true;
     }
-    if (entries_.size() == kMostAckTables)
+    const std::optional<std::size_t> free = freeRow();
+    if (!free)
         return false;
-    Row& row = rowsOf(mapping_)[entries_.size()];
+    Row& row = rowsOf(mapping_)[*free];
     detail::word(row.tableId).store(tableId, std::memory_order_relaxed);
     detail::VerifiedWordWriter writer(row.version);
     writer.valueIs(version);
     detail::word(row.check).store(checkOf(tableId, mapping_.seed(0)), std::memory_order_release);
-    entries_.push_back({tableId, writer});
+    entries_.push_back({tableId, *free, writer});
     return true;
 }
 
@@ -155,12 +141,20 @@ std::vector<Acknowledged> AckMapWriter::all() const {
     return result;
 }
 
-void AckMapWriter::reset() {
+void AckMapWriter::forget(std::uint32_t tableId) {
+    const auto found = std::ranges::find(entries_, tableId, &Entry::tableId);
+    if (found == entries_.end())
+        return;
+    detail::word(rowsOf(mapping_)[found->row].check).store(0, std::memory_order_release);
+    entries_.erase(found);
+}
+
+std::optional<std::size_t> AckMapWriter::freeRow() const {
     for (std::size_t i = 0; i < kMostAckTables; ++i) {
-        detail::word(rowsOf(mapping_)[i].check).store(0, std::memory_order_release);
+        if (std::ranges::find(entries_, i, &Entry::row) == entries_.end())
+            return i;
     }
-    entries_.clear();
-    consumed_.valueIs(0);
+    return std::nullopt;
 }
 
 void AckMapWriter::pauseRequestedIs(bool requested) {

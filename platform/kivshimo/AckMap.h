@@ -37,8 +37,8 @@ public:
     bool ackIs(std::uint32_t tableId, std::uint64_t version);
     std::optional<std::uint64_t> acknowledged(std::uint32_t tableId) const;
     std::vector<Acknowledged> all() const;
-    /// Forgets all tables and the consumed position: the agent's logs are others now.
-    void reset();
+    /// Forgets a table's acknowledgement: its log is another now.
+    void forget(std::uint32_t tableId);
 
     /// The position in the announce log up to which everything is done, and which log that is.
     void consumedIs(std::uint64_t position) { consumed_.valueIs(position); }
@@ -62,17 +62,19 @@ public:
 private:
     struct Entry {
         std::uint32_t tableId;
+        std::size_t row;
         detail::VerifiedWordWriter version;
     };
 
     explicit AckMapWriter(detail::WriterFile mapping);
     void takeUp();
     const Entry* entryOf(std::uint32_t tableId) const;
+    std::optional<std::size_t> freeRow() const;
 
     detail::WriterFile mapping_;
     detail::VerifiedWordWriter consumed_;
     detail::VerifiedWordWriter announceIdentity_;
-    std::vector<Entry> entries_;  ///< entry i lies in row i of the file
+    std::vector<Entry> entries_;
     std::uint64_t corruptions_ = 0;
 };
 

@@ -56,11 +56,11 @@ protected:
         stream.seekp(static_cast<std::streamoff>(offset));
         stream.put(static_cast<char>(byte ^ bits));
     }
-    /// Where the file holds these bytes; the first place.
+    /// Where the file holds these bytes behind its headers; the first place.
     static std::size_t placeOf(const std::string& file, const std::string& bytes) {
         std::ifstream stream(file, std::ios::binary);
         const std::string all((std::istreambuf_iterator<char>(stream)), {});
-        const std::size_t at = all.find(bytes);
+        const std::size_t at = all.find(bytes, KivShimo::detail::kAreasOffset);
         EXPECT_NE(at, std::string::npos) << file;
         return at;
     }

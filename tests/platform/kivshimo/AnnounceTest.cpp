@@ -158,10 +158,20 @@ TEST_F(AckTest, NeverGoesBackwardsOverRestartsToo) {
     EXPECT_EQ(writer.consumed(), 4U);
     EXPECT_FALSE(writer.ackIs(5, 9));
     EXPECT_THROW(AckMapWriter(root_, "acks"), DuplicateWriterError);
-    writer.reset();
+}
+
+TEST_F(AckTest, ForgetsOneTable) {
+    AckMapWriter writer(root_, "acks");
+    writer.ackIs(5, 10);
+    writer.ackIs(6, 20);
+    writer.forget(5);
+    writer.forget(7);
     EXPECT_EQ(writer.acknowledged(5), std::nullopt);
+    EXPECT_EQ(writer.acknowledged(6), 20U);
+    EXPECT_EQ(AckMapReader::open(file("acks"))->acknowledged(5), std::nullopt);
     EXPECT_TRUE(writer.ackIs(5, 1));
     EXPECT_EQ(AckMapReader::open(file("acks"))->acknowledged(5), 1U);
+    EXPECT_EQ(AckMapReader::open(file("acks"))->acknowledged(6), 20U);
 }
 
 TEST_F(AckTest, HoldsSixtyFourTables) {
