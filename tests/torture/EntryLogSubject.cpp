@@ -1,0 +1,195 @@
+// Entry logs with two units: every kind of change, and the reclaim at the mount.
+#include <fmt/format.h>
+
+#include "entrylog/PolicyCpuTcamActionEntryLog.h"
+#include "entrylog/PolicyCpuV4TcamEntryEntryLog.h"
+#include "entrylog/PolicyCpuV6TcamEntryEntryLog.h"
+#include "platform/asic/Constants.h"
+#include "platform/asic/OrderedTableInterface.h"
+#include "platform/brumo/Assert.h"
+#include "platform/kivshimo/AnnounceLog.h"
+#include "platform/kivshimo/EntityManager.h"
+#include "platform/kivshimo/Paths.h"
+#include "tests/entrylog/Bindings.h"
+#include "tests/torture/Subjects.h"
+
+namespace Torture {
+
+namespace {
+
+using namespace VornPolicyCpu;
+using namespace TestSupport;
+
+constexpr const char* kSystem = "torture";
+constexpr std::uint64_t kCapacity = 16;  ///< small files are compared fast
+constexpr Asic::UnitId kUnits[] = {{1}, {2}};
+
+template <class B>
+class EntryLogSubject final : public Subject {
+public:
+    using Log = EntryLog<B>;
+
+    /// Mounts both units as after `acknowledged` was consumed.
+    EntryLogSubject(const std::string& folder, std::uint64_t acknowledged) : folder_(folder) {
+        KivShimo::EntityManager::capacityCeilingIs(kCapacity);
+        KivShimo::EntityManager::rootIs(kSystem, true, folder);
+        database_ = Brumo::make<Regdb::EntityManager>(kSystem, true);
+        tables_ = Brumo::make<Asic::OrderedTableInterface>(database_, "VornPolicyCpu", loop_);
+        group_ = tables_->makeGroupIntf("VornPolicyCpuGroup", 0x2C08);
+        log_ = entryLogFactory<B>(B::kTableId, database_, group_, "VornPolicyCpu");
+        for (const Asic::UnitId unit : kUnits)
+            log_->mountShimoConfig(unit, {acknowledged});
+    }
+
+    Log& log() { return *log_; }
+
+    Asic::LogVersion write(std::uint32_t number, std::uint32_t word = 0x111111) {
+        const auto needed = Brumo::make<Asic::NeededEntry>();
+        for (std::uint32_t i = 1; i <= 4; ++i)
+            needed->add({Asic::SwTableId(0x2C080500 + i), {word % 1000 + i}});
+        return log_->entryIs(logEntryOf<B>(number, word), resourceKeysOf<B>(number), needed,
+                             kUnits[0], stats_, false);
+    }
+    void remove(std::uint32_t number) { log_->entryDel(keyOf<B>(number), nullptr, kUnits[0]); }
+    void removeAll() { log_->tableDel(nullptr, kUnits[0]); }
+
+    std::string state() override {
+        std::string text =
+            fmt::format("version {} published {} corruptions {} {}\n", log_->tableVersion().value,
+                        log_->tableEntryLog()->collectionControl().scratchpad(),
+                        log_->tableEntryLog()->corruptions(), group_->corruptions());
+        for (const Asic::UnitId unit : kUnits) {
+            const auto config = log_->tableConfigShimo(unit);
+            text += fmt::format("unit {}: {} live, {} in deletion, corruptions {}\n", unit,
+                                log_->entrys(unit), log_->entrysInDeletion(unit),
+                                config->corruptions());
+            for (auto value = config->swTableEntriesFromStart(); value.has_value();
+                 value = config->swTableEntriesAfter(value->key())) {
+                text += fmt::format("  {} @{}{} {} {}\n", value->key(), value->version.value,
+                                    value->inDeletion ? " in deletion" : "", value->logEntry,
+                                    value->rsrcKeys);
+            }
+        }
+        for (auto at = log_->tableEntryLog()->entryLogConfigVersionAtOrAfter({1}); at.has_value();
+             at = log_->tableEntryLog()->entryLogConfigVersionAtOrAfter({at->value + 1})) {
+            text += fmt::format("  record {}\n", *log_->tableEntryLog()->entryLogConfig(*at));
+        }
+        return text + announcements();
+    }
+
+    void use() override {
+        const Asic::LogVersion before = log_->tableVersion();
+        Brumo::require(write(7, 0x222222).value == before.value + 1, "versions go on");
+        Brumo::require(log_->entryLogVersion(keyOf<B>(7), kUnits[0]).value == before.value + 1,
+                       "what was written is read");
+        remove(7);
+        log_->cleanupEntryLog(log_->tableVersion());
+        Brumo::require(log_->entrysInDeletion(kUnits[0]) == 0, "everything is reclaimed");
+        Brumo::require(log_->entryLogConfigs() == 0, "no record is left");
+        Brumo::require(!log_->tableEntryLog()->journal().pending().has_value(), "nothing pending");
+    }
+
+private:
+    std::string announcements() {
+        std::string text;
+        const auto log = KivShimo::AnnounceLogReader::open(
+            KivShimo::tableFile(folder_, Asic::Constants::announcementsPath(canonicalGroupName())));
+        std::uint64_t position = 0;
+        while (const auto next = log->next(position + 1)) {
+            text += fmt::format("  announced {:x}@{} needing", next->tableId, next->version);
+            for (const KivShimo::NeededVersion& needed : next->needed)
+                text += fmt::format(" {:x}@{}", needed.tableId, needed.version);
+            text += '\n';
+            position = next->position;
+        }
+        return text;
+    }
+
+    std::string folder_;
+    Kiv::ManualEventLoop loop_;
+    Brumo::Ptr<Regdb::EntityManager> database_;
+    Brumo::Ptr<Asic::OrderedTableInterface> tables_;
+    Brumo::Ptr<Asic::GroupInterface> group_;
+    Brumo::Ptr<Log> log_;
+    Brumo::Ptr<Asic::SwTableStats> stats_ = Brumo::make<Asic::SwTableStats>();
+};
+
+template <class B>
+Scenario scenario(std::string_view name, std::function<void(EntryLogSubject<B>&)> prepare,
+                  std::function<void(EntryLogSubject<B>&)> change, std::uint64_t acknowledged = 0) {
+    const auto as = [](Subject& subject) -> EntryLogSubject<B>& {
+        return static_cast<EntryLogSubject<B>&>(subject);
+    };
+    return {fmt::format("{}: {}", B::Types::kName, name),
+            [acknowledged](const std::string& folder) {
+                return std::make_unique<EntryLogSubject<B>>(folder, acknowledged);
+            },
+            [as, prepare = std::move(prepare)](Subject& subject) { prepare(as(subject)); },
+            [as, change = std::move(change)](Subject& subject) { change(as(subject)); }};
+}
+
+template <class B>
+void addScenarios(std::vector<Scenario>& all) {
+    using S = EntryLogSubject<B>;
+    const auto two = [](S& s) {
+        s.write(1);
+        s.write(2);
+    };
+    const auto oneDeleted = [two](S& s) {
+        two(s);
+        s.remove(1);
+    };
+    const auto allDeleted = [](S& s) {
+        s.write(1);
+        s.removeAll();
+    };
+    const auto cleanUp = [](S& s) { s.log().cleanupEntryLog(s.log().tableVersion()); };
+    const auto cleanUpBefore = [](S& s) {
+        s.log().cleanupEntryLog({s.log().tableVersion().value - 1});
+    };
+    all.push_back(scenario<B>("write of a new key", two, [](S& s) { s.write(3); }));
+    all.push_back(scenario<B>("overwrite", two, [](S& s) { s.write(1, 0x333333); }));
+    all.push_back(
+        scenario<B>("write of a key in deletion", oneDeleted, [](S& s) { s.write(1, 0x333333); }));
+    all.push_back(scenario<B>("delete", two, [](S& s) { s.remove(1); }));
+    all.push_back(
+        scenario<B>("delete of a key in deletion", oneDeleted, [](S& s) { s.remove(1); }));
+    all.push_back(scenario<B>("table delete", two, [](S& s) { s.removeAll(); }));
+    all.push_back(scenario<B>(
+        "cleanup of a write",
+        [cleanUpBefore, two](S& s) {
+            two(s);
+            cleanUpBefore(s);
+        },
+        cleanUp));
+    all.push_back(scenario<B>(
+        "cleanup of a delete",
+        [cleanUpBefore, oneDeleted](S& s) {
+            oneDeleted(s);
+            cleanUpBefore(s);
+        },
+        cleanUp));
+    all.push_back(scenario<B>(
+        "cleanup of a table delete",
+        [cleanUpBefore, allDeleted](S& s) {
+            allDeleted(s);
+            s.log().cleanupEntryLog({1});
+            cleanUpBefore(s);
+        },
+        cleanUp));
+    all.push_back(scenario<B>(
+        "reclaim at the mount", oneDeleted, [](S& s) { s.log().mountShimoConfig(kUnits[0], {3}); },
+        3));
+}
+
+}  // namespace
+
+std::vector<Scenario> entryLogScenarios() {
+    std::vector<Scenario> all;
+    addScenarios<PolicyCpuTcamActionBinding>(all);
+    addScenarios<PolicyCpuV4TcamEntryBinding>(all);
+    addScenarios<PolicyCpuV6TcamEntryBinding>(all);
+    return all;
+}
+
+}  // namespace Torture

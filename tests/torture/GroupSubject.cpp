@@ -1,0 +1,99 @@
+// What both sides of a group store: announcements and acknowledgements.
+#include <fmt/format.h>
+
+#include <array>
+
+#include "platform/brumo/Assert.h"
+#include "platform/kivshimo/AckMap.h"
+#include "platform/kivshimo/AnnounceLog.h"
+#include "tests/torture/Subjects.h"
+
+namespace Torture {
+
+namespace {
+
+constexpr const char* kPath = "group/log";
+constexpr std::uint64_t kSlots = 16;
+constexpr std::array<KivShimo::NeededVersion, 5> kNeeded{
+    {{1, 11}, {2, 12}, {3, 13}, {4, 14}, {5, 15}}};
+
+class AnnounceSubject final : public Subject {
+public:
+    explicit AnnounceSubject(const std::string& folder) : log_(folder, kPath, kSlots) {}
+
+    void append(std::uint64_t version) {
+        Brumo::require(log_.append(7, version, kNeeded), "there is room");
+    }
+    std::string state() override {
+        std::string text = fmt::format("tail {} wiped {}\n", log_.tail(), log_.wiped());
+        const auto reader = KivShimo::AnnounceLogReader::open(log_.file());
+        std::uint64_t position = 0;
+        while (const auto next = reader->next(position + 1)) {
+            text += fmt::format("  {}@{} needs {}\n", next->tableId, next->version,
+                                next->needed.size());
+            position = next->position;
+        }
+        return text;
+    }
+    void use() override { append(9); }
+
+private:
+    KivShimo::AnnounceLogWriter log_;
+};
+
+class AckSubject final : public Subject {
+public:
+    explicit AckSubject(const std::string& folder) : acks_(folder, "group/acks") {}
+
+    KivShimo::AckMapWriter& acks() { return acks_; }
+    std::string state() override {
+        std::string text = fmt::format("consumed {} log {} corruptions {}\n", acks_.consumed(),
+                                       acks_.announceIdentity(), acks_.corruptions());
+        for (const auto& [tableId, version] : acks_.all())
+            text += fmt::format("  {}@{}\n", tableId, version);
+        return text;
+    }
+    void use() override {
+        const std::uint64_t before = acks_.acknowledged(1).value_or(0);
+        Brumo::require(acks_.ackIs(1, before + 1), "goes on");
+        Brumo::require(acks_.ackIs(77, 1), "a further table");
+        Brumo::require(!acks_.ackIs(1, before), "never backwards");
+    }
+
+private:
+    KivShimo::AckMapWriter acks_;
+};
+
+}  // namespace
+
+std::vector<Scenario> groupScenarios() {
+    const auto announces = [](Subject& s) -> AnnounceSubject& {
+        return static_cast<AnnounceSubject&>(s);
+    };
+    const auto acks = [](Subject& s) -> KivShimo::AckMapWriter& {
+        return static_cast<AckSubject&>(s).acks();
+    };
+    const auto mountLog = [](const std::string& folder) {
+        return std::make_unique<AnnounceSubject>(folder);
+    };
+    const auto mountAcks = [](const std::string& folder) {
+        return std::make_unique<AckSubject>(folder);
+    };
+    const auto acknowledged = [acks](Subject& s) {
+        acks(s).announceIdentityIs(5);
+        acks(s).ackIs(1, 3);
+        acks(s).ackIs(2, 4);
+        acks(s).consumedIs(6);
+    };
+    return {
+        {"announcement", mountLog, [announces](Subject& s) { announces(s).append(1); },
+         [announces](Subject& s) { announces(s).append(2); }},
+        {"acknowledgement", mountAcks, acknowledged, [acks](Subject& s) { acks(s).ackIs(1, 9); }},
+        {"first acknowledgement of a table", mountAcks, acknowledged,
+         [acks](Subject& s) { acks(s).ackIs(3, 9); }},
+        {"consumed position", mountAcks, acknowledged,
+         [acks](Subject& s) { acks(s).consumedIs(8); }},
+    };
+}
+
+}  // namespace Torture

@@ -1,0 +1,38 @@
+// Kills at every instruction: a child does one thing while its parent steps it with ptrace and
+// keeps what the mapped files held after each store.
+//
+// A process killed by a signal leaves exactly the stores that it has retired. So the files after
+// each instruction are all that a kill within the stepped code can leave.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace Torture {
+
+/// The regular files below a folder by relative path.
+using Image = std::map<std::string, std::string>;
+
+Image imageOf(const std::string& folder);
+/// Replaces what is below the folder.
+void imageIs(const std::string& folder, const Image& image);
+std::uint64_t hashOf(const Image& image);
+
+struct Steps {
+    std::uint64_t instructions = 0;
+    std::vector<Image> images;  ///< distinct ones in their order, that before the action first
+    Image after;
+};
+
+/// Runs `prepare` and then, stepped, `action` in a child whose tables lie below `folder`. Throws
+/// std::runtime_error when the child dies.
+Steps stepped(const std::string& folder, const std::function<void()>& prepare,
+              const std::function<void()>& action);
+
+/// What the function returns in a child of its own; throws std::runtime_error when the child dies.
+std::string inChild(const std::function<std::string()>& function);
+
+}  // namespace Torture

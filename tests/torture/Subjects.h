@@ -1,0 +1,32 @@
+// What is killed: how it is mounted from its files, and what can be told of it afterwards.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Torture {
+
+class Subject {
+public:
+    virtual ~Subject() = default;
+    /// Everything that a user of the files can tell, but for what may differ without harm.
+    virtual std::string state() = 0;
+    /// Goes on working; ends the process when what always holds does not.
+    virtual void use() = 0;
+};
+
+struct Scenario {
+    std::string name;
+    /// Mounts what lies below the folder, making it the first time. This is the recovery.
+    std::function<std::unique_ptr<Subject>(const std::string& folder)> mount;
+    std::function<void(Subject&)> prepare;
+    std::function<void(Subject&)> change;
+};
+
+std::vector<Scenario> entryLogScenarios();
+std::vector<Scenario> resourceScenarios();
+std::vector<Scenario> groupScenarios();
+
+}  // namespace Torture
