@@ -205,6 +205,11 @@ std::optional<LogVersion> GroupInterface::tableVersionInMap(SwTableId tableId) c
     const auto version = map->acknowledged(tableId.whole());
     if (!version.has_value())
         return std::nullopt;
+    const auto announced = announced_.find(tableId);
+    if (announced != announced_.end() && announced->second.value < *version) {
+        refuse(tableId, {*version}, "beyond the last version");
+        return std::nullopt;
+    }
     return LogVersion{*version};
 }
 
@@ -286,7 +291,7 @@ bool GroupInterface::acknowledge(SwTableId tableId, LogVersion version) {
 }
 
 /// Traced once for each lie, however often the map is read.
-void GroupInterface::refuse(SwTableId tableId, LogVersion version, std::string_view why) {
+void GroupInterface::refuse(SwTableId tableId, LogVersion version, std::string_view why) const {
     LogVersion& last = refused_[tableId];
     if (last == version)
         return;

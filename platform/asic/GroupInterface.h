@@ -65,7 +65,7 @@ public:
     LogVersion announcedVersion(SwTableId tableId) const;
 
     /// The acknowledged version as the hardware side's map has it; nothing when the table is not in
-    /// it, or there is no map yet. Throws KivShimo::CorruptionError.
+    /// it, says more than was handed out, or there is no map yet. Throws KivShimo::CorruptionError.
     std::optional<LogVersion> tableVersionInMap(SwTableId tableId) const;
     /// Reports corruption of the map, which is traced and counted.
     void doCorruptionDetected(std::string_view message) const;
@@ -99,7 +99,7 @@ private:
     bool append(const Announcement& announcement);
     void appendWaiting();
     bool acknowledge(SwTableId tableId, LogVersion version);
-    void refuse(SwTableId tableId, LogVersion version, std::string_view why);
+    void refuse(SwTableId tableId, LogVersion version, std::string_view why) const;
 
     std::string name_;
     std::uint16_t agentAndGroupId_;
@@ -108,7 +108,7 @@ private:
     std::map<SwTableId, Brumo::Ptr<OrderedSwTableSet>> sets_;
     std::map<SwTableId, LogVersion> announced_;
     std::map<SwTableId, LogVersion> acknowledged_;
-    std::map<SwTableId, LogVersion> refused_;  ///< so that a lie is traced once
+    mutable std::map<SwTableId, LogVersion> refused_;  ///< so that a lie is traced once
     std::deque<Announcement> waiting_;
     bool changesHeld_ = false;  ///< what the resolver was told last, so that it is traced once
     mutable std::uint64_t corruptions_ = 0;

@@ -231,6 +231,17 @@ TYPED_TEST(Mounting, LostChangeLogIsReportedOnceAndAsksForARelaunch) {
     EXPECT_EQ(again->majorId(), 0U);
 }
 
+TYPED_TEST(Mounting, AcknowledgementBeyondAWholeLogMovesNoVersion) {
+    this->liveOnce();
+    const std::uint64_t last = this->announcements().back().version;
+    this->agent.hardware().ackIs(TypeParam::kTableId.whole(), last + 1000);
+    this->agent.restart();
+    const auto log = this->mountedLog();
+    EXPECT_EQ(log->tableVersion().value, last);
+    EXPECT_EQ(this->agent.group()->announcedVersion(TypeParam::kTableId).value, last);
+    EXPECT_FALSE(this->agent.group()->tableVersionInMap(TypeParam::kTableId).has_value());
+}
+
 TYPED_TEST(Mounting, VersionsGoOnAboveThoseAnnouncedWhenTheChangeLogIsLost) {
     this->liveOnce();
     const auto announced = this->announcements().back().version;

@@ -393,6 +393,18 @@ TEST_F(GroupInterfaceTest, HasNoVersionInAMapThatIsNotThere) {
     EXPECT_EQ(group_->tableVersionInMap(kTable), Asic::LogVersion{4});
 }
 
+TEST_F(GroupInterfaceTest, DoesNotBelieveAMapThatIsAheadOfAMountedTable) {
+    hardware().ackIs(kTable.whole(), 400);
+    group_->announcedVersionRestored(kTable, {4});
+    TestSupport::TraceCapture traces;
+    EXPECT_FALSE(group_->tableVersionInMap(kTable).has_value());
+    EXPECT_TRUE(traces.has("GroupInterface", 1,
+                           " refused acknowledgement of version 400 for table id: 2c:08:0403: "
+                           "beyond the last version"));
+    group_->announcedVersionRestored(kTable, {400});
+    EXPECT_EQ(group_->tableVersionInMap(kTable), Asic::LogVersion{400});
+}
+
 TEST_F(GroupInterfaceTest, CountsAndTracesCorruption) {
     TraceCapture traces;
     group_->doCorruptionDetected("rotten");
