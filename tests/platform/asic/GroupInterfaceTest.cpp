@@ -232,7 +232,7 @@ TEST_F(GroupInterfaceTest, RefusesAnAcknowledgementThatGoesBackwardsOnce) {
     TraceCapture traces;
     group_->addLogEntry(kTable, {5}, nullptr);
     acknowledge(kTable, 4);
-    hardware().reset();
+    hardware().forget(kTable.whole());
     acknowledge(kTable, 2);
     group_->acknowledgementsArrived();
     EXPECT_EQ(acknowledged(), 4U);
