@@ -115,36 +115,47 @@ void GroupInterface::takeUpAnnouncements() {
 
 void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
                                  const Brumo::Ptr<const NeededEntry>& needed) {
+    if (!announced(tableId, version, needed))
+        waiting_.add(tableId, version, needed);
+}
+
+void GroupInterface::addLatestVersion(SwTableId tableId, LogVersion version) {
+    if (!announced(tableId, version, nullptr))
+        waiting_.addLatest(tableId, version);
+}
+
+/// False when it has to wait for room, or behind what waits already.
+bool GroupInterface::announced(SwTableId tableId, LogVersion version,
+                               const Brumo::Ptr<const NeededEntry>& needed) {
     announcedVersionIs(tableId, version);
-    const Announcement announcement{tableId, version, needed};
-    if (!waiting_.empty() || !append(announcement)) {
-        if (waiting_.empty())
-            trace(1, " announcement log of {} is full", name_);
-        waiting_.push_back(announcement);
-        return;
+    if (!waiting_.empty())
+        return false;
+    if (!append(tableId, version, needed)) {
+        trace(1, " announcement log of {} is full", name_);
+        return false;
     }
     if (shm_->waker.has_value())
         shm_->waker->published();
+    return true;
 }
 
-bool GroupInterface::append(const Announcement& announcement) {
-    std::vector<KivShimo::NeededVersion>& needed = shm_->needed;
-    needed.clear();
-    if (announcement.needed != nullptr) {
-        for (const TableVersion& version : *announcement.needed) {
-            needed.push_back({version.tableId.whole(), version.version.value});
+bool GroupInterface::append(SwTableId tableId, LogVersion version,
+                            const Brumo::Ptr<const NeededEntry>& needed) {
+    std::vector<KivShimo::NeededVersion>& versions = shm_->needed;
+    versions.clear();
+    if (needed != nullptr) {
+        for (const TableVersion& each : *needed) {
+            versions.push_back({each.tableId.whole(), each.version.value});
         }
     }
-    return shm_->announcements.append(announcement.tableId.whole(), announcement.version.value,
-                                      needed);
+    return shm_->announcements.append(tableId.whole(), version.value, versions);
 }
 
 void GroupInterface::appendWaiting() {
-    bool appended = false;
-    while (!waiting_.empty() && append(waiting_.front())) {
-        waiting_.pop_front();
-        appended = true;
-    }
+    const bool appended =
+        waiting_.giveOut([this](SwTableId tableId, LogVersion version, const auto& needed) {
+            return append(tableId, version, needed);
+        });
     if (appended && shm_->waker.has_value())
         shm_->waker->published();
 }

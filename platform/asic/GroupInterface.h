@@ -9,9 +9,9 @@
 //     restart announces anew what the change logs hold and the announcement log does not.
 //  2. An acknowledgement that goes backwards, beyond the last version of its table, or names a
 //     table that the group does not know is refused with a trace, and changes nothing.
+//  3. What waits in memory for room in the announcement log does not grow with its number.
 #pragma once
 
-#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
@@ -21,6 +21,7 @@
 #include "platform/asic/GroupResolver.h"
 #include "platform/asic/NeededEntry.h"
 #include "platform/asic/OrderedSwTableSet.h"
+#include "platform/asic/WaitingAnnouncements.h"
 #include "platform/brumo/String.h"
 #include "platform/kiv/EventLoop.h"
 #include "platform/regdb/EntityManager.h"
@@ -44,6 +45,9 @@ public:
     /// Announces a change to the hardware side. `needed` may be null.
     void addLogEntry(SwTableId tableId, LogVersion version,
                      const Brumo::Ptr<const NeededEntry>& needed);
+    /// Announces a change of a table without a change log: of several that wait for room, the last
+    /// one is enough.
+    void addLatestVersion(SwTableId tableId, LogVersion version);
     /// What a change needs that must come after everything announced so far.
     Brumo::Ptr<NeededEntry> everythingAnnounced() const;
     /// Whether the announcement log takes further changes that can wait.
@@ -82,21 +86,18 @@ public:
     void awake();
 
     /// For tests and tools: changes that found no room in the announcement log and wait in memory.
-    std::size_t announcementsWaiting() const { return waiting_.size(); }
+    std::uint64_t announcementsWaiting() const { return waiting_.count(); }
 
 private:
     struct SharedMemory;  ///< the mounted files; keeps their headers out of this one
-    struct Announcement {
-        SwTableId tableId;
-        LogVersion version;
-        Brumo::Ptr<const NeededEntry> needed;
-    };
 
     void takeUpAnnouncements();
     bool hasRoomForWaiting();
     void takeUpConsumed();
     bool acknowledgementsPending();
-    bool append(const Announcement& announcement);
+    bool announced(SwTableId tableId, LogVersion version,
+                   const Brumo::Ptr<const NeededEntry>& needed);
+    bool append(SwTableId tableId, LogVersion version, const Brumo::Ptr<const NeededEntry>& needed);
     void appendWaiting();
     bool acknowledge(SwTableId tableId, LogVersion version);
     void refuse(SwTableId tableId, LogVersion version, std::string_view why) const;
@@ -109,7 +110,7 @@ private:
     std::map<SwTableId, LogVersion> announced_;
     std::map<SwTableId, LogVersion> acknowledged_;
     mutable std::map<SwTableId, LogVersion> refused_;  ///< so that a lie is traced once
-    std::deque<Announcement> waiting_;
+    WaitingAnnouncements waiting_;
     bool changesHeld_ = false;  ///< what the resolver was told last, so that it is traced once
     mutable std::uint64_t corruptions_ = 0;
 };

@@ -11,7 +11,7 @@ public:
     explicit GroupOfTables(const Brumo::Ptr<GroupInterface>& group) : group_(group) {}
 
     void announce(SwTableId tableId, LogVersion version) override {
-        group_->addLogEntry(tableId, version, nullptr);
+        group_->addLatestVersion(tableId, version);
     }
 
     /// The process before may have been killed between its file and the announcement.
@@ -21,7 +21,7 @@ public:
         const bool told = group_->announcedVersion(tableId) >= version;
         group_->announcedVersionIs(tableId, version);
         if (!told && group_->acknowledgedVersion(tableId) < version) {
-            group_->addLogEntry(tableId, version, nullptr);
+            group_->addLatestVersion(tableId, version);
         }
     }
 
