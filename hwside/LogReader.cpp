@@ -150,6 +150,13 @@ bool LogReader::carriedOut(const KivShimo::Announcement& announcement) {
         ++counters_.repeated;
     } else if (table == nullptr) {
         ++counters_.resources;
+    } else if (announcement.version > acknowledged(tableId) + 1) {
+        // Whatever the versions between have changed, the configurations hold it.
+        kTrace(1, " {}@{} is announced after {}: the versions between never were", idOf(tableId),
+               announcement.version, acknowledged(tableId));
+        ++counters_.lost;
+        snapshotDue_ = true;
+        return false;
     } else {
         const Applied applied = table->apply({announcement.version});
         kTrace(8, " {}@{}: {}", idOf(tableId), announcement.version, static_cast<int>(applied));

@@ -8,6 +8,7 @@
 #include "swtable/SwTableImpl.h"
 #include "tests/fourthtable/QueueShareBinding.h"
 #include "tests/support/InProcessAgent.h"
+#include "tests/support/TraceCapture.h"
 
 namespace {
 
@@ -29,7 +30,10 @@ QueueShareEntry entryOf(std::uint32_t port, std::uint32_t counter) {
 
 class FourthTable : public testing::Test {
 protected:
-    FourthTable() { open(); }
+    FourthTable() : FourthTable({.capacityCeiling = 1024, .counters = 4, .policers = 4}) {}
+    explicit FourthTable(const TestSupport::InProcessAgent::Options& options) : agent_(options) {
+        open();
+    }
     ~FourthTable() override { close(); }
     FourthTable(const FourthTable&) = delete;
     FourthTable& operator=(const FourthTable&) = delete;
@@ -59,7 +63,7 @@ protected:
         agent_.acknowledge(QueueShareBinding::kTableId, table_->logVersion().value);
     }
 
-    TestSupport::InProcessAgent agent_{{.capacityCeiling = 1024, .counters = 4, .policers = 4}};
+    TestSupport::InProcessAgent agent_;
     Brumo::Ptr<Table> table_;
     std::multiset<std::uint32_t> answered_;
 };
@@ -141,6 +145,46 @@ TEST_F(FourthTable, ComesBackAfterARestartAndWritesNothing) {
     EXPECT_EQ(table_->logVersion(), version);
     EXPECT_EQ(table_->linkage<QueueShareCounterBinding>()->entryUsageSms(), 2U);
     table_->assertConsistent();
+}
+
+class ManyEntries : public FourthTable {
+protected:
+    ManyEntries() : FourthTable({.capacityCeiling = 8192, .counters = 8192, .policers = 4}) {}
+
+    struct Work {
+        std::uint64_t keyUses = 0;
+        std::uint64_t steps = 0;  ///< that are traced
+    };
+    /// What a restart costs in which nothing has to be written.
+    Work restarted() {
+        const auto version = table_->logVersion();
+        const TestSupport::TraceCapture traces;
+        const std::uint64_t before = QueueShareKey::uses;
+        restart();
+        agent_.counters()->sweepUnclaimed();
+        agent_.settle();
+        EXPECT_EQ(table_->logVersion(), version);
+        return {QueueShareKey::uses - before, traces.lines().size()};
+    }
+};
+
+TEST_F(ManyEntries, WithAsManyCountersComeBackInWorkThatGrowsWithTheirNumber) {
+    constexpr std::uint32_t kEntries = 2000;
+    for (std::uint32_t port = 1; port <= kEntries; ++port)
+        write(port, port);
+    agent_.settle();
+    const Work once = restarted();
+    for (std::uint32_t port = kEntries + 1; port <= 2 * kEntries; ++port)
+        write(port, port);
+    agent_.settle();
+    const Work twice = restarted();
+    EXPECT_EQ(table_->entrys(), 2 * kEntries);
+    EXPECT_EQ(agent_.counters()->pool().used, 2 * kEntries);
+    EXPECT_GT(once.keyUses, kEntries);
+    EXPECT_GT(once.steps, kEntries);
+    // Chains of buckets may be a little longer; the square would be 4.
+    EXPECT_LT(twice.keyUses, once.keyUses * 5 / 2);
+    EXPECT_LT(twice.steps, once.steps * 5 / 2);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "platform/brumo/Unaligned.h"
 #include "platform/resources/Keys.h"
@@ -16,9 +17,21 @@ struct QueueShareKey {
     std::uint32_t port = 0;
     std::uint32_t queue = 0;
 
-    auto operator<=>(const QueueShareKey&) const = default;
+    /// How often keys were compared and hashed: what the engine does, in a number that is the same
+    /// each time.
+    static inline std::uint64_t uses = 0;
+
+    std::strong_ordering operator<=>(const QueueShareKey& other) const {
+        ++uses;
+        return std::tie(port, queue) <=> std::tie(other.port, other.queue);
+    }
+    bool operator==(const QueueShareKey& other) const {
+        ++uses;
+        return port == other.port && queue == other.queue;
+    }
     bool isEq(const QueueShareKey& other) const { return *this == other; }
     std::uint32_t hash(unsigned seed) const {
+        ++uses;
         return Asic::hashOf64(std::uint64_t{port} << 32U | queue, seed);
     }
     std::string toText() const { return fmt::format("{}.{}", port, queue); }

@@ -218,6 +218,25 @@ TEST_F(LogReaderTest, TakesResourceTablesAsProgrammed) {
     EXPECT_EQ(reader_->counters().resources, 1U);
 }
 
+TEST_F(LogReaderTest, AVersionWhoseEarlierOnesWereNeverAnnouncedIsMadeUpForByASnapshot) {
+    reader_->pump();
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 100));
+    reader_->pump();
+    agent_->table<ActionTypes>().write(kUnit, actionEntry(2, 100));
+    agent_->table<ActionTypes>().remove(kUnit, actionEntry(1, 100).key);
+    agent_->write<ActionTypes>(kUnit, actionEntry(3, 100));
+    const std::uint64_t snapshots = reader_->counters().snapshots;
+    reader_->pump();
+    EXPECT_EQ(acked(kAction), 4U);
+    EXPECT_EQ(reader_->counters().snapshots, snapshots + 1);
+    EXPECT_EQ(reader_->counters().lost, 1U);
+    expectSame<ActionTypes>(kUnit);
+    agent_->write<ActionTypes>(kUnit, actionEntry(4, 100));
+    reader_->pump();
+    EXPECT_EQ(reader_->counters().snapshots, snapshots + 1) << "once";
+    expectSame<ActionTypes>(kUnit);
+}
+
 TEST_F(LogReaderTest, PassesOverWhatIsAnnouncedTwice) {
     reader_->pump();
     agent_->write<ActionTypes>(kUnit, actionEntry(1, 100));

@@ -1,6 +1,10 @@
 // Rebuilding the linkages' view of the committed entries after a restart.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <map>
+#include <set>
+
 #include "tests/support/SwTableFixture.h"
 
 namespace {
@@ -123,6 +127,56 @@ TEST_F(Restore, WritesNothingWhereNothingHasChanged) {
     EXPECT_EQ(table->entryRead(actionKey(1)), first);
     EXPECT_EQ(table->stats()->updateCnt(), 0U);
     EXPECT_EQ(table->stats()->commitCnt(), 0U);
+}
+
+TEST_F(Restore, GivesEveryActionTheCounterAndThePolicerThatItHad) {
+    constexpr std::uint32_t kActions = 60;
+    for (std::uint32_t id = 1; id <= kActions; ++id)
+        committedAction(id, 1 + id * 7 % kActions, 1 + id * 11 % kActions);
+    agent.acknowledgeAll();
+    for (std::uint32_t id = 1; id <= kActions; id += 3)  // holes among the indexes
+        table->entryRemove(actionKey(id), nullptr);
+    agent.settle();
+    agent.acknowledgeAll();
+    std::map<std::uint32_t, PolicyCpuTcamActionEntry> before;
+    for (std::uint32_t id = 1; id <= kActions; ++id)
+        before[id] = table->entryFromConfig(actionKey(id));
+    restart();
+    makeTable();
+    agent.counters()->sweepUnclaimed();
+    agent.policers()->sweepUnclaimed();
+    agent.settle();
+    for (std::uint32_t id = 1; id <= kActions; ++id) {
+        const auto after = table->entryFromConfig(actionKey(id));
+        EXPECT_EQ(after, before[id]);
+        if (id % 3 == 1)
+            continue;
+        const auto counter = counterMachine(after.counterRequestKey.requestId)->resPtr();
+        const auto policer = policerMachine(after.policerRequestKey.requestId)->resPtr();
+        EXPECT_EQ(counter->counterIndex(), after.counterIndex);
+        EXPECT_EQ(policer->policerIndex(), after.policerIndex);
+    }
+}
+
+TEST_F(Restore, OfAnActionWhoseCounterIsLostGoesOnWithTheOthers) {
+    for (std::uint32_t id = 1; id <= 3; ++id)
+        committedAction(id, id, id);
+    agent.acknowledgeAll();
+    const std::string folder = agent.root() + "/resources/VornCountersLib";
+    ASSERT_GT(std::filesystem::remove_all(folder), 0U);
+    restart();
+    makeTable();  // no counter is answered yet
+    EXPECT_EQ(table->entrys(), 3U);
+    EXPECT_EQ(table->entryFromConfig(actionKey(2)).policerIndex,
+              policerMachine(2)->resPtr()->policerIndex());
+    agent.settle();
+    std::set<std::uint32_t> indexes;
+    for (std::uint32_t id = 1; id <= 3; ++id) {
+        const std::uint32_t index = table->entryFromConfig(actionKey(id)).counterIndex;
+        EXPECT_EQ(index, counterMachine(id)->resPtr()->counterIndex());
+        indexes.insert(index);
+    }
+    EXPECT_EQ(indexes.size(), 3U);
 }
 
 TEST_F(Restore, RewritesAnEntryThatDiffersFromItsResource) {
