@@ -124,6 +124,48 @@ TEST(Kill, OfTheHardwareSideIsMadeUpForWhenItReturns) {
     EXPECT_EQ(system.difference(), "");
 }
 
+TEST(Kill, OfTheHardwareSideInTheMiddleOfAReloadLeavesTheAgentAtWork) {
+    TestedSystem system;
+    system.policyIsExample("linux-switch");
+    system.startHardware();
+    system.startAgent();
+    ASSERT_TRUE(system.loaded(1));
+    largePolicy(system);
+    reloadToTheMiddle(system);
+    const Hardware before = system.programmed();
+    const pid_t agent = system.agent().pid();
+    system.hardware().endedBy(SIGKILL);
+    system.startHardware();
+    // What it had programmed and acknowledged is there before the agent does anything.
+    const Hardware after = system.programmed();
+    for (const auto& [id, entry] : before) {
+        const auto found = after.find(id);
+        ASSERT_NE(found, after.end()) << std::get<2>(id);
+        EXPECT_EQ(found->second.content, entry.content);
+    }
+    system.askHardware({{"cmd", "resume"}});
+    ASSERT_TRUE(system.loaded(2)) << system.agent().standardError();
+    EXPECT_TRUE(system.agent().running());
+    EXPECT_EQ(system.agent().pid(), agent);
+    EXPECT_EQ(system.difference(), "");
+}
+
+TEST(Kill, OfTheHardwareSideOverSeveralReloadsBringsTheLastOneIn) {
+    TestedSystem system;
+    system.policyIsExample("linux-switch");
+    system.startHardware();
+    system.startAgent();
+    ASSERT_TRUE(system.loaded(1));
+    system.hardware().endedBy(SIGKILL);
+    for (unsigned number = 2; number <= 9; ++number) {
+        system.policyIsExample(number % 2 == 0 ? "rfc6192" : "linux-switch");
+        ASSERT_EQ(system.askAgent({{"cmd", "reload"}})["ok"], true);
+    }
+    system.startHardware();
+    ASSERT_TRUE(system.loaded(9)) << system.agent().standardError();
+    EXPECT_EQ(system.difference(), "");
+}
+
 TEST(Kill, OfBothProcessesInAReloadIsMadeUpFor) {
     TestedSystem system;
     system.policyIsExample("linux-switch");
