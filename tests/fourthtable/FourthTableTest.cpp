@@ -149,7 +149,7 @@ TEST_F(FourthTable, ComesBackAfterARestartAndWritesNothing) {
 
 class ManyEntries : public FourthTable {
 protected:
-    ManyEntries() : FourthTable({.capacityCeiling = 8192, .counters = 8192, .policers = 4}) {}
+    ManyEntries() : FourthTable({.capacityCeiling = 16384, .counters = 8192, .policers = 4}) {}
 
     struct Work {
         std::uint64_t keyUses = 0;
