@@ -69,6 +69,14 @@ set(VORN_TEST_ENVIRONMENT
 set_tests_properties(${test_folders} PROPERTIES
     TIMEOUT ${VORN_TEST_TIMEOUT_S} ENVIRONMENT "${VORN_TEST_ENVIRONMENT}")
 
+# Real processes that are killed, a few times; many times with VORN_TORTURE=full.
+if(TARGET vorn-agent AND TARGET vorn-hwd)
+    add_test(NAME real_kills COMMAND ${CMAKE_SOURCE_DIR}/tests/kills/kills.py
+        --build ${CMAKE_BINARY_DIR} --seed 1)
+    set_tests_properties(real_kills PROPERTIES TIMEOUT 3600
+        ENVIRONMENT "${VORN_TEST_ENVIRONMENT}")
+endif()
+
 # A user's program against an installed tree, by CMake package and by pkg-config.
 string(JOIN " " sanitize ${VORN_SANITIZE_FLAGS})
 add_test(NAME installed_consumer

@@ -32,18 +32,28 @@ def _held_action(action):
     return held
 
 
-def compare_with_policy(held, policy, units):
-    """Every entry of the policy is there as it should be, and nothing else. Returns how many."""
+def bare(key, entry):
+    """What of a programmed entry the policy decides."""
+    return _held_action(entry) if key[1] == "actions" else content(entry)
+
+
+def wanted_of(policy, units):
+    """{(unit, table, key): entry} of everything that a policy stands for."""
     wanted = {}
     for unit in units:
         for action in policy["actions"]:
             wanted[unit, "actions", action["key"]] = _wanted_action(action)
         for table, name in (("v4", "ipv4"), ("v6", "ipv6")):
             for entry in policy[name]:
-                bare = {k: v for k, v in entry.items() if k != "name"}
-                wanted[unit, table, entry["key"]] = bare
-    found = {key: _held_action(entry) if key[1] == "actions" else content(entry)
-             for key, entry in held.items()}
+                named = {k: v for k, v in entry.items() if k != "name"}
+                wanted[unit, table, entry["key"]] = named
+    return wanted
+
+
+def compare_with_policy(held, policy, units):
+    """Every entry of the policy is there as it should be, and nothing else. Returns how many."""
+    wanted = wanted_of(policy, units)
+    found = {key: bare(key, entry) for key, entry in held.items()}
     differences = [key for key in wanted.keys() | found.keys()
                    if wanted.get(key) != found.get(key)]
     if differences:

@@ -34,8 +34,8 @@ class Process:
             self.process = subprocess.Popen(command, stderr=log)
         self.stream = None
 
-    def wait_served(self):
-        wait_until(self._connected, f"{self.name} to serve {self.socket_path}")
+    def wait_served(self, seconds=15):
+        wait_until(self._connected, f"{self.name} to serve {self.socket_path}", seconds)
         return self
 
     def _connected(self):
@@ -116,9 +116,9 @@ class Surroundings:
         for process in self.started:
             process.end()
 
-    def agent(self, policy):
+    def agent(self, policy, capacity=65536):
         command = [self.program("vorn-agent"), "--policy", policy, "--state-dir", self.state,
-                   "--units", ",".join(map(str, self.units)), "--capacity", "65536",
+                   "--units", ",".join(map(str, self.units)), "--capacity", str(capacity),
                    "--plugin", self.program("libVornPolicyCpu.so")]
         return self._start("the agent", command, "agent")
 
