@@ -1,8 +1,12 @@
 #include "agent/PolicyReader.h"
 
 #include <algorithm>
+#include <sstream>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
+#include <yaml-cpp/eventhandler.h>
 
 #include "agent/FieldText.h"
 
@@ -148,16 +152,62 @@ void readTop(const YAML::Node& root, Policy& policy, PolicyErrors& errors) {
     map.finish();
 }
 
+/// Notes where each document has its content.
+class DocumentStarts final : public YAML::EventHandler {
+public:
+    std::vector<YAML::Mark> starts;
+
+    void OnDocumentStart(const YAML::Mark& mark) override {
+        starts.push_back(mark);
+        isEmpty_ = true;
+    }
+    void OnDocumentEnd() override {}
+    void OnNull(const YAML::Mark& mark, YAML::anchor_t /*anchor*/) override { content(mark); }
+    void OnAlias(const YAML::Mark& mark, YAML::anchor_t /*anchor*/) override { content(mark); }
+    void OnScalar(const YAML::Mark& mark, const std::string& /*tag*/, YAML::anchor_t /*anchor*/,
+                  const std::string& /*value*/) override {
+        content(mark);
+    }
+    void OnSequenceStart(const YAML::Mark& mark, const std::string& /*tag*/,
+                         YAML::anchor_t /*anchor*/, YAML::EmitterStyle::value /*style*/) override {
+        content(mark);
+    }
+    void OnSequenceEnd() override {}
+    void OnMapStart(const YAML::Mark& mark, const std::string& /*tag*/, YAML::anchor_t /*anchor*/,
+                    YAML::EmitterStyle::value /*style*/) override {
+        content(mark);
+    }
+    void OnMapEnd() override {}
+
+private:
+    void content(const YAML::Mark& mark) {
+        if (std::exchange(isEmpty_, false))
+            starts.back() = mark;
+    }
+
+    bool isEmpty_ = false;
+};
+
+/// Where the first two documents are. To ask for all of them is asking too much: with some texts
+/// that are no YAML the library finds the same document again and again.
+std::vector<YAML::Mark> firstDocuments(const std::string& text) {
+    std::istringstream stream(text);
+    YAML::Parser parser(stream);
+    DocumentStarts documents;
+    if (parser.HandleNextDocument(documents))
+        parser.HandleNextDocument(documents);
+    return documents.starts;
+}
+
 }  // namespace
 
 Policy readPolicy(const std::string& text, PolicyErrors& errors) {
     Policy policy;
     try {
-        const std::vector<YAML::Node> documents = YAML::LoadAll(text);
-        if (documents.size() > 1) {
-            errors.add(Agent::positionOf(documents[1]), "expected one YAML document, not several");
-        }
-        readTop(documents.empty() ? YAML::Node() : documents[0], policy, errors);
+        const std::vector<YAML::Mark> documents = firstDocuments(text);
+        if (documents.size() > 1)
+            errors.add(positionOf(documents[1]), "expected one YAML document, not several");
+        readTop(documents.empty() ? YAML::Node() : YAML::Load(text), policy, errors);
     } catch (const YAML::Exception& error) {
         errors.add(positionOf(error.mark), "expected YAML: " + error.msg);
     }

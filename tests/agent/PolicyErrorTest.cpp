@@ -245,6 +245,12 @@ INSTANTIATE_TEST_SUITE_P(Action, PolicyMistake, testing::ValuesIn(actionMistakes
 INSTANTIATE_TEST_SUITE_P(Field, PolicyMistake, testing::ValuesIn(fieldMistakes()), nameOf);
 INSTANTIATE_TEST_SUITE_P(Entry, PolicyMistake, testing::ValuesIn(entryMistakes()), nameOf);
 
+TEST(PolicyError, OfATextThatIsNoYamlComesInBoundedTime) {
+    const auto errors = errorsOf(",\xC7\xC7");
+    ASSERT_FALSE(errors.empty());
+    EXPECT_EQ(errors.front(), "p.yaml:1:1: expected one YAML document, not several");
+}
+
 TEST(PolicyError, CollectsAllFindingsInTheOrderOfTheFile) {
     const auto errors = errorsOf(
         "actions:\n- name: a\n  disposition: x\n- name: a\nipv4:\n- {name: r, action: z, "
