@@ -57,8 +57,9 @@ static_assert(offsetof(Journal, operation) == 8 && offsetof(Journal, version) ==
 static_assert(offsetof(Journal, value) == 40 && offsetof(Journal, needed) == 296);
 static_assert(sizeof(Journal) == 4040);
 
-/// What is done. Numbers from 16 on belong to the owner of the table.
+/// What is done.
 using JournalOperation = std::uint64_t;
+constexpr JournalOperation kFirstOwnersOperation = 16;  ///< from here on, the table's owner knows
 constexpr JournalOperation kStoreValue = 1;  ///< a map's value; unit: collection, version: slot
 
 /// A change that a process before has sealed and not finished.

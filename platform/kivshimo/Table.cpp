@@ -14,6 +14,13 @@ const Brumo::TraceSource& trace() {
     return source;
 }
 
+/// Whether somebody carries the change out: a collection of the file, or the table's owner.
+bool isKnown(const PendingChange& pending, const detail::WriterFile& file) {
+    if (pending.operation == kStoreValue)
+        return pending.unit < file.header().collections;
+    return pending.operation >= kFirstOwnersOperation;
+}
+
 }  // namespace
 
 Table::Table(TableMount mount)
@@ -24,6 +31,11 @@ Table::Table(TableMount mount)
     if (journal_.rotten()) {
         Table::doCorruptionDetected(
             CorruptionError(file(), "journal", 0, "does not verify, dropped").what());
+        journal_.done();
+    }
+    if (const auto pending = journal_.pending(); pending && !isKnown(*pending, *file_)) {
+        Table::doCorruptionDetected(
+            CorruptionError(file(), "journal", 0, "of no known change, dropped").what());
         journal_.done();
     }
     if (control_.scratchpadRotten()) {

@@ -71,6 +71,9 @@ typename MapReader<Value>::Walk MapReader<Value>::walk(std::size_t bucket,
         } else {
             const Key key = reading.value.key();
             const Kiv::KeyOrder<Key> order(key);
+            // A walk that left its chain would come by again.
+            if (bucketOf(order.hash) != bucket)
+                return {Outcome::badLink, place};
             if (wanted == nullptr)
                 return {Outcome::found, place, reading.value};
             if (order.hash == wanted->hash && key.isEq(wanted->key)) {

@@ -1,5 +1,6 @@
 #include <map>
 #include <random>
+#include <stdexcept>
 
 #include "platform/kivshimo/MapReader.h"
 #include "tests/platform/kivshimo/Fixture.h"
@@ -213,6 +214,26 @@ TEST_F(MapTest, RottenHeadOfAChainIsNoAbsence) {
     EXPECT_EQ(table->items.find(item(1, 0).key()), item(1, 1));
 }
 
+TEST_F(MapTest, WalkDoesNotFollowALinkIntoAnotherChain) {
+    const auto table = items();
+    for (std::uint64_t id = 1; id <= 20; ++id)
+        table->items.insertOrReplace(item(id, id));
+    const Reader reader(itemsFile(), kItemType, "items");
+    const std::uint64_t seed = detail::mixed(table->identity(), 1);
+    const std::uint64_t last = detail::mapBuckets(64) - 1;
+    overwrite(itemsFile(), detail::kAreasOffset + 8 * last,
+              detail::Link::encoded(0, detail::Link::headPlace(seed, last)));
+    std::uint64_t met = 0;
+    const auto walk = [&] {
+        reader.forEach([&](const Item& /*item*/) {
+            if (++met > 20)
+                throw std::logic_error("the walk goes round");
+        });
+    };
+    EXPECT_THROW(walk(), CorruptionError);
+    EXPECT_EQ(met, 20U);
+}
+
 TEST_F(MapTest, ValueOfAnotherSlotDoesNotVerify) {
     auto table = items();
     table->items.insertOrReplace(item(1, 1));
@@ -282,6 +303,22 @@ TEST_F(MapTest, PendingValueOfNoSlotIsCorruption) {
     EXPECT_EQ(table->corruptions(), 1U);
     EXPECT_EQ(table->items.count(), 1U);
     EXPECT_FALSE(table->journal().pending().has_value());
+}
+
+TEST_F(MapTest, PendingChangeThatNobodyCanCarryOutIsCorruption) {
+    for (const auto& [operation, collection] :
+         {std::pair(kStoreValue, 1), std::pair(kStoreValue + 1, 0)}) {
+        auto table = items();
+        table->journal().begin(operation, static_cast<std::uint64_t>(collection), 0);
+        table->journal().seal();
+        table = nullptr;
+        restart();
+        table = items();
+        EXPECT_EQ(table->corruptions(), 1U);
+        EXPECT_FALSE(table->journal().pending().has_value());
+        table = nullptr;
+        restart();
+    }
 }
 
 TEST_F(MapTest, ReplacedValueIsInNoJournalAfterwards) {
