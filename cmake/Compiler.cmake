@@ -57,6 +57,13 @@ else()
     add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:LINKER:--no-undefined>)
 endif()
 
+# Libraries and programs count the branches that an input takes; only the fuzzing
+# programs link what makes the inputs.
+option(VORN_FUZZ "Build the fuzzing programs; needs clang" OFF)
+if(VORN_FUZZ)
+    add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 # Programs and libraries find each other where they lie: in the build folder,
 # and after an installation to any prefix. One path serves both.
 set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
