@@ -160,6 +160,18 @@ TEST_F(AckTest, NeverGoesBackwardsOverRestartsToo) {
     EXPECT_THROW(AckMapWriter(root_, "acks"), DuplicateWriterError);
 }
 
+TEST_F(AckTest, DoNotPileUpWhileNobodyTakesThem) {
+    AckMapWriter writer(root_, "acks");
+    writer.ackIs(5, 1);
+    const auto size = std::filesystem::file_size(writer.file());
+    for (std::uint64_t version = 2; version <= 100000; ++version)
+        ASSERT_TRUE(writer.ackIs(5, version));
+    EXPECT_EQ(std::filesystem::file_size(writer.file()), size);
+    const auto reader = AckMapReader::open(writer.file());
+    ASSERT_EQ(reader->all().size(), 1U);
+    EXPECT_EQ(reader->acknowledged(5), 100000U);
+}
+
 TEST_F(AckTest, ForgetsOneTable) {
     AckMapWriter writer(root_, "acks");
     writer.ackIs(5, 10);
