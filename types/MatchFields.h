@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/brumo/Layout.h"
 #include "types/PolicyCpuTcamAction.h"
 #include "types/Records.h"
 
@@ -21,6 +22,9 @@ struct MatchKey {
 
     auto operator<=>(const MatchKey&) const = default;
     bool isEq(const MatchKey& other) const { return *this == other; }
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf({offsetof(MatchKey, rule), offsetof(MatchKey, term)});
+    }
     std::uint32_t hash(unsigned seed) const {
         return Asic::hashOf64(std::uint64_t{rule} << 32U | term, seed);
     }
@@ -46,6 +50,16 @@ struct MatchBytes {
     std::uint8_t icmpCodeMask = 0;
 
     bool operator==(const MatchBytes&) const = default;
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf({offsetof(MatchBytes, protocol), offsetof(MatchBytes, protocolMask),
+                                offsetof(MatchBytes, dscp), offsetof(MatchBytes, dscpMask),
+                                offsetof(MatchBytes, ttl), offsetof(MatchBytes, ttlMask),
+                                offsetof(MatchBytes, tcpFlags), offsetof(MatchBytes, tcpFlagsMask),
+                                offsetof(MatchBytes, fragment), offsetof(MatchBytes, fragmentMask),
+                                offsetof(MatchBytes, icmpType), offsetof(MatchBytes, icmpTypeMask),
+                                offsetof(MatchBytes, icmpCode),
+                                offsetof(MatchBytes, icmpCodeMask)});
+    }
 };
 static_assert(sizeof(MatchBytes) == 14);
 
@@ -64,6 +78,11 @@ struct MatchPorts {
     std::uint16_t destinationHigh = 0;
 
     bool operator==(const MatchPorts&) const = default;
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf({offsetof(MatchPorts, sourceLow), offsetof(MatchPorts, sourceHigh),
+                                offsetof(MatchPorts, destinationLow),
+                                offsetof(MatchPorts, destinationHigh)});
+    }
 };
 static_assert(sizeof(MatchPorts) == 8);
 

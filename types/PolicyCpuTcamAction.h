@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/brumo/Layout.h"
 #include "platform/brumo/Unaligned.h"
 #include "platform/resources/Keys.h"
 #include "types/Records.h"
@@ -24,6 +25,10 @@ struct PolicyCpuTcamActionEntryKey {
 
     auto operator<=>(const PolicyCpuTcamActionEntryKey&) const = default;
     bool isEq(const PolicyCpuTcamActionEntryKey& other) const { return *this == other; }
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf({offsetof(PolicyCpuTcamActionEntryKey, id),
+                                offsetof(PolicyCpuTcamActionEntryKey, sub)});
+    }
     std::uint32_t hash(unsigned seed) const {
         return Asic::hashOf64(std::uint64_t{id} << 8U | sub, seed);
     }
@@ -41,6 +46,12 @@ struct PolicyCpuTcamActionResourceKeys {
 
     bool operator==(const PolicyCpuTcamActionResourceKeys&) const = default;
     bool isEq(const PolicyCpuTcamActionResourceKeys& other) const { return *this == other; }
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf({offsetof(PolicyCpuTcamActionResourceKeys, counterRequestKey),
+                                offsetof(PolicyCpuTcamActionResourceKeys, policerRequestKey),
+                                Brumo::layoutOf<VornCountersLib::CrpsIndexRequestEntryKey>(),
+                                Brumo::layoutOf<VornPolicerLib::PolicerIndexRequestEntryKey>()});
+    }
     std::string toText() const {
         return fmt::format("counter {} policer {}", counterRequestKey, policerRequestKey);
     }
@@ -68,6 +79,20 @@ struct PolicyCpuTcamActionLogEntry {
     std::array<char, 18> name{};
 
     std::uint32_t word() const { return redirect; }
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf({Brumo::layoutOf<LogEntryHead>(),
+                                Brumo::layoutOf<PolicyCpuTcamActionEntryKey>(),
+                                Brumo::layoutOf<VornPolicerLib::PolicerIndexRequestClientData>(),
+                                offsetof(PolicyCpuTcamActionLogEntry, head),
+                                offsetof(PolicyCpuTcamActionLogEntry, key),
+                                offsetof(PolicyCpuTcamActionLogEntry, redirect),
+                                offsetof(PolicyCpuTcamActionLogEntry, counterIndex),
+                                offsetof(PolicyCpuTcamActionLogEntry, policerIndex),
+                                offsetof(PolicyCpuTcamActionLogEntry, featureId),
+                                offsetof(PolicyCpuTcamActionLogEntry, disposition),
+                                offsetof(PolicyCpuTcamActionLogEntry, policerClientData),
+                                offsetof(PolicyCpuTcamActionLogEntry, name)});
+    }
     bool isEq(const PolicyCpuTcamActionLogEntry& other) const {
         return std::memcmp(this, &other, sizeof(*this)) == 0;
     }

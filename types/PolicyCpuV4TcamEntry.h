@@ -3,6 +3,7 @@
 // Plain values. The log entry lies in shared memory; its layout is pinned below.
 #pragma once
 
+#include "platform/brumo/Layout.h"
 #include "platform/brumo/Unaligned.h"
 #include "types/MatchFields.h"
 
@@ -19,6 +20,11 @@ struct MatchV4Addresses {
     std::uint32_t destinationMask = 0;
 
     bool operator==(const MatchV4Addresses&) const = default;
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf(
+            {offsetof(MatchV4Addresses, source), offsetof(MatchV4Addresses, sourceMask),
+             offsetof(MatchV4Addresses, destination), offsetof(MatchV4Addresses, destinationMask)});
+    }
 };
 static_assert(sizeof(MatchV4Addresses) == 16);
 
@@ -43,6 +49,21 @@ struct PolicyCpuV4TcamEntryLogEntry {
     explicit PolicyCpuV4TcamEntryLogEntry(const PolicyCpuV4TcamEntryEntryKey& k) : key(k) {}
 
     std::uint32_t word() const { return actionId; }
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf({Brumo::layoutOf<LogEntryHead>(),
+                                Brumo::layoutOf<MatchV4Addresses>(), Brumo::layoutOf<MatchPorts>(),
+                                Brumo::layoutOf<MatchBytes>(),
+                                Brumo::layoutOf<PolicyCpuV4TcamEntryEntryKey>(),
+                                offsetof(PolicyCpuV4TcamEntryLogEntry, head),
+                                offsetof(PolicyCpuV4TcamEntryLogEntry, addresses),
+                                offsetof(PolicyCpuV4TcamEntryLogEntry, ports),
+                                offsetof(PolicyCpuV4TcamEntryLogEntry, priority),
+                                offsetof(PolicyCpuV4TcamEntryLogEntry, bytes),
+                                offsetof(PolicyCpuV4TcamEntryLogEntry, key),
+                                offsetof(PolicyCpuV4TcamEntryLogEntry, actionId),
+                                offsetof(PolicyCpuV4TcamEntryLogEntry, actionSub),
+                                offsetof(PolicyCpuV4TcamEntryLogEntry, label)});
+    }
     bool isEq(const PolicyCpuV4TcamEntryLogEntry& other) const {
         return std::memcmp(this, &other, sizeof(*this)) == 0;
     }

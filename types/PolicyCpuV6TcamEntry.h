@@ -3,6 +3,7 @@
 // Plain values. The log entry lies in shared memory; its layout is pinned below.
 #pragma once
 
+#include "platform/brumo/Layout.h"
 #include "platform/brumo/Unaligned.h"
 #include "types/MatchFields.h"
 
@@ -47,6 +48,21 @@ struct PolicyCpuV6TcamEntryLogEntry {
     explicit PolicyCpuV6TcamEntryLogEntry(const PolicyCpuV6TcamEntryEntryKey& k) : key(k) {}
 
     std::uint32_t word() const { return actionId; }
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf({Brumo::layoutOf<LogEntryHead>(), Brumo::layoutOf<MatchV6Address>(),
+                                Brumo::layoutOf<MatchPorts>(), Brumo::layoutOf<MatchBytes>(),
+                                Brumo::layoutOf<PolicyCpuV6TcamEntryEntryKey>(),
+                                offsetof(PolicyCpuV6TcamEntryLogEntry, head),
+                                offsetof(PolicyCpuV6TcamEntryLogEntry, ports),
+                                offsetof(PolicyCpuV6TcamEntryLogEntry, priority),
+                                offsetof(PolicyCpuV6TcamEntryLogEntry, key),
+                                offsetof(PolicyCpuV6TcamEntryLogEntry, actionId),
+                                offsetof(PolicyCpuV6TcamEntryLogEntry, actionSub),
+                                offsetof(PolicyCpuV6TcamEntryLogEntry, bytes),
+                                offsetof(PolicyCpuV6TcamEntryLogEntry, label),
+                                offsetof(PolicyCpuV6TcamEntryLogEntry, source),
+                                offsetof(PolicyCpuV6TcamEntryLogEntry, destination)});
+    }
     bool isEq(const PolicyCpuV6TcamEntryLogEntry& other) const {
         return std::memcmp(this, &other, sizeof(*this)) == 0;
     }

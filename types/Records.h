@@ -17,6 +17,7 @@
 #include <fmt/format.h>
 
 #include "platform/asic/Versions.h"
+#include "platform/brumo/Layout.h"
 #include "platform/brumo/Text.h"
 
 namespace VornPolicyCpu {
@@ -34,6 +35,9 @@ struct LogEntryHead {
     std::uint32_t origin = 0xFFFFFFFF;  ///< 0xFFFFFFFF: no origin; the match tables leave it 0
 
     bool operator==(const LogEntryHead&) const = default;
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf({offsetof(LogEntryHead, revision), offsetof(LogEntryHead, origin)});
+    }
 };
 static_assert(sizeof(LogEntryHead) == 8);
 
@@ -52,6 +56,13 @@ struct LogShimoEntry {
     std::uint8_t padding = 0;
 
     bool operator==(const LogShimoEntry&) const = default;
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf({Brumo::layoutOf<Key>(), Brumo::layoutOf<LogEntryHead>(),
+                                offsetof(LogShimoEntry, version), offsetof(LogShimoEntry, head),
+                                offsetof(LogShimoEntry, key), offsetof(LogShimoEntry, word),
+                                offsetof(LogShimoEntry, unitId),
+                                offsetof(LogShimoEntry, operation)});
+    }
     std::string toText() const {
         return fmt::format("version {} key {} unit {} operation {}", version, key, unitId,
                            static_cast<unsigned>(operation));
@@ -68,6 +79,13 @@ struct ConfigShimoEntry {
     bool inDeletion = false;   ///< deleted, but the hardware side may still hold it
 
     const Key& key() const { return entryKey; }
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf(
+            {Brumo::layoutOf<Key>(), Brumo::layoutOf<LogEntry>(), Brumo::layoutOf<ResourceKeys>(),
+             offsetof(ConfigShimoEntry, entryKey), offsetof(ConfigShimoEntry, logEntry),
+             offsetof(ConfigShimoEntry, rsrcKeys), offsetof(ConfigShimoEntry, version),
+             offsetof(ConfigShimoEntry, inDeletion)});
+    }
 };
 
 /// Copies text into a fixed field, cut to its size and padded with zeros.

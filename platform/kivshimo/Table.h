@@ -17,6 +17,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/brumo/Layout.h"
 #include "platform/kiv/Entity.h"
 #include "platform/kivshimo/Errors.h"
 #include "platform/kivshimo/Journal.h"
@@ -32,14 +33,10 @@ struct CollectionLayout {
     std::uint64_t fingerprint;
 };
 
-/// What identifies a record's layout: its size, and what the type says itself where it does.
+/// What identifies a record's layout: its size, and where it says that its fields lie.
 template <class Record>
 constexpr std::uint64_t layoutFingerprint() {
-    std::uint64_t result = detail::mixed(sizeof(Record), alignof(Record));
-    if constexpr (requires { Record::kLayoutFingerprint; }) {
-        result = detail::mixed(result, Record::kLayoutFingerprint);
-    }
-    return result;
+    return Brumo::layoutOf<Record>();
 }
 
 /// The words of a mounted table that readers follow.
@@ -52,7 +49,8 @@ public:
     std::uint64_t scratchpad() const { return scratchpad_.value(); }
     /// Publishes: a reader that sees the number sees every store before it.
     void scratchpadIs(std::uint64_t value) { scratchpad_.valueIs(value); }
-    /// The number could not be read when the table was mounted; it counts as 0.
+    /// The number published last had rotted when the table was mounted: the one before counts, or
+    /// 0, until whoever knows better has published again.
     bool scratchpadRotten() const { return scratchpad_.rotten(); }
 
     /// The table had existed and its content was lost. Stays until cleared, over restarts too.

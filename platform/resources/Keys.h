@@ -12,6 +12,7 @@
 
 #include <fmt/format.h>
 
+#include "platform/brumo/Layout.h"
 #include "platform/brumo/Text.h"
 #include "platform/brumo/Unaligned.h"
 
@@ -41,6 +42,10 @@ struct IndexRequestKey {
 
     auto operator<=>(const IndexRequestKey&) const = default;
     bool isEq(const IndexRequestKey& other) const { return *this == other; }
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf(
+            {offsetof(IndexRequestKey, requestId), offsetof(IndexRequestKey, unit)});
+    }
     std::uint32_t hash(unsigned seed) const {
         return hashOf64(std::uint64_t{requestId} << 32U | std::uint64_t{unit} << 16U | reserved,
                         seed);
@@ -79,6 +84,12 @@ struct PolicerIndexRequestClientData {
 
     bool operator==(const PolicerIndexRequestClientData&) const = default;
     bool isEq(const PolicerIndexRequestClientData& other) const { return *this == other; }
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf({offsetof(PolicerIndexRequestClientData, rate),
+                                offsetof(PolicerIndexRequestClientData, burst),
+                                offsetof(PolicerIndexRequestClientData, name),
+                                offsetof(PolicerIndexRequestClientData, mode)});
+    }
     std::string toText() const {
         const char* unit = mode.get() == PolicerMode::packets ? "pps"
                            : mode.get() == PolicerMode::bits  ? "bps"

@@ -13,6 +13,7 @@
 #include <type_traits>
 
 #include "platform/asic/Versions.h"
+#include "platform/brumo/Layout.h"
 
 namespace Asic {
 
@@ -49,6 +50,14 @@ struct ResourceRecord {
 
     ResourceIndex key() const { return {index}; }
     bool operator==(const ResourceRecord&) const = default;
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf(
+            {Brumo::layoutOf<typename Binding::Key>(),
+             Brumo::layoutOf<typename Binding::ClientData>(), offsetof(ResourceRecord, version),
+             offsetof(ResourceRecord, requestKey), offsetof(ResourceRecord, index),
+             offsetof(ResourceRecord, userTable), offsetof(ResourceRecord, state),
+             offsetof(ResourceRecord, featureId), offsetof(ResourceRecord, clientData)});
+    }
 };
 
 /// Where the records lie. Each operation is all or nothing, also for a process that is killed.

@@ -29,6 +29,9 @@ struct ItemKey {
 
     auto operator<=>(const ItemKey&) const = default;
     bool isEq(const ItemKey& other) const { return *this == other; }
+    static constexpr std::uint64_t layout() {
+        return Brumo::layoutOf({offsetof(ItemKey, id), offsetof(ItemKey, kind)});
+    }
     std::uint32_t hash(unsigned seed) const { return (id % 97 + seed) * 2654435761U; }
 };
 
@@ -37,6 +40,7 @@ struct Item {
     ItemKey itemKey;
     std::uint64_t payload[19]{};
 
+    static constexpr std::uint64_t layout() { return Brumo::layoutOf<ItemKey>(); }
     const ItemKey& key() const { return itemKey; }
     bool operator==(const Item&) const = default;
 };

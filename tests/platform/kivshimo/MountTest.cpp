@@ -244,6 +244,34 @@ TEST_F(MountTest, ReaderRefusesMissingAndOtherTables) {
                     "of another layout in collection items");
 }
 
+/// As Item, with the halves of the key the other way round.
+struct ItemOtherWayRound {
+    struct Key {
+        std::uint32_t kind = 0;
+        std::uint32_t id = 0;
+
+        auto operator<=>(const Key&) const = default;
+        bool isEq(const Key& other) const { return *this == other; }
+        static constexpr std::uint64_t layout() {
+            return Brumo::layoutOf({offsetof(Key, id), offsetof(Key, kind)});
+        }
+        std::uint32_t hash(unsigned seed) const { return id + seed; }
+    };
+    Key itemKey;
+    std::uint64_t payload[19]{};
+
+    static constexpr std::uint64_t layout() { return Brumo::layoutOf<Key>(); }
+    const Key& key() const { return itemKey; }
+};
+
+TEST_F(MountTest, ReaderRefusesAnotherLayoutOfEqualSize) {
+    items();
+    static_assert(sizeof(ItemOtherWayRound) == sizeof(Item));
+    static_assert(alignof(ItemOtherWayRound) == alignof(Item));
+    expectInMessage([&] { MapReader<ItemOtherWayRound>(itemsFile(), kItemType, "items"); },
+                    "of another layout in collection items");
+}
+
 TEST_F(MountTest, ReaderNoticesThatTheFileWasReplaced) {
     items()->items.insertOrReplace(item(1, 1));
     const Reader reader(itemsFile(), kItemType, "items");
