@@ -19,6 +19,9 @@ namespace {
 
 constexpr mode_t kFileMode = 0640;
 
+/// Nothing that stands in the place of a file is followed, or waited for, as a pipe would be.
+constexpr int kOpenFlags = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+
 /// What is to be mounted for writing, and where.
 struct Target {
     std::string file;
@@ -56,7 +59,7 @@ Descriptor lockedManifest(const Target& target, Manifest& content) {
     const std::string path = target.file + std::string(kManifestSuffix);
     Descriptor manifest(openat(target.folder.fd(),
                                (target.name + std::string(kManifestSuffix)).c_str(),
-                               O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+                               kOpenFlags | O_RDWR | O_CREAT, kFileMode));
     if (!manifest)
         throwErrno(path, "open manifest");
     checkedStatus(manifest, path, false);
@@ -69,8 +72,7 @@ Descriptor lockedManifest(const Target& target, Manifest& content) {
 
 Taken takeExisting(const Target& target) {
     Taken taken;
-    Descriptor descriptor(
-        openat(target.folder.fd(), target.name.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    Descriptor descriptor(openat(target.folder.fd(), target.name.c_str(), kOpenFlags | O_RDWR));
     if (!descriptor) {
         if (errno != ENOENT)
             throwErrno(target.file, "open for writing");
@@ -111,7 +113,7 @@ Descriptor makeFile(const Target& target, const StaticHeader& header, bool wiped
         throwErrno(target.file, "remove unfinished file");
     }
     Descriptor descriptor(openat(target.folder.fd(), unfinished.c_str(),
-                                 O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+                                 kOpenFlags | O_RDWR | O_CREAT | O_EXCL, kFileMode));
     if (!descriptor)
         throwErrno(target.file, "make");
     const int error = posix_fallocate(descriptor.fd(), 0, static_cast<off_t>(header.fileBytes));
@@ -255,7 +257,7 @@ ReaderFile ReaderFile::open(const std::string& file, std::string_view typeName,
                             const std::vector<CollectionPlan>& plan, bool* missing) {
     if (missing != nullptr)
         *missing = false;
-    Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    Descriptor descriptor(::open(file.c_str(), kOpenFlags | O_RDONLY));
     if (!descriptor) {
         if (missing != nullptr)
             *missing = errno == ENOENT || errno == ENOTDIR;

@@ -201,6 +201,19 @@ TEST_F(MountTest, FollowsNoLinksBelowTheRoot) {
     EXPECT_EQ(fs::file_size(root_ + "/victim"), 8U);
 }
 
+TEST_F(MountTest, WaitsForNoPipeInPlaceOfAFile) {
+    fs::create_directories(root_ + "/items");
+    ASSERT_EQ(mkfifo(itemsFile().c_str(), 0640), 0);
+    EXPECT_TRUE(inOtherProcess([&] {
+        alarm(5);
+        expectInMessage([&] { Reader(itemsFile(), kItemType, "items"); }, "no regular file");
+        expectInMessage([&] { items(); }, "no regular file");
+        fs::rename(itemsFile(), itemsFile() + ".manifest");
+        expectInMessage([&] { items(); }, "no regular file");
+        return !HasFailure();
+    }));
+}
+
 TEST_F(MountTest, ModesAreAsSaidWhateverTheMask) {
     const mode_t before = umask(0);
     items();
