@@ -86,7 +86,9 @@ struct PendingChange {
 class JournalWriter {
 public:
     JournalWriter(Journal& place, std::uint64_t identity)
-        : place_(&place), seed_(detail::mixed(identity, 0x6A6F75726E616CU)) {}
+        : place_(&place),
+          seed_(detail::mixed(identity, 0x6A6F75726E616CU)),
+          isSealed_(sealed() != 0) {}
 
     /// Something is sealed that does not verify.
     bool rotten() const { return sealed() != 0 && !verifies(); }
@@ -97,7 +99,10 @@ public:
 
     /// REQUIRES: nothing is sealed.
     void begin(JournalOperation operation, std::uint64_t unit, std::uint64_t version) {
-        Brumo::require(sealed() == 0, "one pending change at a time");
+        Brumo::require(!isSealed_, "one pending change at a time");
+        // A seal that this process did not store is rot, and must not stand above half a change.
+        if (sealed() != 0)
+            done();
         place_->operation = operation;
         place_->unit = unit;
         place_->version = version;
@@ -115,6 +120,7 @@ public:
         place_->needed[place_->neededCount++] = {version, tableId, 0};
     }
     void seal() {
+        isSealed_ = true;
         detail::word(place_->seal).store(sum(), std::memory_order_release);
         inOrder();
     }
@@ -122,6 +128,7 @@ public:
         inOrder();
         detail::word(place_->seal).store(0, std::memory_order_release);
         inOrder();
+        isSealed_ = false;
     }
 
 private:
@@ -133,6 +140,7 @@ private:
 
     Journal* place_;
     std::uint64_t seed_;
+    bool isSealed_;  ///< as this process knows it; the word in the file may rot
 };
 
 }  // namespace KivShimo

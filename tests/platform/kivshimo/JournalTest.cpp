@@ -90,6 +90,14 @@ TEST_F(JournalTest, TakesNoSecondChange) {
     EXPECT_DEATH(writer_.begin(17, 0, 0), "one pending change at a time");
 }
 
+TEST_F(JournalTest, SealThatRotsUnderItStopsNoChange) {
+    place_.seal = 1;
+    fill();
+    EXPECT_EQ(place_.seal, 0U);
+    writer_.seal();
+    EXPECT_TRUE(JournalWriter(place_, kIdentity).pending().has_value());
+}
+
 TEST_F(JournalTest, RefusesMoreNeededVersionsThanFit) {
     fill(Journal::kMostNeeded);
     EXPECT_DEATH(writer_.needs(1, 1), "room for needed versions");
