@@ -32,9 +32,17 @@ std::vector<detail::CollectionPlan> plan() {
     return {{kCollection, detail::CollectionKind::ackMap, sizeof(Row), 1, kMostAckTables}};
 }
 
+const Brumo::TraceSource& trace() {
+    static const Brumo::TraceSource source("KivShimo", "AckMapWriter");
+    return source;
+}
+
 detail::WriterFile mounted(const std::string& root, const std::string& path) {
     detail::WriterFile::Report report;
-    return detail::WriterFile::open(root, path, kType, plan(), report);
+    detail::WriterFile file = detail::WriterFile::open(root, path, kType, plan(), report);
+    if (report.wiped)
+        trace()(1, " {}: content lost: {}", file.file(), report.reason);
+    return file;
 }
 
 const Row* rowsIn(const detail::MappedFile& mapping) {
@@ -77,7 +85,8 @@ AckMapWriter::AckMapWriter(detail::WriterFile mapping)
     takeUp();
 }
 
-/// A rotten row is freed: its table counts as not acknowledged.
+/// A rotten row is freed: its table counts as not acknowledged. A version or a position whose newer
+/// cell has rotted counts as the one before: what follows is done once more.
 void AckMapWriter::takeUp() {
     Row* rows = rowsOf(mapping_);
     for (std::size_t i = 0; i < kMostAckTables; ++i) {
@@ -85,8 +94,13 @@ void AckMapWriter::takeUp() {
         const std::optional<std::uint32_t> table = tableOf(rows[i], mapping_.seed(0), rotten);
         if (!table && !rotten)
             continue;
-        if (table && rows[i].version.newest() && entryOf(*table) == nullptr) {
-            entries_.push_back({*table, i, detail::VerifiedWordWriter(rows[i].version)});
+        const detail::VerifiedWord::Reading version = rows[i].version.reading();
+        if (table && version.serial != 0 && entryOf(*table) == nullptr) {
+            detail::VerifiedWordWriter writer(rows[i].version);
+            if (version.rotten)
+                writer.valueIs(version.value);
+            corruptions_ += version.rotten ? 1U : 0U;
+            entries_.push_back({*table, i, writer});
         } else {
             detail::word(rows[i].check).store(0, std::memory_order_release);
             ++corruptions_;
@@ -94,12 +108,11 @@ void AckMapWriter::takeUp() {
     }
     corruptions_ += (consumed_.rotten() ? 1U : 0U) + (announceIdentity_.rotten() ? 1U : 0U);
     if (consumed_.rotten())
-        consumed_.valueIs(0);
+        consumed_.valueIs(consumed_.value());
     if (announceIdentity_.rotten())
         announceIdentity_.valueIs(0);
     if (corruptions_ != 0) {
-        static const Brumo::TraceSource trace("KivShimo", "AckMapWriter");
-        trace(1, " {}: {} rotten acknowledgements dropped", mapping_.file(), corruptions_);
+        trace()(1, " {}: {} rotten acknowledgements", mapping_.file(), corruptions_);
     }
 }
 

@@ -60,7 +60,7 @@ AnnounceLogWriter::AnnounceLogWriter(detail::WriterFile mapping)
 /// Without a tail that verifies, the highest position of all whole slots is the tail: at most one
 /// announcement more than there was, which was stored but not published.
 void AnnounceLogWriter::findTail() {
-    std::uint64_t highest = 0;
+    std::uint64_t highest = tail();
     for (std::uint64_t i = 0; i < slots_; ++i) {
         const AnnounceSlot slot = SlotWords::loadFrom(placeOf(mapping_.area(0), i, slots_)).value();
         if (slot.verifies(seed_) && slot.kind == AnnounceKind::change && slot.position > highest) {
@@ -68,6 +68,8 @@ void AnnounceLogWriter::findTail() {
         }
     }
     tail_.valueIs(highest);
+    static const Brumo::TraceSource trace("KivShimo", "AnnounceLogWriter");
+    trace(1, " {}", CorruptionError(file(), "tail", 0, "does not verify, found again").what());
 }
 
 bool AnnounceLogWriter::append(std::uint32_t tableId, std::uint64_t version,

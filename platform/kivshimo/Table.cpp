@@ -40,8 +40,9 @@ Table::Table(TableMount mount)
     }
     if (control_.scratchpadRotten()) {
         Table::doCorruptionDetected(
-            CorruptionError(file(), "scratchpad", 0, "does not verify, counts as 0").what());
-        control_.scratchpadIs(0);
+            CorruptionError(file(), "scratchpad", 0, "does not verify, the one before counts")
+                .what());
+        control_.scratchpadIs(control_.scratchpad());
     }
 }
 

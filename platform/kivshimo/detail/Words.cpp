@@ -15,39 +15,65 @@ std::uint64_t checksumOf(const void* bytes, std::size_t size, std::uint64_t seed
     return sum != 0 ? sum : 1;
 }
 
-std::optional<VerifiedWord::Reading> VerifiedWord::newest() const {
-    std::optional<Reading> result;
-    for (const Cell& cell : cells) {
-        // The check was stored last: what it was stored with, and all before, is visible then.
-        const std::uint64_t check = word(cell.check).load(std::memory_order_acquire);
-        const std::uint64_t value = loaded(cell.value);
-        const std::uint64_t serial = loaded(cell.serial);
-        if (serial == 0 || check != Cell::checkOf(value, serial))
-            continue;
-        if (!result || serial > result->serial)
-            result = Reading{value, serial};
+namespace {
+
+using Cell = VerifiedWord::Cell;
+
+/// A cell as it was at one moment; empty while it is stored, and before it ever was.
+std::optional<Cell> settled(const Cell& place) {
+    // The check was stored last: what it was stored with, and all before, is visible then.
+    const std::uint64_t check = word(place.check).load(std::memory_order_acquire);
+    const Cell cell{loaded(place.value), loaded(place.serial), check};
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if (check == 0 || loaded(place.check) != check)
+        return std::nullopt;
+    return cell;
+}
+
+bool verifies(const Cell& cell) {
+    return cell.serial != 0 && cell.check == Cell::checkOf(cell.value, cell.serial);
+}
+
+/// Whether a cell that does not verify is the one that was stored before the other, of that serial.
+/// Any one of its words may be wrong, the serial too.
+bool isOlder(const Cell& rotten, std::uint64_t serial) {
+    if (rotten.check == Cell::checkOf(rotten.value, serial - 1))
+        return true;
+    return rotten.serial == serial - 1 && rotten.check != Cell::checkOf(rotten.value, serial + 1);
+}
+
+}  // namespace
+
+VerifiedWord::Reading VerifiedWord::reading() const {
+    const std::optional<Cell> both[2] = {settled(cells[0]), settled(cells[1])};
+    Reading result;
+    for (const auto& cell : both) {
+        if (cell && verifies(*cell) && cell->serial > result.serial)
+            result = {cell->value, cell->serial, false};
+    }
+    result.rotten = result.serial == 0;
+    for (const auto& cell : both) {
+        if (cell && !verifies(*cell) && !isOlder(*cell, result.serial))
+            result.rotten = true;
     }
     return result;
 }
 
 std::optional<std::uint64_t> VerifiedWord::read() const {
-    // Both cells are invalid at once only for a reader that two stores overtook.
+    // What seems rotten may be what the writer's stores have overtaken.
     for (int attempt = 0; attempt < 1000; ++attempt) {
-        const std::optional<Reading> reading = newest();
-        if (reading)
-            return reading->value;
+        const Reading now = reading();
+        if (!now.rotten)
+            return now.value;
     }
     return std::nullopt;
 }
 
 VerifiedWordWriter::VerifiedWordWriter(VerifiedWord& place) : place_(&place) {
-    const std::optional<VerifiedWord::Reading> reading = place.newest();
-    if (!reading) {
-        rotten_ = true;
-        return;
-    }
-    value_ = reading->value;
-    serial_ = reading->serial;
+    const VerifiedWord::Reading stored = place.reading();
+    value_ = stored.value;
+    serial_ = stored.serial;
+    rotten_ = clears_ = stored.rotten;
 }
 
 ZeroedWords::ZeroedWords(std::size_t count)

@@ -5,7 +5,8 @@
 // What always holds:
 //  1. Every word that another process may read while it is written is accessed as an atomic.
 //  2. A VerifiedWord is read as the value stored last, or the one before while a store is under
-//     way; zeroed or rotten memory never reads as a value.
+//     way, or after one that was cut off; zeroed or rotten memory never reads as a value, and what
+//     was stored last and has rotted is never passed over for the value before.
 #pragma once
 
 #include <atomic>
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <optional>
 #include <type_traits>
+#include <utility>
 
 namespace KivShimo::detail {
 
@@ -78,7 +80,8 @@ struct Words {
 };
 
 /// One published number in two cells that take turns. A store writes the cell that holds the older
-/// number, so a writer that dies in the middle leaves the newer one whole.
+/// number, so a writer that dies in the middle leaves the newer one whole. The check is 0 while its
+/// cell is stored: so a store that was cut off is told from a cell that has rotted.
 ///
 ///   0       8        16      24      32       40      48
 ///   | value | serial | check | value | serial | check |
@@ -95,11 +98,12 @@ struct VerifiedWord {
     Cell cells[2];
 
     struct Reading {
-        std::uint64_t value;
-        std::uint64_t serial;
+        std::uint64_t value = 0;
+        std::uint64_t serial = 0;  ///< of the newer valid cell; 0 when neither is valid
+        bool rotten = false;       ///< what was stored last does not verify
     };
-    /// The newer valid cell; empty when neither is valid.
-    std::optional<Reading> newest() const;
+    /// What the cells say now.
+    Reading reading() const;
     /// What a reader gets: tries again while the writer overtakes it. Empty means rotten.
     std::optional<std::uint64_t> read() const;
 };
@@ -108,7 +112,8 @@ static_assert(sizeof(VerifiedWord) == 48);
 /// The one writer's access to a VerifiedWord.
 class VerifiedWordWriter {
 public:
-    /// Takes up what is stored; a rotten word counts as 0 and `rotten()` says so.
+    /// Takes up what is stored. Where that has rotted, `rotten()` says so, and the value before
+    /// counts, or 0 without one: whoever knows better stores it again.
     explicit VerifiedWordWriter(VerifiedWord& place);
 
     std::uint64_t value() const { return value_; }
@@ -117,10 +122,17 @@ public:
     /// All stores before are visible to whoever reads the value with VerifiedWord::read.
     void valueIs(std::uint64_t value) {
         VerifiedWord::Cell& cell = place_->cells[++serial_ & 1U];
+        word(cell.check).store(0, std::memory_order_relaxed);
+        // A reader that sees a word of the new value and then looks at the check again, behind its
+        // fence, does not find the old check any more.
+        std::atomic_thread_fence(std::memory_order_release);
         word(cell.value).store(value, std::memory_order_relaxed);
         word(cell.serial).store(serial_, std::memory_order_relaxed);
         word(cell.check)
             .store(VerifiedWord::Cell::checkOf(value, serial_), std::memory_order_release);
+        // What has rotted in the other cell must not stand beside a value that is known again.
+        if (std::exchange(clears_, false)) [[unlikely]]
+            word(place_->cells[(serial_ + 1) & 1U].check).store(0, std::memory_order_release);
         value_ = value;
     }
 
@@ -129,6 +141,7 @@ private:
     std::uint64_t value_ = 0;
     std::uint64_t serial_ = 0;
     bool rotten_ = false;
+    bool clears_ = false;  ///< the next store takes the other cell away
 };
 
 }  // namespace KivShimo::detail

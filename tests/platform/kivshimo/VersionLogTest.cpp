@@ -197,23 +197,49 @@ TEST_F(VersionLogTest, ReaderSeesEveryRecordUpToThePublishedVersion) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
-TEST_F(VersionLogTest, RottenScratchpadCellFallsBackToTheOneBefore) {
+TEST_F(VersionLogTest, RottenPublishedVersionIsReportedAndNotTakenForTheOneBefore) {
+    constexpr std::uint64_t kCells =
+        detail::kDynamicOffset + offsetof(detail::DynamicHeader, scratchpad);
+    for (std::uint64_t last = 41; last <= 42; ++last) {  // in either cell
+        for (std::uint64_t bit = 0; bit < sizeof(detail::VerifiedWord) * 8; ++bit) {
+            auto table = changes(64);
+            table->collectionControl().scratchpadIs(last - 1);
+            table->collectionControl().scratchpadIs(last);
+            flip(changesFile(), kCells + bit / 8, bit % 8);
+            const Reader reader(changesFile(), kChangeType, "changes");
+            bool reported = false;
+            try {
+                EXPECT_EQ(reader.scratchpad(), last) << bit;
+            } catch (const CorruptionError&) {
+                reported = true;
+            }
+            table = nullptr;
+            restart();
+            table = changes(64);
+            EXPECT_EQ(table->corruptions(), reported ? 1U : 0U) << bit;
+            EXPECT_EQ(table->collectionControl().scratchpad(), reported ? last - 1 : last) << bit;
+            EXPECT_EQ(table->collectionControl().scratchpadRotten(), reported);
+            EXPECT_EQ(reader.scratchpad(), reported ? last - 1 : last) << bit;
+        }
+    }
+}
+
+TEST_F(VersionLogTest, PublishedVersionThatRotsInBothCellsCountsAsNone) {
     auto table = changes(64);
     table->collectionControl().scratchpadIs(41);
     table->collectionControl().scratchpadIs(42);
     const std::uint64_t cells =
         detail::kDynamicOffset + offsetof(detail::DynamicHeader, scratchpad);
-    const Reader reader(changesFile(), kChangeType, "changes");
-    EXPECT_EQ(reader.scratchpad(), 42U);
     flip(changesFile(), cells + 24);
-    EXPECT_EQ(reader.scratchpad(), 41U);
     flip(changesFile(), cells);
+    const Reader reader(changesFile(), kChangeType, "changes");
     EXPECT_THROW(reader.scratchpad(), CorruptionError);
     table = nullptr;
     restart();
     table = changes(64);
     EXPECT_EQ(table->corruptions(), 1U);
     EXPECT_EQ(table->collectionControl().scratchpad(), 0U);
+    EXPECT_EQ(reader.scratchpad(), 0U);
 }
 
 TEST_F(VersionLogTest, MountsANearlyEmptyLogFast) {
