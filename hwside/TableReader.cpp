@@ -38,13 +38,16 @@ std::vector<Asic::UnitId> unitsIn(const std::filesystem::path& folder) {
     return units;
 }
 
-/// Throws KivShimo::MountError when that cannot be said.
+/// A link is there, wherever it leads, and refused when it is opened. Throws KivShimo::MountError
+/// when it cannot be said.
 bool isThere(const std::string& file) {
     std::error_code error;
-    const bool there = std::filesystem::exists(file, error);
+    const auto status = std::filesystem::symlink_status(file, error);
+    if (status.type() == std::filesystem::file_type::not_found)
+        return false;
     if (error)
         throw KivShimo::MountError(file, "look for", error.message());
-    return there;
+    return true;
 }
 
 template <class Types>
@@ -229,9 +232,6 @@ void ShimoTableReader<Types>::programAll(Asic::LogVersion upTo) {
     for (const Asic::UnitId unit : unitsIn(anyFile.parent_path())) {
         try {
             programUnit(unit, upTo);
-        } catch (const KivShimo::CorruptionError& error) {
-            report(error.what());
-            unsure_.insert(unit);
         } catch (const KivShimo::MountError& error) {
             report(error.what());
             unsure_.insert(unit);
@@ -245,14 +245,26 @@ void ShimoTableReader<Types>::programUnit(Asic::UnitId unit, Asic::LogVersion up
     if (values == nullptr)
         return;
     std::set<Key>& kept = kept_[unit];
-    values->forEach([&](const Value& value) {
+    const auto take = [&](const Value& value) {
+        if (kept.contains(value.key()))
+            return;
         if (value.version > upTo) {
             kept.insert(value.key());  // hardware keeps what it has until the announcement comes
         } else if (!value.inDeletion) {
             tcam_->program<Types>(unit, value.logEntry, value.version);
             kept.insert(value.key());
         }
-    });
+    };
+    try {
+        values->forEach(take);
+    } catch (const KivShimo::CorruptionError& error) {
+        unsure_.insert(unit);
+        const std::uint64_t before = rotten_;
+        values->visitSlots(take,
+                           [&](const KivShimo::CorruptionError& slot) { report(slot.what()); });
+        if (rotten_ == before)
+            report(error.what());  // what leads to the values
+    }
 }
 
 template <class Types>

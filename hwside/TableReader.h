@@ -42,8 +42,8 @@ public:
     /// KivShimo::MountError.
     virtual Asic::LogVersion published() = 0;
     /// Programs every live value up to a version, of all units there are. Values that cannot be
-    /// read are reported. Throws KivShimo::BusyError, and KivShimo::MountError where the units
-    /// cannot be listed; nothing may be removed then.
+    /// read are reported, and what is behind them is not held up. Throws KivShimo::BusyError, and
+    /// KivShimo::MountError where the units cannot be listed; nothing may be removed then.
     virtual void programAll(Asic::LogVersion upTo) = 0;
     /// Removes what programAll() before did not find, but for units that it could not read whole.
     virtual void removeRest() = 0;

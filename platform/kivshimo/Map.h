@@ -9,7 +9,8 @@
 //     there, so it survives every change in between.
 //  3. The writer's own index (keys, chains, free slots) is in its private memory, rebuilt from the
 //     slots at each mount; what lies in the file for readers is written, never trusted. So a rotten
-//     value can be replaced and erased like any other.
+//     value can be replaced and erased like any other. Before it is made again at a mount, it tells
+//     of values that are gone without a trace in their slots.
 //  4. Every value that is returned was verified; a rotten one throws CorruptionError.
 //  5. A full map refuses new keys and changes nothing then.
 //  6. Each change is all or nothing, also for a process that is killed: a value that replaces
@@ -24,6 +25,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "platform/brumo/Assert.h"
@@ -136,6 +138,7 @@ private:
 
     // Mount
     void finishPending(Table& table);
+    void checkIndex(Table& table) const;
     void rebuild(Table& table);
     bool takeUp(Table& table, std::uint32_t slot);
     void chainUp(std::vector<std::uint32_t>& taken);

@@ -64,6 +64,19 @@ public:
             visit(*value);
         }
     }
+    /// Calls `visit(value)` for each element, in no order, and `report(error)`, a CorruptionError,
+    /// for each slot that does not verify; goes on behind it. Follows no links. An element that is
+    /// there all the time is visited once. Throws BusyError.
+    template <class Visit, class Report>
+    void visitSlots(Visit&& visit, Report&& report) const {
+        for (std::uint64_t slot = 0; slot < slots_; ++slot) {
+            const Reading reading = settled(slot);
+            if (reading.state == SlotState::whole)
+                visit(reading.value);
+            if (reading.state == SlotState::rotten)
+                report(CorruptionError(file(), name_, slot, "value does not verify"));
+        }
+    }
     /// Elements there are, counted slot by slot.
     std::uint64_t count() const;
 
@@ -80,7 +93,7 @@ private:
         Value value;
     };
     /// What a walk over one chain has come to.
-    enum class Outcome { found, absent, again, rotten, badLink };
+    enum class Outcome { found, absent, again, rotten, badLink, emptySlot };
     struct Walk {
         Outcome outcome;
         std::uint64_t slot = 0;
@@ -98,9 +111,12 @@ private:
 
     /// One try, bounded waiting for the writer left to the caller.
     Reading read(std::uint64_t slot) const;
+    /// Tries until the slot is not busy. Throws BusyError.
+    Reading settled(std::uint64_t slot) const;
     /// `wanted` null: the chain's first element. Otherwise the first at, or at or after, or after.
     enum class Which { at, atOrAfter, after };
     Walk walk(std::size_t bucket, const Kiv::KeyOrder<Key>* wanted, Which which) const;
+    [[noreturn]] void throwRotten(const Walk& walk) const;
     /// Walks until the result is certain.
     std::optional<Value> certain(std::size_t bucket, const Kiv::KeyOrder<Key>* wanted,
                                  Which which) const;

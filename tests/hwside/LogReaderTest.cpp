@@ -608,5 +608,20 @@ TEST_F(LogReaderTest, AConfigurationThatCannotBeLookedForIsReportedAndItsUnitKep
     EXPECT_EQ(tcam_->entries<V4Types>(), 2U);
 }
 
+TEST_F(LogReaderTest, ASnapshotProgramsEverythingBesideARottenValue) {
+    constexpr std::uint32_t kEntries = 20;
+    for (std::uint32_t id = 1; id <= kEntries; ++id)
+        agent_->write<ActionTypes>(kUnit, actionEntry(id, 0x1A1B1C1D1E00ULL + id));
+    killAgent();
+    const std::string file = group_.configFile<ActionTypes>(kUnit);
+    for (const char* rotten : {"\x05\x1E\x1D\x1C\x1B\x1A", "\x0B\x1E\x1D\x1C\x1B\x1A"})
+        spoil(file, placeOf(file, rotten));
+    reader_->pump();
+    EXPECT_EQ(reader_->counters().snapshots, 1U);
+    EXPECT_EQ(reader_->counters().rotten, 2U);
+    EXPECT_EQ(tcam_->counters<ActionTypes>().added, kEntries - 2);
+    EXPECT_EQ(acked(kAction), kEntries);
+}
+
 }  // namespace
 }  // namespace HwSide::Test

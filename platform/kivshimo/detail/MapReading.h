@@ -43,6 +43,18 @@ typename MapReader<Value>::Reading MapReader<Value>::read(std::uint64_t slot) co
 }
 
 template <class Value>
+typename MapReader<Value>::Reading MapReader<Value>::settled(std::uint64_t slot) const {
+    for (unsigned attempt = 0; attempt < kTries; ++attempt) {
+        const Reading reading = read(slot);
+        if (reading.state != SlotState::busy)
+            return reading;
+        if (attempt > 100)
+            std::this_thread::yield();
+    }
+    throw BusyError(file(), name_, slot);
+}
+
+template <class Value>
 typename MapReader<Value>::Walk MapReader<Value>::walk(std::size_t bucket,
                                                        const Kiv::KeyOrder<Key>* wanted,
                                                        Which which) const {
@@ -60,7 +72,7 @@ typename MapReader<Value>::Walk MapReader<Value>::walk(std::size_t bucket,
         place = *at;
         Reading reading = read(place);
         if (reading.state == SlotState::free)
-            return {Outcome::again, place};
+            return {Outcome::emptySlot, place};
         if (reading.state == SlotState::busy)
             return {Outcome::again, place};
         if (reading.state == SlotState::rotten) {
@@ -93,6 +105,17 @@ typename MapReader<Value>::Walk MapReader<Value>::walk(std::size_t bucket,
     return {Outcome::absent, place};
 }
 
+/// No change that is complete leaves a link to an empty slot.
+template <class Value>
+void MapReader<Value>::throwRotten(const Walk& walk) const {
+    std::string_view what = "link does not verify";
+    if (walk.outcome == Outcome::rotten)
+        what = "value does not verify";
+    if (walk.outcome == Outcome::emptySlot)
+        what = "value is gone";
+    throw CorruptionError(file(), name_, walk.slot, what);
+}
+
 template <class Value>
 std::optional<Value> MapReader<Value>::certain(std::size_t bucket, const Kiv::KeyOrder<Key>* wanted,
                                                Which which) const {
@@ -110,9 +133,7 @@ std::optional<Value> MapReader<Value>::certain(std::size_t bucket, const Kiv::Ke
                 return result.value;
             if (result.outcome == Outcome::absent)
                 return std::nullopt;
-            throw CorruptionError(file(), name_, slot,
-                                  result.outcome == Outcome::rotten ? "value does not verify"
-                                                                    : "link does not verify");
+            throwRotten(result);
         }
         if (attempt > 100)
             std::this_thread::yield();

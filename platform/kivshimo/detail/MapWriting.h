@@ -40,6 +40,7 @@ Map<Value>::Map(Table& table, std::string_view name)
     usedBuckets_ = detail::SlotSet(buckets);
     free_ = detail::SlotSet(slots_);
     finishPending(table);
+    checkIndex(table);
     rebuild(table);
 }
 
@@ -268,6 +269,40 @@ bool Map<Value>::takeUp(Table& table, std::uint32_t slot) {
         table.tornDetected(CorruptionError(file_, name_, slot, "torn value dropped").what());
     }
     return false;
+}
+
+/// What readers follow leads to every value. So it tells of slots that are empty and should not be,
+/// as after a page was lost. A first mount that was cut off has not made it yet; a change or a
+/// later mount that was cut off, which the sequence tells, may have emptied slots before it was
+/// followed.
+template <class Value>
+void Map<Value>::checkIndex(Table& table) const {
+    using detail::Link;
+    const std::uint64_t sequence = detail::loaded(*structure_);
+    if (sequence < 2 || (sequence & 1U) != 0)
+        return;
+    bool linksVerify = true;
+    const auto report = [&](std::uint64_t slot, std::string_view what) {
+        table.doCorruptionDetected(CorruptionError(file_, name_, slot, what).what());
+    };
+    for (std::size_t bucket = 0; bucket < heads_.size(); ++bucket) {
+        std::uint64_t place = bucket;
+        auto at = Link::decoded(detail::loaded(headArea_[bucket]), Link::headPlace(seed_, bucket));
+        for (std::uint64_t steps = 0; at != Link::kNone; ++steps) {
+            if (!at || *at >= slots_ || steps > slots_) {
+                if (std::exchange(linksVerify, false))
+                    report(place, "link does not verify, all are made again");
+                break;
+            }
+            place = *at;
+            const Slot& slot = slotAt(*at);
+            if (detail::loaded(slot.checksum) == 0 && (detail::loaded(slot.sequence) & 3U) == 0) {
+                report(place, "value is gone");
+                break;
+            }
+            at = Link::decoded(detail::loaded(slot.link), Link::slotPlace(seed_, place));
+        }
+    }
 }
 
 template <class Value>
