@@ -18,7 +18,8 @@ namespace {
 /// Announcements done before requests get their turn.
 constexpr std::size_t kBudget = 4096;
 
-/// Returns the path without slashes at its end.
+/// Returns the path without slashes at its end. A link is no directory: whoever may change it could
+/// lead this process elsewhere.
 std::string checkedDirectory(std::string path) {
     while (path.size() > 1 && path.back() == '/')
         path.pop_back();

@@ -14,6 +14,8 @@
 #include <asio/read_until.hpp>
 #include <asio/write.hpp>
 
+#include "platform/kivshimo/Doorbell.h"
+
 namespace Process {
 
 namespace {
@@ -128,7 +130,7 @@ ControlServer::ControlServer(asio::io_context& io, std::string path, Handler han
       path_(std::move(path)),
       handler_(std::make_shared<Handler>(std::move(handler))) {
     const LocalStream::endpoint endpoint = endpointAt(path_);
-    ::unlink(path_.c_str());
+    KivShimo::removeDeadSocket(path_);
     acceptor_.open();
     asio::error_code error;
     // Nobody may connect before the mode is set: connecting needs a listening socket.

@@ -34,7 +34,7 @@ public:
     using Handler = std::function<Json(const Json& request)>;
 
     /// Listens at `path`, in place of a socket that a dead process left. Throws std::system_error
-    /// with the path.
+    /// with the path, and KivShimo::MountError when something else is there.
     ControlServer(asio::io_context& io, std::string path, Handler handler);
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;

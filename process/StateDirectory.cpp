@@ -16,7 +16,10 @@ void checkStateDirectory(const std::string& path, const std::string& controlSock
         throw StateDirectoryError(fmt::format("state directory {}: {}", path, why));
     };
     struct stat status {};
-    if (::stat(path.c_str(), &status) != 0)
+    // A link is no directory: whoever may change it could lead this process elsewhere. With a slash
+    // at its end it would be followed.
+    const std::string itself = path.substr(0, path.find_last_not_of('/') + 1);
+    if (::lstat((itself.empty() ? path : itself).c_str(), &status) != 0)
         fail(std::strerror(errno));
     if (!S_ISDIR(status.st_mode))
         fail("it is no directory");

@@ -55,12 +55,7 @@ Doorbell::Doorbell(std::string path)
     const std::optional<sockaddr_un> address = addressOf(path_);
     if (!address)
         throw MountError(path_, "make doorbell", "path too long for a socket");
-    struct stat there {};
-    if (lstat(path_.c_str(), &there) == 0) {
-        if (!S_ISSOCK(there.st_mode))
-            throw MountError(path_, "make doorbell", "no socket there");
-        unlink(path_.c_str());
-    }
+    removeDeadSocket(path_);
     if (bind(socket_.fd(), reinterpret_cast<const sockaddr*>(&*address), sizeof(*address)) != 0) {
         detail::throwErrno(path_, "bind doorbell");
     }
@@ -78,6 +73,15 @@ unsigned Doorbell::drain() {
     while (recv(socket_.fd(), ignored, sizeof(ignored), MSG_DONTWAIT) >= 0)
         ++rings;
     return rings;
+}
+
+void removeDeadSocket(const std::string& path) {
+    struct stat there {};
+    if (lstat(path.c_str(), &there) != 0)
+        return;
+    if (!S_ISSOCK(there.st_mode))
+        throw MountError(path, "make socket", "no socket there");
+    unlink(path.c_str());
 }
 
 bool ring(const std::string& path) {

@@ -45,6 +45,10 @@ private:
     detail::Descriptor socket_;
 };
 
+/// Removes the socket file that a dead process left at the path, if it did. Throws MountError when
+/// something else is there, a link included.
+void removeDeadSocket(const std::string& path);
+
 /// Rings the bell at the path. False when nobody is there.
 bool ring(const std::string& path);
 

@@ -32,10 +32,13 @@ Descriptor openedRoot(const std::string& root) {
          slash = root.find('/', slash + 1)) {
         makeFolder(root.substr(0, slash));
     }
-    makeFolder(root);
-    Descriptor folder(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    // With a slash at its end a link would be followed.
+    const std::string itself = root.substr(0, root.find_last_not_of('/') + 1);
+    const std::string& path = itself.empty() ? root : itself;
+    makeFolder(path);
+    Descriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!folder)
-        throwErrno(root, "open folder");
+        throwErrno(path, "open folder");
     return folder;
 }
 

@@ -1,0 +1,466 @@
+#include "tests/rot/Specimen.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+#include "entrylog/PolicyCpuTcamActionEntryLog.h"
+#include "hwside/LogReader.h"
+#include "platform/asic/OrderedTableInterface.h"
+#include "platform/brumo/Assert.h"
+#include "platform/brumo/Log.h"
+#include "platform/brumo/Trace.h"
+#include "platform/kivshimo/EntityManager.h"
+#include "platform/kivshimo/MapReader.h"
+#include "platform/kivshimo/VersionLogReader.h"
+#include "platform/resources/CrpsIndexRequestResourceTable.h"
+#include "platform/resources/ResourceFile.h"
+#include "tests/entrylog/Bindings.h"
+
+namespace Rot {
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace VornPolicyCpu;
+using TestSupport::keyOf;
+using TestSupport::logEntryOf;
+using TestSupport::resourceKeysOf;
+
+using B = PolicyCpuTcamActionBinding;
+using Types = B::Types;
+using Log = EntryLog<B>;
+using ResourceTable = VornCountersLib::CrpsIndexRequestResourceTable;
+using Client = ResourceTable::ClientInstance;
+using ResourceRecord = Asic::ResourceRecord<VornCountersLib::CounterBinding>;
+using ResourceFile = Asic::ResourceFile<VornCountersLib::CounterBinding>;
+
+constexpr const char* kSystem = "rot";
+constexpr const char* kResources = "CrpsIndexRequest.CpuTrafficPolicyIngress";
+constexpr std::uint64_t kCapacity = 8;
+constexpr std::uint32_t kPool = 8;
+constexpr std::uint64_t kAnnouncements = 16;
+constexpr Asic::UnitId kUnit{1};
+constexpr std::uint32_t kKeys = 5;
+
+/// Everything on disk that a running agent has, for one table and one resource.
+class Agent {
+public:
+    explicit Agent(const std::string& folder) {
+        KivShimo::EntityManager::capacityCeilingIs(kAnnouncements);
+        KivShimo::EntityManager::rootIs(kSystem, true, folder);
+        try {
+            mount();
+        } catch (...) {
+            forget();
+            throw;
+        }
+    }
+    Agent(const Agent&) = delete;
+    Agent& operator=(const Agent&) = delete;
+    ~Agent() { forget(); }
+
+    Log& log() { return *log_; }
+    ResourceTable& resources() { return *resources_; }
+    Client& client() { return *client_; }
+    const Asic::GroupInterface& group() const { return *group_; }
+    std::uint64_t corruptions() const {
+        return log_->tableEntryLog()->corruptions() + log_->tableConfigShimo(kUnit)->corruptions() +
+               group_->corruptions();
+    }
+
+    auto request(std::uint32_t id) {
+        const auto handle = client_->request({id}, nullptr);
+        loop_.runUntilIdle();
+        client_->ackUpdate(handle, handle->updateVersion(), nullptr);
+        return handle;
+    }
+    Asic::LogVersion write(std::uint32_t number, std::uint32_t word) {
+        return log_->entryIs(logEntryOf<B>(number, word), resourceKeysOf<B>(number), nullptr, kUnit,
+                             stats_, false);
+    }
+    void remove(std::uint32_t number) { log_->entryDel(keyOf<B>(number), nullptr, kUnit); }
+
+private:
+    void mount() {
+        database_ = Brumo::make<Regdb::EntityManager>(kSystem, true);
+        tables_ = Brumo::make<Asic::OrderedTableInterface>(database_, "VornPolicyCpu", loop_);
+        group_ = tables_->makeGroupIntf("VornPolicyCpuGroup", 0x2C08);
+        KivShimo::EntityManager::capacityCeilingIs(kCapacity);
+        resources_ = Brumo::make<ResourceTable>(kResources, database_, group_, loop_, kPool);
+        client_ = Brumo::make<Client>(resources_);
+        log_ = entryLogFactory<B>(B::kTableId, database_, group_, "VornPolicyCpu");
+        log_->mountShimoConfig(kUnit, {});
+    }
+    void forget() {
+        log_ = nullptr;
+        client_ = nullptr;
+        loop_.clear();
+        resources_ = nullptr;
+        group_ = nullptr;
+        tables_ = nullptr;
+        database_ = nullptr;
+        KivShimo::EntityManager::forget(kSystem);
+        KivShimo::EntityManager::capacityCeilingIs(~std::uint64_t{0});
+    }
+
+    Kiv::ManualEventLoop loop_;
+    Brumo::Ptr<Regdb::EntityManager> database_;
+    Brumo::Ptr<Asic::OrderedTableInterface> tables_;
+    Brumo::Ptr<Asic::GroupInterface> group_;
+    Brumo::Ptr<ResourceTable> resources_;
+    Brumo::Ptr<Client> client_;
+    Brumo::Ptr<Log> log_;
+    Brumo::Ptr<Asic::SwTableStats> stats_ = Brumo::make<Asic::SwTableStats>();
+};
+
+/// Takes every report while it lives: traces of failures, and messages to operators.
+class Reports {
+public:
+    explicit Reports(std::vector<std::string>& reports)
+        : filter_(Brumo::traceFilter()),
+          traces_(Brumo::traceSinkIs(
+              [&reports](const Brumo::TraceRecord& record) { reports.emplace_back(record.text); })),
+          messages_(Brumo::logSinkIs([&reports](const Brumo::LogMessage&, std::string_view text) {
+              reports.emplace_back(text);
+          })) {
+        Brumo::traceFilterIs("*/1");
+    }
+    Reports(const Reports&) = delete;
+    Reports& operator=(const Reports&) = delete;
+    ~Reports() {
+        Brumo::traceFilterIs(filter_);
+        Brumo::traceSinkIs(std::move(traces_));
+        Brumo::logSinkIs(std::move(messages_));
+    }
+
+private:
+    std::string filter_;
+    Brumo::TraceSink traces_;
+    Brumo::LogSink messages_;
+};
+
+template <class Value>
+std::string textOfValue(const Value& value) {
+    return fmt::format("{} {} @{} {}", value.logEntry, value.rsrcKeys, value.version.value,
+                       value.inDeletion);
+}
+
+std::string textOfRecord(const ResourceRecord& record) {
+    return fmt::format("{} {} {} {} {} {}", record.index, record.requestKey, record.version,
+                       record.userTable, static_cast<unsigned>(record.state), record.featureId);
+}
+
+/// Runs a reading; an error that says so is a report.
+void tried(Findings& findings, const std::function<void()>& reading) {
+    try {
+        reading();
+    } catch (const KivShimo::CorruptionError& error) {
+        Brumo::require(std::string(error.what()).find(": slot ") != std::string::npos,
+                       "corruption names its slot", error.what());
+        findings.reports.emplace_back(error.what());
+    } catch (const KivShimo::MountError& error) {
+        findings.reports.emplace_back(error.what());
+    } catch (const KivShimo::BusyError& error) {
+        findings.reports.emplace_back(error.what());
+    }
+}
+
+void readConfig(Findings& findings, const std::string& file) {
+    using Value = Log::ConfigValue;
+    const KivShimo::MapReader<Value> reader(file, Constants<Types>::configShimoType(),
+                                            kSwTableEntries);
+    for (std::uint32_t number = 1; number <= kKeys; ++number) {
+        tried(findings, [&] {
+            if (const auto value = reader.find(keyOf<B>(number)))
+                findings.values[fmt::format("value {}", number)] = textOfValue(*value);
+        });
+    }
+    std::uint64_t steps = 0;
+    tried(findings, [&] {
+        reader.forEach([&](const Value& value) {
+            Brumo::require(++steps <= reader.capacity(), "the walk ends");
+            findings.values[fmt::format("walked {}", value.key())] = textOfValue(value);
+        });
+    });
+    tried(findings, [&] {
+        reader.visitSlots(
+            [&](const Value& value) {
+                findings.values[fmt::format("visited {}", value.key())] = textOfValue(value);
+            },
+            [&](const KivShimo::CorruptionError& error) {
+                findings.reports.emplace_back(error.what());
+            });
+    });
+}
+
+void readChangeLog(Findings& findings, const std::string& file) {
+    const KivShimo::VersionLogReader<Log::Record> reader(
+        file, Constants<Types>::entryLogShimoType(), kEntryLogConfig);
+    tried(findings, [&] { findings.values["published"] = std::to_string(reader.scratchpad()); });
+    for (std::uint64_t version = 1; version <= 2 * kCapacity; ++version) {
+        tried(findings, [&] {
+            if (const auto record = reader.find(version))
+                findings.values[fmt::format("record {}", version)] = record->toText();
+        });
+    }
+    std::uint64_t steps = 0;
+    tried(findings, [&] {
+        reader.forEach(1, ~std::uint64_t{0}, [&](const Log::Record& record) {
+            Brumo::require(++steps <= reader.slots(), "the walk ends");
+            findings.values[fmt::format("walked {}", record.version.value)] = record.toText();
+        });
+    });
+}
+
+void readResources(Findings& findings, const std::string& file) {
+    const KivShimo::MapReader<ResourceRecord> reader(file, ResourceFile::typeName(),
+                                                     ResourceFile::kCollection);
+    tried(findings,
+          [&] { findings.values["resource version"] = std::to_string(reader.scratchpad()); });
+    for (std::uint32_t index = 0; index < kPool; ++index) {
+        tried(findings, [&] {
+            if (const auto record = reader.find({index}))
+                findings.values[fmt::format("resource {}", index)] = textOfRecord(*record);
+        });
+    }
+}
+
+void readAnnouncements(Findings& findings, const std::string& file) {
+    const auto reader = KivShimo::AnnounceLogReader::open(file);
+    if (!reader)
+        return;
+    tried(findings, [&] { findings.values["tail"] = std::to_string(reader->tail()); });
+    for (std::uint64_t position = 1; position <= kAnnouncements; ++position) {
+        tried(findings, [&] {
+            if (const auto next = reader->next(position)) {
+                findings.values[fmt::format("announcement {}", position)] =
+                    fmt::format("{} {} {}", next->tableId, next->version, next->needed.size());
+            }
+        });
+    }
+}
+
+void readAcknowledgements(Findings& findings, const std::string& file) {
+    const auto reader = KivShimo::AckMapReader::open(file);
+    if (!reader)
+        return;
+    tried(findings, [&] {
+        for (const auto& [table, version] : reader->all())
+            findings.values[fmt::format("acknowledged {}", table)] = std::to_string(version);
+    });
+    tried(findings, [&] { findings.values["consumed"] = std::to_string(reader->consumed()); });
+    tried(findings,
+          [&] { findings.values["announce log"] = std::to_string(reader->announceIdentity()); });
+}
+
+/// One request is given up, so that its index returns; the last changes stay unread.
+void fill(const std::string& folder) {
+    Agent agent(folder);
+    for (const std::uint32_t id : {1U, 2U})
+        agent.request(id);
+    for (std::uint32_t number = 1; number <= kKeys; ++number)
+        agent.write(number, 0x111100 + number);
+    {
+        HwSide::Tcam tcam;
+        KivShimo::AckMapWriter acks(folder, HwSide::Group::acknowledgementsPath());
+        HwSide::LogReader(HwSide::Group{folder}, tcam, acks).pump();
+    }
+    agent.remove(4);
+    agent.client().release(agent.request(3), nullptr);
+    agent.write(1, 0x222222);
+}
+
+Image imageOf(const std::string& folder) {
+    Image image;
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+        if (!entry.is_regular_file())
+            continue;
+        std::ifstream stream(entry.path(), std::ios::binary);
+        image[entry.path().lexically_relative(folder).string()] =
+            std::string(std::istreambuf_iterator<char>(stream), {});
+    }
+    return image;
+}
+
+void write(const std::string& path, const std::string& content) {
+    const KivShimo::detail::Descriptor file(
+        open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0640));
+    const bool written = ftruncate(file.fd(), static_cast<off_t>(content.size())) == 0 &&
+                         pwrite(file.fd(), content.data(), content.size(), 0) ==
+                             static_cast<ssize_t>(content.size());
+    if (!written)
+        throw std::runtime_error("cannot restore " + path);
+}
+
+}  // namespace
+
+Specimen::Specimen() : folder_(directory_.path()) {
+    fill(folder_);
+    image_ = imageOf(folder_);
+}
+
+void Specimen::restore() const {
+    std::vector<fs::path> strangers;
+    for (const auto& entry : fs::recursive_directory_iterator(folder_)) {
+        const std::string name = entry.path().lexically_relative(folder_).string();
+        const bool known = image_.contains(name);
+        const bool isFolder = !known && entry.is_directory() && !entry.is_symlink();
+        if (!isFolder && !(known && entry.is_regular_file() && !entry.is_symlink()))
+            strangers.push_back(entry.path());
+    }
+    for (const fs::path& stranger : strangers)
+        fs::remove_all(stranger);
+    for (const auto& [name, content] : image_) {
+        fs::create_directories((fs::path(folder_) / name).parent_path());
+        write(folder_ + "/" + name, content);
+    }
+}
+
+Findings Specimen::asReaders() const {
+    const HwSide::Group group{folder_};
+    Findings findings;
+    tried(findings, [&] { readConfig(findings, group.configFile<Types>(kUnit)); });
+    tried(findings, [&] { readChangeLog(findings, group.changeLogFile<Types>()); });
+    tried(findings, [&] { readAnnouncements(findings, group.announcementsFile()); });
+    tried(findings, [&] {
+        readAcknowledgements(findings,
+                             KivShimo::tableFile(folder_, HwSide::Group::acknowledgementsPath()));
+    });
+    tried(findings, [&] {
+        readResources(findings,
+                      KivShimo::tableFile(
+                          folder_, fmt::format("resources/{}/{}", "VornCountersLib", kResources)));
+    });
+    return findings;
+}
+
+Findings Specimen::asHardware(bool isAcknowledged) const {
+    Findings findings;
+    const Reports reports(findings.reports);
+    const HwSide::Group group{folder_};
+    if (!isAcknowledged)
+        fs::remove_all(fs::path(folder_) / "hwside");
+    tried(findings, [&] {
+        HwSide::Tcam tcam;
+        KivShimo::AckMapWriter acks(folder_, HwSide::Group::acknowledgementsPath());
+        HwSide::LogReader reader(group, tcam, acks);
+        reader.pump();
+        if (reader.pump() == HwSide::LogReader::Progress::again)
+            findings.reports.push_back("busy: " + group.configFile<Types>(kUnit));
+        for (const auto& [unit, tables] : tcam.units()) {
+            for (const auto& [key, held] : tables.table<Types>().entries()) {
+                findings.values[fmt::format("programmed {} {}", unit, key)] =
+                    fmt::format("{} @{}", held.entry, held.version.value);
+            }
+        }
+    });
+    return findings;
+}
+
+namespace {
+
+void readWritersTables(Findings& findings, Agent& agent) {
+    const auto config = agent.log().tableConfigShimo(kUnit);
+    tried(findings, [&] {
+        for (auto value = config->swTableEntriesFromStart(); value.has_value();
+             value = config->swTableEntriesAfter(value->key())) {
+            findings.values[fmt::format("value {}", value->key())] = textOfValue(*value);
+        }
+    });
+    const auto log = agent.log().tableEntryLog();
+    for (auto at = log->entryLogConfigVersionAtOrAfter({1}); at.has_value();
+         at = log->entryLogConfigVersionAtOrAfter({at->value + 1})) {
+        tried(findings, [&] {
+            const auto record = log->entryLogConfig(*at);
+            findings.values[fmt::format("record {}", at->value)] = record->toText();
+        });
+    }
+    for (const auto& info : agent.resources().keys())
+        findings.values[fmt::format("resource {}", info.key)] = std::to_string(info.index);
+    findings.values["version"] = std::to_string(agent.log().tableVersion().value);
+}
+
+/// Goes on working. What has rotted meanwhile may end a cleanup, which reports it.
+void use(Agent& agent, bool isWhole) {
+    using Brumo::require;
+    Log& log = agent.log();
+    const Asic::LogVersion before = log.tableVersion();
+    log.cleanupEntryLog(before);
+    require(agent.write(7, 0x333333).value == before.value + 1, "versions go on");
+    require(log.entryHas(keyOf<B>(7), kUnit), "what is written is read");
+    agent.remove(7);
+    log.cleanupEntryLog(log.tableVersion());
+    agent.request(9);
+    if (!isWhole)
+        return;
+    require(log.entryLogConfigs() == 0, "no record is left");
+    // A deletion whose record was lost is reclaimed by the mount that knows it acknowledged.
+    require(log.entrysInDeletion(kUnit) <= 1, "deletions are reclaimed");
+    agent.resources().assertConsistent();
+}
+
+}  // namespace
+
+Findings Specimen::asWriter(const std::function<void()>& meanwhile) const {
+    Findings findings;
+    const Reports reports(findings.reports);
+    tried(findings, [&] {
+        Agent agent(folder_);
+        if (meanwhile)
+            meanwhile();
+        readWritersTables(findings, agent);
+        use(agent, !meanwhile);
+        if (agent.corruptions() > 0)
+            Brumo::require(!findings.reports.empty(), "what is counted is reported");
+    });
+    if (meanwhile)
+        return findings;
+    tried(findings, [&] {
+        const KivShimo::AckMapWriter acks(folder_, HwSide::Group::acknowledgementsPath());
+        if (acks.corruptions() > 0)
+            return;  // reported; what is not sure counts as it was before
+        for (const auto& [table, version] : acks.all())
+            findings.values[fmt::format("acknowledged {}", table)] = std::to_string(version);
+        if (!acks.wiped() || acks.consumed() != 0)
+            findings.values["consumed"] = std::to_string(acks.consumed());
+    });
+    return findings;
+}
+
+std::string defectOf(const Findings& found, const Findings& whole, const std::string& file) {
+    for (const auto& [what, value] : found.values) {
+        const auto expected = whole.values.find(what);
+        if (expected == whole.values.end())
+            return fmt::format("{} was not there: {}", what, value);
+        if (expected->second != value)
+            return fmt::format("{} is {}, not {}", what, value, expected->second);
+    }
+    const auto isNamed = [&file](const std::string& report) {
+        return report.find(file) != std::string::npos;
+    };
+    if (std::ranges::any_of(found.reports, isNamed))
+        return {};
+    for (const auto& [what, value] : whole.values) {
+        if (!found.values.contains(what)) {
+            return fmt::format("{} is missing, and no report names {} (of {} reports)", what, file,
+                               found.reports.size());
+        }
+    }
+    return {};
+}
+
+bool isLongRun() {
+    const char* const wanted = std::getenv("VORN_TORTURE");
+    return wanted != nullptr && std::string(wanted) == "full";
+}
+
+}  // namespace Rot

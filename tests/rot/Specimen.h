@@ -1,0 +1,59 @@
+// A small system's files, what is in them, and the ways in which they are read: what rots is
+// compared with what was there.
+//
+// One thread. The files lie in a folder of their own; every examination mounts, reads and lets go.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tests/support/TempDir.h"
+
+namespace Rot {
+
+/// The files below a folder by relative path.
+using Image = std::map<std::string, std::string>;
+
+/// What was read, by what it is, and what was reported meanwhile.
+struct Findings {
+    std::map<std::string, std::string> values;
+    std::vector<std::string> reports;
+};
+
+class Specimen {
+public:
+    /// Makes the files: a table's change log and configuration with live values and values in
+    /// deletion, the file of a resource table, announcements and acknowledgements.
+    Specimen();
+
+    const std::string& folder() const { return folder_; }
+    const Image& image() const { return image_; }
+    /// Brings every file back as it was, and takes away what is there besides.
+    void restore() const;
+
+    // Each reads everything that there is to read in one way.
+
+    /// By the readers' classes, which change nothing.
+    Findings asReaders() const;
+    /// By the hardware side, beginning with what is acknowledged, or from the first announcement.
+    Findings asHardware(bool isAcknowledged) const;
+    /// By the agent's tables, which take the files up and then go on working. Ends the process when
+    /// what always holds does not. `meanwhile` happens when they are mounted.
+    Findings asWriter(const std::function<void()>& meanwhile = {}) const;
+
+private:
+    TestSupport::TempDir directory_;
+    std::string folder_;
+    Image image_;
+};
+
+/// What is wrong with findings in damaged files, or empty: each value is the one that was there;
+/// one that is missing was reported, and a report names the file.
+std::string defectOf(const Findings& found, const Findings& whole, const std::string& file);
+
+/// VORN_TORTURE=full asks for the long run.
+bool isLongRun();
+
+}  // namespace Rot
