@@ -25,8 +25,8 @@ std::string resourceOf(const Command& command) {
 }  // namespace
 
 std::string textOf(const Command& c) {
-    const std::string table =
-        fmt::format("{}/unit{}", c.family == 0 ? "action" : "match", c.unit + 1);
+    static constexpr std::array<const char*, 3> kFamilies{"action", "match", "match6"};
+    const std::string table = fmt::format("{}/unit{}", kFamilies.at(c.family), c.unit + 1);
     switch (c.op) {
         case Op::write:
             return fmt::format("write {} key {} counter {} policer {} variant {}{}", table, c.key,

@@ -1,7 +1,9 @@
 // Does every step to the real tables of one family and to their model, and compares the two.
 #pragma once
 
+#include <cstring>
 #include <memory>
+#include <span>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -19,6 +21,7 @@ struct Setting {
     TestSupport::InProcessAgent& agent;
     World& world;
     std::vector<std::pair<Change*, DependencyPtr>> handles;
+    unsigned keys = 4;  ///< of each table
 };
 
 class Family {
@@ -31,8 +34,14 @@ public:
     virtual void cleanup(std::uint64_t version) = 0;
     virtual void acknowledged(std::uint64_t version) = 0;
     virtual void closeTables() = 0;
+    /// After a restart, before the tables are there: mounts the log and returns its version.
+    virtual std::uint64_t mountedVersion() = 0;
+    /// After it: the bytes of a `FamilyModel::Carried` that a killed agent has carried out.
+    virtual void carriedOut(std::span<const std::byte> carried) = 0;
     virtual void restarted(std::uint64_t acknowledged) = 0;
     virtual void compare() = 0;
+    /// One key only.
+    virtual void compareKey(std::size_t unit, unsigned key) = 0;
     virtual bool idle() = 0;
     virtual std::uint64_t version() const = 0;
     virtual std::uint32_t tableId() const = 0;
@@ -145,7 +154,16 @@ public:
         subscriptions_.clear();
         handles_.clear();
         changeOf_.clear();
+        answers_.clear();
         tables_ = std::vector<Brumo::Ptr<Table>>(tables_.size());
+    }
+
+    std::uint64_t mountedVersion() override { return family().entryLog()->tableVersion().value; }
+
+    void carriedOut(std::span<const std::byte> bytes) override {
+        typename FamilyModel<Types>::Carried carried;
+        std::memcpy(&carried, bytes.data(), sizeof(carried));
+        model_.carriedOut(carried);
     }
 
     void restarted(std::uint64_t acknowledged) override {
@@ -167,6 +185,23 @@ public:
             if (change.table == tableId())
                 verdict().equal(answers_[change.id], change.answers, "answers to a change");
         }
+    }
+
+    void compareKey(std::size_t which, unsigned number) override {
+        const Table& table = *tables_[which];
+        auto& unit = model_.unit(which);
+        const Key key = keyOf(kBinding, number);
+        verdict().equal(table.entryHas(key), unit.has(key), "has");
+        verdict().equal(table.entryRead(key), unit.read(key), "read");
+        verdict().equal(table.transientAddEntry(key) != nullptr, unit.adds.contains(key),
+                        "staged write");
+        verdict().equal(table.transientRemoveEntry(key) != nullptr, unit.removes.contains(key),
+                        "staged remove");
+        const auto sequence = unit.sequences.find(key);
+        verdict().equal(table.transientVersionForKey(key).sequence,
+                        sequence == unit.sequences.end() ? ~std::uint64_t{0} : sequence->second,
+                        "version of the key's latest change");
+        compareCommitted(which, key);
     }
 
     bool idle() override {
@@ -210,7 +245,6 @@ public:
 private:
     using Iterator = typename VornPolicyCpu::SwTable<B>::EntryIteratorConst;
     static constexpr const B* kBinding = nullptr;
-    static constexpr unsigned kKeys = 4;
 
     /// The hooks tell the model what commits; they run before the log is written.
     class Hooks final : public VornPolicyCpu::SwTableHelperBase<B> {
@@ -318,7 +352,7 @@ private:
         next.op = command.callback == 1   ? Op::write
                   : command.callback == 2 ? Op::remove
                                           : Op::removeAll;
-        next.key = (command.key + 1) % kKeys;
+        next.key = (command.key + 1) % setting_.keys;
         next.callback = 0;
         next.dependency = 0;
         stageOn(which, next);
@@ -336,8 +370,9 @@ private:
             return false;
         }
         auto resolved = resolve(wrapper, wrapper.entry());
-        verdict().equal(resolved.succeeded, succeeded, "the resources' success");
-        if (succeeded)
+        const bool hasRoom = model_.hasRoom(which, wrapper.key());
+        verdict().equal(succeeded, resolved.succeeded && hasRoom, "the resources' success");
+        if (resolved.succeeded)
             verdict().equal(wrapper.entry(), resolved.entry, "the resolved fields");
         resolved.entry = wrapper.entry();
         const bool commitAllTheSame = variantOf(wrapper.entry()) % 2 == 1;
@@ -429,20 +464,8 @@ private:
     void compareUnit(std::size_t which) {
         const Table& table = *tables_[which];
         auto& unit = model_.unit(which);
-        for (unsigned number = 0; number < kKeys; ++number) {
-            const Key key = keyOf(kBinding, number);
-            verdict().equal(table.entryHas(key), unit.has(key), "has");
-            verdict().equal(table.entryRead(key), unit.read(key), "read");
-            verdict().equal(table.transientAddEntry(key) != nullptr, unit.adds.contains(key),
-                            "staged write");
-            verdict().equal(table.transientRemoveEntry(key) != nullptr, unit.removes.contains(key),
-                            "staged remove");
-            const auto sequence = unit.sequences.find(key);
-            verdict().equal(table.transientVersionForKey(key).sequence,
-                            sequence == unit.sequences.end() ? ~std::uint64_t{0} : sequence->second,
-                            "version of the key's latest change");
-            compareCommitted(which, key);
-        }
+        for (unsigned number = 0; number < setting_.keys; ++number)
+            compareKey(which, number);
         verdict().equal(table.transientRemoveAllVersion().value,
                         unit.removeAlls.value_or(Asic::MajorVersion::kInvalid),
                         "remove-alls in flight");

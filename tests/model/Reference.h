@@ -6,13 +6,19 @@
 // commits, checks that it may, and computes everything that follows.
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
+#include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include <fmt/format.h>
@@ -25,12 +31,12 @@ namespace ModelTests {
 /// The first expectation that did not hold; later ones may follow from it.
 class Verdict {
 public:
-    void expect(bool holds, const std::string& what) {
+    void expect(bool holds, std::string_view what) {
         if (!holds && first_.empty())
             first_ = what;
     }
     template <class A, class B>
-    void equal(const A& actual, const B& expected, const std::string& what) {
+    void equal(const A& actual, const B& expected, std::string_view what) {
         if (!(actual == expected) && first_.empty())
             first_ = fmt::format("{}: is {}, should be {}", what, actual, expected);
     }
@@ -45,6 +51,11 @@ enum class State : std::uint8_t { created = 0, written = 1, complete = 4, failed
 
 /// Highest needed version by table.
 using Needed = std::map<std::uint32_t, std::uint64_t>;
+
+struct Need {
+    std::uint32_t table = 0;
+    std::uint64_t version = 0;
+};
 
 inline void need(Needed& needed, std::uint32_t table, std::uint64_t version) {
     if (version == 0)
@@ -78,8 +89,15 @@ struct Announced {
     std::uint32_t table;
     std::uint64_t version;
     Needed needed;
+    bool anew = false;  ///< by a restart: in the order of its table, and with needs of its own
 
     bool operator==(const Announced&) const = default;
+};
+
+/// How much the files take; the default is more than any sequence comes to.
+struct Room {
+    std::uint64_t records = ~std::uint64_t{0};  ///< slots of a change log
+    std::uint64_t values = ~std::uint64_t{0};   ///< of a unit's configuration
 };
 
 /// What all families share.
@@ -89,6 +107,9 @@ struct World {
     std::deque<Announced> announced;
     Reached reached;
     bool paused = false;
+    Room room;
+    /// Told of each change that goes into a log, before it does: a `FamilyModel::Carried`.
+    std::function<void(std::uint32_t table, std::span<const std::byte> carried)> noted;
 };
 
 /// What a resource gave for an entry that is to be committed.
@@ -274,6 +295,18 @@ public:
         Key key;
     };
 
+    /// A change as it goes into the log; what of it outlives a killed agent.
+    struct Carried {
+        std::uint64_t version = 0;
+        Kind kind = Kind::write;
+        std::uint32_t unit = 0;
+        Key key{};
+        Entry entry{};  ///< of a write
+        std::uint32_t needs = 0;
+        std::array<Need, 8> needed{};
+    };
+    static_assert(std::is_trivially_copyable_v<Carried>);
+
     FamilyModel(World& world, std::uint32_t table, std::size_t units)
         : world_(world), table_(table), units_(units) {}
 
@@ -328,16 +361,15 @@ public:
             world_.reached.resolveFailures += 1;
         }
         clearStaged(u, u.adds, *staged);
-        if (!resolved.succeeded && !commitAllTheSame) {
+        const Key key = staged->key;
+        if ((!resolved.succeeded && !commitAllTheSame) || !hasRoom(which, key)) {
             end(*change, State::failed);
             return;
         }
-        const Key key = staged->key;
         const std::optional<Entry> before = liveEntry(u, key);
         Needed needed = resolved.needed;
         needDependency(needed, *change);
-        putIntoLog(which, Kind::write, key, needed);
-        u.config[key] = {resolved.entry, version_, false};
+        carryOut(which, Kind::write, key, resolved.entry, needed);
         change->logVersion = version_;
         if (version_ > mark_) {
             change->state = State::written;
@@ -362,9 +394,7 @@ public:
         } else {
             Needed needed;
             needDependency(needed, *change);
-            putIntoLog(which, Kind::remove, key, needed);
-            value->second.version = version_;
-            value->second.inDeletion = true;
+            carryOut(which, Kind::remove, key, Entry{}, needed);
             change->logVersion = version_;
             change->state = State::written;
             u.inLog.push_back(change);
@@ -413,13 +443,7 @@ public:
                     endUsage(u, key, value.entry);
             }
         }
-        putIntoLog(which, Kind::removeAll, Key{}, needed);
-        for (auto& [key, value] : u.config) {
-            if (!value.inDeletion) {
-                value.version = version_;
-                value.inDeletion = true;
-            }
-        }
+        carryOut(which, Kind::removeAll, Key{}, Entry{}, needed);
         u.figures.clears += 1;
         world_.reached.clears += 1;
     }
@@ -438,10 +462,22 @@ public:
         }
         if (!commit || resolved.entry == value->entry)
             return;
-        putIntoLog(which, Kind::write, key, resolved.needed);
-        u.config[key] = {resolved.entry, version_, false};
+        carryOut(which, Kind::write, key, resolved.entry, resolved.needed);
         u.figures.updates += 1;
         world_.reached.updates += 1;
+    }
+
+    /// A killed agent has done this to its files.
+    void carriedOut(const Carried& carried) {
+        Needed needed;
+        for (std::uint32_t i = 0; i < carried.needs; ++i)
+            need(needed, carried.needed.at(i).table, carried.needed.at(i).version);
+        carryOut(carried.unit, carried.kind, carried.key, carried.entry, needed);
+    }
+
+    bool hasRoom(std::size_t which, const Key& key) const {
+        const auto& config = units_[which].config;
+        return config.size() < world_.room.values || config.contains(key);
     }
 
     // The hardware side.
@@ -557,10 +593,35 @@ private:
             need(needed, change.dependency->table, change.dependency->logVersion);
     }
 
-    void putIntoLog(std::size_t which, Kind kind, const Key& key, const Needed& needed) {
+    /// Into the log and the configuration. A full log gives up its oldest record.
+    void carryOut(std::size_t which, Kind kind, const Key& key, const Entry& entry,
+                  const Needed& needed) {
         ++version_;
+        note(which, kind, key, entry, needed);
+        records_.erase(version_ - std::min(version_, world_.room.records));
         records_.emplace(version_, Record{kind, which, key});
         world_.announced.push_back({table_, version_, needed});
+        auto& config = units_[which].config;
+        if (kind == Kind::write) {
+            config[key] = {entry, version_, false};
+            return;
+        }
+        for (auto& [held, value] : config) {
+            if (kind == Kind::remove ? held == key : !value.inDeletion) {
+                value.version = version_;
+                value.inDeletion = true;
+            }
+        }
+    }
+
+    void note(std::size_t which, Kind kind, const Key& key, const Entry& entry,
+              const Needed& needed) {
+        if (!world_.noted)
+            return;
+        Carried carried{version_, kind, static_cast<std::uint32_t>(which), key, entry};
+        for (const auto& [table, version] : needed)
+            carried.needed.at(carried.needs++) = {table, version};
+        world_.noted(table_, std::as_bytes(std::span(&carried, 1)));
     }
 
     void reclaim(std::uint64_t version, const Record& record) {

@@ -36,6 +36,9 @@ public:
     /// Ends everything that a process holds, and starts again from the files. What tests hold of
     /// the process before (tables, handles) must be dropped first.
     void restart();
+    /// The two halves of a restart.
+    void stop();
+    void start();
 
     /// Runs the event loop until nothing is left.
     void settle();
@@ -76,9 +79,6 @@ public:
     std::string root() const { return dir_.path(); }
 
 private:
-    void start();
-    void stop();
-
     Options options_;
     TempDir dir_;
     std::string systemName_;
