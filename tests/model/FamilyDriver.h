@@ -3,11 +3,14 @@
 
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <span>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "platform/kivshimo/Paths.h"
+#include "platform/kivshimo/VersionLogReader.h"
 #include "tests/model/Commands.h"
 #include "tests/model/Reference.h"
 #include "tests/support/InProcessAgent.h"
@@ -38,6 +41,10 @@ public:
     virtual std::uint64_t mountedVersion() = 0;
     /// After it: the bytes of a `FamilyModel::Carried` that a killed agent has carried out.
     virtual void carriedOut(std::span<const std::byte> carried) = 0;
+    /// The same of a remove-all, of which the model is told only when it is done: the unit, when
+    /// the log's file has a record of one at the version.
+    virtual std::optional<std::size_t> removeAllInFile(std::uint64_t version) const = 0;
+    virtual void removeAllCarriedOut(std::size_t unit) = 0;
     virtual void restarted(std::uint64_t acknowledged) = 0;
     virtual void compare() = 0;
     /// One key only.
@@ -164,6 +171,20 @@ public:
         typename FamilyModel<Types>::Carried carried;
         std::memcpy(&carried, bytes.data(), sizeof(carried));
         model_.carriedOut(carried);
+    }
+
+    std::optional<std::size_t> removeAllInFile(std::uint64_t version) const override {
+        using Constants = VornPolicyCpu::Constants<Types>;
+        const KivShimo::VersionLogReader<VornPolicyCpu::LogShimoEntry<Key>> file(
+            KivShimo::tableFile(setting_.agent.root(), Constants::tableEntryLogShimoPath()),
+            Constants::entryLogShimoType(), VornPolicyCpu::kEntryLogConfig);
+        const auto record = file.find(version);
+        if (!record.has_value() || record->operation != VornPolicyCpu::LogOperation::allDeleted)
+            return std::nullopt;
+        return record->unitId.value - 1U;
+    }
+    void removeAllCarriedOut(std::size_t unit) override {
+        model_.carriedOut({0, Kind::removeAll, static_cast<std::uint32_t>(unit)});
     }
 
     void restarted(std::uint64_t acknowledged) override {
@@ -372,7 +393,7 @@ private:
         auto resolved = resolve(wrapper, wrapper.entry());
         const bool hasRoom = model_.hasRoom(which, wrapper.key());
         verdict().equal(succeeded, resolved.succeeded && hasRoom, "the resources' success");
-        if (resolved.succeeded)
+        if (succeeded)
             verdict().equal(wrapper.entry(), resolved.entry, "the resolved fields");
         resolved.entry = wrapper.entry();
         const bool commitAllTheSame = variantOf(wrapper.entry()) % 2 == 1;

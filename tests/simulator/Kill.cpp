@@ -29,8 +29,6 @@ constexpr std::size_t kPage = 4096;
 struct Mapping {
     std::uintptr_t begin = 0;
     std::uintptr_t end = 0;
-    std::uint64_t offset = 0;
-    std::string path;
 };
 
 /// This process's shared mappings of the files that can be stored to.
@@ -42,15 +40,9 @@ std::vector<Mapping> mappingsOf(const Files& files) {
         if (slash == std::string::npos || line.find(" rw-s ") == std::string::npos)
             continue;
         Mapping mapping;
-        mapping.path = line.substr(slash);
-        std::uint64_t begin = 0;
-        std::uint64_t end = 0;
-        if (std::sscanf(line.c_str(), "%lx-%lx rw-s %lx", &begin, &end, &mapping.offset) == 3 &&
-            files.include(mapping.path)) {
-            mapping.begin = begin;
-            mapping.end = end;
-            found.push_back(std::move(mapping));
-        }
+        if (std::sscanf(line.c_str(), "%lx-%lx", &mapping.begin, &mapping.end) == 2 &&
+            files.include(line.substr(slash)))
+            found.push_back(mapping);
     }
     return found;
 }
@@ -151,16 +143,21 @@ bool Files::include(const std::string& path) const {
            (path == acknowledgements) == isHardwareSide;
 }
 
-void letGoOf(const Files& files) {
+Mapped::Mapped(const Files& files) {
     for (const Mapping& mapping : mappingsOf(files)) {
-        const int descriptor = open(mapping.path.c_str(), O_RDWR | O_CLOEXEC);
-        void* const at = reinterpret_cast<void*>(mapping.begin);
-        void* const made =
-            ::mmap(at, mapping.end - mapping.begin, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED,
-                   descriptor, static_cast<off_t>(mapping.offset));
-        close(descriptor);
+        const auto* const begin = reinterpret_cast<const std::byte*>(mapping.begin);
+        pieces_.push_back({mapping.begin, {begin, begin + (mapping.end - mapping.begin)}});
+    }
+}
+
+void Mapped::letGo() const {
+    for (const Piece& piece : pieces_) {
+        void* const at = reinterpret_cast<void*>(piece.begin);
+        void* const made = ::mmap(at, piece.content.size(), PROT_READ | PROT_WRITE,
+                                  MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
         if (made != at)
-            throw std::runtime_error("cannot let go of " + mapping.path);
+            throw std::runtime_error("cannot let go of a file");
+        std::memcpy(at, piece.content.data(), piece.content.size());
     }
 }
 

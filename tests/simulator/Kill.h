@@ -24,9 +24,21 @@ struct Files {
     bool include(const std::string& path) const;
 };
 
-/// The parent's mappings of the files lose their hold on them: what its objects still store when
-/// they end goes nowhere, as if they had ended with their process.
-void letGoOf(const Files& files);
+/// What this process has mapped of the files: a copy of now.
+class Mapped {
+public:
+    explicit Mapped(const Files& files);
+    /// The mappings lose their hold on the files and go back to the copy: what this process's
+    /// objects still read and store as they end concerns nobody, as if they had ended with it.
+    void letGo() const;
+
+private:
+    struct Piece {
+        std::uintptr_t begin;
+        std::vector<std::byte> content;
+    };
+    std::vector<Piece> pieces_;
+};
 
 /// What a child told before it ended.
 class Told {

@@ -21,6 +21,12 @@ TestSupport::InProcessAgent::Options optionsOf(const World::Sizes& sizes) {
     return {.capacityCeiling = sizes.slots, .counters = sizes.pool, .policers = sizes.pool};
 }
 
+std::uint64_t versionOf(const Told::Note& note) {
+    std::uint64_t version = 0;
+    std::memcpy(&version, note.bytes.data(), sizeof(version));
+    return version;
+}
+
 }  // namespace
 
 World::World(const Sizes& sizes)
@@ -185,13 +191,12 @@ void World::arrive() {
 void World::restartAgent() {
     ++figures_.agentRestarts;
     matchAnnouncements();
+    Mapped(files(false)).letGo();
     endAgent();
     startAgent();
 }
 
-/// Everything in the process is gone; what its objects still store as they end is kept off.
 void World::endAgent() {
-    letGoOf(files(false));
     setting_.handles.clear();
     for (const auto& family : families_)
         family->closeTables();
@@ -214,34 +219,59 @@ void World::startAgent() {
     agent_.policers()->sweepUnclaimed();
 }
 
+/// The last change that a killed agent told of, by table.
+std::uint64_t World::lastTold(std::size_t which) const {
+    std::uint64_t last = families_.at(which)->version();
+    for (const Told::Note& note : told_.notes()) {
+        if (note.table == families_.at(which)->tableId())
+            last = std::max(last, versionOf(note));
+    }
+    return last;
+}
+
+/// A remove-all is told of only when it is done: until then its record says so, which may be gone
+/// when the agent is there again, if the hardware side has it.
+void World::lookForRemoveAlls() {
+    for (std::size_t which = 0; which < kFamilies; ++which) {
+        if (!removedAll_.at(which).has_value())
+            removedAll_.at(which) = families_.at(which)->removeAllInFile(lastTold(which) + 1);
+    }
+}
+
 /// A change that a killed agent began is there whole or not at all; so are all before it.
 void World::takeUpWhatWasCarriedOut() {
-    const std::vector<Told::Note> notes = told_.notes();
-    for (const auto& family : families_) {
-        const std::uint64_t mounted = family->mountedVersion();
+    std::array<std::uint64_t, kFamilies> mounted{};
+    for (std::size_t which = 0; which < kFamilies; ++which)
+        mounted.at(which) = families_.at(which)->mountedVersion();
+    lookForRemoveAlls();
+    for (std::size_t which = 0; which < kFamilies; ++which) {
+        ModelTests::Family& family = *families_.at(which);
+        const std::uint64_t last = lastTold(which);
         std::map<std::uint64_t, std::span<const std::byte>> byVersion;
-        for (const Told::Note& note : notes) {
-            std::uint64_t version = 0;
-            std::memcpy(&version, note.bytes.data(), sizeof(version));
-            if (note.table == family->tableId())
-                byVersion[version] = note.bytes;
+        for (const Told::Note& note : told_.notes()) {
+            if (note.table == family.tableId())
+                byVersion[versionOf(note)] = note.bytes;
         }
         for (const auto& [version, bytes] : byVersion) {
-            if (version > family->version() && version <= mounted)
-                family->carriedOut(bytes);
+            if (version > family.version() && version <= mounted.at(which))
+                family.carriedOut(bytes);
         }
-        world_.verdict.equal(family->version(), mounted, "version after a restart");
-        expect(byVersion.empty() || byVersion.rbegin()->first <= mounted + 1,
-               "all but the last change outlive a kill");
+        if (family.version() < mounted.at(which) && removedAll_.at(which).has_value())
+            family.removeAllCarriedOut(*removedAll_.at(which));
+        world_.verdict.equal(mounted.at(which), family.version(), "version after a restart");
+        expect(last <= mounted.at(which) + 1, "all but the last change outlive a kill");
     }
-    if (!isChild_)
+    if (!isChild_) {
         told_.clear();
+        removedAll_ = {};
+    }
 }
 
 void World::killAgent(const Step& step) {
     ++figures_.agentKills;
     matchAnnouncements();
     told_.clear();
+    const Mapped before(files(false));
     std::string died = killedAt(step.stores, files(false), told_, [&] {
         isChild_ = true;
         for (const Command& command : step.commands)
@@ -251,7 +281,9 @@ void World::killAgent(const Step& step) {
     expect(died.empty(), died);
     if (!failure().empty())
         return;
+    before.letGo();
     endAgent();
+    lookForRemoveAlls();
     if (step.amount > 0 && away_ == 0)
         pump(step.amount);
     if (step.act == Act::killAgentTwice) {
@@ -303,12 +335,13 @@ void World::restartHardware(bool isEmpty) {
 void World::killHardware(const Step& step) {
     ++figures_.hardwareKills;
     told_.clear();
+    const Mapped before(files(true));
     const std::string died = killedAt(step.stores, files(true), told_, [&] {
         hardware_.pump(step.amount);
         return std::string();
     });
     expect(died.empty(), died);
-    letGoOf(files(true));
+    before.letGo();
     hardware_.restart(true);
     hardwareKnown_ = false;
 }

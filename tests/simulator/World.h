@@ -57,6 +57,8 @@ private:
     void killAgent(const Step& step);
     void endAgent();
     void startAgent();
+    std::uint64_t lastTold(std::size_t which) const;
+    void lookForRemoveAlls();
     void takeUpWhatWasCarriedOut();
     void note(std::uint32_t table, std::span<const std::byte> carried);
 
@@ -95,10 +97,11 @@ private:
         histories_;
     Told told_;
     bool isChild_ = false;
+    std::array<std::optional<std::size_t>, kFamilies> removedAll_;  ///< units, by a killed agent
 
     std::optional<KivShimo::AnnounceLogReader> reader_;
     std::uint64_t position_ = 0;
-    std::vector<KivShimo::Announcement> unmatched_;  ///< read, and not compared yet
+    std::vector<KivShimo::Announcement> unmatched_;        ///< read, and not compared yet
     std::map<std::uint32_t, std::uint64_t> announced_;     ///< the last version, by table
     std::map<std::uint32_t, std::uint64_t> acknowledged_;  ///< as last looked at, by table
     std::uint64_t consumed_ = 0;
