@@ -206,12 +206,13 @@ Damage flipOf(const std::string& file, std::size_t bit) {
             }};
 }
 
-/// Whether the short run tries a bit: those of words that stand alone, and some of the rest.
-bool isTriedInShort(std::size_t bit, std::size_t size_bytes) {
+/// Whether the short run tries a bit: those of words that stand alone, and some of the rest, more
+/// where something is stored.
+bool isTriedInShort(std::size_t bit, const std::string& content) {
     using KivShimo::detail::DynamicHeader;
     constexpr std::size_t kDynamic = KivShimo::detail::kDynamicOffset;
     const std::size_t byte = bit / 8;
-    if (size_bytes < sizeof(StaticHeader))
+    if (content.size() < sizeof(StaticHeader))
         return bit % 19 == 0;
     if (byte < sizeof(StaticHeader))
         return bit % 61 == 0;
@@ -223,7 +224,7 @@ bool isTriedInShort(std::size_t bit, std::size_t size_bytes) {
     if (isIn(offsetof(DynamicHeader, wiped), 8) || isIn(offsetof(DynamicHeader, structure), 8) ||
         isIn(offsetof(DynamicHeader, sleepEpoch), 8) || isIn(offsetof(DynamicHeader, pause), 8))
         return bit % 7 == 0;
-    return bit % 997 == 0;
+    return bit % 997 == 0 || (content[byte] != 0 && bit % 37 == 0);
 }
 
 struct BitOf {
@@ -239,7 +240,7 @@ std::vector<BitOf> triedBits(const Image& image, std::size_t only = SIZE_MAX) {
         if (number++ != only && only != SIZE_MAX)
             continue;
         for (std::size_t bit = 0; bit < content.size() * 8; ++bit) {
-            if (isLongRun() || isTriedInShort(bit, content.size()))
+            if (isLongRun() || isTriedInShort(bit, content))
                 bits.push_back({&name, bit});
         }
     }
