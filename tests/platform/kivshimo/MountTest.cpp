@@ -109,6 +109,29 @@ TEST_F(MountTest, OtherCapacityIsAnotherLayout) {
     EXPECT_TRUE(items(128)->collectionControl().wiped());
 }
 
+TEST_F(MountTest, OtherCapacityKeepsTheOldFileAsideAndSaysWhy) {
+    leaveOneItem();
+    const Reader reader(itemsFile(), kItemType, "items");
+    std::string reports;
+    const std::string filter = Brumo::traceFilter();
+    Brumo::traceFilterIs("*/1");
+    const Brumo::TraceSink before =
+        Brumo::traceSinkIs([&](const Brumo::TraceRecord& record) { reports += record.text; });
+    const auto table = items(128);
+    Brumo::traceSinkIs(before);
+    Brumo::traceFilterIs(filter);
+    EXPECT_TRUE(table->collectionControl().wiped());
+    EXPECT_NE(reports.find(itemsFile() + ": content lost: with room for 64 in collection items, "
+                                         "not 128, kept aside as 1.table.damaged-1"),
+              std::string::npos)
+        << reports;
+    EXPECT_TRUE(reader.stale());
+    EXPECT_EQ(Reader(itemsFile() + ".damaged-1", kItemType, "items").find(item(1, 0).key()),
+              item(1, 1));
+    EXPECT_EQ(table->items.count(), 0U);
+    EXPECT_EQ(table->items.capacity(), 128U);
+}
+
 TEST_F(MountTest, DamagedManifestStillSaysThatTheTableExisted) {
     leaveOneItem();
     flip(itemsFile() + ".manifest", 13);
