@@ -5,7 +5,7 @@
 // What always holds:
 //  1. Nothing is ever written; a writer is never held up.
 //  2. Every value returned is whole and verified. A rotten one throws CorruptionError; one that the
-//     writer is storing is tried again a bounded number of times, then BusyError is thrown.
+//     writer is storing is tried again for a bounded time, then BusyError is thrown.
 //  3. "Not there" is said only after the index was seen unchanged during the look-up.
 //  4. The order is the writer's: (hash, key); a walk resumes at a key.
 //  5. A writer may replace the file; the reader then sees the old one and stale() says so.
@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <bit>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -86,7 +87,9 @@ public:
 
 private:
     using Slot = detail::MapSlot<Value>;
-    static constexpr unsigned kTries = 10000;
+    /// Tries that follow each other at once; then others get the processor in between.
+    static constexpr unsigned kTries = 100;
+    static constexpr std::chrono::milliseconds kPatience{100};
 
     struct Reading {
         SlotState state;

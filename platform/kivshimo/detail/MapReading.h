@@ -119,8 +119,10 @@ void MapReader<Value>::throwRotten(const Walk& walk) const {
 template <class Value>
 std::optional<Value> MapReader<Value>::certain(std::size_t bucket, const Kiv::KeyOrder<Key>* wanted,
                                                Which which) const {
+    using Clock = std::chrono::steady_clock;
     std::uint64_t slot = 0;
-    for (unsigned attempt = 0; attempt < kTries; ++attempt) {
+    std::optional<Clock::time_point> deadline;
+    for (unsigned attempt = 0; !deadline || Clock::now() < *deadline; ++attempt) {
         const std::uint64_t before = detail::word(structure()).load(std::memory_order_acquire);
         const Walk result = walk(bucket, wanted, which);
         if (result.outcome == Outcome::found && which == Which::at)
@@ -135,8 +137,13 @@ std::optional<Value> MapReader<Value>::certain(std::size_t bucket, const Kiv::Ke
                 return std::nullopt;
             throwRotten(result);
         }
-        if (attempt > 100)
+        // On a busy machine giving the processor away may take long: the time counts, not the
+        // tries.
+        if (attempt >= kTries) {
+            if (!deadline)
+                deadline = Clock::now() + kPatience;
             std::this_thread::yield();
+        }
     }
     throw BusyError(file(), name_, slot);
 }
