@@ -33,7 +33,7 @@ class Tables {
 public:
     Tables()
         : tables_(options(), Agent::loadPlugin(VORN_PLUGIN_PATH), loop_),
-          loader_(tables_.units(), {}),
+          loader_(tables_.units(), [](const Agent::LoadFigures& /*figures*/) {}),
           hardware_(folder_.path(),
                     Asic::Constants::acknowledgementsPath(VornPolicyCpu::canonicalGroupName())) {
         Brumo::traceFilterIs("");
