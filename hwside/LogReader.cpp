@@ -237,17 +237,24 @@ void LogReader::publishConsumed() {
 /// The order makes it right beside a running agent. The tail comes first: what is announced behind
 /// it is consumed afterwards. Then the published versions, those of tables that need others first:
 /// what a change of theirs needs was published before it, so it is within the versions read after.
-/// Values newer than these are left to their announcements, which come behind the tail.
+/// Values newer than these are left to their announcements, which come behind the tail. So are
+/// published ones that are not announced yet, where all announcements are known: the log was full,
+/// and what they need of tables that publish nothing is not announced either.
 void LogReader::snapshot() {
     const std::uint64_t tail = announcements_->tail();
     kTrace(2, " snapshot: announcements up to {}", tail);
     Covered covered = coveredUpTo(tail);
     bool isOtherHistory = acks_->announceIdentity() != announcements_->identity();
+    std::map<std::uint32_t, std::uint64_t> published;
     for (auto at = tables_.rbegin(); at != tables_.rend(); ++at) {
-        TableReader& table = **at;
-        std::uint64_t& version = covered.versions[table.tableId()];
-        version = snapshotVersion(table, version);
-        isOtherHistory = isOtherHistory || version < acknowledged(table.tableId());
+        const std::uint32_t tableId = (*at)->tableId();
+        published[tableId] = snapshotVersion(**at, covered.versions[tableId]);
+        isOtherHistory = isOtherHistory || published[tableId] < acknowledged(tableId);
+    }
+    for (const auto& [tableId, version] : published) {
+        std::uint64_t& announced = covered.versions[tableId];
+        announced = covered.isWhole && !isOtherHistory ? std::max(announced, acknowledged(tableId))
+                                                       : version;
     }
     if (!isOtherHistory)
         leaveOutWhatHasToWait(covered);
@@ -278,6 +285,7 @@ void LogReader::snapshot() {
 LogReader::Covered LogReader::coveredUpTo(std::uint64_t tail) const {
     Covered covered;
     const bool isSameLog = acks_->announceIdentity() == announcements_->identity();
+    covered.isWhole = isSameLog;
     const std::uint64_t slots = announcements_->slots();
     const std::uint64_t oldest = tail > slots ? tail - slots + 1 : 1;
     std::uint64_t at = isSameLog ? std::max(oldest, acks_->consumed() + 1) : oldest;
@@ -292,6 +300,7 @@ LogReader::Covered LogReader::coveredUpTo(std::uint64_t tail) const {
             if (isSameLog)
                 covered.notConsumed.push_back({std::move(*announcement), before});
         } catch (const KivShimo::CorruptionError&) {
+            covered.isWhole = false;
             ++at;  // rot, counted when it was met, or overwritten since
         }
     }

@@ -347,6 +347,24 @@ TEST_F(LogReaderTest, ASnapshotLeavesWhatIsNotAnnouncedYetToItsAnnouncement) {
     expectAllSame();
 }
 
+TEST_F(LogReaderTest, ASnapshotLeavesWhatFoundNoRoomAmongTheAnnouncementsToItsAnnouncement) {
+    reader_->pump();
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 100));
+    agent_->table<ActionTypes>().log().entryLogConfigDel({1});
+    const std::uint64_t version = agent_->table<ActionTypes>().write(kUnit, actionEntry(2, 100));
+    reader_->pump();
+    EXPECT_EQ(reader_->counters().snapshots, 2U);
+    EXPECT_EQ(tcam_->entries<ActionTypes>(), 1U) << "what it needs is not known";
+    EXPECT_EQ(acked(kAction), 1U);
+    agent_->announce(kAction, version, {{kCounters, 3}});
+    reader_->pump();
+    EXPECT_EQ(tcam_->entries<ActionTypes>(), 1U);
+    agent_->announce(kCounters, 3);
+    reader_->pump();
+    EXPECT_EQ(acked(kAction), 2U);
+    expectAllSame();
+}
+
 TEST_F(LogReaderTest, ASnapshotCountsWhatIsProgrammedAsUnchanged) {
     for (std::uint32_t rule = 1; rule <= 10; ++rule) {
         agent_->write<V4Types>(kUnit, matchEntry<V4Types>(rule, 1));
