@@ -106,22 +106,28 @@ void EntryLog<B>::restoreVersion(bool lost) {
 
 /// A process that was killed between publishing changes and announcing them left them unannounced.
 /// What the last of them needed is in the journal; for earlier ones, which had found no room among
-/// the announcements, everything announced before is enough.
+/// the announcements, everything announced before is enough. Of those whose records a full log has
+/// given up meanwhile, or that were rotten, the last is announced: the hardware side finds no record
+/// and takes everything from the configurations.
 template <class B>
 void EntryLog<B>::announceWhatWasNot(const std::optional<KivShimo::PendingChange>& pending) {
     const auto& group = groupInterface();
     if (group == nullptr)
         return;
-    const Asic::LogVersion announced = group->announcedVersion(tableId());
-    for (auto next = versionAtOrAfter({announced.value + 1});
-         next.has_value() && *next <= tableVersion(); next = versionAtOrAfter({next->value + 1})) {
+    Asic::LogVersion announced = group->announcedVersion(tableId());
+    while (announced < tableVersion()) {
+        const Asic::LogVersion next{announced.value + 1};
+        const auto there = versionAtOrAfter(next);
+        announced = !there.has_value() ? tableVersion()
+                    : *there == next   ? next
+                                       : Asic::LogVersion{there->value - 1};
         auto needed = group->everythingAnnounced();
-        if (pending.has_value() && pending->version == next->value) {
+        if (pending.has_value() && pending->version == announced.value) {
             needed = Brumo::make<Asic::NeededEntry>();
             for (const KivShimo::JournalNeeded& each : pending->needed)
                 needed->add({Asic::SwTableId(each.tableId), {each.version}});
         }
-        group->addLogEntry(tableId(), *next, needed);
+        group->addLogEntry(tableId(), announced, needed);
     }
     group->announcedVersionRestored(tableId(), tableVersion());
 }

@@ -242,6 +242,26 @@ TYPED_TEST(Mounting, AcknowledgementBeyondAWholeLogMovesNoVersion) {
     EXPECT_FALSE(this->agent.group()->tableVersionInMap(TypeParam::kTableId).has_value());
 }
 
+TYPED_TEST(Mounting, AnnouncesTheLastOfTheChangesWhoseRecordsWereGivenUpUnannounced) {
+    constexpr std::uint64_t kSlots = TestSupport::InProcessAgent::Options().capacityCeiling;
+    auto log = this->mountedLog();
+    for (std::uint32_t i = 0; i < 2 * kSlots + 2; ++i)
+        this->write(*log, i % 8);
+    ASSERT_EQ(this->announcements().back().version, kSlots) << "no room for more";
+    ASSERT_EQ(this->versionsInLog().front(), kSlots + 3);
+    auto& hardware = this->agent.hardware();
+    const auto announcements = KivShimo::AnnounceLogReader::open(this->announceFile());
+    hardware.announceIdentityIs(announcements->identity());
+    hardware.ackIs(TypeParam::kTableId.whole(), kSlots);
+    hardware.consumedIs(kSlots);
+    log = nullptr;
+    this->agent.restart();
+    log = this->makeLog();
+    EXPECT_EQ(announcements->next(kSlots + 1)->version, kSlots + 2)
+        << "its record is gone, so the hardware side looks at the values";
+    EXPECT_EQ(announcements->next(kSlots + 2)->version, kSlots + 3);
+}
+
 TYPED_TEST(Mounting, VersionsGoOnAboveThoseAnnouncedWhenTheChangeLogIsLost) {
     this->liveOnce();
     const auto announced = this->announcements().back().version;
