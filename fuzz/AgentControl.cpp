@@ -6,7 +6,6 @@
 
 #include "agent/AsioEventLoop.h"
 #include "agent/ControlCommands.h"
-#include "agent/ControlSocket.h"
 #include "agent/Plugin.h"
 #include "agent/PolicyLoader.h"
 #include "agent/Tables.h"
@@ -16,6 +15,7 @@
 #include "platform/kivshimo/AckMap.h"
 #include "platform/kivshimo/AnnounceLog.h"
 #include "platform/kivshimo/Paths.h"
+#include "process/ControlServer.h"
 #include "types/Constants.h"
 
 namespace {
@@ -42,8 +42,8 @@ public:
     }
 
     std::string answerTo(const std::string& line) {
-        std::string answer =
-            Agent::answerTo([this](const Agent::Json& request) { return handled(request); }, line);
+        std::string answer = Process::controlAnswer(
+            [this](const Agent::Json& request) { return handled(request); }, line);
         settle();
         return answer;
     }

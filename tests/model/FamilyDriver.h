@@ -50,6 +50,7 @@ public:
     /// One key only.
     virtual void compareKey(std::size_t unit, unsigned key) = 0;
     virtual bool idle() = 0;
+    virtual bool hasRecord(std::uint64_t version) const = 0;
     virtual std::uint64_t version() const = 0;
     virtual std::uint32_t tableId() const = 0;
     virtual void held(std::array<std::set<std::uint32_t>, 2>& requests) = 0;
@@ -233,6 +234,9 @@ public:
         return true;
     }
 
+    bool hasRecord(std::uint64_t version) const override {
+        return model_.records().contains(version);
+    }
     std::uint64_t version() const override { return model_.version(); }
     std::uint32_t tableId() const override { return B::kTableId.whole(); }
 

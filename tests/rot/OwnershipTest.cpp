@@ -13,12 +13,11 @@
 #include <fmt/format.h>
 #include <asio/io_context.hpp>
 
-#include "agent/ControlSocket.h"
-#include "agent/StateDirectory.h"
-#include "hwside/ControlServer.h"
 #include "hwside/Daemon.h"
 #include "platform/kivshimo/AckMap.h"
 #include "platform/kivshimo/AnnounceLog.h"
+#include "process/ControlServer.h"
+#include "process/StateDirectory.h"
 #include "tests/entrylog/Bindings.h"
 #include "tests/rot/Specimen.h"
 #include "tests/support/RealProcess.h"
@@ -107,14 +106,14 @@ TEST_F(OwnershipTest, RootThatIsALinkIsRefused) {
         const std::string link = links.file("root") + end;
         refusalOf([&] { AckMapWriter(link, "group/acks"); });
         refusalOf([&] { AnnounceLogWriter(link, "group/log", 8); });
-        expectRefused<Agent::StateDirectoryError>("it is no directory",
-                                                  [&] { Agent::checkStateDirectory(link); });
+        expectRefused<Process::StateDirectoryError>(
+            "it is no directory", [&] { Process::checkStateDirectory(link, link); });
         asio::io_context io;
-        expectRefused<HwSide::StateDirectoryError>("it is no directory",
-                                                   [&] { HwSide::Daemon(io, link); });
+        expectRefused<Process::StateDirectoryError>("it is no directory",
+                                                    [&] { HwSide::Daemon(io, link); });
     }
     EXPECT_FALSE(fs::exists(root() + "/group/acks.table"));
-    EXPECT_NO_THROW(Agent::checkStateDirectory(root() + "/"));
+    EXPECT_NO_THROW(Process::checkStateDirectory(root() + "/", root()));
 }
 
 TEST_F(OwnershipTest, WhatBelongsToAnotherUserIsRefused) {
@@ -183,13 +182,11 @@ TEST_F(OwnershipTest, SecondHardwareSideIsToldWhoRuns) {
 TEST_F(OwnershipTest, SocketsAreClosedToOthersWhateverTheMask) {
     const mode_t before = umask(0);
     asio::io_context io;
-    const HwSide::ControlServer server(io, directory_.file("server"),
-                                       [](const HwSide::Json& request) { return request; });
-    const Agent::ControlSocket socket(io, directory_.file("socket"),
-                                      [](const Agent::Json& request) { return request; });
+    const Process::ControlServer server(io, directory_.file("server"),
+                                        [](const Process::Json& request) { return request; });
     const KivShimo::Doorbell bell(directory_.file("bell"));
     umask(before);
-    for (const char* name : {"server", "socket", "bell"})
+    for (const char* name : {"server", "bell"})
         EXPECT_EQ(modeOf(directory_.file(name)), 0660U) << name;
 }
 
@@ -197,8 +194,7 @@ TEST_F(OwnershipTest, NothingButASocketIsReplacedByASocket) {
     asio::io_context io;
     const std::string path = directory_.file("precious");
     const auto expectAllRefused = [&] {
-        expectRefused("no socket there", [&] { HwSide::ControlServer(io, path, {}); });
-        expectRefused("no socket there", [&] { Agent::ControlSocket(io, path, {}); });
+        expectRefused("no socket there", [&] { Process::ControlServer(io, path, {}); });
         expectRefused("no socket there", [&] { KivShimo::Doorbell{path}; });
     };
     std::ofstream(path) << "precious";

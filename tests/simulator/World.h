@@ -57,6 +57,7 @@ private:
     void killAgent(const Step& step);
     void endAgent();
     void startAgent();
+    void expectAnnouncementsAnew();
     std::uint64_t lastTold(std::size_t which) const;
     void lookForRemoveAlls();
     void takeUpWhatWasCarriedOut();
@@ -73,7 +74,9 @@ private:
     // Both.
 
     void settle();
+    void comeToRest();
     bool isSettled();
+    std::uint64_t restingAt() const;
     void compareAtRest();
     std::uint64_t touched() const;
     void readAnnouncements();
