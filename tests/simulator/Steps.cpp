@@ -96,7 +96,8 @@ Step stepOf(Random& random, unsigned keys, unsigned requests) {
             step.commands.push_back({.op = random.oneIn(3) ? Op::turn : Op::settle});
             step.stores = storesOf(random);
             step.further = 1 + random.below(random.oneIn(2) ? 40 : 1000);
-            step.amount = random.below(4);
+            step.amount = random.oneIn(2) ? 1000 : random.below(4);
+            step.between = random.below(6);
             break;
         case Act::pump:
         case Act::killHardware:
@@ -133,12 +134,16 @@ std::string textOf(const Step& step) {
         case Act::killAgentTwice:
             for (const Command& command : step.commands)
                 commands += fmt::format("; {}", ModelTests::textOf(command));
-            return fmt::format("the agent is killed before store {}{}, hardware side {}{}",
+            return fmt::format("the agent is killed before store {}{}, hardware side takes {}{}{}",
                                step.stores,
                                step.act == Act::killAgent
                                    ? std::string()
                                    : fmt::format(" and store {} of its recovery", step.further),
-                               step.amount, commands);
+                               step.amount,
+                               step.between == 1   ? ", restarts"
+                               : step.between == 2 ? ", restarts empty"
+                                                   : "",
+                               commands);
         case Act::killHardware:
             return fmt::format("the hardware side is killed before store {} of {} announcements",
                                step.stores, step.amount);

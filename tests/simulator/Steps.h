@@ -29,6 +29,7 @@ struct Step {
     ModelTests::Command command{};
     unsigned amount = 0;   ///< budget, steps, or how far the hardware side comes
     unsigned stores = 0;   ///< before which a process is killed
+    unsigned between = 0;  ///< while no agent is there: 1 the hardware side restarts, 2 empty
     unsigned further = 0;  ///< before which the next one is
     std::vector<ModelTests::Command> commands{};  ///< of an agent that is killed
 };

@@ -298,8 +298,12 @@ void World::killAgent(const Step& step) {
     before.letGo();
     endAgent();
     lookForRemoveAlls();
-    if (step.amount > 0 && away_ == 0)
+    if (away_ == 0) {
         pump(step.amount);
+        if (step.between == 1 || step.between == 2)
+            restartHardware(step.between == 2);
+        pump(step.amount);
+    }
     if (step.act == Act::killAgentTwice) {
         ++figures_.agentKillsTwice;
         died = killedAt(step.further, files(false), told_, [&] {
