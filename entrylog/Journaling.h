@@ -107,8 +107,8 @@ void EntryLog<B>::restoreVersion(bool lost) {
 /// A process that was killed between publishing changes and announcing them left them unannounced.
 /// What the last of them needed is in the journal; for earlier ones, which had found no room among
 /// the announcements, everything announced before is enough. Of those whose records a full log has
-/// given up meanwhile, or that were rotten, the last is announced: the hardware side finds no record
-/// and takes everything from the configurations.
+/// given up meanwhile, or that were rotten, the last is announced: the hardware side finds no
+/// record and takes everything from the configurations.
 template <class B>
 void EntryLog<B>::announceWhatWasNot(const std::optional<KivShimo::PendingChange>& pending) {
     const auto& group = groupInterface();
