@@ -48,9 +48,9 @@ constexpr std::array<std::pair<unsigned, Act>, 11> kActs{{{7500, Act::command},
                                                           {15, Act::restartHardware},
                                                           {10, Act::emptyHardware},
                                                           {15, Act::restartAgent},
-                                                          {10, Act::killAgent},
-                                                          {3, Act::killAgentTwice},
-                                                          {5, Act::killHardware},
+                                                          {30, Act::killAgent},
+                                                          {12, Act::killAgentTwice},
+                                                          {15, Act::killHardware},
                                                           {15, Act::settle}}};
 
 Command commandOf(Random& random, unsigned keys, unsigned requests) {

@@ -304,6 +304,7 @@ void World::killAgent(const Step& step) {
             restartHardware(step.between == 2);
         pump(step.amount);
     }
+    readAnnouncements();
     if (step.act == Act::killAgentTwice) {
         ++figures_.agentKillsTwice;
         died = killedAt(step.further, files(false), told_, [&] {
