@@ -58,6 +58,7 @@ private:
     void endAgent();
     void startAgent();
     void expectAnnouncementsAnew();
+    bool mayStayUnannounced(const ModelTests::Announced& announced) const;
     std::uint64_t lastTold(std::size_t which) const;
     void lookForRemoveAlls();
     void takeUpWhatWasCarriedOut();
