@@ -105,13 +105,13 @@ private:
         if (content_.size() < 8)
             return;
         const std::size_t at = input.below(content_.size() / 8) * 8;
-        const auto step = static_cast<std::uint64_t>(input.take<std::int8_t>());
+        const auto step = static_cast<std::uint64_t>(std::int64_t{input.take<std::int8_t>()});
         partIs(content_, at, partAt<std::uint64_t>(content_, at) + step);
     }
     /// A link that verifies, from a bucket or a slot to any place.
     void link(Input& input) {
         const std::size_t from = input.below(slots() + buckets());
-        const auto target = static_cast<std::uint32_t>(input.take<std::int8_t>());
+        const auto target = static_cast<std::uint32_t>(std::int32_t{input.take<std::int8_t>()});
         const bool fromSlot = from < slots();
         const std::size_t at =
             fromSlot ? slotOffset(from) + 16 : kAreasOffset + 8 * (from - slots());

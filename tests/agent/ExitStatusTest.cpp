@@ -136,10 +136,10 @@ TEST_F(ExitStatus, IsFiveWithoutPolicy) {
                   "directory");
 }
 
-TEST_F(ExitStatus, IsOneWithoutItsControlSocketAndNothingIsLoaded) {
+TEST_F(ExitStatus, IsThreeWithoutItsControlSocketAndNothingIsLoaded) {
     std::filesystem::create_directory(directory_.file("agent.sock"));
     const Ended ended = run();
-    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.status, 3);
     const auto has = [&](const std::string& part) {
         return std::any_of(ended.errorLines.begin(), ended.errorLines.end(),
                            [&](const auto& line) { return line.find(part) != std::string::npos; });

@@ -162,7 +162,6 @@ public:
         subscriptions_.clear();
         handles_.clear();
         changeOf_.clear();
-        answers_.clear();
         tables_ = std::vector<Brumo::Ptr<Table>>(tables_.size());
     }
 
@@ -190,6 +189,8 @@ public:
 
     void restarted(std::uint64_t acknowledged) override {
         model_.restart(acknowledged);
+        if (setting_.world.changes.empty())
+            answers_.clear();  // they are counted by the change's number
         openTables();
     }
 

@@ -87,7 +87,7 @@ TEST_F(OwnershipTest, FilesAndFoldersAreClosedToOthersWhateverTheMask) {
         const mode_t before = umask(mask);
         const Specimen specimen;
         const TempDir other;
-        AckMapWriter(other.path() + "/made/root", "group/acks");
+        const AckMapWriter made(other.path() + "/made/root", "group/acks");
         umask(before);
         for (const fs::path& folder : {fs::path(specimen.folder()), fs::path(other.path())}) {
             for (const auto& entry : fs::recursive_directory_iterator(folder)) {

@@ -4,6 +4,7 @@
 #define XXH_INLINE_ALL
 #include <xxhash.h>
 
+#include <algorithm>
 #include <new>  // allow: bad_alloc is declared there
 
 #include "platform/kivshimo/detail/LogLayout.h"
@@ -60,13 +61,21 @@ VerifiedWord::Reading VerifiedWord::reading() const {
 }
 
 std::optional<std::uint64_t> VerifiedWord::read() const {
-    // What seems rotten may be what the writer's stores have overtaken.
+    // What seems rotten, or older than what was read before, may be what the writer's stores have
+    // overtaken: then a cell has changed meanwhile.
+    std::optional<std::uint64_t> last;
     for (int attempt = 0; attempt < 1000; ++attempt) {
+        const std::uint64_t checks[2] = {word(cells[0].check).load(std::memory_order_acquire),
+                                         word(cells[1].check).load(std::memory_order_acquire)};
         const Reading now = reading();
-        if (!now.rotten)
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if (now.rotten)
+            continue;
+        if (loaded(cells[0].check) == checks[0] && loaded(cells[1].check) == checks[1])
             return now.value;
+        last = std::max(last.value_or(0), now.value);
     }
-    return std::nullopt;
+    return last;
 }
 
 VerifiedWordWriter::VerifiedWordWriter(VerifiedWord& place) : place_(&place) {
