@@ -115,8 +115,9 @@ void GroupInterface::takeUpAnnouncements() {
 
 void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
                                  const Brumo::Ptr<const NeededEntry>& needed) {
+    const LogVersion previous = announcedVersion(tableId);
     if (!announced(tableId, version, needed))
-        waiting_.add(tableId, version, needed);
+        waiting_.add(tableId, previous, version, needed);
 }
 
 void GroupInterface::addLatestVersion(SwTableId tableId, LogVersion version) {

@@ -5,7 +5,7 @@
 
 namespace Asic {
 
-void WaitingAnnouncements::add(SwTableId tableId, LogVersion version,
+void WaitingAnnouncements::add(SwTableId tableId, LogVersion previous, LogVersion version,
                                const Brumo::Ptr<const NeededEntry>& needed) {
     ++count_;
     // Whatever the later change needs of other tables stands before the run: it is the last one.
@@ -13,7 +13,7 @@ void WaitingAnnouncements::add(SwTableId tableId, LogVersion version,
         extend(runs_.back(), version, needed);
         return;
     }
-    runs_.push_back({tableId, version, version, needed});
+    runs_.push_back({tableId, previous, version, version, needed});
     if (runs_.size() > kMostRuns)
         collapse();
 }
@@ -27,7 +27,7 @@ void WaitingAnnouncements::addLatest(SwTableId tableId, LogVersion version) {
         return;
     }
     ++count_;
-    runs_.push_back({tableId, version, version, nullptr, true});
+    runs_.push_back({tableId, {}, version, version, nullptr, true});
 }
 
 void WaitingAnnouncements::extend(Run& run, LogVersion last,
@@ -38,8 +38,17 @@ void WaitingAnnouncements::extend(Run& run, LogVersion last,
     const auto both = Brumo::make<NeededEntry>();
     if (run.needed != nullptr)
         both->add(*run.needed);
-    both->add(*needed);
+    // What comes out of the run itself is in order anyway; its first would wait for itself.
+    for (const TableVersion& version : *needed)
+        both->add(needFrom(run, version));
     run.needed = both;
+}
+
+/// What is left of a need for what is to come out before the run.
+TableVersion WaitingAnnouncements::needFrom(const Run& run, TableVersion needed) {
+    if (needed.tableId == run.tableId && run.first <= needed.version)
+        needed.version = run.previous;
+    return needed;
 }
 
 /// Makes one run of the runs of a table, where the first of them stood.
@@ -66,11 +75,8 @@ void WaitingAnnouncements::needOnlyWhatComesBefore() {
             continue;
         const auto needed = Brumo::make<NeededEntry>();
         for (TableVersion version : *run->needed) {
-            const auto later = std::find_if(run, runs_.end(), [&](const Run& candidate) {
-                return candidate.tableId == version.tableId && candidate.first <= version.version;
-            });
-            if (later != runs_.end())
-                version.version.value = later->first.value - 1;
+            std::for_each(run, runs_.end(),
+                          [&](const Run& later) { version = needFrom(later, version); });
             needed->add(version);
         }
         run->needed = needed;

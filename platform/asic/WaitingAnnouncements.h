@@ -28,8 +28,10 @@ public:
     std::uint64_t count() const { return count_; }
     std::size_t runs() const { return runs_.size(); }
 
-    /// `needed` may be null.
-    void add(SwTableId tableId, LogVersion version, const Brumo::Ptr<const NeededEntry>& needed);
+    /// `previous` is the version of the table that was announced before this one, which is not the
+    /// one below it where changes between were given up. `needed` may be null.
+    void add(SwTableId tableId, LogVersion previous, LogVersion version,
+             const Brumo::Ptr<const NeededEntry>& needed);
     /// Of a table without a change log: only its last version counts, and it needs nothing.
     void addLatest(SwTableId tableId, LogVersion version);
 
@@ -46,6 +48,7 @@ public:
             if (run.first == run.last) {
                 runs_.pop_front();
             } else {
+                run.previous = run.first;
                 ++run.first.value;
             }
         }
@@ -56,6 +59,7 @@ private:
     /// Consecutive versions of a table.
     struct Run {
         SwTableId tableId;
+        LogVersion previous;  ///< what comes out of the table before the first
         LogVersion first;
         LogVersion last;
         Brumo::Ptr<const NeededEntry> needed;  ///< of all of them together; may be null
@@ -66,6 +70,7 @@ private:
         return run.tableId == tableId && !run.isLatest && run.last.value + 1 == version.value;
     }
     static void extend(Run& run, LogVersion last, const Brumo::Ptr<const NeededEntry>& needed);
+    static TableVersion needFrom(const Run& run, TableVersion needed);
     void collapse();
     void needOnlyWhatComesBefore();
 

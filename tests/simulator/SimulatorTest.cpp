@@ -11,7 +11,7 @@ namespace {
 #ifdef __SANITIZE_ADDRESS__
 constexpr std::uint64_t kSeeds = 4;
 #else
-constexpr std::uint64_t kSeeds = 9;
+constexpr std::uint64_t kSeeds = 50;
 #endif
 constexpr std::uint64_t kSteps = 20000;
 

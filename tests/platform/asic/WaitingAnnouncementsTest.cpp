@@ -40,13 +40,18 @@ protected:
         return lines;
     }
 
+    void add(Asic::SwTableId table, std::uint64_t version,
+             const Brumo::Ptr<const Asic::NeededEntry>& needed) {
+        waiting.add(table, {version - 1}, {version}, needed);
+    }
+
     Asic::WaitingAnnouncements waiting;
 };
 
 TEST_F(Waiting, ComesOutInOrderWithWhatItNeeds) {
-    waiting.add(kActions, {7}, nullptr);
-    waiting.add(kMatches, {3}, needing(kActions, 7));
-    waiting.add(kActions, {8}, nullptr);
+    add(kActions, 7, nullptr);
+    add(kMatches, 3, needing(kActions, 7));
+    add(kActions, 8, nullptr);
     EXPECT_EQ(waiting.count(), 3U);
     EXPECT_THAT(out(), ElementsAre("0403@7", "0404@3 needs 0403@7", "0403@8"));
     EXPECT_TRUE(waiting.empty());
@@ -54,28 +59,43 @@ TEST_F(Waiting, ComesOutInOrderWithWhatItNeeds) {
 
 TEST_F(Waiting, StopsWhereThereIsNoRoomAndGoesOn) {
     for (std::uint64_t version = 1; version <= 4; ++version)
-        waiting.add(kActions, {version}, nullptr);
+        add(kActions, version, nullptr);
     EXPECT_THAT(out(3), ElementsAre("0403@1", "0403@2", "0403@3"));
     EXPECT_EQ(waiting.count(), 1U);
-    waiting.add(kActions, {5}, nullptr);
+    add(kActions, 5, nullptr);
     EXPECT_THAT(out(), ElementsAre("0403@4", "0403@5"));
 }
 
 TEST_F(Waiting, TakesNoMoreMemoryForMillionsOfUpdates) {
     for (std::uint64_t version = 1; version <= 3000000; ++version) {
         waiting.addLatest(kCounters, {version});
-        waiting.add(kActions, {version}, needing(kCounters, version));
+        add(kActions, version, needing(kCounters, version));
     }
     EXPECT_EQ(waiting.count(), 3000001U);
     EXPECT_EQ(waiting.runs(), 2U);
     EXPECT_THAT(out(2), ElementsAre("0501@3000000", "0403@1 needs 0501@3000000"));
 }
 
+TEST_F(Waiting, NothingWaitsForItsOwnRun) {
+    add(kActions, 5, needing(kActions, 4));
+    add(kActions, 6, needing(kActions, 5));
+    add(kActions, 7, needing(kMatches, 2));
+    EXPECT_THAT(out(),
+                ElementsAre("0403@5 needs 0403@4 needs 0404@2", "0403@6 needs 0403@4 needs 0404@2",
+                            "0403@7 needs 0403@4 needs 0404@2"));
+}
+
+TEST_F(Waiting, NothingWaitsForAVersionThatWasGivenUp) {
+    waiting.add(kActions, {2}, {5}, needing(kActions, 2));
+    add(kActions, 6, needing(kActions, 5));
+    EXPECT_THAT(out(), ElementsAre("0403@5 needs 0403@2", "0403@6 needs 0403@2"));
+}
+
 TEST_F(Waiting, KeepsTheLastVersionOfATableWithoutALog) {
     waiting.addLatest(kCounters, {1});
-    waiting.add(kActions, {1}, needing(kCounters, 1));
+    add(kActions, 1, needing(kCounters, 1));
     waiting.addLatest(kCounters, {2});
-    waiting.add(kActions, {2}, needing(kCounters, 2));
+    add(kActions, 2, needing(kCounters, 2));
     EXPECT_THAT(out(), ElementsAre("0501@2", "0403@1 needs 0501@2", "0403@2 needs 0501@2"));
 }
 
@@ -83,8 +103,8 @@ TEST_F(Waiting, OfTablesThatTakeTurnsIsBoundedAndNothingWaitsForWhatComesLater) 
     constexpr std::uint64_t kRounds = 100000;
     std::size_t most = 0;
     for (std::uint64_t version = 1; version <= kRounds; ++version) {
-        waiting.add(kActions, {version}, needing(kMatches, version - 1));
-        waiting.add(kMatches, {version}, needing(kActions, version));
+        add(kActions, version, needing(kMatches, version - 1));
+        add(kMatches, version, needing(kActions, version));
         most = std::max(most, waiting.runs());
     }
     EXPECT_LE(most, Asic::WaitingAnnouncements::kMostRuns);
