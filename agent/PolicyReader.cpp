@@ -14,9 +14,6 @@ namespace Agent {
 
 namespace {
 
-constexpr std::string_view kNameExpected =
-    "a name of up to 64 letters, digits and the characters . _ -";
-
 Position positionOf(const YAML::Mark& mark) {
     return mark.is_null() ? Position{} : Position{mark.line + 1, mark.column + 1};
 }

@@ -4,11 +4,15 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "agent/Policy.h"
 #include "agent/YamlReader.h"
 
 namespace Agent {
+
+inline constexpr std::string_view kNameExpected =
+    "a name of up to 64 letters, digits and the characters . _ -";
 
 /// Reads the whole file; a syntax error is one finding, and nothing behind it is read.
 Policy readPolicy(const std::string& text, PolicyErrors& errors);

@@ -12,8 +12,6 @@ namespace Agent {
 
 namespace {
 
-constexpr std::string_view kNameExpected =
-    "a name of up to 64 letters, digits and the characters . _ -";
 constexpr std::uint64_t kMaxPriority = std::numeric_limits<std::uint32_t>::max();
 
 const auto asNumber = [](std::uint8_t value) { return std::to_string(value); };

@@ -21,6 +21,12 @@ namespace HwSide::Test {
 
 using Needed = std::vector<KivShimo::NeededVersion>;
 
+constexpr Asic::UnitId kUnit{1};
+constexpr Asic::UnitId kOtherUnit{2};
+constexpr std::uint32_t kAction = ActionTypes::kTableId.whole();
+constexpr std::uint32_t kV4 = V4Types::kTableId.whole();
+constexpr std::uint32_t kV6 = V6Types::kTableId.whole();
+
 constexpr std::uint64_t kCapacity = 256;
 constexpr std::uint64_t kAnnouncementSlots = 64;
 

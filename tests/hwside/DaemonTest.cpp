@@ -22,7 +22,6 @@
 namespace HwSide::Test {
 namespace {
 
-constexpr Asic::UnitId kUnit{1};
 constexpr std::chrono::seconds kPatience{20};
 
 /// A program under way; killed at the end when it still runs.

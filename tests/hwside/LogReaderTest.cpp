@@ -14,11 +14,6 @@
 namespace HwSide::Test {
 namespace {
 
-constexpr Asic::UnitId kUnit{1};
-constexpr Asic::UnitId kOtherUnit{2};
-constexpr std::uint32_t kAction = ActionTypes::kTableId.whole();
-constexpr std::uint32_t kV4 = V4Types::kTableId.whole();
-constexpr std::uint32_t kV6 = V6Types::kTableId.whole();
 constexpr std::uint32_t kCounters = 0x2C080301;
 
 using Progress = LogReader::Progress;

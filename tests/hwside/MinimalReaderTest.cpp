@@ -14,10 +14,6 @@
 namespace HwSide::Test {
 namespace {
 
-constexpr Asic::UnitId kUnit{1};
-constexpr std::uint32_t kAction = ActionTypes::kTableId.whole();
-constexpr std::uint32_t kV4 = V4Types::kTableId.whole();
-
 std::string outputOf(const std::string& folder) {
     const std::filesystem::path program =
         std::filesystem::path(VORN_HWD_PATH).replace_filename("vorn-example-minimal-reader");

@@ -5,15 +5,14 @@
 #include <algorithm>
 #include <random>
 
+#include "tests/hwside/AgentSide.h"
+
 namespace HwSide::Test {
 namespace {
 
 using VornPolicyCpu::MatchKey;
 using V4Entry = V4Types::Entry;
 using V6Entry = V6Types::Entry;
-
-constexpr Asic::UnitId kUnit{1};
-constexpr Asic::UnitId kOtherUnit{2};
 
 Asic::LogVersion version(std::uint64_t value) {
     return {value};

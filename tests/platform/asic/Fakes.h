@@ -10,6 +10,8 @@
 
 namespace AsicTests {
 
+inline constexpr Asic::SwTableId kTable{0x2C080403};
+
 class FakeTable final : public Asic::OrderedSwTable {
 public:
     explicit FakeTable(Brumo::Ptr<Asic::GroupResolver> resolver = nullptr,

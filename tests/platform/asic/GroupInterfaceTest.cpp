@@ -23,7 +23,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using TestSupport::TraceCapture;
 
-constexpr Asic::SwTableId kTable{0x2C080403};
 constexpr Asic::SwTableId kOther{0x2C080404};
 constexpr std::uint64_t kSlots = 16;
 constexpr const char* kGroup = "TestAgent.TestGroup";

@@ -6,8 +6,6 @@
 namespace AsicTests {
 namespace {
 
-constexpr Asic::SwTableId kTable{0x2C080403};
-
 class TableSetTest : public testing::Test {
 protected:
     Brumo::Ptr<FakeTable> addTable(std::uint16_t unit) {

@@ -9,7 +9,7 @@ namespace KivShimo::Test {
 namespace {
 
 using VersionLogTest = ShimoTest;
-using Reader = VersionLogReader<ChangeRecord>;
+using LogReader = VersionLogReader<ChangeRecord>;
 using Versions = std::vector<std::uint64_t>;
 
 Versions versionsIn(const VersionLog<ChangeRecord>& log, std::uint64_t from = 0,
@@ -19,7 +19,7 @@ Versions versionsIn(const VersionLog<ChangeRecord>& log, std::uint64_t from = 0,
     return result;
 }
 
-Versions versionsIn(const Reader& reader, std::uint64_t to) {
+Versions versionsIn(const LogReader& reader, std::uint64_t to) {
     Versions result;
     reader.forEach(0, to, [&](const ChangeRecord& r) { result.push_back(r.version); });
     return result;
@@ -127,7 +127,7 @@ TEST_P(VersionLogModelTest, BehavesAsAnOrderedMapWithHolesAndStragglers) {
         ASSERT_EQ(table->changes.versionAtOrAfter(from),
                   at == model.end() ? std::nullopt : std::optional(at->first));
         if (step % 20 == 0) {
-            const Reader reader(changesFile(), kChangeType, "changes");
+            const LogReader reader(changesFile(), kChangeType, "changes");
             ASSERT_EQ(versionsIn(reader, version), expected);
             ASSERT_EQ(reader.find(from), table->changes.find(from));
             ASSERT_EQ(reader.count(), expected.size());
@@ -143,7 +143,7 @@ TEST_F(VersionLogTest, EveryFlippedBitIsNoticed) {
         table->changes.insert(change(9));
         flip(changesFile(),
              at < 8 ? detail::kAreasOffset + 9 * 8 + at : recordOffset(64, 9) + at - 8);
-        const Reader reader(changesFile(), kChangeType, "changes");
+        const LogReader reader(changesFile(), kChangeType, "changes");
         EXPECT_THROW(reader.find(9), CorruptionError) << at;
         EXPECT_THROW(table->changes.find(9), CorruptionError) << at;
         table = nullptr;
@@ -164,7 +164,7 @@ TEST_F(VersionLogTest, KilledWriterLeavesItsRecordsAndTheScratchpad) {
         }
     });
     EXPECT_TRUE(inOtherProcess([&] {
-        const Reader reader(changesFile(), kChangeType, "changes");
+        const LogReader reader(changesFile(), kChangeType, "changes");
         return reader.scratchpad() == 5 && reader.find(4) == change(4);
     }));
     const auto table = changes(64);
@@ -177,7 +177,7 @@ TEST_F(VersionLogTest, ReaderSeesEveryRecordUpToThePublishedVersion) {
     const auto table = changes(1024);
     const pid_t child = fork();
     if (child == 0) {
-        const Reader reader(changesFile(), kChangeType, "changes");
+        const LogReader reader(changesFile(), kChangeType, "changes");
         bool good = true;
         for (std::uint64_t seen = 0; seen < 20000 && good;) {
             const std::uint64_t now = reader.scratchpad();
@@ -206,7 +206,7 @@ TEST_F(VersionLogTest, RottenPublishedVersionIsReportedAndNotTakenForTheOneBefor
             table->collectionControl().scratchpadIs(last - 1);
             table->collectionControl().scratchpadIs(last);
             flip(changesFile(), kCells + bit / 8, bit % 8);
-            const Reader reader(changesFile(), kChangeType, "changes");
+            const LogReader reader(changesFile(), kChangeType, "changes");
             bool reported = false;
             try {
                 EXPECT_EQ(reader.scratchpad(), last) << bit;
@@ -232,7 +232,7 @@ TEST_F(VersionLogTest, PublishedVersionThatRotsInBothCellsCountsAsNone) {
         detail::kDynamicOffset + offsetof(detail::DynamicHeader, scratchpad);
     flip(changesFile(), cells + 24);
     flip(changesFile(), cells);
-    const Reader reader(changesFile(), kChangeType, "changes");
+    const LogReader reader(changesFile(), kChangeType, "changes");
     EXPECT_THROW(reader.scratchpad(), CorruptionError);
     table = nullptr;
     restart();
