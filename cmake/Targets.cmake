@@ -46,8 +46,6 @@ function(vorn_library name kind)
         target_precompile_headers(${name} REUSE_FROM vorn_process_pch)
     else()
         target_precompile_headers(${name} REUSE_FROM vorn_pch)
-        # Many small files of the same names; each is compiled as its developer sees it.
-        set_target_properties(${name} PROPERTIES UNITY_BUILD OFF)
     endif()
 endfunction()
 

@@ -10,7 +10,7 @@ namespace Asic {
 
 namespace {
 
-const Brumo::TraceSource trace("GroupResolver", "GroupResolver");
+const Brumo::TraceSource resolverTrace("GroupResolver", "GroupResolver");
 
 }  // namespace
 
@@ -195,7 +195,7 @@ void GroupResolver::maybeUpdateSuspend() {
     if (suspendRequested_ == suspended_)
         return;
     suspended_ = suspendRequested_;
-    trace(2, " suspended: {}", suspended_);
+    resolverTrace(2, " suspended: {}", suspended_);
     const bool old = !suspended_;
     publisher().publish(kSuspended, &old);
     if (!suspended_ && (!ready_.empty() || probe_))

@@ -32,7 +32,7 @@ std::vector<detail::CollectionPlan> plan() {
     return {{kCollection, detail::CollectionKind::ackMap, sizeof(Row), 1, kMostAckTables}};
 }
 
-const Brumo::TraceSource& trace() {
+const Brumo::TraceSource& acknowledgementsTrace() {
     static const Brumo::TraceSource source("KivShimo", "AckMapWriter");
     return source;
 }
@@ -41,7 +41,7 @@ detail::WriterFile mounted(const std::string& root, const std::string& path) {
     detail::WriterFile::Report report;
     detail::WriterFile file = detail::WriterFile::open(root, path, kType, plan(), report);
     if (report.wiped)
-        trace()(1, " {}: content lost: {}", file.file(), report.reason);
+        acknowledgementsTrace()(1, " {}: content lost: {}", file.file(), report.reason);
     return file;
 }
 
@@ -112,7 +112,8 @@ void AckMapWriter::takeUp() {
     if (announceIdentity_.rotten())
         announceIdentity_.valueIs(0);
     if (corruptions_ != 0) {
-        trace()(1, " {}: {} rotten acknowledgements", mapping_.file(), corruptions_);
+        acknowledgementsTrace()(1, " {}: {} rotten acknowledgements", mapping_.file(),
+                                corruptions_);
     }
 }
 

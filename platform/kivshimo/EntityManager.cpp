@@ -31,7 +31,7 @@ Managers& managers() {
 
 std::atomic<std::uint64_t> ceiling{std::numeric_limits<std::uint64_t>::max()};
 
-const Brumo::TraceSource& trace() {
+const Brumo::TraceSource& managerTrace() {
     static const Brumo::TraceSource source("KivShimo", "EntityManager");
     return source;
 }
@@ -181,8 +181,8 @@ void EntityManager::mount(const std::string& path, const std::string& typeName,
     detail::WriterFile file =
         detail::WriterFile::open(root_, path, typeName, planOf(path, *type, info), report);
     if (report.wiped) {
-        trace()(1, " {}: content lost: {}{}{}", file.file(), report.reason,
-                report.keptAside.empty() ? "" : ", kept aside as ", report.keptAside);
+        managerTrace()(1, " {}: content lost: {}{}{}", file.file(), report.reason,
+                       report.keptAside.empty() ? "" : ", kept aside as ", report.keptAside);
     }
     Brumo::Ptr<Table> table =
         type->factory({path, std::make_unique<detail::WriterFile>(std::move(file))});

@@ -9,7 +9,7 @@
 namespace KivShimo {
 namespace {
 
-const Brumo::TraceSource& trace() {
+const Brumo::TraceSource& tableTrace() {
     static const Brumo::TraceSource source("KivShimo", "Table");
     return source;
 }
@@ -48,11 +48,11 @@ Table::Table(TableMount mount)
 
 void Table::doCorruptionDetected(std::string_view message) {
     ++corruptions_;
-    trace()(1, " {}", message);
+    tableTrace()(1, " {}", message);
 }
 
 void Table::tornDetected(std::string_view message) {
-    trace()(3, " {}", message);
+    tableTrace()(3, " {}", message);
     torn_.emplace_back(message);
 }
 

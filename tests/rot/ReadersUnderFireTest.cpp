@@ -19,7 +19,7 @@
 namespace KivShimo::Test {
 namespace {
 
-constexpr std::uint32_t kKeys = 40;
+constexpr std::uint32_t kFireKeys = 40;
 constexpr std::uint64_t kSlots = 64;
 constexpr std::uint64_t kRecordsKept = 40;
 constexpr long kLongestLife_ns = 20'000'000;
@@ -88,15 +88,15 @@ private:
         ++seen_.values;
         const std::uint64_t version = value.payload[0];
         seen_.require(value == versioned(value.key().id, version), "torn value");
-        seen_.require(value.key().id < kKeys, "value of no key");
-        if (value.key().id < kKeys) {
+        seen_.require(value.key().id < kFireKeys, "value of no key");
+        if (value.key().id < kFireKeys) {
             std::uint64_t& before = lastOf_[value.key().id];
             seen_.require(before <= version, "value that goes back");
             before = version;
         }
     }
     void readItem() {
-        const auto id = static_cast<std::uint32_t>(random_() % kKeys);
+        const auto id = static_cast<std::uint32_t>(random_() % kFireKeys);
         const auto value = items_.find(item(id, 0).key());
         // One key is never erased.
         seen_.require(value.has_value() || id != 0 || lastOf_[0] == 0, "a kept key is missing");
@@ -106,7 +106,7 @@ private:
         }
     }
     void readNext() {
-        const ItemKey key = item(random_() % kKeys, 0).key();
+        const ItemKey key = item(random_() % kFireKeys, 0).key();
         if (const auto value = items_.next(key)) {
             seen_.require(Kiv::KeyOrder<ItemKey>(key) < Kiv::KeyOrder<ItemKey>(value->key()),
                           "not in order");
@@ -156,7 +156,7 @@ private:
     MapReader<Item> items_;
     VersionLogReader<ChangeRecord> changes_;
     std::mt19937_64 random_;
-    std::uint64_t lastOf_[kKeys]{};
+    std::uint64_t lastOf_[kFireKeys]{};
     std::uint64_t published_ = 0;
     Seen seen_;
 };
@@ -216,7 +216,7 @@ protected:
 
         void change() {
             const std::uint64_t version = ++version_;
-            const std::uint64_t id = random_() % kKeys;
+            const std::uint64_t id = random_() % kFireKeys;
             items_->items.insertOrReplace(versioned(id, version));
             if (random_() % 3 == 0 && id != 0)
                 items_->items.erase(item(id, 0).key());

@@ -19,7 +19,7 @@ namespace {
 
 using B = VornPolicyCpu::PolicyCpuTcamActionBinding;
 
-constexpr std::uint32_t kKeys = 1000;
+constexpr std::uint32_t kSoakKeys = 1000;
 constexpr std::uint64_t kBetweenAcknowledgements = 64;
 #if defined(__SANITIZE_ADDRESS__)
 /// What is freed is kept a while to notice its use.
@@ -27,7 +27,6 @@ constexpr std::uint64_t kMostGrowth_bytes = std::uint64_t{512} << 20U;
 #else
 constexpr std::uint64_t kMostGrowth_bytes = std::uint64_t{1} << 20U;
 #endif
-constexpr Asic::UnitId kUnit{1};
 
 std::uint64_t resident_bytes() {
     std::uint64_t size_pages = 0;
@@ -48,7 +47,7 @@ protected:
 
     /// Two writes for each delete.
     void change() {
-        const auto number = static_cast<std::uint32_t>(random_() % kKeys) + 1;
+        const auto number = static_cast<std::uint32_t>(random_() % kSoakKeys) + 1;
         const auto needed = Brumo::make<Asic::NeededEntry>();
         needed->add({B::kTableId, log_->tableVersion()});
         if (random_() % 3 != 0) {

@@ -48,8 +48,7 @@ constexpr const char* kResources = "CrpsIndexRequest.CpuTrafficPolicyIngress";
 constexpr std::uint64_t kCapacity = 8;
 constexpr std::uint32_t kPool = 8;
 constexpr std::uint64_t kAnnouncements = 16;
-constexpr Asic::UnitId kUnit{1};
-constexpr std::uint32_t kKeys = 5;
+constexpr std::uint32_t kSpecimenKeys = 5;
 
 /// Everything on disk that a running agent has, for one table and one resource.
 class Agent {
@@ -178,7 +177,7 @@ void readConfig(Findings& findings, const std::string& file) {
     using Value = Log::ConfigValue;
     const KivShimo::MapReader<Value> reader(file, Constants<Types>::configShimoType(),
                                             kSwTableEntries);
-    for (std::uint32_t number = 1; number <= kKeys; ++number) {
+    for (std::uint32_t number = 1; number <= kSpecimenKeys; ++number) {
         tried(findings, [&] {
             if (const auto value = reader.find(keyOf<B>(number)))
                 findings.values[fmt::format("value {}", number)] = textOfValue(*value);
@@ -267,7 +266,7 @@ void fill(const std::string& folder) {
     Agent agent(folder);
     for (const std::uint32_t id : {1U, 2U})
         agent.request(id);
-    for (std::uint32_t number = 1; number <= kKeys; ++number)
+    for (std::uint32_t number = 1; number <= kSpecimenKeys; ++number)
         agent.write(number, 0x111100 + number);
     {
         HwSide::Tcam tcam;

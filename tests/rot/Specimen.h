@@ -9,9 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "platform/asic/Versions.h"
 #include "tests/support/TempDir.h"
 
 namespace Rot {
+
+inline constexpr Asic::UnitId kUnit{1};
 
 /// The files below a folder by relative path.
 using Image = std::map<std::string, std::string>;

@@ -13,7 +13,6 @@ namespace KivShimo::detail {
 namespace {
 
 constexpr mode_t kFolderMode = 0750;
-constexpr mode_t kFileMode = 0640;
 constexpr int kMostKeptAside = 3;
 constexpr std::uint64_t kManifestMagic = 0x31464E414D485356U;
 

@@ -16,6 +16,8 @@
 
 namespace KivShimo::detail {
 
+inline constexpr mode_t kFileMode = 0640;
+
 /// Throws MountError with the reason of the last failed system call.
 [[noreturn]] void throwErrno(std::string_view path, std::string_view operation);
 

@@ -17,8 +17,6 @@
 namespace KivShimo::detail {
 namespace {
 
-constexpr mode_t kFileMode = 0640;
-
 /// Nothing that stands in the place of a file is followed, or waited for, as a pipe would be.
 constexpr int kOpenFlags = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
 
