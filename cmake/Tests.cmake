@@ -67,7 +67,7 @@ endforeach()
 # The simulator runs long: there the faster program wins.
 if(TARGET test_simulator)
     set_source_files_properties(${test_simulator_sources} PROPERTIES
-        COMPILE_OPTIONS $<$<CONFIG:Release>:-O2> SKIP_PRECOMPILE_HEADERS ON)
+        COMPILE_OPTIONS $<$<CONFIG:Release>:-O1> SKIP_PRECOMPILE_HEADERS ON)
 endif()
 
 # A finding of a sanitizer ends the test that meets it.

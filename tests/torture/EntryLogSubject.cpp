@@ -20,7 +20,6 @@ namespace {
 using namespace VornPolicyCpu;
 using namespace TestSupport;
 
-constexpr const char* kSystem = "torture";
 constexpr std::uint64_t kCapacity = 16;  ///< small files are compared fast
 constexpr Asic::UnitId kUnits[] = {{1}, {2}};
 

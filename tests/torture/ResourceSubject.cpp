@@ -14,7 +14,6 @@ namespace Torture {
 
 namespace {
 
-constexpr const char* kSystem = "torture";
 constexpr const char* kName = "CrpsIndexRequest.CpuTrafficPolicyIngress";
 constexpr std::uint32_t kPool = 8;
 

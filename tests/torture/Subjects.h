@@ -8,6 +8,8 @@
 
 namespace Torture {
 
+inline constexpr const char* kSystem = "torture";
+
 class Subject {
 public:
     virtual ~Subject() = default;
