@@ -21,5 +21,6 @@ std::string tableFile(std::string_view root, std::string_view path);
 
 constexpr std::string_view kTableSuffix = ".table";
 constexpr std::string_view kManifestSuffix = ".manifest";
+constexpr std::string_view kDamagedSuffix = ".damaged-";  ///< a number follows
 
 }  // namespace KivShimo

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include "platform/brumo/Assert.h"
+#include "platform/kivshimo/Paths.h"
 #include "platform/kivshimo/detail/LogLayout.h"
 #include "platform/kivshimo/detail/MapLayout.h"
 
@@ -70,6 +71,22 @@ std::string defectOf(const CollectionHeader& header, std::uint64_t expectedOffse
 }
 
 }  // namespace
+
+/// The length, to find where it begins, beside a hash of the text.
+std::uint64_t placeOf(std::string_view belowRoot) {
+    Brumo::require(belowRoot.size() <= 0xFFFF, "path below the root fits", belowRoot);
+    const std::uint64_t hash = checksumOf(belowRoot.data(), belowRoot.size(), kMagic);
+    return hash << 16U | belowRoot.size();
+}
+
+bool isInPlace(std::uint64_t place, std::string_view file) {
+    // One that was kept aside may be looked at.
+    const std::size_t suffix = file.find(kDamagedSuffix, file.rfind('/') + 1);
+    file = file.substr(0, suffix);
+    const std::size_t length = place & 0xFFFFU;
+    return length < file.size() && file[file.size() - length - 1] == '/' &&
+           placeOf(file.substr(file.size() - length)) == place;
+}
 
 StaticHeader plannedHeader(std::string_view typeName, const std::vector<CollectionPlan>& plan) {
     Brumo::require(plan.size() <= kMostCollections, "collections fit the header", typeName);

@@ -26,7 +26,7 @@ namespace KivShimo::detail {
 constexpr std::size_t kPageBytes = 4096;
 constexpr std::size_t kMostCollections = 8;
 constexpr std::uint64_t kMagic = 0x31304D4948535642U;  ///< "BVSHIM01" as bytes of the file
-constexpr std::uint32_t kLayoutVersion = 1;
+constexpr std::uint32_t kLayoutVersion = 2;
 constexpr std::uint64_t kMostSlots = std::uint64_t{1} << 31U;
 
 /// How the area of a collection is laid out.
@@ -62,7 +62,7 @@ static_assert(std::has_unique_object_representations_v<CollectionHeader>);
 /// First page.
 ///
 ///   0       8               12            16          24         32            40        48
-///   | magic | layoutVersion | collections | fileBytes | identity | fingerprint | padding |
+///   | magic | layoutVersion | collections | fileBytes | identity | fingerprint | place |
 ///   48         176                 944        952
 ///   | typeName | collection[0..7]  | checksum |
 struct StaticHeader {
@@ -72,7 +72,7 @@ struct StaticHeader {
     std::uint64_t fileBytes;
     std::uint64_t identity;
     std::uint64_t fingerprint;  ///< of type name and collections: what a reader expects
-    std::uint64_t padding;
+    std::uint64_t place;        ///< below the root: tells it from others of its type
     char typeName[128];
     CollectionHeader collection[kMostCollections];
     std::uint64_t checksum;  ///< of all bytes before, seeded with the magic
@@ -118,7 +118,11 @@ struct CollectionPlan {
     std::uint64_t capacity = 0;
 };
 
-/// The first page for such a file, but for identity and checksum. REQUIRES: names that fit.
+/// Says where below its root a file belongs: a reader knows the file but not the root.
+std::uint64_t placeOf(std::string_view belowRoot);
+bool isInPlace(std::uint64_t place, std::string_view file);
+
+/// The first page for such a file, but for place, identity and checksum. REQUIRES: names that fit.
 StaticHeader plannedHeader(std::string_view typeName, const std::vector<CollectionPlan>& plan);
 
 /// Seals the page.

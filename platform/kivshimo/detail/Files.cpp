@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "platform/kivshimo/Errors.h"
+#include "platform/kivshimo/Paths.h"
 
 namespace KivShimo::detail {
 namespace {
@@ -119,7 +120,9 @@ bool locked(const Descriptor& descriptor, const std::string& path) {
 
 std::string keptAside(const Descriptor& folder, const std::string& file) {
     const std::string name = nameIn(file);
-    const auto numbered = [&name](int n) { return name + ".damaged-" + std::to_string(n); };
+    const auto numbered = [&name](int n) {
+        return name + std::string(kDamagedSuffix) + std::to_string(n);
+    };
     int free = 1;
     while (free <= kMostKeptAside &&
            faccessat(folder.fd(), numbered(free).c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {

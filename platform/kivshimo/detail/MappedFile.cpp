@@ -38,13 +38,16 @@ struct Taken {
 
 /// The first page of an open file, or why there is none that counts.
 std::string readHeader(const Descriptor& descriptor, const struct stat& status,
-                       StaticHeader& header) {
+                       const std::string& file, StaticHeader& header) {
     if (status.st_size < static_cast<off_t>(kAreasOffset))
         return "shorter than its header";
     if (pread(descriptor.fd(), &header, sizeof(header), 0) != sizeof(header)) {
         return "header cannot be read";
     }
-    return defectOf(header, static_cast<std::uint64_t>(status.st_size));
+    std::string defect = defectOf(header, static_cast<std::uint64_t>(status.st_size));
+    if (defect.empty() && !isInPlace(header.place, file))
+        defect = "made for another place";
+    return defect;
 }
 
 std::uint64_t holderPidIn(const Descriptor& descriptor) {
@@ -82,7 +85,7 @@ Taken takeExisting(const Target& target) {
     if (!locked(descriptor, target.file)) {
         throw DuplicateWriterError(target.file, holderPidIn(descriptor));
     }
-    taken.reason = readHeader(descriptor, status, taken.header);
+    taken.reason = readHeader(descriptor, status, target.file, taken.header);
     if (taken.reason.empty())
         taken.reason = differenceOf(taken.header, target.planned, true);
     if (taken.reason.empty())
@@ -239,6 +242,7 @@ WriterFile WriterFile::open(const std::string& root, const std::string& relative
         if (taken.wasThere)
             report.keptAside = keptAside(target.folder, file);
         taken.header = target.planned;
+        taken.header.place = placeOf(std::string_view(file).substr(root.size() + 1));
         taken.header.identity = randomIdentity();
         seal(taken.header);
         taken.descriptor = makeFile(target, taken.header, report.wiped);
@@ -263,7 +267,7 @@ ReaderFile ReaderFile::open(const std::string& file, std::string_view typeName,
     }
     StaticHeader header{};
     const struct stat status = checkedStatus(descriptor, file, true);
-    std::string reason = readHeader(descriptor, status, header);
+    std::string reason = readHeader(descriptor, status, file, header);
     if (reason.empty()) {
         // A reader takes a collection of any capacity; the file says which.
         reason = differenceOf(header, plannedHeader(typeName, plan), false);

@@ -4,6 +4,7 @@
 #include "platform/brumo/Trace.h"
 #include "platform/kivshimo/MapReader.h"
 #include "tests/platform/kivshimo/Fixture.h"
+#include "tests/support/TempDir.h"
 
 namespace KivShimo::Test {
 namespace {
@@ -278,6 +279,28 @@ TEST_F(MountTest, ReaderRefusesMissingAndOtherTables) {
     };
     expectInMessage([&] { MapReader<Narrow>(itemsFile(), kItemType, "items"); },
                     "of another layout in collection items");
+}
+
+TEST_F(MountTest, FileOfAnotherTableOfTheSameTypeIsNotTaken) {
+    items(8, "unit/1")->items.insertOrReplace(item(1, 1));
+    items(8, "unit/2");
+    restart();
+    const std::string second = tableFile(root_, "unit/2");
+    fs::copy_file(tableFile(root_, "unit/1"), second, fs::copy_options::overwrite_existing);
+    expectInMessage([&] { Reader(second, kItemType, "items"); }, "made for another place");
+    const auto table = items(8, "unit/2");
+    EXPECT_TRUE(table->collectionControl().wiped());
+    EXPECT_FALSE(table->items.find(item(1, 0).key()).has_value());
+    EXPECT_TRUE(fs::exists(second + ".damaged-1"));
+}
+
+TEST_F(MountTest, FolderOfTablesMayBeMovedAsAWhole) {
+    items(8, "unit/1")->items.insertOrReplace(item(1, 1));
+    restart();
+    const TestSupport::TempDir elsewhere;
+    fs::copy(root_, elsewhere.path(), fs::copy_options::recursive);
+    const Reader reader(tableFile(elsewhere.path(), "unit/1"), kItemType, "items");
+    EXPECT_EQ(reader.find(item(1, 0).key()), item(1, 1));
 }
 
 /// As Item, with the halves of the key the other way round.
