@@ -78,7 +78,7 @@ void readAcknowledgements(const std::string& file) {
     if (!map)
         return;
     mayRefuse([&] {
-        for (const KivShimo::Acknowledged& table : map->all())
+        for (const KivShimo::Acknowledged& table : map->all([](const auto&) {}))
             map->acknowledged(table.tableId);
     });
     mayRefuse([&] { map->acknowledged(1); });

@@ -94,7 +94,8 @@ GroupInterface::~GroupInterface() {
 void GroupInterface::takeUpAnnouncements() {
     try {
         if (KivShimo::AckMapReader* map = shm_->map(); map != nullptr) {
-            for (const auto& [tableId, version] : map->all()) {
+            const auto report = [this](const auto& error) { doCorruptionDetected(error.what()); };
+            for (const auto& [tableId, version] : map->all(report)) {
                 announcedVersionIs(SwTableId(tableId), {version});
             }
             takeUpConsumed();
@@ -227,6 +228,9 @@ std::optional<LogVersion> GroupInterface::tableVersionInMap(SwTableId tableId) c
 
 void GroupInterface::doCorruptionDetected(std::string_view message) const {
     ++corruptions_;
+    if (reportedCorruption_ == message)
+        return;
+    reportedCorruption_ = message;
     trace(1, " corruption: {}", message);
 }
 
@@ -240,7 +244,8 @@ void GroupInterface::acknowledgementsArrived() {
         KivShimo::AckMapReader* map = shm_->map();
         if (map == nullptr)
             return;
-        const auto acknowledgements = map->all();
+        const auto acknowledgements =
+            map->all([this](const auto& error) { doCorruptionDetected(error.what()); });
         takeUpConsumed();
         appendWaiting();
         resolver_->suspendRequestedIs(map->pauseRequested());
@@ -259,7 +264,7 @@ void GroupInterface::acknowledgementsArrived() {
 
 /// Frees what the hardware side has consumed. REQUIRES: its map is open. A position that was never
 /// announced is refused; that is traced once, however often the map is read.
-void GroupInterface::takeUpConsumed() {
+void GroupInterface::takeUpConsumed() try {
     KivShimo::AnnounceLogWriter& announcements = shm_->announcements;
     if (shm_->reader->announceIdentity() != announcements.identity())
         return;
@@ -271,6 +276,8 @@ void GroupInterface::takeUpConsumed() {
               announcements.tail());
     }
     shm_->refusedPosition = isRefused ? position : 0;
+} catch (const KivShimo::CorruptionError& error) {
+    doCorruptionDetected(error.what());
 }
 
 /// True when the table's acknowledged version has moved. A handler may end tables: they are held.
@@ -329,7 +336,8 @@ bool GroupInterface::acknowledgementsPending() {
             map->consumed() <= shm_->announcements.tail()) {
             return true;
         }
-        for (const auto& [tableId, version] : map->all()) {
+        const auto reportedWhenTakenUp = [](const auto&) {};
+        for (const auto& [tableId, version] : map->all(reportedWhenTakenUp)) {
             const SwTableId table(tableId);
             const LogVersion pending{version};
             if (pending <= acknowledgedVersion(table))

@@ -71,7 +71,7 @@ public:
     /// The acknowledged version as the hardware side's map has it; nothing when the table is not in
     /// it, says more than was handed out, or there is no map yet. Throws KivShimo::CorruptionError.
     std::optional<LogVersion> tableVersionInMap(SwTableId tableId) const;
-    /// Reports corruption of the map, which is traced and counted.
+    /// Reports corruption of the map, which is counted, and traced when it is not the same again.
     void doCorruptionDetected(std::string_view message) const;
     std::uint64_t corruptions() const { return corruptions_; }
 
@@ -113,6 +113,7 @@ private:
     WaitingAnnouncements waiting_;
     bool changesHeld_ = false;  ///< what the resolver was told last, so that it is traced once
     mutable std::uint64_t corruptions_ = 0;
+    mutable std::string reportedCorruption_;  ///< the last one: the map is read over and over
 };
 
 }  // namespace Asic

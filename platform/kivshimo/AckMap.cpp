@@ -129,18 +129,27 @@ bool AckMapWriter::ackIs(std::uint32_t tableId, std::uint64_t version) {
             return false;
         if (version > found->version.value())
             found->version.valueIs(version);
+        labelIs(found->row, tableId);
         return true;
     }
     const std::optional<std::size_t> free = freeRow();
     if (!free)
         return false;
-    Row& row = rowsOf(mapping_)[*free];
-    detail::word(row.tableId).store(tableId, std::memory_order_relaxed);
-    detail::VerifiedWordWriter writer(row.version);
+    detail::VerifiedWordWriter writer(rowsOf(mapping_)[*free].version);
     writer.valueIs(version);
-    detail::word(row.check).store(checkOf(tableId, mapping_.seed(0)), std::memory_order_release);
+    labelIs(*free, tableId);
     entries_.push_back({tableId, *free, writer});
     return true;
+}
+
+/// Says which table the row is of, also where that has rotted since.
+void AckMapWriter::labelIs(std::size_t row, std::uint32_t tableId) {
+    Row& stored = rowsOf(mapping_)[row];
+    const std::uint64_t check = checkOf(tableId, mapping_.seed(0));
+    if (stored.tableId == tableId && stored.check == check)
+        return;
+    detail::word(stored.tableId).store(tableId, std::memory_order_relaxed);
+    detail::word(stored.check).store(check, std::memory_order_release);
 }
 
 std::optional<std::uint64_t> AckMapWriter::acknowledged(std::uint32_t tableId) const {
@@ -212,16 +221,21 @@ std::optional<std::uint64_t> AckMapReader::acknowledged(std::uint32_t tableId) c
     return std::nullopt;
 }
 
-std::vector<Acknowledged> AckMapReader::all() const {
+std::vector<Acknowledged> AckMapReader::all(
+    const std::function<void(const CorruptionError&)>& report) const {
     std::vector<Acknowledged> result;
     for (std::size_t i = 0; i < kMostAckTables; ++i) {
         const Row& row = rowsIn(mapping_)[i];
         bool rotten = false;
         const std::optional<std::uint32_t> table = tableOf(row, mapping_.seed(0), rotten);
-        if (rotten)
-            throw CorruptionError(file(), kCollection, i, "does not verify");
-        if (table)
-            result.push_back({*table, valueOf(row.version, file(), kCollection, i)});
+        if (!table && !rotten)
+            continue;
+        const std::optional<std::uint64_t> version = row.version.read();
+        if (rotten || !version) {
+            report(CorruptionError(file(), kCollection, i, "does not verify"));
+        } else {
+            result.push_back({*table, *version});
+        }
     }
     return result;
 }

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -70,6 +71,7 @@ private:
     void takeUp();
     const Entry* entryOf(std::uint32_t tableId) const;
     std::optional<std::size_t> freeRow() const;
+    void labelIs(std::size_t row, std::uint32_t tableId);
 
     detail::WriterFile mapping_;
     detail::VerifiedWordWriter consumed_;
@@ -85,8 +87,8 @@ public:
 
     /// Empty when the table was never acknowledged. Throws CorruptionError.
     std::optional<std::uint64_t> acknowledged(std::uint32_t tableId) const;
-    /// Throws CorruptionError.
-    std::vector<Acknowledged> all() const;
+    /// What can be read; each row that cannot is reported, and holds no other up.
+    std::vector<Acknowledged> all(const std::function<void(const CorruptionError&)>& report) const;
     /// Throws CorruptionError.
     std::uint64_t consumed() const;
     std::uint64_t announceIdentity() const;

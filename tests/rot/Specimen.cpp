@@ -253,7 +253,8 @@ void readAcknowledgements(Findings& findings, const std::string& file) {
     if (!reader)
         return;
     tried(findings, [&] {
-        for (const auto& [table, version] : reader->all())
+        const auto report = [&](const auto& error) { findings.reports.push_back(error.what()); };
+        for (const auto& [table, version] : reader->all(report))
             findings.values[fmt::format("acknowledged {}", table)] = std::to_string(version);
     });
     tried(findings, [&] { findings.values["consumed"] = std::to_string(reader->consumed()); });

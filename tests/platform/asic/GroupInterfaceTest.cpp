@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <optional>
 
 #include "platform/asic/Constants.h"
@@ -12,6 +13,7 @@
 #include "platform/kivshimo/Doorbell.h"
 #include "platform/kivshimo/EntityManager.h"
 #include "platform/kivshimo/Paths.h"
+#include "platform/kivshimo/detail/FileHeader.h"
 #include "tests/platform/asic/Fakes.h"
 #include "tests/support/InProcessAgent.h"
 #include "tests/support/TraceCapture.h"
@@ -91,6 +93,11 @@ protected:
     }
     std::uint64_t acknowledged(Asic::SwTableId table = kTable) const {
         return group_->acknowledgedVersion(table).value;
+    }
+    void rotAcknowledgement() {
+        std::fstream file(hardware().file(), std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(KivShimo::detail::kAreasOffset).put('\x55');
+        ASSERT_TRUE(file.good());
     }
     /// A family of one table that the group tells of acknowledgements.
     Brumo::Ptr<FakeTable> familyWithTable() {
@@ -390,6 +397,22 @@ TEST_F(GroupInterfaceTest, HasNoVersionInAMapThatIsNotThere) {
     EXPECT_FALSE(group_->tableVersionInMap(kTable).has_value());
     hardware().ackIs(kTable.whole(), 4);
     EXPECT_EQ(group_->tableVersionInMap(kTable), Asic::LogVersion{4});
+}
+
+TEST_F(GroupInterfaceTest, TakesAcknowledgementsBesideARottenOneUpAndTracesThatOnce) {
+    group_->addLogEntry(kOther, {3}, nullptr);
+    group_->addLogEntry(kTable, {3}, nullptr);
+    ASSERT_TRUE(hardware().ackIs(kOther.whole(), 1));
+    rotAcknowledgement();
+    TestSupport::TraceCapture traces;
+    acknowledge(kTable, 2);
+    acknowledge(kTable, 3);
+    EXPECT_EQ(acknowledged(), 3U);
+    EXPECT_EQ(acknowledged(kOther), 0U);
+    EXPECT_EQ(group_->corruptions(), 2U);
+    EXPECT_EQ(traces.texts("GroupInterface", 1).size(), 1U);
+    acknowledge(kOther, 2);
+    EXPECT_EQ(acknowledged(kOther), 2U);
 }
 
 TEST_F(GroupInterfaceTest, DoesNotBelieveAMapThatIsAheadOfAMountedTable) {
