@@ -128,6 +128,11 @@ void AgentProcess::waitForBell() {
 
 void AgentProcess::load(const std::shared_ptr<const CompiledPolicy>& policy) {
     const LoadFigures& figures = loader_->load(policy);
+    if (!figures.waiting.empty()) {
+        logLine(fmt::format("policy {}: waits until earlier changes are acknowledged",
+                            figures.waiting));
+        return;
+    }
     logLine(fmt::format("policy {}: {} written, {} removed, {} unchanged on {} units", figures.file,
                         figures.written, figures.removed, figures.unchanged,
                         loader_->units().size()));

@@ -127,7 +127,8 @@ Json loadJson(const LoadFigures& figures) {
             {"complete", figures.complete},
             {"failed", figures.failed},
             {"inProgress", figures.inProgress},
-            {"firstFailure", figures.firstFailure}};
+            {"firstFailure", figures.firstFailure},
+            {"waiting", figures.waiting}};
 }
 
 Json statusJson(const Tables& tables, const PolicyLoader& loader) {

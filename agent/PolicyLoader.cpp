@@ -1,16 +1,20 @@
 #include "agent/PolicyLoader.h"
 
+#include <utility>
+
 #include "agent/UnitLoader.h"
 
 namespace Agent {
 
 PolicyLoader::PolicyLoader(std::vector<UnitTables> units,
-                           std::function<void(const LoadFigures&)> finished)
+                           std::function<void(const LoadFigures&)> finished,
+                           std::uint64_t mostInProgress)
     : units_(std::move(units)),
       finished_(std::move(finished)),
+      mostInProgress_(mostInProgress),
       figures_(std::make_shared<LoadFigures>()) {
     for (const UnitTables& unit : units_)
-        loaders_.push_back(std::make_shared<UnitLoader>(unit, [this] { finishIfDone(); }));
+        loaders_.push_back(std::make_shared<UnitLoader>(unit, [this] { moved(); }));
 }
 
 PolicyLoader::~PolicyLoader() {
@@ -19,10 +23,17 @@ PolicyLoader::~PolicyLoader() {
 }
 
 const LoadFigures& PolicyLoader::load(const std::shared_ptr<const CompiledPolicy>& policy) {
+    if (inProgress() > mostInProgress_) {
+        next_ = policy;
+        figures_->waiting = policy->file;
+        return *figures_;
+    }
+    std::erase_if(unfinished_, [](const auto& earlier) { return earlier->inProgress == 0; });
     const auto figures = std::make_shared<LoadFigures>();
     figures->number = figures_->number + 1;
     figures->file = policy->file;
     figures_ = figures;
+    unfinished_.push_back(figures);
     reported_ = true;  // not before every unit has had its turn
     for (const auto& loader : loaders_)
         loader->load(policy, figures);
@@ -30,7 +41,19 @@ const LoadFigures& PolicyLoader::load(const std::shared_ptr<const CompiledPolicy
     return *figures;
 }
 
-void PolicyLoader::finishIfDone() {
+std::uint64_t PolicyLoader::inProgress() const {
+    std::uint64_t sum = 0;
+    for (const auto& figures : unfinished_)
+        sum += figures->inProgress;
+    return sum;
+}
+
+/// A change has ended: a load may have ended with it, or another one begin.
+void PolicyLoader::moved() {
+    if (next_ != nullptr && inProgress() <= mostInProgress_) {
+        load(std::exchange(next_, nullptr));
+        return;
+    }
     if (reported_ || figures_->inProgress != 0)
         return;
     reported_ = true;

@@ -2,7 +2,9 @@
 //
 // Event thread only. A load writes what is new or different and removes what the policy no longer
 // has; entries that are as they should be are not touched. Loads may follow each other at any time:
-// each compares with what the tables hold or are about to hold.
+// each compares with what the tables hold or are about to hold. While the hardware side is away
+// changes pile up; then a load waits, and the last one that was asked for takes the place of
+// others.
 //
 // What always holds:
 //  1. A match entry is written after its action: it depends on the action's handle while the
@@ -44,18 +46,24 @@ struct LoadFigures {
     std::uint64_t failed = 0;
     std::uint64_t inProgress = 0;
     std::string firstFailure;
+    std::string waiting;  ///< the file of a later load that waits, or empty
 };
+
+/// Changes in progress with which another load waits: several loads of full tables.
+constexpr std::uint64_t kMostInProgress = 1'000'000;
 
 class PolicyLoader {
 public:
     /// `finished` is called once for each load with changes that no later one has overtaken, when
     /// its last change is complete or has failed.
-    PolicyLoader(std::vector<UnitTables> units, std::function<void(const LoadFigures&)> finished);
+    PolicyLoader(std::vector<UnitTables> units, std::function<void(const LoadFigures&)> finished,
+                 std::uint64_t mostInProgress = kMostInProgress);
     PolicyLoader(const PolicyLoader&) = delete;
     PolicyLoader& operator=(const PolicyLoader&) = delete;
     ~PolicyLoader();
 
-    /// Stages all changes but the removal of actions, which follows by itself.
+    /// Stages all changes but the removal of actions, which follows by itself. Or waits, and
+    /// returns the figures of the load before, which say so.
     const LoadFigures& load(const std::shared_ptr<const CompiledPolicy>& policy);
 
     /// Of the last load.
@@ -65,10 +73,14 @@ public:
 private:
     class UnitLoader;
 
-    void finishIfDone();
+    void moved();
+    std::uint64_t inProgress() const;
 
     std::vector<UnitTables> units_;
     std::function<void(const LoadFigures&)> finished_;
+    std::uint64_t mostInProgress_;
+    std::vector<std::shared_ptr<LoadFigures>> unfinished_;  ///< of all loads
+    std::shared_ptr<const CompiledPolicy> next_;            ///< waits; may be null
     std::shared_ptr<LoadFigures> figures_;
     bool reported_ = true;
     std::vector<std::shared_ptr<UnitLoader>> loaders_;

@@ -57,6 +57,13 @@ protected:
         std::vector<Agent::UnitTables>{{{1}, actions_, ipv4_, ipv6_}},
         [this](const LoadFigures& figures) { finished_.push_back(figures); });
 
+    /// A loader whose loads wait with more changes in progress than these.
+    void mostInProgressIs(std::uint64_t most) {
+        loader_ = std::make_unique<Agent::PolicyLoader>(
+            std::vector<Agent::UnitTables>{{{1}, actions_, ipv4_, ipv6_}},
+            [this](const LoadFigures& figures) { finished_.push_back(figures); }, most);
+    }
+
     /// Loads and completes everything.
     void settle(const std::shared_ptr<const Agent::CompiledPolicy>& wanted) {
         loader_->load(wanted);
@@ -155,6 +162,30 @@ TEST_F(PolicyLoaderTest, ComparesALaterLoadWithWhatIsStaged) {
     EXPECT_THAT(journal_.texts(), ElementsAre("write action", "write ipv4", "write ipv4"));
     // The action's write is still in progress: what is new depends on it all the same.
     EXPECT_EQ(journal_.calls[2].dependency.get(), journal_.calls[0].handle.get());
+}
+
+TEST_F(PolicyLoaderTest, StagesABoundedNumberOfChangesHoweverManyLoadsNobodyAcknowledges) {
+    mostInProgressIs(10);
+    for (int round = 0; round < 1000; ++round)
+        loader_->load(simple({"a"}, {round % 2 == 0 ? "x a" : "y a"}));
+    EXPECT_LE(journal_.calls.size(), 13U);
+    EXPECT_EQ(loader_->figures().waiting, "p.yaml");
+}
+
+TEST_F(PolicyLoaderTest, MakesTheLastOfTheLoadsThatWaitedWhenChangesAreAcknowledged) {
+    mostInProgressIs(1);
+    loader_->load(simple({"a"}, {"x a"}));
+    loader_->load(simple({"a"}, {"y a"}));
+    loader_->load(simple({"a"}, {"x a", "z a"}));
+    EXPECT_THAT(journal_.texts(), ElementsAre("write action", "write ipv4"));
+    journal_.complete(0);
+    EXPECT_THAT(journal_.texts(2), ElementsAre("write ipv4"));
+    EXPECT_EQ(journal_.calls[2].key, entryKey("z"));
+    EXPECT_EQ(loader_->figures().waiting, "");
+    EXPECT_EQ(loader_->figures().unchanged, 2U);
+    journal_.completeAll();
+    ASSERT_EQ(finished_.size(), 1U);
+    EXPECT_EQ(finished_[0].complete, 1U);
 }
 
 TEST_F(PolicyLoaderTest, DoesNotDependOnAnActionThatIsComplete) {
