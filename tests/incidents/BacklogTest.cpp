@@ -175,16 +175,22 @@ protected:
 };
 
 TEST_F(FailedRetries, LeaveNewWorkItsTurn) {
+    constexpr std::uint32_t kFailing = 200;
+    constexpr std::size_t kBudget = 16;
     table->entryWrite(actionKey(1), actionEntry(1, 0, 1), nullptr);
     settleAll();
-    for (std::uint32_t id = 2; id <= 200; ++id)
+    table->groupResolver()->budgetIs(kBudget);
+    for (std::uint32_t id = 2; id < 2 + kFailing; ++id)
         retry(id);
-    for (unsigned turns = 0; turns < 20; ++turns)
-        agent.loop().turn();
-    ASSERT_GT(attempts, 500U) << "they are tried all the time";
+    const auto turn = [&](std::size_t turns) {
+        for (; turns > 0; --turns)
+            agent.loop().turn();
+    };
+    turn(100);
+    ASSERT_GT(attempts, 2 * kFailing) << "they are tried all the time";
     const auto passing = table->entryWrite(actionKey(1000), actionEntry(1000), nullptr);
-    for (unsigned turns = 0; turns < 5; ++turns)
-        agent.loop().turn();
+    // Each of those before it, asked twice: it waits, it fails.
+    turn(2 * kFailing / kBudget + 1);
     EXPECT_EQ(passing->entryState(), State::written);
     keepTrying = false;
     settleAll();
