@@ -63,6 +63,15 @@ struct GroupInterface::SharedMemory {
         return &*reader;
     }
 
+    /// Whether the hardware side speaks of an announcement log that is lost, whose versions may
+    /// have been handed out again since. One that has noted no log yet speaks of this one.
+    /// REQUIRES: the map is open. Asked before what the map says is read: the hardware side notes
+    /// the log first.
+    bool isOfLostLog() const {
+        const std::uint64_t identity = reader->announceIdentity();
+        return identity != 0 && identity != announcements.identity();
+    }
+
     std::string root;
     KivShimo::AnnounceLogWriter announcements;
     KivShimo::Sleeper sleeper;
@@ -212,7 +221,7 @@ LogVersion GroupInterface::announcedVersion(SwTableId tableId) const {
 
 std::optional<LogVersion> GroupInterface::tableVersionInMap(SwTableId tableId) const {
     KivShimo::AckMapReader* map = shm_->map();
-    if (map == nullptr)
+    if (map == nullptr || shm_->isOfLostLog())
         return std::nullopt;
     const auto version = map->acknowledged(tableId.whole());
     if (!version.has_value())
@@ -240,7 +249,8 @@ void GroupInterface::acknowledgementsArrived() {
         KivShimo::AckMapReader* map = shm_->map();
         if (map == nullptr)
             return;
-        const auto acknowledgements = map->all();
+        const auto acknowledgements =
+            shm_->isOfLostLog() ? std::vector<KivShimo::Acknowledged>() : map->all();
         takeUpConsumed();
         appendWaiting();
         resolver_->suspendRequestedIs(map->pauseRequested());
@@ -329,16 +339,13 @@ bool GroupInterface::acknowledgementsPending() {
             map->consumed() <= shm_->announcements.tail()) {
             return true;
         }
-        for (const auto& [tableId, version] : map->all()) {
-            const SwTableId table(tableId);
-            const LogVersion pending{version};
-            if (pending <= acknowledgedVersion(table))
-                continue;
-            const auto refused = refused_.find(table);
-            if (refused == refused_.end() || refused->second != pending)
-                return true;
-        }
-        return false;
+        if (shm_->isOfLostLog())
+            return false;
+        return std::ranges::any_of(map->all(), [this](const KivShimo::Acknowledged& each) {
+            const SwTableId table(each.tableId);
+            const LogVersion pending{each.version};
+            return pending > acknowledgedVersion(table) && pending <= announcedVersion(table);
+        });
     } catch (const KivShimo::CorruptionError&) {
         return false;  // reported when it is taken up
     }
