@@ -63,6 +63,15 @@ struct GroupInterface::SharedMemory {
         return &*reader;
     }
 
+    /// Whether the hardware side speaks of an announcement log that is lost, whose versions may
+    /// have been handed out again since. One that has noted no log yet speaks of this one.
+    /// REQUIRES: the map is open. Asked before what the map says is read: the hardware side notes
+    /// the log first.
+    bool isOfLostLog() const {
+        const std::uint64_t identity = reader->announceIdentity();
+        return identity != 0 && identity != announcements.identity();
+    }
+
     std::string root;
     KivShimo::AnnounceLogWriter announcements;
     KivShimo::Sleeper sleeper;
@@ -213,7 +222,7 @@ LogVersion GroupInterface::announcedVersion(SwTableId tableId) const {
 
 std::optional<LogVersion> GroupInterface::tableVersionInMap(SwTableId tableId) const {
     KivShimo::AckMapReader* map = shm_->map();
-    if (map == nullptr)
+    if (map == nullptr || shm_->isOfLostLog())
         return std::nullopt;
     const auto version = map->acknowledged(tableId.whole());
     if (!version.has_value())
@@ -244,8 +253,9 @@ void GroupInterface::acknowledgementsArrived() {
         KivShimo::AckMapReader* map = shm_->map();
         if (map == nullptr)
             return;
+        const auto report = [this](const auto& error) { doCorruptionDetected(error.what()); };
         const auto acknowledgements =
-            map->all([this](const auto& error) { doCorruptionDetected(error.what()); });
+            shm_->isOfLostLog() ? std::vector<KivShimo::Acknowledged>() : map->all(report);
         takeUpConsumed();
         appendWaiting();
         resolver_->suspendRequestedIs(map->pauseRequested());
@@ -336,17 +346,14 @@ bool GroupInterface::acknowledgementsPending() {
             map->consumed() <= shm_->announcements.tail()) {
             return true;
         }
-        const auto reportedWhenTakenUp = [](const auto&) {};
-        for (const auto& [tableId, version] : map->all(reportedWhenTakenUp)) {
-            const SwTableId table(tableId);
-            const LogVersion pending{version};
-            if (pending <= acknowledgedVersion(table))
-                continue;
-            const auto refused = refused_.find(table);
-            if (refused == refused_.end() || refused->second != pending)
-                return true;
-        }
-        return false;
+        if (shm_->isOfLostLog())
+            return false;
+        const auto acknowledgements = map->all([](const auto&) {});  // reported when taken up
+        return std::ranges::any_of(acknowledgements, [this](const auto& each) {
+            const SwTableId table(each.tableId);
+            const LogVersion pending{each.version};
+            return pending > acknowledgedVersion(table) && pending <= announcedVersion(table);
+        });
     } catch (const KivShimo::CorruptionError&) {
         return false;  // reported when it is taken up
     }

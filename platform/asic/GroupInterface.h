@@ -9,7 +9,9 @@
 //     restart announces anew what the change logs hold and the announcement log does not.
 //  2. An acknowledgement that goes backwards, beyond the last version of its table, or names a
 //     table that the group does not know is refused with a trace, and changes nothing.
-//  3. What waits in memory for room in the announcement log does not grow with its number.
+//  3. What the hardware side has acknowledged of an announcement log that is lost counts for
+//     nothing: versions may have been handed out again.
+//  4. What waits in memory for room in the announcement log does not grow with its number.
 #pragma once
 
 #include <map>
@@ -69,7 +71,8 @@ public:
     LogVersion announcedVersion(SwTableId tableId) const;
 
     /// The acknowledged version as the hardware side's map has it; nothing when the table is not in
-    /// it, says more than was handed out, or there is no map yet. Throws KivShimo::CorruptionError.
+    /// it, says more than was handed out, or there is no map of this log yet. Throws
+    /// KivShimo::CorruptionError.
     std::optional<LogVersion> tableVersionInMap(SwTableId tableId) const;
     /// Reports corruption of the map, which is counted, and traced when it is not the same again.
     void doCorruptionDetected(std::string_view message) const;

@@ -164,6 +164,23 @@ TEST_F(ExitStatus, IsSixForASecondAgentAndTheFirstGoesOn) {
     EXPECT_EQ(first.endedBy(SIGTERM), 0) << first.standardError();
 }
 
+TEST_F(ExitStatus, IsSixWithTheHoldersPidNotThatOfOneThatWasKilled) {
+    const std::string socket = directory_.file("agent.sock");
+    const auto serves = [&] { return std::filesystem::exists(socket); };
+    RealProcess killed(words());
+    ASSERT_TRUE(TestSupport::until(serves)) << killed.standardError();
+    killed.endedBy(SIGKILL);
+    std::filesystem::remove(socket);
+    RealProcess holder(words());
+    ASSERT_TRUE(TestSupport::until(serves)) << holder.standardError();
+    const Ended refused = run();
+    EXPECT_EQ(refused.status, 6);
+    ASSERT_EQ(refused.errorLines.size(), 1U);
+    const std::string& line = refused.errorLines[0];
+    EXPECT_NE(line.find("pid " + std::to_string(holder.pid())), std::string::npos) << line;
+    EXPECT_TRUE(holder.running());
+}
+
 TEST_F(ExitStatus, IsZeroAfterAnInterruptAndTheSocketsAreGone) {
     RealProcess agent(words());
     ASSERT_TRUE(TestSupport::until([&] {

@@ -149,10 +149,7 @@ TEST_P(Control, RefusesAnotherUser) {
     EXPECT_TRUE(Client(path()).isAnswered());
 }
 
-class AgentControl : public Control {};
-INSTANTIATE_TEST_SUITE_P(Agent, AgentControl, testing::Values("agent.sock"));
-
-TEST_P(AgentControl, TakesThirtyTwoConnectionsAndRefusesTheNext) {
+TEST_P(Control, TakesThirtyTwoConnectionsAndRefusesTheNext) {
     std::vector<std::unique_ptr<Client>> clients;
     for (int i = 0; i < 32; ++i) {
         clients.push_back(std::make_unique<Client>(path()));

@@ -323,6 +323,35 @@ TEST_F(GroupInterfaceTest, DoesNotSleepOverNewWork) {
     group_->awake();
 }
 
+TEST_F(GroupInterfaceTest, DoesNotSleepOverAnAcknowledgementThatWasRefusedAndHoldsNow) {
+    group_->addLogEntry(kTable, {5}, nullptr);
+    acknowledge(kTable, 9);
+    EXPECT_EQ(acknowledged(), 0U);
+    group_->addLogEntry(kTable, {9}, nullptr);
+    EXPECT_FALSE(group_->sleepPrepared());
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(acknowledged(), 9U);
+    EXPECT_TRUE(group_->sleepPrepared());
+    group_->awake();
+}
+
+TEST_F(GroupInterfaceTest, BelievesNoAcknowledgementOfALostLogUntilItsOwnIsNoted) {
+    group_->addLogEntry(kTable, {5}, nullptr);
+    hardware().announceIdentityIs(77);
+    acknowledge(kTable, 5);
+    EXPECT_EQ(acknowledged(), 0U);
+    EXPECT_FALSE(group_->tableVersionInMap(kTable).has_value());
+    EXPECT_TRUE(group_->sleepPrepared()) << "what is not believed is no work";
+    group_->awake();
+    read();
+    hardware().announceIdentityIs(identity_);
+    EXPECT_FALSE(group_->sleepPrepared());
+    group_->awake();
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(acknowledged(), 5U);
+    EXPECT_EQ(group_->tableVersionInMap(kTable), Asic::LogVersion{5});
+}
+
 TEST_F(GroupInterfaceTest, WakesAHardwareSideThatFellAsleepBeforeItWasKnown) {
     KivShimo::Doorbell bell(Asic::Constants::hardwareDoorbell(dir_.path()));
     KivShimo::Sleeper sleeper(hardware().sleepEpoch());
