@@ -26,7 +26,7 @@ namespace KivShimo::detail {
 constexpr std::size_t kPageBytes = 4096;
 constexpr std::size_t kMostCollections = 8;
 constexpr std::uint64_t kMagic = 0x31304D4948535642U;  ///< "BVSHIM01" as bytes of the file
-constexpr std::uint32_t kLayoutVersion = 1;
+constexpr std::uint32_t kLayoutVersion = 2;
 constexpr std::uint64_t kMostSlots = std::uint64_t{1} << 31U;
 
 /// How the area of a collection is laid out.
@@ -98,6 +98,11 @@ static_assert(offsetof(DynamicHeader, scratchpad) == 128);
 static_assert(offsetof(DynamicHeader, sleepEpoch) == 256);
 static_assert(offsetof(DynamicHeader, structure) == 320);
 static_assert(offsetof(DynamicHeader, pause) == 384 && sizeof(DynamicHeader) == 448);
+
+/// Seeds the checks of a file's verified words.
+constexpr std::uint64_t wordSeed(std::uint64_t identity) {
+    return mixed(identity, 0x766572696679U);
+}
 
 /// "NOTWIPED" and "WIPED", read as numbers. A word that is rotten or zero counts as wiped.
 constexpr std::uint64_t kNotWiped = 0x4E4F545749504544U;
