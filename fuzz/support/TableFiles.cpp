@@ -136,7 +136,7 @@ private:
             return;
         auto word = partAt<VerifiedWord>(content_, at);
         // Nobody counts so far that numbers overflow.
-        VerifiedWordWriter(word).valueIs(input.take<std::uint64_t>() >> 2U);
+        VerifiedWordWriter(word, wordSeed(kIdentity)).valueIs(input.take<std::uint64_t>() >> 2U);
         partIs(content_, at, word);
     }
     /// A pending change that verifies.
@@ -238,7 +238,7 @@ TableFiles::TableFiles() : manager_(Brumo::make<KivShimo::EntityManager>(folder_
         const auto bytes = partAt<StaticHeader>(content, 0).fileBytes;
         content.resize(bytes);
         VerifiedWord zero{};
-        VerifiedWordWriter(zero).valueIs(0);
+        VerifiedWordWriter(zero, wordSeed(kIdentity)).valueIs(0);
         partIs(content, kDynamicOffset + offsetof(DynamicHeader, scratchpad), zero);
         partIs(content, kDynamicOffset + offsetof(DynamicHeader, tail), zero);
         contentIs(fileOf(kind), content);

@@ -65,11 +65,11 @@ std::optional<std::uint32_t> tableOf(const Row& row, std::uint64_t seed, bool& r
     return static_cast<std::uint32_t>(tableId);
 }
 
-std::uint64_t valueOf(const detail::VerifiedWord& stored, const std::string& file,
+std::uint64_t valueOf(const detail::VerifiedWord& stored, const detail::MappedFile& mapping,
                       std::string_view what, std::uint64_t row) {
-    const std::optional<std::uint64_t> value = stored.read();
+    const std::optional<std::uint64_t> value = stored.read(mapping.wordSeed());
     if (!value)
-        throw CorruptionError(file, what, row, "does not verify");
+        throw CorruptionError(mapping.file(), what, row, "does not verify");
     return *value;
 }
 
@@ -80,8 +80,8 @@ AckMapWriter::AckMapWriter(const std::string& root, const std::string& path)
 
 AckMapWriter::AckMapWriter(detail::WriterFile mapping)
     : mapping_(std::move(mapping)),
-      consumed_(mapping_.dynamicHeader().scratchpad),
-      announceIdentity_(mapping_.dynamicHeader().tail) {
+      consumed_(mapping_.dynamicHeader().scratchpad, mapping_.wordSeed()),
+      announceIdentity_(mapping_.dynamicHeader().tail, mapping_.wordSeed()) {
     takeUp();
 }
 
@@ -94,9 +94,9 @@ void AckMapWriter::takeUp() {
         const std::optional<std::uint32_t> table = tableOf(rows[i], mapping_.seed(0), rotten);
         if (!table && !rotten)
             continue;
-        const detail::VerifiedWord::Reading version = rows[i].version.reading();
+        const detail::VerifiedWord::Reading version = rows[i].version.reading(mapping_.wordSeed());
         if (table && version.serial != 0 && entryOf(*table) == nullptr) {
-            detail::VerifiedWordWriter writer(rows[i].version);
+            detail::VerifiedWordWriter writer(rows[i].version, mapping_.wordSeed());
             if (version.rotten)
                 writer.valueIs(version.value);
             corruptions_ += version.rotten ? 1U : 0U;
@@ -135,7 +135,7 @@ bool AckMapWriter::ackIs(std::uint32_t tableId, std::uint64_t version) {
     const std::optional<std::size_t> free = freeRow();
     if (!free)
         return false;
-    detail::VerifiedWordWriter writer(rowsOf(mapping_)[*free].version);
+    detail::VerifiedWordWriter writer(rowsOf(mapping_)[*free].version, mapping_.wordSeed());
     writer.valueIs(version);
     labelIs(*free, tableId);
     entries_.push_back({tableId, *free, writer});
@@ -214,7 +214,7 @@ std::optional<std::uint64_t> AckMapReader::acknowledged(std::uint32_t tableId) c
         if (rotten)
             rottenRow = i;
         if (table == tableId)
-            return valueOf(row.version, file(), kCollection, i);
+            return valueOf(row.version, mapping_, kCollection, i);
     }
     if (rottenRow)
         throw CorruptionError(file(), kCollection, *rottenRow, "does not verify");
@@ -230,7 +230,7 @@ std::vector<Acknowledged> AckMapReader::all(
         const std::optional<std::uint32_t> table = tableOf(row, mapping_.seed(0), rotten);
         if (!table && !rotten)
             continue;
-        const std::optional<std::uint64_t> version = row.version.read();
+        const std::optional<std::uint64_t> version = row.version.read(mapping_.wordSeed());
         if (rotten || !version) {
             report(CorruptionError(file(), kCollection, i, "does not verify"));
         } else {
@@ -241,11 +241,11 @@ std::vector<Acknowledged> AckMapReader::all(
 }
 
 std::uint64_t AckMapReader::consumed() const {
-    return valueOf(mapping_.dynamic().scratchpad, file(), "consumed position", 0);
+    return valueOf(mapping_.dynamic().scratchpad, mapping_, "consumed position", 0);
 }
 
 std::uint64_t AckMapReader::announceIdentity() const {
-    return valueOf(mapping_.dynamic().tail, file(), "announce log", 0);
+    return valueOf(mapping_.dynamic().tail, mapping_, "announce log", 0);
 }
 
 bool AckMapReader::pauseRequested() const {

@@ -49,7 +49,7 @@ AnnounceLogWriter::AnnounceLogWriter(detail::WriterFile mapping)
     : mapping_(std::move(mapping)),
       slots_(mapping_.header().collection[0].slots),
       seed_(mapping_.seed(0)),
-      tail_(mapping_.dynamicHeader().tail) {
+      tail_(mapping_.dynamicHeader().tail, mapping_.wordSeed()) {
     if (tail_.rotten())
         findTail();
     // How far the reader is comes from its side; until then nothing that it may need is
@@ -132,7 +132,7 @@ AnnounceLogReader::AnnounceLogReader(detail::ReaderFile mapping)
       seed_(mapping_.seed(0)) {}
 
 std::uint64_t AnnounceLogReader::tail() const {
-    const std::optional<std::uint64_t> tail = mapping_.dynamic().tail.read();
+    const std::optional<std::uint64_t> tail = mapping_.dynamic().tail.read(mapping_.wordSeed());
     if (!tail)
         throw CorruptionError(file(), "tail", 0, "does not verify");
     return *tail;

@@ -26,7 +26,7 @@ bool isKnown(const PendingChange& pending, const detail::WriterFile& file) {
 Table::Table(TableMount mount)
     : path_(std::move(mount.path)),
       file_(std::move(mount.file)),
-      control_(file_->dynamicHeader()),
+      control_(*file_),
       journal_(file_->journal(), file_->identity()) {
     if (journal_.rotten()) {
         Table::doCorruptionDetected(

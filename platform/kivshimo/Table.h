@@ -42,8 +42,8 @@ constexpr std::uint64_t layoutFingerprint() {
 /// The words of a mounted table that readers follow.
 class CollectionControl {
 public:
-    explicit CollectionControl(detail::DynamicHeader& header)
-        : header_(&header), scratchpad_(header.scratchpad) {}
+    explicit CollectionControl(const detail::WriterFile& file)
+        : header_(&file.dynamicHeader()), scratchpad_(header_->scratchpad, file.wordSeed()) {}
 
     /// The number published last; 0 in a fresh table.
     std::uint64_t scratchpad() const { return scratchpad_.value(); }

@@ -25,7 +25,7 @@ constexpr std::uint64_t kBetweenAcknowledgements = 64;
 /// What is freed is kept a while to notice its use.
 constexpr std::uint64_t kMostGrowth_bytes = std::uint64_t{512} << 20U;
 #else
-constexpr std::uint64_t kMostGrowth_bytes = std::uint64_t{1} << 20U;
+constexpr std::uint64_t kMostGrowth_bytes = std::uint64_t{256} << 10U;
 #endif
 
 std::uint64_t resident_bytes() {

@@ -325,21 +325,21 @@ void Specimen::restore() const {
     }
 }
 
-Findings Specimen::asReaders() const {
+Findings Specimen::asReaders(const std::string& only) const {
     const HwSide::Group group{folder_};
+    const std::string resources =
+        fmt::format("resources/{}/{}", VornCountersLib::CounterBinding::kLibrary, kResources);
+    const std::pair<std::string, void (*)(Findings&, const std::string&)> readings[] = {
+        {group.configFile<Types>(kUnit), readConfig},
+        {group.changeLogFile<Types>(), readChangeLog},
+        {group.announcementsFile(), readAnnouncements},
+        {KivShimo::tableFile(folder_, HwSide::Group::acknowledgementsPath()), readAcknowledgements},
+        {KivShimo::tableFile(folder_, resources), readResources}};
     Findings findings;
-    tried(findings, [&] { readConfig(findings, group.configFile<Types>(kUnit)); });
-    tried(findings, [&] { readChangeLog(findings, group.changeLogFile<Types>()); });
-    tried(findings, [&] { readAnnouncements(findings, group.announcementsFile()); });
-    tried(findings, [&] {
-        readAcknowledgements(findings,
-                             KivShimo::tableFile(folder_, HwSide::Group::acknowledgementsPath()));
-    });
-    tried(findings, [&] {
-        readResources(findings,
-                      KivShimo::tableFile(
-                          folder_, fmt::format("resources/{}/{}", "VornCountersLib", kResources)));
-    });
+    for (const auto& [file, reading] : readings) {
+        if (only.empty() || file == folder_ + "/" + only)
+            tried(findings, [&, &read = reading, &of = file] { read(findings, of); });
+    }
     return findings;
 }
 

@@ -38,8 +38,9 @@ public:
 
     // Each reads everything that there is to read in one way.
 
-    /// By the readers' classes, which change nothing.
-    Findings asReaders() const;
+    /// By the readers' classes, which change nothing and see one file each: of all files, or of
+    /// that one.
+    Findings asReaders(const std::string& only = {}) const;
     /// By the hardware side, beginning with what is acknowledged, or from the first announcement.
     Findings asHardware(bool isAcknowledged) const;
     /// By the agent's tables, which take the files up and then go on working. Ends the process when

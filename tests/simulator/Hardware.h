@@ -2,11 +2,13 @@
 // hold of what it has programmed.
 #pragma once
 
+#include <array>
 #include <deque>
 #include <map>
 #include <optional>
 #include <string>
 #include <tuple>
+#include <type_traits>
 
 #include "hwside/LogReader.h"
 #include "tests/model/Reference.h"
@@ -81,8 +83,12 @@ public:
         const Asic::UnitId unit{static_cast<std::uint16_t>(carried.unit + 1)};
         if (carried.kind != ModelTests::Kind::removeAll) {
             Was was{carried.version, std::nullopt, needed};
-            if (carried.kind == ModelTests::Kind::write)
+            if (carried.kind == ModelTests::Kind::write) {
                 was.content = carried.entry.toLogEntry();
+                if constexpr (kHasIndexes)
+                    was.requests = {carried.entry.counterRequestKey.requestId,
+                                    carried.entry.policerRequestKey.requestId};
+            }
             keys_[{unit, carried.key}].push_back(std::move(was));
             return;
         }
@@ -96,7 +102,10 @@ public:
     void check(const HwSide::Tcam& tcam, std::uint64_t acknowledged,
                const KivShimo::AckMapWriter& acks) {
         std::size_t held = 0;
+        users_ = {};
         for (auto& [at, versions] : keys_) {
+            if constexpr (kHasIndexes)
+                checkIndexes(versions, acknowledged);
             const auto* inHardware = find(tcam, at.first, at.second);
             held += inHardware == nullptr ? 0 : 1;
             if (inHardware != nullptr)
@@ -124,7 +133,9 @@ private:
         std::uint64_t version;
         std::optional<typename Types::LogEntry> content;
         ModelTests::Needed needed;
+        std::array<std::uint32_t, 2> requests{};  ///< for a counter and a policer
     };
+    static constexpr bool kHasIndexes = std::is_same_v<Types, HwSide::ActionTypes>;
     using At = std::pair<Asic::UnitId, Key>;
     using Held = typename HwSide::TcamTable<Types>::Held;
 
@@ -157,7 +168,34 @@ private:
         }
     }
 
+    /// An index is one request's until the change that ends its use is acknowledged.
+    void checkIndexes(const std::deque<Was>& versions, std::uint64_t acknowledged) {
+        for (auto was = versions.begin(); was != versions.end(); ++was) {
+            const auto later = std::next(was);
+            const bool isOver = later != versions.end() && later->version <= acknowledged;
+            if (isOver || !was->content.has_value())
+                continue;
+            const std::uint32_t counter = was->content->counterIndex;
+            const std::uint16_t policer = was->content->policerIndex;
+            if (counter != VornPolicyCpu::kNoCounterIndex)
+                checkIndex(0, counter, *was);
+            if (policer != VornPolicyCpu::kNoPolicerIndex)
+                checkIndex(1, policer, *was);
+        }
+    }
+    void checkIndex(std::size_t resource, std::uint32_t index, const Was& was) {
+        const std::uint32_t request = was.requests.at(resource);
+        const auto [user, isNew] = users_.at(resource).try_emplace(index, request);
+        if (!isNew && user->second != request) {
+            verdict_.expect(false, fmt::format("resource {}: index {} is given to request {} while "
+                                               "hardware may use it for {}",
+                                               resource, index, request, user->second));
+        }
+    }
+
     ModelTests::Verdict& verdict_;
+    /// Requests by index, of what hardware may hold.
+    std::array<std::map<std::uint32_t, std::uint32_t>, 2> users_;
     std::map<At, std::deque<Was>> keys_;
 };
 

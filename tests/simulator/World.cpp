@@ -175,13 +175,20 @@ void World::arrive() {
     if (!isChild_)
         readAnnouncements();
     world_.paused = hardware_.acks().pauseRequested();
+    bool isNew = false;
     for (std::size_t which = 0; which < kFamilies; ++which) {
         const std::uint64_t version =
             hardware_.acks().acknowledged(families_.at(which)->tableId()).value_or(0);
         if (version == taken_.at(which))
             continue;
+        isNew = true;
         taken_.at(which) = version;
         families_.at(which)->acknowledged(version);
+    }
+    // Nobody may have rung: an agent that was about to sleep over it looks once more.
+    if (isNew && !isChild_) {
+        expect(!agent_.group()->sleepPrepared(), "no sleep over what was acknowledged");
+        agent_.group()->awake();
     }
     agent_.group()->acknowledgementsArrived();
 }

@@ -4,12 +4,15 @@
 #include "entrylog/PolicyCpuTcamActionEntryLog.h"
 #include "entrylog/PolicyCpuV4TcamEntryEntryLog.h"
 #include "entrylog/PolicyCpuV6TcamEntryEntryLog.h"
+#include "hwside/Group.h"
 #include "platform/asic/Constants.h"
 #include "platform/asic/OrderedTableInterface.h"
 #include "platform/brumo/Assert.h"
 #include "platform/kivshimo/AnnounceLog.h"
 #include "platform/kivshimo/EntityManager.h"
+#include "platform/kivshimo/MapReader.h"
 #include "platform/kivshimo/Paths.h"
+#include "platform/kivshimo/VersionLogReader.h"
 #include "tests/entrylog/Bindings.h"
 #include "tests/torture/Subjects.h"
 
@@ -113,6 +116,50 @@ private:
     Brumo::Ptr<Asic::SwTableStats> stats_ = Brumo::make<Asic::SwTableStats>();
 };
 
+/// Whether a unit's values are as a record says, or newer.
+template <class B>
+bool valuesAreAs(const typename EntryLog<B>::Record& record, const HwSide::Group& group) {
+    using Types = typename B::Types;
+    using Value = typename EntryLog<B>::ConfigValue;
+    const KivShimo::MapReader<Value> values(group.configFile<Types>(record.unitId),
+                                            Constants<Types>::configShimoType(), kSwTableEntries);
+    if (record.operation != LogOperation::allDeleted) {
+        const auto value = values.find(record.key);
+        return value.has_value() && value->version >= record.version;
+    }
+    bool areDeleted = true;
+    values.forEach([&](const Value& value) {
+        areDeleted = areDeleted && (value.inDeletion || value.version > record.version);
+    });
+    return areDeleted;
+}
+
+/// Value, record, published version, announcement: whoever sees one finds those before it.
+template <class B>
+Sight readLog(const std::string& folder, std::uint64_t reclaimed) {
+    using Types = typename B::Types;
+    const HwSide::Group group{folder};
+    const KivShimo::VersionLogReader<typename EntryLog<B>::Record> log(
+        group.changeLogFile<Types>(), Constants<Types>::entryLogShimoType(), kEntryLogConfig);
+    Sight sight{log.scratchpad(), {}};
+    for (std::uint64_t version = sight.published; version > reclaimed; --version) {
+        const auto record = log.find(version);
+        if (!record.has_value()) {
+            sight.wrong += fmt::format("{} is published without a record\n", version);
+        } else if (!valuesAreAs<B>(*record, group)) {
+            sight.wrong += fmt::format("{} is published before its value\n", version);
+        }
+    }
+    const auto announcements = KivShimo::AnnounceLogReader::open(group.announcementsFile());
+    std::uint64_t position = 0;
+    while (const auto next = announcements->next(position + 1)) {
+        position = next->position;
+        if (next->tableId == B::kTableId.whole() && next->version > sight.published)
+            sight.wrong += fmt::format("{} is announced and not published\n", next->version);
+    }
+    return sight;
+}
+
 template <class B>
 Scenario scenario(std::string_view name, std::function<void(EntryLogSubject<B>&)> prepare,
                   std::function<void(EntryLogSubject<B>&)> change, std::uint64_t acknowledged = 0) {
@@ -124,7 +171,8 @@ Scenario scenario(std::string_view name, std::function<void(EntryLogSubject<B>&)
                 return std::make_unique<EntryLogSubject<B>>(folder, acknowledged);
             },
             [as, prepare = std::move(prepare)](Subject& subject) { prepare(as(subject)); },
-            [as, change = std::move(change)](Subject& subject) { change(as(subject)); }};
+            [as, change = std::move(change)](Subject& subject) { change(as(subject)); },
+            readLog<B>};
 }
 
 template <class B>

@@ -6,6 +6,7 @@
 #include "platform/brumo/Assert.h"
 #include "platform/kivshimo/AckMap.h"
 #include "platform/kivshimo/AnnounceLog.h"
+#include "platform/kivshimo/Paths.h"
 #include "tests/torture/Subjects.h"
 
 namespace Torture {
@@ -13,6 +14,7 @@ namespace Torture {
 namespace {
 
 constexpr const char* kPath = "group/log";
+constexpr const char* kAcksPath = "group/acks";
 constexpr std::uint64_t kSlots = 16;
 constexpr std::array<KivShimo::NeededVersion, 5> kNeeded{
     {{1, 11}, {2, 12}, {3, 13}, {4, 14}, {5, 15}}};
@@ -43,7 +45,7 @@ private:
 
 class AckSubject final : public Subject {
 public:
-    explicit AckSubject(const std::string& folder) : acks_(folder, "group/acks") {}
+    explicit AckSubject(const std::string& folder) : acks_(folder, kAcksPath) {}
 
     KivShimo::AckMapWriter& acks() { return acks_; }
     std::string state() override {
@@ -63,6 +65,24 @@ public:
 private:
     KivShimo::AckMapWriter acks_;
 };
+
+Sight readAnnouncements(const std::string& folder, std::uint64_t /*reclaimed*/) {
+    const auto log = KivShimo::AnnounceLogReader::open(KivShimo::tableFile(folder, kPath));
+    Sight sight{log->tail(), {}};
+    std::uint64_t position = 0;
+    while (const auto next = log->next(position + 1))
+        position = next->position;
+    if (position != sight.published)
+        sight.wrong = "the tail does not end an announcement";
+    return sight;
+}
+
+Sight readAcknowledgements(const std::string& folder, std::uint64_t /*reclaimed*/) {
+    const auto acks = KivShimo::AckMapReader::open(KivShimo::tableFile(folder, kAcksPath));
+    acks->all();
+    acks->announceIdentity();
+    return {acks->consumed(), {}};
+}
 
 }  // namespace
 
@@ -87,12 +107,13 @@ std::vector<Scenario> groupScenarios() {
     };
     return {
         {"announcement", mountLog, [announces](Subject& s) { announces(s).append(1); },
-         [announces](Subject& s) { announces(s).append(2); }},
-        {"acknowledgement", mountAcks, acknowledged, [acks](Subject& s) { acks(s).ackIs(1, 9); }},
+         [announces](Subject& s) { announces(s).append(2); }, readAnnouncements},
+        {"acknowledgement", mountAcks, acknowledged, [acks](Subject& s) { acks(s).ackIs(1, 9); },
+         readAcknowledgements},
         {"first acknowledgement of a table", mountAcks, acknowledged,
-         [acks](Subject& s) { acks(s).ackIs(3, 9); }},
+         [acks](Subject& s) { acks(s).ackIs(3, 9); }, readAcknowledgements},
         {"consumed position", mountAcks, acknowledged,
-         [acks](Subject& s) { acks(s).consumedIs(8); }},
+         [acks](Subject& s) { acks(s).consumedIs(8); }, readAcknowledgements},
     };
 }
 

@@ -1,5 +1,6 @@
 // A writer killed at any instruction leaves files from which the next mount makes the state before
-// its change or the state after it, and so does a mount that is killed while it does so.
+// its change or the state after it, and so does a mount that is killed while it does so. Readers
+// who look before that mount find nothing announced or published that is not there.
 //
 // VORN_TORTURE=full steps recoveries of each kind of change; otherwise of three.
 #include <fmt/format.h>
@@ -8,6 +9,7 @@
 #include <cstdlib>
 #include <set>
 
+#include "platform/brumo/Trace.h"
 #include "tests/support/TempDir.h"
 #include "tests/torture/Stepper.h"
 #include "tests/torture/Subjects.h"
@@ -38,15 +40,29 @@ std::vector<Scenario> allScenarios() {
 
 class KilledAtEveryInstruction : public testing::TestWithParam<Scenario> {
 protected:
-    /// What the next mount makes of the files, and that it goes on working.
+    /// What the next mount makes of the files and reports of them, and that it goes on working.
     std::string recovered(const Image& image) {
         imageIs(folder_.path(), image);
         return inChild([this] {
+            std::string reports;
+            Brumo::traceFilterIs("*/0;KivShimo/1");
+            Brumo::traceSinkIs([&](const Brumo::TraceRecord& record) {
+                reports += fmt::format("reported: {}\n", record.text);
+            });
             const auto subject = GetParam().mount(folder_.path());
             std::string state = subject->state();
             subject->use();
-            return state;
+            return state + reports;
         });
+    }
+    /// What readers find in the files before the next mount.
+    Sight read(const Image& image, std::uint64_t reclaimed) {
+        imageIs(folder_.path(), image);
+        try {
+            return GetParam().read(folder_.path(), reclaimed);
+        } catch (const std::exception& error) {
+            return {0, error.what()};
+        }
     }
     Steps steppedRecovery(const Image& image) {
         imageIs(folder_.path(), image);
@@ -81,6 +97,7 @@ TEST_P(KilledAtEveryInstruction, LeavesTheStateBeforeOrAfter) {
     const std::string after = recovered(steps.after);
     EXPECT_EQ(before.find("exception"), std::string::npos) << before;
 
+    const std::uint64_t published = read(steps.images.front(), UINT64_MAX).published;
     std::size_t good = 0;
     bool isAfter = false;
     std::size_t recoveries = 0;
@@ -88,6 +105,7 @@ TEST_P(KilledAtEveryInstruction, LeavesTheStateBeforeOrAfter) {
     std::uint64_t recoveryInstructions = 0;
     std::set<std::uint64_t> known;
     for (std::size_t i = 0; i < steps.images.size(); ++i) {
+        ASSERT_EQ(read(steps.images[i], published).wrong, "") << "readers of image " << i;
         const std::string state = recovered(steps.images[i]);
         const bool fits = state == before || state == after;
         ASSERT_TRUE(fits) << "image " << i << " of " << steps.images.size() << ":\n"

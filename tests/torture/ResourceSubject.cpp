@@ -73,6 +73,19 @@ private:
     HandlePtr kept_;
 };
 
+Sight readRecords(const std::string& folder, std::uint64_t /*reclaimed*/) {
+    using File = Asic::ResourceFile<VornCountersLib::CounterBinding>;
+    const KivShimo::MapReader<File::Record> reader(
+        KivShimo::tableFile(folder, fmt::format("resources/VornCountersLib/{}", kName)),
+        File::typeName(), File::kCollection);
+    try {
+        reader.forEach([](const File::Record&) {});
+    } catch (const KivShimo::BusyError&) {
+        // One of them was being stored.
+    }
+    return {reader.scratchpad(), {}};
+}
+
 }  // namespace
 
 std::vector<Scenario> resourceScenarios() {
@@ -89,15 +102,17 @@ std::vector<Scenario> resourceScenarios() {
         as(subject).move(1);
     };
     return {
-        {"resource: request", mount, used, [as](Subject& s) { as(s).keep(as(s).request(2)); }},
-        {"resource: move", mount, used, [as](Subject& s) { as(s).move(1); }},
+        {"resource: request", mount, used, [as](Subject& s) { as(s).keep(as(s).request(2)); },
+         readRecords},
+        {"resource: move", mount, used, [as](Subject& s) { as(s).move(1); }, readRecords},
         {"resource: acknowledged update", mount, moved,
          [as](Subject& subject) {
              S& s = as(subject);
              s.client().ackUpdate(s.kept(), s.kept()->updateVersion(), nullptr);
-         }},
+         },
+         readRecords},
         {"resource: release", mount, used,
-         [as](Subject& s) { as(s).client().release(as(s).kept(), nullptr); }},
+         [as](Subject& s) { as(s).client().release(as(s).kept(), nullptr); }, readRecords},
     };
 }
 

@@ -1,6 +1,7 @@
 // What is killed: how it is mounted from its files, and what can be told of it afterwards.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -19,12 +20,20 @@ public:
     virtual void use() = 0;
 };
 
+/// What readers find in files that nobody has mounted since their writer was killed.
+struct Sight {
+    std::uint64_t published = 0;
+    std::string wrong;  ///< what no reader may meet
+};
+
 struct Scenario {
     std::string name;
     /// Mounts what lies below the folder, making it the first time. This is the recovery.
     std::function<std::unique_ptr<Subject>(const std::string& folder)> mount;
     std::function<void(Subject&)> prepare;
     std::function<void(Subject&)> change;
+    /// What readers find; of versions up to `reclaimed` the records may be gone.
+    std::function<Sight(const std::string& folder, std::uint64_t reclaimed)> read;
 };
 
 std::vector<Scenario> entryLogScenarios();

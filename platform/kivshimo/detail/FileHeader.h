@@ -99,6 +99,11 @@ static_assert(offsetof(DynamicHeader, sleepEpoch) == 256);
 static_assert(offsetof(DynamicHeader, structure) == 320);
 static_assert(offsetof(DynamicHeader, pause) == 384 && sizeof(DynamicHeader) == 448);
 
+/// Seeds the checks of a file's verified words.
+constexpr std::uint64_t wordSeed(std::uint64_t identity) {
+    return mixed(identity, 0x766572696679U);
+}
+
 /// "NOTWIPED" and "WIPED", read as numbers. A word that is rotten or zero counts as wiped.
 constexpr std::uint64_t kNotWiped = 0x4E4F545749504544U;
 constexpr std::uint64_t kWiped = 0x0000005749504544U;

@@ -15,7 +15,8 @@ namespace KivShimo {
 
 template <class Value>
 std::uint64_t MapReader<Value>::scratchpad() const {
-    const std::optional<std::uint64_t> value = mapping_.dynamic().scratchpad.read();
+    const std::optional<std::uint64_t> value =
+        mapping_.dynamic().scratchpad.read(mapping_.wordSeed());
     if (!value)
         throw CorruptionError(file(), "scratchpad", 0, "does not verify");
     return *value;

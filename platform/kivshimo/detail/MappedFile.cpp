@@ -100,8 +100,9 @@ struct FreshPages {
     FreshPages(const StaticHeader& header, bool wiped) {
         DynamicHeader dynamic{};
         dynamic.wiped = wiped ? kWiped : kNotWiped;
-        VerifiedWordWriter(dynamic.scratchpad).valueIs(0);
-        VerifiedWordWriter(dynamic.tail).valueIs(0);
+        const std::uint64_t seed = wordSeed(header.identity);
+        VerifiedWordWriter(dynamic.scratchpad, seed).valueIs(0);
+        VerifiedWordWriter(dynamic.tail, seed).valueIs(0);
         std::memcpy(bytes, &header, sizeof(header));
         std::memcpy(bytes + kDynamicOffset, &dynamic, sizeof(dynamic));
     }

@@ -58,6 +58,8 @@ public:
     std::uint64_t seed(std::size_t collection) const {
         return mixed(header_.identity, collection + 1);
     }
+    /// Seeds the checks of verified words.
+    std::uint64_t wordSeed() const { return detail::wordSeed(header_.identity); }
     /// True when the path leads to another file by now, or to none.
     bool stale() const;
 

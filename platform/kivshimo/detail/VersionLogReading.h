@@ -13,7 +13,8 @@ namespace KivShimo {
 
 template <class Record, class VersionOf>
 std::uint64_t VersionLogReader<Record, VersionOf>::scratchpad() const {
-    const std::optional<std::uint64_t> value = mapping_.dynamic().scratchpad.read();
+    const std::optional<std::uint64_t> value =
+        mapping_.dynamic().scratchpad.read(mapping_.wordSeed());
     if (!value)
         throw CorruptionError(file(), "scratchpad", 0, "does not verify");
     return *value;

@@ -31,43 +31,44 @@ std::optional<Cell> settled(const Cell& place) {
     return cell;
 }
 
-bool verifies(const Cell& cell) {
-    return cell.serial != 0 && cell.check == Cell::checkOf(cell.value, cell.serial);
+bool verifies(const Cell& cell, std::uint64_t seed) {
+    return cell.serial != 0 && cell.check == Cell::checkOf(cell.value, cell.serial, seed);
 }
 
 /// Whether a cell that does not verify is the one that was stored before the other, of that serial.
 /// Any one of its words may be wrong, the serial too.
-bool isOlder(const Cell& rotten, std::uint64_t serial) {
-    if (rotten.check == Cell::checkOf(rotten.value, serial - 1))
+bool isOlder(const Cell& rotten, std::uint64_t serial, std::uint64_t seed) {
+    if (rotten.check == Cell::checkOf(rotten.value, serial - 1, seed))
         return true;
-    return rotten.serial == serial - 1 && rotten.check != Cell::checkOf(rotten.value, serial + 1);
+    return rotten.serial == serial - 1 &&
+           rotten.check != Cell::checkOf(rotten.value, serial + 1, seed);
 }
 
 }  // namespace
 
-VerifiedWord::Reading VerifiedWord::reading() const {
+VerifiedWord::Reading VerifiedWord::reading(std::uint64_t seed) const {
     const std::optional<Cell> both[2] = {settled(cells[0]), settled(cells[1])};
     Reading result;
     for (const auto& cell : both) {
-        if (cell && verifies(*cell) && cell->serial > result.serial)
+        if (cell && verifies(*cell, seed) && cell->serial > result.serial)
             result = {cell->value, cell->serial, false};
     }
     result.rotten = result.serial == 0;
     for (const auto& cell : both) {
-        if (cell && !verifies(*cell) && !isOlder(*cell, result.serial))
+        if (cell && !verifies(*cell, seed) && !isOlder(*cell, result.serial, seed))
             result.rotten = true;
     }
     return result;
 }
 
-std::optional<std::uint64_t> VerifiedWord::read() const {
+std::optional<std::uint64_t> VerifiedWord::read(std::uint64_t seed) const {
     // What seems rotten, or older than what was read before, may be what the writer's stores have
     // overtaken: then a cell has changed meanwhile.
     std::optional<std::uint64_t> last;
     for (int attempt = 0; attempt < 1000; ++attempt) {
         const std::uint64_t checks[2] = {word(cells[0].check).load(std::memory_order_acquire),
                                          word(cells[1].check).load(std::memory_order_acquire)};
-        const Reading now = reading();
+        const Reading now = reading(seed);
         std::atomic_thread_fence(std::memory_order_acquire);
         if (now.rotten)
             continue;
@@ -78,8 +79,9 @@ std::optional<std::uint64_t> VerifiedWord::read() const {
     return last;
 }
 
-VerifiedWordWriter::VerifiedWordWriter(VerifiedWord& place) : place_(&place) {
-    const VerifiedWord::Reading stored = place.reading();
+VerifiedWordWriter::VerifiedWordWriter(VerifiedWord& place, std::uint64_t seed)
+    : place_(&place), seed_(seed) {
+    const VerifiedWord::Reading stored = place.reading(seed);
     value_ = stored.value;
     serial_ = stored.serial;
     rotten_ = clears_ = stored.rotten;

@@ -81,7 +81,9 @@ struct Words {
 
 /// One published number in two cells that take turns. A store writes the cell that holds the older
 /// number, so a writer that dies in the middle leaves the newer one whole. The check is 0 while its
-/// cell is stored: so a store that was cut off is told from a cell that has rotted.
+/// cell is stored: so a store that was cut off is told from a cell that has rotted. A seed, the
+/// same for writer and readers, makes the word one of its file: no other file's verifies in its
+/// place.
 ///
 ///   0       8        16      24      32       40      48
 ///   | value | serial | check | value | serial | check |
@@ -91,8 +93,9 @@ struct VerifiedWord {
         std::uint64_t serial;  ///< counts the stores; the higher valid one is the newer
         std::uint64_t check;
 
-        static std::uint64_t checkOf(std::uint64_t value, std::uint64_t serial) {
-            return mixed(mixed(value, serial), 0x766572696679U) | 1U;
+        static std::uint64_t checkOf(std::uint64_t value, std::uint64_t serial,
+                                     std::uint64_t seed) {
+            return mixed(mixed(value, serial), seed) | 1U;
         }
     };
     Cell cells[2];
@@ -103,9 +106,9 @@ struct VerifiedWord {
         bool rotten = false;       ///< what was stored last does not verify
     };
     /// What the cells say now.
-    Reading reading() const;
+    Reading reading(std::uint64_t seed) const;
     /// What a reader gets: tries again while the writer overtakes it. Empty means rotten.
-    std::optional<std::uint64_t> read() const;
+    std::optional<std::uint64_t> read(std::uint64_t seed) const;
 };
 static_assert(sizeof(VerifiedWord) == 48);
 
@@ -114,7 +117,7 @@ class VerifiedWordWriter {
 public:
     /// Takes up what is stored. Where that has rotted, `rotten()` says so, and the value before
     /// counts, or 0 without one: whoever knows better stores it again.
-    explicit VerifiedWordWriter(VerifiedWord& place);
+    VerifiedWordWriter(VerifiedWord& place, std::uint64_t seed);
 
     std::uint64_t value() const { return value_; }
     bool rotten() const { return rotten_; }
@@ -129,7 +132,7 @@ public:
         word(cell.value).store(value, std::memory_order_relaxed);
         word(cell.serial).store(serial_, std::memory_order_relaxed);
         word(cell.check)
-            .store(VerifiedWord::Cell::checkOf(value, serial_), std::memory_order_release);
+            .store(VerifiedWord::Cell::checkOf(value, serial_, seed_), std::memory_order_release);
         // What has rotted in the other cell must not stand beside a value that is known again.
         if (std::exchange(clears_, false)) [[unlikely]]
             word(place_->cells[(serial_ + 1) & 1U].check).store(0, std::memory_order_release);
@@ -138,6 +141,7 @@ public:
 
 private:
     VerifiedWord* place_;
+    std::uint64_t seed_;
     std::uint64_t value_ = 0;
     std::uint64_t serial_ = 0;
     bool rotten_ = false;

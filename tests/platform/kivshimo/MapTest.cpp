@@ -1,3 +1,4 @@
+#include <bit>
 #include <map>
 #include <random>
 #include <stdexcept>
@@ -252,6 +253,18 @@ TEST_F(MapTest, RottenHeadOfAChainIsNoAbsence) {
     EXPECT_THROW(reader.find(item(1, 0).key()), CorruptionError);
     EXPECT_THROW(reader.find(item(2, 0).key()), CorruptionError);
     EXPECT_EQ(table->items.find(item(1, 0).key()), item(1, 1));
+}
+
+TEST_F(MapTest, LinkThatPassesOverAValueOfItsChainIsNoAbsence) {
+    const auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    table->items.insertOrReplace(item(98, 98));  // of the same hash
+    const Reader reader(itemsFile(), kItemType, "items");
+    const std::uint64_t bucket =
+        item(1, 0).key().hash(0) >> (32U - std::countr_zero(detail::mapBuckets(64)));
+    flip(itemsFile(), detail::kAreasOffset + 8 * bucket);  // from slot 0 to slot 1
+    EXPECT_THROW(reader.find(item(1, 0).key()), CorruptionError);
+    EXPECT_THROW(reader.first(), CorruptionError);
 }
 
 TEST_F(MapTest, WalkDoesNotFollowALinkIntoAnotherChain) {
