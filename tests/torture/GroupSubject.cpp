@@ -79,7 +79,7 @@ Sight readAnnouncements(const std::string& folder, std::uint64_t /*reclaimed*/) 
 
 Sight readAcknowledgements(const std::string& folder, std::uint64_t /*reclaimed*/) {
     const auto acks = KivShimo::AckMapReader::open(KivShimo::tableFile(folder, kAcksPath));
-    acks->all();
+    acks->all([](const KivShimo::CorruptionError& error) { throw error; });
     acks->announceIdentity();
     return {acks->consumed(), {}};
 }
