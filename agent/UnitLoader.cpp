@@ -41,15 +41,26 @@ std::string nameOf(const std::vector<Named<Entry>>& entries, std::uint64_t key) 
 }  // namespace
 
 void PolicyLoader::UnitLoader::load(const Policy& policy, const Figures& figures) {
+    dropWhatHasNotBegun();
     policy_ = policy;
     figures_ = figures;
-    deferred_.clear();
     loadActions();
     loadMatches<V4Types>(*tables_.ipv4, policy_->ipv4, failedV4_);
     loadMatches<V6Types>(*tables_.ipv6, policy_->ipv6, failedV6_);
     figures_->written += deferred_.size();
     figures_->inProgress += deferred_.size();
     nextPhase();
+}
+
+/// It is found again, unless the next policy wants it otherwise.
+void PolicyLoader::UnitLoader::dropWhatHasNotBegun() {
+    if (figures_ != nullptr) {
+        figures_->written -= deferred_.size();
+        figures_->removed -= staleActions_.size();
+        figures_->inProgress -= deferred_.size() + staleActions_.size();
+    }
+    deferred_.clear();
+    staleActions_.clear();
 }
 
 void PolicyLoader::UnitLoader::loadActions() {
@@ -64,8 +75,6 @@ void PolicyLoader::UnitLoader::loadActions() {
         if (found != held.end())
             held.erase(found);
     }
-    // Whatever an earlier load still had to remove is found again, unless this policy wants it.
-    staleActions_.clear();
     for (const auto& [key, entry] : held)
         staleActions_.push_back(entry.key);
     std::sort(staleActions_.begin(), staleActions_.end());

@@ -38,6 +38,7 @@ private:
     };
     using FailedKeys = std::unordered_map<std::uint64_t, Failure>;
 
+    void dropWhatHasNotBegun();
     void loadActions();
     void writeAction(const ActionEntry& entry);
     template <class Types>

@@ -188,6 +188,17 @@ TEST_F(PolicyLoaderTest, MakesTheLastOfTheLoadsThatWaitedWhenChangesAreAcknowled
     EXPECT_EQ(finished_[0].complete, 1U);
 }
 
+TEST_F(PolicyLoaderTest, CountsNothingAsInProgressThatALaterLoadHasTakenOver) {
+    mostInProgressIs(4);
+    for (int round = 0; round < 10; ++round) {
+        settle(simple({"a", "b"}, {"x a"}));
+        loader_->load(simple({"a"}, {"y a"}));  // still has to remove action b
+        loader_->load(simple({"a", "b"}, {"y a"}));
+        EXPECT_EQ(loader_->figures().waiting, "") << round;
+        journal_.completeAll();
+    }
+}
+
 TEST_F(PolicyLoaderTest, DoesNotDependOnAnActionThatIsComplete) {
     loader_->load(simple({"a"}, {"x a"}));
     journal_.complete(0);
