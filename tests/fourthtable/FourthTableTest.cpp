@@ -43,9 +43,7 @@ protected:
     }
     void close() {
         table_ = nullptr;
-        auto& singleton = Asic::SwTableInterfacesSingleton::instance();
-        singleton.swTableIntf(Family::registryName())->onDelete();
-        singleton.swTableIntfDel(Family::registryName());
+        TestSupport::endFamily(Family::registryName());
     }
     void restart() {
         close();

@@ -43,13 +43,17 @@ void InProcessAgent::start() {
     intf_->resourceTableIs("VornPolicerLib", "PolicerIndexRequest.VornPolicyCpu", policers_);
 }
 
-void InProcessAgent::stop() {
+void endFamily(const std::string& registryName) {
     auto& singleton = Asic::SwTableInterfacesSingleton::instance();
-    const auto drop = [&](auto& family) {
+    singleton.swTableIntf(registryName)->onDelete();
+    singleton.swTableIntfDel(registryName);
+}
+
+void InProcessAgent::stop() {
+    const auto drop = [](auto& family) {
         if (family == nullptr)
             return;
-        family->onDelete();
-        singleton.swTableIntfDel(family->registryName());
+        endFamily(family->registryName());
         family = nullptr;
     };
     drop(v6Entries_);

@@ -19,6 +19,9 @@
 
 namespace TestSupport {
 
+/// Ends a family of tables, as the end of its process does. REQUIRES: its tables are gone.
+void endFamily(const std::string& registryName);
+
 class InProcessAgent {
 public:
     struct Options {
