@@ -39,7 +39,7 @@ bool isTrusted(LocalStream::socket& socket) {
     if (getsockopt(socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
         return false;
     }
-    return peer.uid == geteuid() || peer.uid == 0;
+    return mayAsk(peer.uid);
 }
 
 Json refusal(std::string_view reason) {
@@ -51,6 +51,10 @@ std::string lineOf(const Json& answer) {
 }
 
 }  // namespace
+
+bool mayAsk(uid_t peer) {
+    return peer == geteuid() || peer == 0;
+}
 
 std::string controlAnswer(const ControlServer::Handler& handler, const std::string& line) {
     const Json request = Json::parse(line, nullptr, false);

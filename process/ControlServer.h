@@ -11,6 +11,8 @@
 //     the answer is sent.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -52,6 +54,9 @@ private:
     std::shared_ptr<Handler> handler_;
     std::shared_ptr<std::size_t> connections_ = std::make_shared<std::size_t>(0);
 };
+
+/// Whether a peer of this user is answered: the server's own user, and root. Any thread.
+bool mayAsk(uid_t peer);
 
 /// The answer to one line; never throws for what the line holds.
 std::string controlAnswer(const ControlServer::Handler& handler, const std::string& line);

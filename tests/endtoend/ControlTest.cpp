@@ -128,6 +128,7 @@ TEST_P(Control, ServesOnAfterAClientThatGoesInTheMiddleOfARequest) {
 }
 
 TEST_P(Control, RefusesAnotherUser) {
+    // Whom the server answers is tested for everybody (MayAsk); that it asks takes two users.
     if (::geteuid() != 0)
         GTEST_SKIP() << "only root can become another user";
     // The modes that keep others out are taken away: it is the check of the peer that counts.

@@ -58,6 +58,12 @@ protected:
     std::thread thread_;
 };
 
+TEST(MayAsk, IsForTheServersUserAndRootOnly) {
+    EXPECT_TRUE(mayAsk(geteuid()));
+    EXPECT_TRUE(mayAsk(0));
+    EXPECT_FALSE(mayAsk(geteuid() + 1));
+}
+
 TEST_F(ControlServerTest, AnswersEveryLineInOrder) {
     EXPECT_EQ(exchange("{\"a\":1}\n{\"b\":2}\n", 2),
               "{\"ok\":true,\"asked\":{\"a\":1}}\n{\"ok\":true,\"asked\":{\"b\":2}}\n");

@@ -117,8 +117,10 @@ TEST_F(OwnershipTest, RootThatIsALinkIsRefused) {
 }
 
 TEST_F(OwnershipTest, WhatBelongsToAnotherUserIsRefused) {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "only root can give files away";
+    if (geteuid() != 0) {  // nobody else can give files away, but root's folders are there
+        expectRefused("belongs to another user", [] { AnnounceLogWriter("/usr", "group/log", 8); });
+        return;
+    }
     makeAnnouncements();
     const auto mount = [&] { AnnounceLogWriter(root(), "group/log", 8); };
     for (const std::string& path :
