@@ -10,7 +10,7 @@ namespace {
 
 const Brumo::TraceSource kTrace{"HwSideLogReader", "LogReader"};
 
-/// Announcements looked through for a later change of a key that hardware does not hold.
+/// Announcements looked through for the later change of a key that was written again.
 constexpr std::size_t kLookAhead = 1024;
 
 Asic::SwTableId idOf(std::uint32_t tableId) {
@@ -165,11 +165,10 @@ bool LogReader::carriedOut(const KivShimo::Announcement& announcement) {
                 break;
             case Applied::superseded:
                 ++counters_.superseded;
-                break;
-            case Applied::unheld:
-                ++counters_.superseded;
-                if (isAnnouncedAndMet(tableId, table->laterVersion()))
+                if (const auto later = table->laterVersion();
+                    later.has_value() && isAnnouncedAndMet(tableId, *later)) {
                     table->programLater();
+                }
                 break;
             case Applied::rotten:
                 break;  // the table has counted it

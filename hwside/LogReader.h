@@ -8,11 +8,13 @@
 //  1. Nothing is programmed before every (table, version) that its announcement needs is
 //     acknowledged. An announcement that has to wait holds back later ones of its own table; those
 //     of other tables go on.
-//  2. A version is acknowledged once hardware is as the table was at that version or later.
+//  2. A version is acknowledged once hardware is as the table was at that version or later; but for
+//     a key that was written again meanwhile, while what its later value needs is not there: that
+//     keeps what hardware has until its own announcement.
 //  3. The consumed position lies before the oldest announcement that is not done.
 //  4. Hardware is never touched for what it already holds.
-//  5. A written key is held by hardware when its version is acknowledged: where a later change has
-//     replaced the value meanwhile, that later value is programmed, if what it needs is there.
+//  5. Where a later change has replaced the value of a written key meanwhile, that later value is
+//     programmed at once, if it is announced and what it needs is there.
 //
 // Rotten records. A rotten or missing announcement or change record does not say what it was about,
 // so everything is taken from the configurations once (a snapshot), which hold it as well. A rotten

@@ -59,7 +59,9 @@ public:
     bool stale() const override;
     void close() override;
     Applied apply(Asic::LogVersion version) override;
-    Asic::LogVersion laterVersion() const override { return later_.value.version; }
+    std::optional<Asic::LogVersion> laterVersion() const override {
+        return later_.value.inDeletion ? std::nullopt : std::optional(later_.value.version);
+    }
     void programLater() override {
         tcam_->program<Types>(later_.unit, later_.value.logEntry, later_.value.version);
     }
@@ -98,7 +100,7 @@ private:
     std::optional<ChangeLog> changeLog_;
     std::map<Asic::UnitId, Config> configs_;
     std::uint64_t rotten_ = 0;
-    Later later_;  ///< of the last `unheld`
+    Later later_;  ///< of the last `superseded`
 
     // Of the snapshot under way
     std::map<Asic::UnitId, std::set<Key>> kept_;
@@ -207,13 +209,10 @@ Applied ShimoTableReader<Types>::write(const Record& record) {
         kTrace(1, " {}: {}: there is no such value", Types::kName, record.toText());
         return Applied::lost;
     }
-    if (value->version > record.version && !value->inDeletion &&
-        !tcam_->holds<Types>(record.unitId, record.key)) {
+    if (value->version > record.version || value->inDeletion) {
         later_ = {record.unitId, *value};
-        return Applied::unheld;
-    }
-    if (value->version > record.version || value->inDeletion)
         return Applied::superseded;
+    }
     tcam_->program<Types>(record.unitId, value->logEntry, value->version);
     return Applied::done;
 }

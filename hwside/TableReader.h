@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "hwside/Group.h"
@@ -16,7 +17,6 @@ namespace HwSide {
 enum class Applied : std::uint8_t {
     done,
     superseded,  ///< the value is of a later change, whose announcement follows
-    unheld,      ///< superseded likewise, and hardware holds nothing for the key
     rotten,      ///< the value does not verify: reported, nothing programmed
     lost,        ///< the record or the value is not there or does not verify
     busy,        ///< the agent is storing it
@@ -34,8 +34,9 @@ public:
 
     /// Looks a change up and carries it out.
     virtual Applied apply(Asic::LogVersion version) = 0;
-    /// After `unheld`: the version of the later change, and programming its value already now.
-    virtual Asic::LogVersion laterVersion() const = 0;
+    /// After `superseded`: the version of the later change, and programming its value already now;
+    /// nothing when that change deletes the key.
+    virtual std::optional<Asic::LogVersion> laterVersion() const = 0;
     virtual void programLater() = 0;
 
     /// The last version published; 0 when there is no change log. Throws KivShimo::CorruptionError,

@@ -130,12 +130,6 @@ public:
     }
     /// Whether there was such an entry.
     template <class Types>
-    bool holds(Asic::UnitId unit, const typename Types::Key& key) const {
-        const auto at = units_.find(unit);
-        return at != units_.end() && at->second.template table<Types>().find(key) != nullptr;
-    }
-
-    template <class Types>
     bool remove(Asic::UnitId unit, const typename Types::Key& key) {
         const auto at = units_.find(unit);
         if (at == units_.end() || !at->second.template table<Types>().remove(key))

@@ -151,6 +151,34 @@ TEST_F(LogReaderTest, SkipsASupersededValueUntilItsOwnAnnouncement) {
     expectAllSame();
 }
 
+TEST_F(LogReaderTest, ProgramsTheLaterValueOfAKeyThatHardwareHolds) {
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 100));
+    reader_->pump();
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 200));
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 300));
+    EXPECT_EQ(reader_->pump(1), Progress::more);
+    EXPECT_EQ(acked(kAction), 2U);
+    expectAllSame();
+    reader_->pump();
+    EXPECT_EQ(acked(kAction), 3U);
+    EXPECT_EQ(tcam_->counters<ActionTypes>(),
+              (ProgramCounters{.added = 1, .changed = 1, .unchanged = 1}));
+}
+
+TEST_F(LogReaderTest, LeavesAHeldKeyAsItIsWhileItsLaterValueWaits) {
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 100));
+    reader_->pump();
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 200));
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 300), {{kV4, 1}});
+    reader_->pump();
+    EXPECT_EQ(acked(kAction), 2U);
+    EXPECT_EQ(tcam_->counters<ActionTypes>(), (ProgramCounters{.added = 1}));
+    agent_->write<V4Types>(kUnit, matchEntry<V4Types>(1, 1));
+    reader_->pump();
+    EXPECT_EQ(acked(kAction), 3U);
+    expectAllSame();
+}
+
 TEST_F(LogReaderTest, ProgramsTheLaterValueOfAKeyThatHardwareDoesNotHold) {
     reader_->pump();
     const std::uint64_t action = agent_->write<ActionTypes>(kUnit, actionEntry(1, 100));
