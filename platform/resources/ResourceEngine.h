@@ -113,7 +113,7 @@ private:
     Allocation* allocationOf(const Handle& handle);
     void noteTable(Allocation& allocation, const Entry& entry);
     void endUses(ClientId client, const Key& key, std::uint32_t updateVersion, const Entry& entry,
-                 bool forAllUsers);
+                 const TableVersion& handedOut);
     void retire(Allocation& allocation);
     void handleGone(const ResourceHandle<Key>* handle, const Key& key);
     void giveBack(Allocation& allocation);

@@ -33,7 +33,10 @@ void ResourceEngine<Binding>::ackUpdate(ClientId client, const Handle& handle,
         found->users.push_back(client);
     }
     noteTable(*found, entry);
-    endUses(client, handle.key(), updateVersion, entry, true);
+    TableVersion handedOut;
+    if (found->userTable.whole() != 0 && group_ != nullptr)
+        handedOut = {found->userTable, group_->handedOut(found->userTable)};
+    endUses(client, handle.key(), updateVersion, entry, handedOut);
 }
 
 template <class Binding>
@@ -43,7 +46,7 @@ void ResourceEngine<Binding>::release(ClientId client, const Handle& handle, con
     if (found == nullptr)
         return;
     noteTable(*found, entry);
-    endUses(client, handle.key(), std::numeric_limits<std::uint32_t>::max(), entry, false);
+    endUses(client, handle.key(), std::numeric_limits<std::uint32_t>::max(), entry, {});
     if (found->index)
         waits_.waitFor(*found->index, entry);
     std::erase(found->users, client);
@@ -70,18 +73,17 @@ void ResourceEngine<Binding>::noteTable(Allocation& allocation, const Entry& ent
 }
 
 /// The client uses no index of the key that was replaced at or before `updateVersion`, once the
-/// hardware has the entry's change. `forAllUsers`: the entry is one user of many, and not always
-/// the one with the highest version: an update that another resource brought about may have given
-/// others their new index later. So all that the table has handed out is waited for.
+/// hardware has the entry's change, and with it all that the table has `handedOut` (version 0:
+/// nothing). The latter is for updates: the entry is one user of many, and not always the one with
+/// the highest version, as an update that another resource brought about may have given others
+/// their new index later; and there is no entry when a clear of the table, which hardware may still
+/// have to carry out, has left the resource in use.
 template <class Binding>
 void ResourceEngine<Binding>::endUses(ClientId client, const Key& key, std::uint32_t updateVersion,
-                                      const Entry& entry, bool forAllUsers) {
+                                      const Entry& entry, const TableVersion& handedOut) {
     const std::vector<std::uint32_t>* held = returningOf_.find(key);
     if (held == nullptr)
         return;
-    TableVersion last;
-    if (forAllUsers && entry != nullptr && group_ != nullptr)
-        last = {entry->tableId(), group_->handedOut(entry->tableId())};
     const std::vector<std::uint32_t> indexes = *held;  // ending a return changes the list
     for (const std::uint32_t index : indexes) {
         Returning& returning = returning_.at(index);
@@ -89,8 +91,8 @@ void ResourceEngine<Binding>::endUses(ClientId client, const Key& key, std::uint
                            std::erase(returning.unacknowledged, client) > 0;
         if (ended || returning.untilSwept) {
             waits_.waitFor(index, entry);
-            if (last.version.value != 0)
-                waits_.waitFor(index, last);
+            if (handedOut.version.value != 0)
+                waits_.waitFor(index, handedOut);
         }
         maybeEndReturn(index);
     }

@@ -10,8 +10,9 @@
 //  2. A request is answered on a later turn. An allocation known from before a restart is the
 //     exception: its request is answered at once, with the values that it had.
 //  3. An index returns to the pool when nobody uses it by their own word (release, or ackUpdate
-//     after a move) and the hardware has taken in the changes that ended its use. Change handles
-//     that ended it with a failure, or no handle at all, end it at once.
+//     after a move) and the hardware has taken in the changes that ended its use: the one of the
+//     handle passed along, if it does not fail, and for an update all that the table of the users
+//     has handed out. Where there is nothing of that, it returns at once.
 //  4. Freed indexes go to the requests that failed for want of one, oldest first.
 //  5. Handles are referred to weakly: dropping one that was never acknowledged gives the index
 //     back.

@@ -65,12 +65,14 @@ private:
         std::uint64_t ticket = 0;
         std::uint64_t version = 0;
         std::set<std::uint32_t> users;
+        bool tableKnown = false;  ///< whose changes use it
     };
     struct Returning {
         std::uint32_t id = 0;
         std::set<std::uint32_t> owed;
         std::uint64_t version = 0;
         bool revivable = false;
+        bool tableKnown = false;
     };
 
     std::uint32_t pick(std::uint32_t below) {
@@ -121,6 +123,7 @@ private:
             return;
         made.index = newest->first;
         made.version = newest->second.version;
+        made.tableKnown = newest->second.tableKnown;
         returning_.erase(newest);
     }
     auto revivable(std::uint32_t id) {
@@ -147,8 +150,10 @@ private:
         if (!held_.contains(id))
             return;
         w_.ack(client(number), held_[id], entry);
-        allocations_[id].users.insert(number);
-        const bool last = entry != nullptr && handedOut_ != 0;
+        Allocation& allocation = allocations_[id];
+        allocation.users.insert(number);
+        allocation.tableKnown |= entry != nullptr;
+        const bool last = allocation.tableKnown && handedOut_ != 0;
         endUses(number, id, entry, last ? w_.entry(handedOut_) : nullptr);
     }
     void release(std::uint32_t number, std::uint32_t id, const Entry& entry) {
@@ -156,6 +161,7 @@ private:
             return;
         w_.release(client(number), held_[id], entry);
         Allocation& allocation = allocations_[id];
+        allocation.tableKnown |= entry != nullptr;
         endUses(number, id, entry, nullptr);
         if (allocation.index)
             waits_[*allocation.index].push_back(entry);
@@ -169,7 +175,8 @@ private:
     void giveBack(std::uint32_t id) {
         const Allocation& allocation = allocations_[id];
         if (allocation.index)
-            returning_[*allocation.index] = {id, {}, allocation.version, true};
+            returning_[*allocation.index] = {
+                id, {}, allocation.version, true, allocation.tableKnown};
         allocations_.erase(id);
     }
     void drop(std::uint32_t id) {
@@ -188,7 +195,7 @@ private:
         if (!possible)
             return;
         Allocation& moved = found->second;
-        returning_[*moved.index] = {id, moved.users, moved.version, false};
+        returning_[*moved.index] = {id, moved.users, moved.version, false, moved.tableKnown};
         moved.state = EntryState::complete;
         moved.version = ++version_;
         moved.index = indexOf(id);
@@ -291,6 +298,7 @@ private:
                     waits_[index].push_back(entry);
             }
             Allocation& claimed = allocations_[id] = allocation;
+            claimed.tableKnown |= entry != nullptr;
             claimed.state = EntryState::complete;
             claimed.users = {0};
         }
@@ -300,7 +308,8 @@ private:
             waits_[*allocation.index].push_back(handedOut_ == 0 ? nullptr : all);
             if (allocations_.contains(id))
                 continue;
-            returning_[*allocation.index] = {id, {}, allocation.version, true};
+            returning_[*allocation.index] = {
+                id, {}, allocation.version, true, allocation.tableKnown};
         }
         for (const auto& [index, returning] : returning_) {
             waits_[index].push_back(handedOut_ == 0 ? nullptr : all);

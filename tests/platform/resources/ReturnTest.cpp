@@ -158,7 +158,22 @@ TYPED_TEST(ResourceReturn, OfAReplacedIndexNeedsAllThatTheTableHasHandedOut) {
     EXPECT_EQ(w.returning(), 0U);
 }
 
-TYPED_TEST(ResourceReturn, OfAReplacedIndexIsImmediateWithoutAnEntryWhateverWasHandedOut) {
+/// A table that was cleared, its resources kept, has no entry to name; hardware still has it.
+TYPED_TEST(ResourceReturn, OfAReplacedIndexNeedsAllThatTheTableHasHandedOutWithoutAnEntryToo) {
+    auto& w = this->world;
+    const auto handle = w.use(w.a, 1);
+    w.ack(w.a, handle, w.entry(5));
+    w.table->move(w.key(1));
+    w.turn();
+    w.kept->handedOut[kUserTable] = {7};
+    w.ack(w.a, handle, nullptr);
+    w.acknowledge(6);
+    EXPECT_EQ(w.returning(), 1U);
+    w.acknowledge(7);
+    EXPECT_EQ(w.returning(), 0U);
+}
+
+TYPED_TEST(ResourceReturn, OfAReplacedIndexIsImmediateWithoutAnEntryWhereNoTableIsKnown) {
     auto& w = this->world;
     const auto handle = w.use(w.a, 1);
     w.table->move(w.key(1));
