@@ -25,6 +25,7 @@ void EntryLog<B>::cleanupEntryLog(Asic::LogVersion version) {
             cleanUp(*record);
         } else {
             tableEntryLog_->entryLogConfigDel(current);  // nobody can read it any more
+            recordsLostUpTo_ = std::max(recordsLostUpTo_, current);
             if (isWalk)
                 break;
         }
@@ -33,6 +34,26 @@ void EntryLog<B>::cleanupEntryLog(Asic::LogVersion version) {
         next = versionAtOrAfter({current.value + 1});
     }
     cleanedUpTo_ = version;
+    dropDeletedOfLostRecords(version);
+}
+
+/// What a lost record would have reclaimed is found by its value.
+template <class B>
+void EntryLog<B>::dropDeletedOfLostRecords(Asic::LogVersion version) {
+    if (recordsLostUpTo_.value == 0 || version < recordsLostUpTo_)
+        return;
+    recordsLostUpTo_ = {};
+    for (const auto& [unit, config] : tableConfigShimo_)
+        dropDeleted(*config, version);
+}
+
+/// Drops the values that were deleted at or before `version`, which the hardware side has consumed.
+template <class B>
+void EntryLog<B>::dropDeleted(ConfigTable& config, Asic::LogVersion version) {
+    config.swTableEntriesForEachWhole([&](const ConfigValue& value) {
+        if (value.inDeletion && value.version <= version)
+            config.swTableEntriesDel(value.key());
+    });
 }
 
 template <class B>

@@ -122,6 +122,8 @@ private:
     void deleteAll(ConfigTable& config, Asic::LogVersion version, Asic::UnitId unitId);
     void cleanUp(const Record& record);
     void reclaim(const Record& record, ConfigTable& config);
+    void dropDeleted(ConfigTable& config, Asic::LogVersion version);
+    void dropDeletedOfLostRecords(Asic::LogVersion version);
     void publish(const Record& record);
     void changeValue(ConfigTable& config, const ConfigValue& value, Asic::UnitId unitId,
                      const NeededPtr& neededEntry);
@@ -129,7 +131,8 @@ private:
     // What a process before has begun.
 
     void finish(const KivShimo::PendingChange& pending);
-    void restoreVersion(bool lost);
+    void restoreVersion();
+    Asic::LogVersion announcedBefore() const;
     void announceWhatWasNot(const std::optional<KivShimo::PendingChange>& pending);
 
     std::optional<Asic::LogVersion> suppressed(const LogEntry& logEntry,
@@ -146,6 +149,9 @@ private:
     Brumo::Ptr<ChangeLog> tableEntryLog_;
     std::map<Asic::UnitId, Brumo::Ptr<ConfigTable>> tableConfigShimo_;
     Asic::LogVersion cleanedUpTo_;
+    /// Records up to here are gone or cannot be read: the values whose deletion they record are
+    /// looked for when the hardware side has come this far. 0 when there are none.
+    Asic::LogVersion recordsLostUpTo_;
 };
 
 template <class B>

@@ -38,7 +38,7 @@ void EntryLog<B>::storeValue(ConfigTable& config, const ConfigValue& value, Asic
 /// Values in deletion keep the version of theirs; so this can be repeated.
 template <class B>
 void EntryLog<B>::deleteAll(ConfigTable& config, Asic::LogVersion version, Asic::UnitId unitId) {
-    forEachValue(config, [&](ConfigValue value) {
+    config.swTableEntriesForEachWhole([&](ConfigValue value) {
         if (value.inDeletion)
             return;
         value.version = version;
@@ -64,6 +64,7 @@ void EntryLog<B>::publish(const Record& record) {
         Traces<B>::entryLog(1, " no room in change log for version: {}, given up: {}",
                             record.version, oldest);
         tableEntryLog_->entryLogConfigDel(oldest);
+        recordsLostUpTo_ = std::max(recordsLostUpTo_, oldest);
         tableEntryLog_->entryLogConfigIs(record);
     }
     tableEntryLog_->collectionControl().scratchpadIs(record.version.value);
@@ -91,17 +92,24 @@ void EntryLog<B>::finish(const KivShimo::PendingChange& pending) {
     tableEntryLog_->doCorruptionDetected("pending change of another kind dropped");
 }
 
-/// Versions never repeat: neither those whose records outlived the published number, nor, after the
-/// log was lost, those that the hardware side has heard of.
+/// Versions never repeat: neither those whose records outlived the published number, nor, after
+/// that has rotted, those that the hardware side has heard of.
 template <class B>
-void EntryLog<B>::restoreVersion(bool lost) {
+void EntryLog<B>::restoreVersion() {
     KivShimo::CollectionControl& control = tableEntryLog_->collectionControl();
+    const bool isRotten = control.scratchpadRotten();
     Asic::LogVersion last = tableEntryLog_->entryLogConfigHighest();
-    if ((lost || control.scratchpadRotten()) && groupInterface() != nullptr)
-        last = std::max(last, groupInterface()->announcedVersion(tableId()));
-    if (control.scratchpad() < last.value)
-        control.scratchpadIs(last.value);
+    if (isRotten)
+        last = std::max(last, announcedBefore());
+    if (isRotten || control.scratchpad() < last.value)
+        control.scratchpadIs(std::max(control.scratchpad(), last.value));
     tableVersionRestored({control.scratchpad()});
+}
+
+template <class B>
+Asic::LogVersion EntryLog<B>::announcedBefore() const {
+    return groupInterface() == nullptr ? Asic::LogVersion{}
+                                       : groupInterface()->announcedVersion(tableId());
 }
 
 /// A process that was killed between publishing changes and announcing them left them unannounced.
@@ -114,7 +122,7 @@ void EntryLog<B>::announceWhatWasNot(const std::optional<KivShimo::PendingChange
     const auto& group = groupInterface();
     if (group == nullptr)
         return;
-    Asic::LogVersion announced = group->announcedVersion(tableId());
+    Asic::LogVersion announced = group->announcedUpTo(tableId(), tableVersion());
     while (announced < tableVersion()) {
         const Asic::LogVersion next{announced.value + 1};
         const auto there = versionAtOrAfter(next);

@@ -87,25 +87,31 @@ template <class B>
 void EntryLog<B>::mountShimoChangeLog() {
     Traces<B>::entryLog(8, "");
     const std::string path = Constants<Types>::tableEntryLogShimoPath();
-    bool lost = false;
+    KivShimo::CollectionControl* control = nullptr;
     tableEntryLog_ = checkAndwriteMountShimo<ChangeLog>(
         entityManager(), Constants<Types>::entryLogShimoType(), path, agentName(),
         [](KivShimo::MountInfo& info) {
             info.collectionIs({kEntryLogConfig, kEntryLogConfigCapacity, 0});
         },
-        [](const Brumo::Ptr<ChangeLog>& log) -> KivShimo::CollectionControl& {
-            return log->collectionControl();
+        [&control](const Brumo::Ptr<ChangeLog>& log) -> KivShimo::CollectionControl& {
+            return *(control = &log->collectionControl());
         },
-        [&lost] {
-            lost = true;
+        [this, &control] {
             LogMessages::error.emit(fmt::format("{}::{}", "entryLog", Types::kName));
+            // Versions go on above those that the hardware side has heard of. Published while the
+            // mark says that the log is lost: without it, they would begin anew.
+            recordsLostUpTo_ = announcedBefore();
+            control->scratchpadIs(recordsLostUpTo_.value);
         });
     if (tableEntryLog_ == nullptr)
         return;
+    if (tableEntryLog_->corruptions() > 0)
+        recordsLostUpTo_ = {~std::uint64_t{0}};
     const auto pending = tableEntryLog_->journal().pending();
     if (pending.has_value())
         finish(*pending);
-    restoreVersion(lost);
+    restoreVersion();
+    recordsLostUpTo_ = std::min(recordsLostUpTo_, tableVersion());
     Traces<B>::entryLog(2, " Mounted entryLog: {}, tableVersion: {}", path, tableVersion());
     announceWhatWasNot(pending);
     if (pending.has_value())
@@ -129,6 +135,9 @@ auto EntryLog<B>::mountedConfig(Asic::UnitId unitId, std::size_t tornExplained)
         [] { LogMessages::error.emit(fmt::format("{}::{}", "entryCfg", Types::kName)); });
     Brumo::require(cfgShimo != nullptr, "cfgShimo");
     cfgShimo->tornSettled(tornExplained);
+    KivShimo::CollectionControl& control = cfgShimo->collectionControl();
+    if (control.scratchpadRotten())
+        control.scratchpadIs(control.scratchpad());  // nobody goes by it
     return cfgShimo;
 }
 
@@ -141,10 +150,7 @@ void EntryLog<B>::mountShimoConfig(Asic::UnitId unitId, Asic::LogVersion logVers
     Traces<B>::entryLog(2, " Mounted config for unitId: {} at {}", unitId, path);
     if (logVersion.value == 0)
         return;
-    forEachValue(*cfgShimo, [&](const ConfigValue& value) {
-        if (value.inDeletion && value.version <= logVersion)
-            cfgShimo->swTableEntriesDel(value.key());
-    });
+    dropDeleted(*cfgShimo, logVersion);
 }
 
 template <class B>

@@ -57,20 +57,10 @@ void OrderedSwTableAccessor<B>::forEachCommitted(Table& table, Visit&& visit) {
     const auto config = table.entryLog()->tableConfigShimo(table.unitId());
     if (config == nullptr)
         return;
-    const auto step = [&](auto&& read) -> decltype(config->swTableEntriesFromStart()) {
-        try {
-            return read();
-        } catch (const KivShimo::CorruptionError& error) {
-            config->doCorruptionDetected(error.what());
-            return std::nullopt;
-        }
-    };
-    for (auto element = step([&] { return config->swTableEntriesFromStart(); });
-         element.has_value();
-         element = step([&] { return config->swTableEntriesAfter(element->key()); })) {
-        if (!element->inDeletion)
-            visit(element->key());
-    }
+    config->swTableEntriesForEachWhole([&](const auto& value) {
+        if (!value.inDeletion)
+            visit(value.key());
+    });
 }
 
 template <class B>

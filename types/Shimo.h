@@ -55,6 +55,26 @@ public:
     std::optional<Key> swTableEntriesKeyAfter(const Key& key) const {
         return swTableEntries_.nextKey(key);
     }
+    /// Calls `visit` for each value that can be read; reports the others and goes on behind them.
+    /// `visit` may change everything.
+    template <class Visit>
+    void swTableEntriesForEachWhole(Visit&& visit) {
+        std::optional<Key> passed;
+        for (;;) {
+            std::optional<Value> value;
+            try {
+                value = passed ? swTableEntries_.next(*passed) : swTableEntries_.first();
+            } catch (const KivShimo::CorruptionError& error) {
+                doCorruptionDetected(error.what());
+                passed = passed ? swTableEntries_.nextKey(*passed) : swTableEntries_.firstKey();
+                continue;
+            }
+            if (!value)
+                return;
+            passed = value->key();
+            visit(*value);
+        }
+    }
 
 private:
     KivShimo::Map<Value> swTableEntries_;

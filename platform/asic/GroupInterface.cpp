@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <limits>
 #include <utility>
 #include <vector>
 
@@ -104,9 +105,8 @@ void GroupInterface::takeUpAnnouncements() {
     try {
         if (KivShimo::AckMapReader* map = shm_->map(); map != nullptr) {
             const auto report = [this](const auto& error) { doCorruptionDetected(error.what()); };
-            for (const auto& [tableId, version] : map->all(report)) {
-                announcedVersionIs(SwTableId(tableId), {version});
-            }
+            for (const auto& [tableId, version] : map->all(report))
+                acknowledgedBefore_[SwTableId(tableId)] = {version};
             takeUpConsumed();
         }
         const auto log = KivShimo::AnnounceLogReader::open(shm_->announcements.file());
@@ -192,8 +192,10 @@ bool GroupInterface::hasRoomForWaiting() {
 
 Brumo::Ptr<NeededEntry> GroupInterface::everythingAnnounced() const {
     auto needed = Brumo::make<NeededEntry>();
-    for (const auto& [tableId, version] : announced_)
-        needed->add({tableId, version});
+    for (const auto& [tableId, version] : announced_) {
+        if (version.value != 0)
+            needed->add({tableId, version});
+    }
     return needed;
 }
 
@@ -216,8 +218,21 @@ void GroupInterface::announcedVersionIs(SwTableId tableId, LogVersion version) {
 }
 
 LogVersion GroupInterface::announcedVersion(SwTableId tableId) const {
-    const auto found = announced_.find(tableId);
-    return found == announced_.end() ? LogVersion{} : found->second;
+    return announcedUpTo(tableId, {std::numeric_limits<std::uint64_t>::max()});
+}
+
+LogVersion GroupInterface::announcedUpTo(SwTableId tableId, LogVersion last) const {
+    const auto announced = announced_.find(tableId);
+    const auto acknowledged = acknowledgedBefore_.find(tableId);
+    return std::max(announced == announced_.end() ? LogVersion{} : announced->second,
+                    acknowledged == acknowledgedBefore_.end() || acknowledged->second > last
+                        ? LogVersion{}
+                        : acknowledged->second);
+}
+
+void GroupInterface::announcedVersionRestored(SwTableId tableId, LogVersion version) {
+    announced_[tableId] = version;
+    acknowledgedBefore_.erase(tableId);
 }
 
 std::optional<LogVersion> GroupInterface::tableVersionInMap(SwTableId tableId) const {

@@ -65,10 +65,11 @@ public:
     /// be checked.
     void announcedVersionIs(SwTableId tableId, LogVersion version);
     /// Tells where a table stands that has just been mounted, whatever the hardware side says.
-    void announcedVersionRestored(SwTableId tableId, LogVersion version) {
-        announced_[tableId] = version;
-    }
+    void announcedVersionRestored(SwTableId tableId, LogVersion version);
     LogVersion announcedVersion(SwTableId tableId) const;
+    /// The same for a table that knows its `last` version: an acknowledgement from before the
+    /// restart that lies beyond it is no witness.
+    LogVersion announcedUpTo(SwTableId tableId, LogVersion last) const;
 
     /// The acknowledged version as the hardware side's map has it; nothing when the table is not in
     /// it, says more than was handed out, or there is no map of this log yet. Throws
@@ -111,6 +112,8 @@ private:
     std::unique_ptr<SharedMemory> shm_;
     std::map<SwTableId, Brumo::Ptr<OrderedSwTableSet>> sets_;
     std::map<SwTableId, LogVersion> announced_;
+    /// What the hardware side said at the start; tables that are taken up know better.
+    std::map<SwTableId, LogVersion> acknowledgedBefore_;
     std::map<SwTableId, LogVersion> acknowledged_;
     mutable std::map<SwTableId, LogVersion> refused_;  ///< so that a lie is traced once
     WaitingAnnouncements waiting_;

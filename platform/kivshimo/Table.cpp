@@ -38,11 +38,12 @@ Table::Table(TableMount mount)
             CorruptionError(file(), "journal", 0, "of no known change, dropped").what());
         journal_.done();
     }
+    // Left as it is until the owner, who may know of later numbers, stores it: a process that is
+    // killed before must not leave the one before as if it were the last.
     if (control_.scratchpadRotten()) {
         Table::doCorruptionDetected(
             CorruptionError(file(), "scratchpad", 0, "does not verify, the one before counts")
                 .what());
-        control_.scratchpadIs(control_.scratchpad());
     }
 }
 

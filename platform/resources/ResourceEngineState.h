@@ -43,6 +43,8 @@ void ResourceEngine<Binding>::restoreAll() {
     std::sort(records.begin(), records.end(),
               [](const Record& a, const Record& b) { return a.version > b.version; });
     version_ = store_->version();
+    if (store_->versionInDoubt() && group_ != nullptr)
+        version_ = std::max(version_, group_->handedOut(tableId_));
     for (const Record& record : records) {
         version_.value = std::max(version_.value, record.version);
         restoreRecord(record);
@@ -51,7 +53,7 @@ void ResourceEngine<Binding>::restoreAll() {
         returning.revivable = allocations_.find(returning.record.requestKey) == nullptr;
     }
     pool_.restored();
-    store_->versionIs(version_);
+    store_->restoredVersionIs(version_);
     if (group_ != nullptr)
         group_->restored(tableId_, version_);
     trace_(2, "restored {} allocations, {} returns, version {}", allocations_.size(),

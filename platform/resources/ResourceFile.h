@@ -55,7 +55,6 @@ public:
             return;
         const Brumo::TraceSource trace(Binding::kClassName, "ResourceFileStore");
         trace(1, "the allocations of {} are lost", name);
-        control.clearWiped();
     }
 
     std::uint64_t capacity() const { return file_->indexes.capacity(); }
@@ -82,6 +81,14 @@ public:
     LogVersion version() const override { return {file_->collectionControl().scratchpad()}; }
     void versionIs(LogVersion version) override {
         file_->collectionControl().scratchpadIs(version.value);
+    }
+    bool versionInDoubt() const override {
+        const KivShimo::CollectionControl& control = file_->collectionControl();
+        return control.wiped() || control.scratchpadRotten();
+    }
+    void restoredVersionIs(LogVersion version) override {
+        versionIs(version);
+        file_->collectionControl().clearWiped();
     }
 
 private:

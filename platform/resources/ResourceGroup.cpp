@@ -16,10 +16,8 @@ public:
 
     /// The process before may have been killed between its file and the announcement.
     void restored(SwTableId tableId, LogVersion version) override {
-        if (version.value == 0)
-            return;
-        const bool told = group_->announcedVersion(tableId) >= version;
-        group_->announcedVersionIs(tableId, version);
+        const bool told = group_->announcedUpTo(tableId, version) >= version;
+        group_->announcedVersionRestored(tableId, version);
         if (!told && group_->acknowledgedVersion(tableId) < version) {
             group_->addLatestVersion(tableId, version);
         }

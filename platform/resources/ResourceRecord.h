@@ -74,6 +74,11 @@ public:
     /// The last version of the resource table.
     virtual LogVersion version() const = 0;
     virtual void versionIs(LogVersion version) = 0;
+    /// Whether there may have been later versions than version(): the records are lost, or the
+    /// number has rotted.
+    virtual bool versionInDoubt() const = 0;
+    /// Stores the version from which the table goes on. It is in doubt no more.
+    virtual void restoredVersionIs(LogVersion version) = 0;
 };
 
 }  // namespace Asic

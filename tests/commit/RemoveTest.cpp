@@ -32,6 +32,17 @@ TYPED_TEST(RemoveCommit, DeletesTheEntryAndQueuesTheHandle) {
     EXPECT_EQ(this->table->stats()->commitCnt(), 2U);
 }
 
+TYPED_TEST(RemoveCommit, QueuesTheHandleAlsoWhenTheVersionIsConsumedAlready) {
+    this->committed(1);
+    this->table->entryLog()->cleanupEntryLog({2});
+    const auto wrapper = this->wrapper(1);
+    wrapper->isDeletedIs(true);
+    this->commit(this->change(Asic::EntryFlags::entryDelete, wrapper));
+    EXPECT_EQ(wrapper->entryHandle()->logVersion().value, 2U);
+    EXPECT_EQ(wrapper->entryHandle()->entryState(), Asic::EntryState::written);
+    EXPECT_EQ(this->table->entryHandleInLogBack(), wrapper->entryHandle());
+}
+
 TYPED_TEST(RemoveCommit, CallsTheHookAfterStagedStateIsGoneAndBeforeTheLog) {
     this->committed(1);
     const auto helper = this->notingHelper();

@@ -213,6 +213,66 @@ TYPED_TEST(Cleanup, OfATableDeleteLeavesEarlierDeletionsToTheirOwnRecords) {
     EXPECT_EQ(this->configReader().count(), 0U);
 }
 
+// Deletions whose record is gone.
+
+TYPED_TEST(Cleanup, OfADeletionWhoseRecordWasGivenUpReclaimsTheValue) {
+    const std::uint64_t slots = this->logReader().slots();
+    this->write(*this->log, 1);
+    this->del(*this->log, 1);
+    for (std::uint64_t i = 0; i < slots; ++i)
+        this->write(*this->log, 2);
+    ASSERT_FALSE(this->logReader().find(2).has_value());
+    this->log->cleanupEntryLog({1});
+    EXPECT_TRUE(this->stored(1)) << "hardware may still hold it";
+    this->log->cleanupEntryLog(this->log->tableVersion());
+    EXPECT_FALSE(this->stored(1));
+    EXPECT_TRUE(this->stored(2));
+}
+
+TYPED_TEST(Cleanup, OfADeletionWhoseRecordIsRottenReclaimsTheValue) {
+    this->write(*this->log, 1);
+    this->log->cleanupEntryLog({1});
+    this->del(*this->log, 1);
+    this->spoilRecord(2);
+    this->del(*this->log, 1);
+    this->log->cleanupEntryLog({2});
+    EXPECT_TRUE(this->stored(1)) << "it was deleted again";
+    this->write(*this->log, 2);
+    this->del(*this->log, 2);
+    this->spoilRecord(5);
+    this->log->cleanupEntryLog({5});
+    EXPECT_EQ(this->log->entrysInDeletion(kUnit), 0U);
+}
+
+TYPED_TEST(Cleanup, OfADeletionWhoseLogWasLostReclaimsTheValue) {
+    for (const Asic::UnitId unit : {kUnit, kOtherUnit}) {
+        this->write(*this->log, 1, unit);
+        this->del(*this->log, 1, unit);
+    }
+    this->log = nullptr;
+    this->agent.restart();
+    this->lose(this->logFile());
+    this->log = this->mountedLog();
+    this->log->cleanupEntryLog({3});
+    EXPECT_TRUE(this->stored(1));
+    this->log->cleanupEntryLog({4});
+    EXPECT_FALSE(this->stored(1));
+    EXPECT_FALSE(this->stored(1, kOtherUnit));
+}
+
+TYPED_TEST(Cleanup, OfADeletionWhoseRecordWasDroppedAtTheMountReclaimsTheValue) {
+    this->write(*this->log, 1);
+    this->del(*this->log, 1);
+    this->write(*this->log, 2);
+    this->spoilRecord(2);
+    this->log = nullptr;
+    this->agent.restart();
+    this->log = this->mountedLog();
+    this->log->cleanupEntryLog({3});
+    EXPECT_FALSE(this->stored(1));
+    EXPECT_TRUE(this->stored(2));
+}
+
 TYPED_TEST(Cleanup, OfAUnitWithoutConfigurationRemovesTheRecord) {
     this->write(*this->log, 1, kOtherUnit);
     const auto version = this->del(*this->log, 1, kOtherUnit);

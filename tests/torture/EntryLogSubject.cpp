@@ -1,6 +1,8 @@
 // Entry logs with two units: every kind of change, and the reclaim at the mount.
 #include <fmt/format.h>
 
+#include <filesystem>
+
 #include "entrylog/PolicyCpuTcamActionEntryLog.h"
 #include "entrylog/PolicyCpuV4TcamEntryEntryLog.h"
 #include "entrylog/PolicyCpuV6TcamEntryEntryLog.h"
@@ -33,8 +35,12 @@ public:
 
     /// Mounts both units as after `acknowledged` was consumed.
     EntryLogSubject(const std::string& folder, std::uint64_t acknowledged) : folder_(folder) {
+        start(acknowledged);
+    }
+
+    void start(std::uint64_t acknowledged = 0) {
         KivShimo::EntityManager::capacityCeilingIs(kCapacity);
-        KivShimo::EntityManager::rootIs(kSystem, true, folder);
+        KivShimo::EntityManager::rootIs(kSystem, true, folder_);
         database_ = Brumo::make<Regdb::EntityManager>(kSystem, true);
         tables_ = Brumo::make<Asic::OrderedTableInterface>(database_, "VornPolicyCpu", loop_);
         group_ = tables_->makeGroupIntf("VornPolicyCpuGroup", 0x2C08);
@@ -43,7 +49,37 @@ public:
             log_->mountShimoConfig(unit, {acknowledged});
     }
 
+    void stop() {
+        log_ = nullptr;
+        group_ = nullptr;
+        tables_ = nullptr;
+        database_ = nullptr;
+        KivShimo::EntityManager::forget(kSystem);
+    }
+
     Log& log() { return *log_; }
+
+    /// The change log is lost; a new file is there, marked so, but nobody has acted on it yet.
+    void loseLog() {
+        stop();
+        std::filesystem::remove(HwSide::Group{folder_}.changeLogFile<typename B::Types>());
+        KivShimo::EntityManager::rootIs(kSystem, true, folder_);
+        const auto manager = KivShimo::EntityManager::get(kSystem, true);
+        KivShimo::MountInfo info(0);
+        info.collectionIs({kEntryLogConfig, kCapacity, 0});
+        manager->mountGroup()->mountIs(Constants<typename B::Types>::tableEntryLogShimoPath(),
+                                       Constants<typename B::Types>::entryLogShimoType(), info);
+        manager->mountGroup()->close();
+        KivShimo::EntityManager::forget(kSystem);
+    }
+
+    /// The version published last is rotten.
+    void spoilPublishedVersion() {
+        auto& word = log_->tableEntryLog()->mapping().dynamicHeader().scratchpad;
+        const auto newer = word.cells[0].serial > word.cells[1].serial ? 0 : 1;
+        word.cells[newer].value ^= 1U;
+        stop();
+    }
 
     Asic::LogVersion write(std::uint32_t number, std::uint32_t word = 0x111111) {
         const auto needed = Brumo::make<Asic::NeededEntry>();
@@ -229,6 +265,35 @@ void addScenarios(std::vector<Scenario>& all) {
         3));
 }
 
+/// Mounts that find something lost or rotten. Versions must go on, whenever such a mount is killed;
+/// readers find what they find.
+void addMountsOfDamage(std::vector<Scenario>& all) {
+    using S = EntryLogSubject<PolicyCpuV4TcamEntryBinding>;
+    const auto threeConsumed = [](S& s) {
+        for (std::uint32_t number : {1U, 2U, 3U})
+            s.write(number);
+        s.log().cleanupEntryLog(s.log().tableVersion());
+    };
+    const auto mount = [](S& s) { s.start(); };
+    const std::size_t first = all.size();
+    all.push_back(scenario<PolicyCpuV4TcamEntryBinding>(
+        "mount of a lost log",
+        [threeConsumed](S& s) {
+            threeConsumed(s);
+            s.loseLog();
+        },
+        mount));
+    all.push_back(scenario<PolicyCpuV4TcamEntryBinding>(
+        "mount of a rotten version",
+        [threeConsumed](S& s) {
+            threeConsumed(s);
+            s.spoilPublishedVersion();
+        },
+        mount));
+    for (std::size_t i = first; i < all.size(); ++i)
+        all[i].read = [](const std::string&, std::uint64_t) { return Sight{}; };
+}
+
 }  // namespace
 
 std::vector<Scenario> entryLogScenarios() {
@@ -236,6 +301,7 @@ std::vector<Scenario> entryLogScenarios() {
     addScenarios<PolicyCpuTcamActionBinding>(all);
     addScenarios<PolicyCpuV4TcamEntryBinding>(all);
     addScenarios<PolicyCpuV6TcamEntryBinding>(all);
+    addMountsOfDamage(all);
     return all;
 }
 

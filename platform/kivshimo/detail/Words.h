@@ -125,7 +125,10 @@ public:
     /// All stores before are visible to whoever reads the value with VerifiedWord::read.
     void valueIs(std::uint64_t value) {
         VerifiedWord::Cell& cell = place_->cells[++serial_ & 1U];
-        word(cell.check).store(0, std::memory_order_relaxed);
+        // A rotten cell stays visibly so until the new value is whole: a process that is killed in
+        // between must not leave it as a store that was cut off, which the value before outlives.
+        if (!clears_) [[likely]]
+            word(cell.check).store(0, std::memory_order_relaxed);
         // A reader that sees a word of the new value and then looks at the check again, behind its
         // fence, does not find the old check any more.
         std::atomic_thread_fence(std::memory_order_release);

@@ -259,6 +259,31 @@ TEST_F(GroupInterfaceTest, RefusesAnAcknowledgementOfAnUnknownTableOnce) {
               1U);
 }
 
+TEST_F(GroupInterfaceTest, RefusesWhatAMapSaysOfAnUnknownTableFromBeforeTheStart) {
+    const Asic::SwTableId unknown(0x01020003);
+    group_->addLogEntry(kTable, {5}, nullptr);
+    hardware().ackIs(unknown.whole(), 7);
+    restart();
+    TraceCapture traces;
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(acknowledged(unknown), 0U);
+    EXPECT_TRUE(traces.has("GroupInterface", 1,
+                           " refused acknowledgement of version 7 for table id: 01:02:0003: "
+                           "no such table"));
+    EXPECT_EQ(group_->everythingAnnounced()->toText(), "{2c:08:0403@5}");
+}
+
+TEST_F(GroupInterfaceTest, RefusesWhatAMapSaidBeyondATableThatIsTakenUp) {
+    group_->addLogEntry(kTable, {5}, nullptr);
+    hardware().ackIs(kTable.whole(), 1000);
+    restart();
+    EXPECT_EQ(group_->announcedUpTo(kTable, {6}).value, 5U);
+    EXPECT_EQ(group_->announcedUpTo(kTable, {1000}).value, 1000U);
+    group_->announcedVersionRestored(kTable, {6});
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(acknowledged(), 0U);
+}
+
 TEST_F(GroupInterfaceTest, SaysOnceThatChangesWaitForRoomAndOnceThatTheyGoOn) {
     Journal journal;
     const auto table = Brumo::make<FakeTable>(group_->groupResolver());

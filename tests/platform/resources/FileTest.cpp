@@ -2,13 +2,33 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include "platform/kivshimo/EntityManager.h"
+#include "platform/kivshimo/Paths.h"
 #include "platform/regdb/EntityManager.h"
+#include "platform/resources/ResourceFile.h"
 #include "tests/platform/resources/World.h"
+#include "tests/support/InProcessAgent.h"
 
 namespace ResourceTests {
 namespace {
+
+/// Spoils the number that a table file published last.
+void spoilNewerNumber(const std::string& file) {
+    using KivShimo::detail::DynamicHeader;
+    using KivShimo::detail::VerifiedWord;
+    constexpr auto kAt = static_cast<std::streamoff>(KivShimo::detail::kDynamicOffset +
+                                                     offsetof(DynamicHeader, scratchpad));
+    std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
+    VerifiedWord word{};
+    stream.seekg(kAt);
+    stream.read(reinterpret_cast<char*>(&word), sizeof(word));
+    ++word.cells[word.cells[0].serial > word.cells[1].serial ? 0 : 1].value;
+    stream.seekp(kAt);
+    stream.write(reinterpret_cast<const char*>(&word), sizeof(word));
+    ASSERT_TRUE(stream.good());
+}
 
 class ResourceFiles : public ::testing::Test {
 protected:
@@ -100,6 +120,70 @@ TEST_F(ResourceFiles, SweepEmptiesTheFileOfWhatNobodyClaims) {
     stop();
     start();
     EXPECT_EQ(counters->entries(), 0U);
+}
+
+/// Versions of resources are announced and acknowledged like those of tables.
+class ResourceVersions : public ::testing::Test {
+protected:
+    static constexpr Asic::SwTableId kCounterTable{0x2C080501};
+
+    ResourceVersions() {
+        const auto client = agent.counters()->makeClientInstance();
+        for (std::uint32_t id = 1; id <= 3; ++id) {
+            const auto counter = client->request({.requestId = id}, nullptr);
+            agent.settle();
+        }
+        agent.acknowledgeAll();
+        agent.settle();
+    }
+    std::uint64_t announced() { return agent.group()->announcedVersion(kCounterTable).value; }
+    std::string file() {
+        return KivShimo::tableFile(
+            agent.root(), "resources/VornCountersLib/CrpsIndexRequest.CpuTrafficPolicyIngress");
+    }
+    /// The version of a new request.
+    std::uint64_t nextVersion() {
+        const auto client = agent.counters()->makeClientInstance();
+        const auto counter = client->request({.requestId = 9}, nullptr);
+        agent.settle();
+        return announced();
+    }
+
+    TestSupport::InProcessAgent agent;
+};
+
+TEST_F(ResourceVersions, GoOnWhenTheFileIsLost) {
+    const std::uint64_t before = announced();
+    ASSERT_GE(before, 3U);
+    agent.stop();
+    ASSERT_TRUE(std::filesystem::remove(file()));
+    agent.start();
+    EXPECT_EQ(nextVersion(), before + 1);
+}
+
+TEST_F(ResourceVersions, GoOnWhenTheFileIsLostAndTheMountWasCutOff) {
+    const std::uint64_t before = announced();
+    agent.stop();
+    ASSERT_TRUE(std::filesystem::remove(file()));
+    KivShimo::EntityManager::rootIs("cut-off", true, agent.root());
+    {
+        const auto database = Brumo::make<Regdb::EntityManager>("cut-off", true);
+        // As far as a process comes that is killed before it has read the file.
+        const Asic::ResourceFileStore<VornCountersLib::CounterBinding> store(
+            database, "CrpsIndexRequest.CpuTrafficPolicyIngress", 1024);
+        EXPECT_TRUE(store.versionInDoubt());
+    }
+    KivShimo::EntityManager::forget("cut-off");
+    agent.start();
+    EXPECT_EQ(nextVersion(), before + 1);
+}
+
+TEST_F(ResourceVersions, GoOnWhenThePublishedNumberIsRotten) {
+    const std::uint64_t before = announced();
+    agent.stop();
+    spoilNewerNumber(file());
+    agent.start();
+    EXPECT_EQ(nextVersion(), before + 1);
 }
 
 TEST_F(ResourceFiles, PoolIsNoLargerThanTheFile) {

@@ -33,6 +33,7 @@ struct Persistent {
     std::map<SwTableId, LogVersion> handedOut;
     std::vector<TableVersion> announced;
     Kiv::Publisher moved;
+    bool versionInDoubt = false;
     int writesLeft = -1;  ///< when it reaches 0, the process counts as killed: nothing is stored
 };
 
@@ -65,6 +66,11 @@ public:
     void versionIs(LogVersion version) override {
         if (alive())
             kept_->version = version;
+    }
+    bool versionInDoubt() const override { return kept_->versionInDoubt; }
+    void restoredVersionIs(LogVersion version) override {
+        versionIs(version);
+        kept_->versionInDoubt = false;
     }
 
 private:
