@@ -70,7 +70,8 @@ public:
         return tableEntryLog_ == nullptr ? 0 : tableEntryLog_->entryLogConfigs();
     }
 
-    // Changes. REQUIRES: the unit's configuration is mounted.
+    // Changes. REQUIRES: the unit's configuration is mounted; no more than
+    // KivShimo::Journal::kMostNeeded tables are needed.
 
     /// Writes an entry and returns the version of the write; with `suppressIdenticalWrites` and an
     /// equal entry in the log, writes nothing and returns the version of the earlier write.
