@@ -1,7 +1,10 @@
+#include <atomic>
 #include <bit>
+#include <chrono>
 #include <map>
 #include <random>
 #include <stdexcept>
+#include <thread>
 
 #include "platform/kivshimo/MapReader.h"
 #include "tests/platform/kivshimo/Fixture.h"
@@ -214,6 +217,50 @@ TEST_F(MapTest, VisitOfAllSlotsGoesOnBehindARottenValueOrLink) {
     EXPECT_EQ(seen, 9U);
     ASSERT_EQ(reports.size(), 1U);
     EXPECT_NE(reports[0].find("items: slot 4"), std::string::npos) << reports[0];
+}
+
+TEST_F(MapTest, VisitOfSlotsGivesUpAtASlotLeftInMidStore) {
+    const auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    table->items.insertOrReplace(item(2, 2));
+    flip(itemsFile(), itemSlotOffset(64, 1));
+    std::size_t seen = 0;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_THROW(Reader(itemsFile(), kItemType, "items")
+                     .visitSlots([&](const Item&) { ++seen; },
+                                 [](const CorruptionError& error) { FAIL() << error.what(); }),
+                 BusyError);
+    EXPECT_EQ(seen, 1U);
+    const auto took = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(took, std::chrono::milliseconds(100)) << "it is waited for";
+    EXPECT_LT(took, std::chrono::seconds(10));
+}
+
+TEST_F(MapTest, VisitOfSlotsWaitsForAStoreThatIsFinishedLate) {
+    using Clock = std::chrono::steady_clock;
+    const auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    table->items.insertOrReplace(item(2, 2));
+    flip(itemsFile(), itemSlotOffset(64, 1));
+    std::atomic<bool> hasBegun{false};
+    std::thread writer([&] {
+        const auto deadline = Clock::now() + std::chrono::seconds(10);
+        while (!hasBegun && Clock::now() < deadline)
+            std::this_thread::yield();
+        for (const auto end = Clock::now() + std::chrono::milliseconds(5); Clock::now() < end;)
+            std::this_thread::yield();
+        flip(itemsFile(), itemSlotOffset(64, 1));
+    });
+    std::size_t seen = 0;
+    EXPECT_NO_THROW(Reader(itemsFile(), kItemType, "items")
+                        .visitSlots(
+                            [&](const Item&) {
+                                ++seen;
+                                hasBegun = true;
+                            },
+                            [](const CorruptionError& error) { FAIL() << error.what(); }));
+    writer.join();
+    EXPECT_EQ(seen, 2U);
 }
 
 TEST_F(MapTest, RottenValueThrowsNamesItsPlaceAndCanBeReplaced) {
