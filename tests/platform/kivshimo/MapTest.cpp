@@ -438,10 +438,29 @@ TEST_F(MapTest, MountFreesATornValue) {
     flip(itemsFile(), itemSlotOffset(64, 0) + 40);
     table = items();
     EXPECT_EQ(table->corruptions(), 0U);
-    table->tornSettled(0);
+    table->tornSettled();
     EXPECT_EQ(table->corruptions(), 1U);
     EXPECT_EQ(table->items.count(), 0U);
     table->items.assertConsistent();
+}
+
+TEST_F(MapTest, OnlyTheTornValueOfThePendingKeyIsNoCorruption) {
+    for (const std::uint64_t pending : {1U, 2U}) {
+        auto table = items();
+        table->items.insertOrReplace(item(1, 1));
+        table->items.insertOrReplace(item(2, 2));
+        table = nullptr;
+        restart();
+        flip(itemsFile(), itemSlotOffset(64, 0));
+        flip(itemsFile(), itemSlotOffset(64, 0) + 40);
+        table = items();
+        table->tornSettled(tornKeyOf(item(pending, 0).key()));
+        EXPECT_EQ(table->corruptions(), pending == 1 ? 0U : 1U);
+        EXPECT_EQ(table->items.count(), 1U);
+        table->items.erase(item(2, 0).key());
+        table = nullptr;
+        restart();
+    }
 }
 
 TEST(MapLayout, ValueOf160BytesStaysInItsBudget) {
