@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include <fmt/format.h>
+
 #include "platform/kivshimo/Errors.h"
 #include "platform/kivshimo/Paths.h"
 
@@ -48,6 +50,11 @@ void checkFolder(const Descriptor& folder, const std::string& path) {
         throwErrno(path, "check folder");
     if (status.st_uid != geteuid()) {
         throw MountError(path, "check folder", "belongs to another user");
+    }
+    if ((status.st_mode & S_IWOTH) != 0) {
+        throw MountError(
+            path, "check folder",
+            fmt::format("others may write to it: mode {:04o}", status.st_mode & 07777U));
     }
 }
 

@@ -3,7 +3,8 @@
 // Used by MappedFile only.
 //
 // What always holds:
-//  1. Below the root no symbolic link is followed, and everything opened belongs to this user.
+//  1. Below the root no symbolic link is followed. What a writer opens belongs to this user, and
+//     others may not write to its folders.
 //  2. Folders have mode 0750, files 0640, whatever the process's mask is.
 #pragma once
 

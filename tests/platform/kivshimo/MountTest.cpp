@@ -144,6 +144,19 @@ TEST_F(MountTest, DamagedManifestStillSaysThatTheTableExisted) {
     }
 }
 
+TEST_F(MountTest, FolderThatOthersMayWriteToIsRefused) {
+    leaveOneItem();
+    for (const std::string& folder : {root_, root_ + "/items"}) {
+        ASSERT_EQ(chmod(folder.c_str(), 01777), 0);
+        expectInMessage([this] { items(); },
+                        folder + ": check folder: others may write to it: mode 1777");
+        ASSERT_EQ(chmod(folder.c_str(), 0770), 0);
+        restart();
+        EXPECT_EQ(items()->items.count(), 1U);
+        restart();
+    }
+}
+
 TEST_F(MountTest, HalfMadeFileIsNeverMounted) {
     fs::create_directories(root_ + "/items");
     std::ofstream(itemsFile() + ".new") << "half";
