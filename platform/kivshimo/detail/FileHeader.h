@@ -142,3 +142,5 @@ std::string differenceOf(const StaticHeader& header, const StaticHeader& planned
                          bool compareCapacity);
 
 }  // namespace KivShimo::detail
+/// The root of a file that is in its place.
+std::string rootOf(std::uint64_t place, std::string_view file);

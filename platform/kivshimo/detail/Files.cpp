@@ -94,6 +94,24 @@ Descriptor folderOf(const std::string& root, const std::string& file) {
     return folder;
 }
 
+Descriptor folderBelow(const std::string& root, const std::string& file) {
+    constexpr int kPathOnly = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    Descriptor folder(open(root.empty() ? "/" : root.c_str(), kPathOnly));
+    if (!folder)
+        throwErrno(root, "open folder");
+    std::size_t begin = root.size() + 1;
+    for (std::size_t slash = file.find('/', begin); slash != std::string::npos;
+         slash = file.find('/', begin)) {
+        Descriptor next(
+            openat(folder.fd(), file.substr(begin, slash - begin).c_str(), kPathOnly | O_NOFOLLOW));
+        if (!next)
+            throwErrno(file.substr(0, slash), "open folder");
+        folder = std::move(next);
+        begin = slash + 1;
+    }
+    return folder;
+}
+
 std::string nameIn(const std::string& file) {
     return file.substr(file.rfind('/') + 1);
 }

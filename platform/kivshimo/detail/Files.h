@@ -26,6 +26,10 @@ inline constexpr mode_t kFileMode = 0640;
 /// missing.
 Descriptor folderOf(const std::string& root, const std::string& file);
 
+/// Opens the folder that holds a file below its root, for a reader: makes none, and follows no link
+/// below the root. The root itself may lie behind links.
+Descriptor folderBelow(const std::string& root, const std::string& file);
+
 /// The last part of a path.
 std::string nameIn(const std::string& file);
 

@@ -260,15 +260,29 @@ ReaderFile ReaderFile::open(const std::string& file, std::string_view typeName,
                             const std::vector<CollectionPlan>& plan, bool* missing) {
     if (missing != nullptr)
         *missing = false;
-    Descriptor descriptor(::open(file.c_str(), kOpenFlags | O_RDONLY));
-    if (!descriptor) {
-        if (missing != nullptr)
-            *missing = errno == ENOENT || errno == ENOTDIR;
-        throwErrno(file, "open for reading");
-    }
+    const auto opened = [&](Descriptor descriptor) {
+        if (!descriptor) {
+            if (missing != nullptr)
+                *missing = errno == ENOENT || errno == ENOTDIR;
+            throwErrno(file, "open for reading");
+        }
+        return descriptor;
+    };
     StaticHeader header{};
-    const struct stat status = checkedStatus(descriptor, file, true);
-    std::string reason = readHeader(descriptor, status, file, header);
+    std::string reason;
+    const auto check = [&](const Descriptor& descriptor) {
+        reason = readHeader(descriptor, checkedStatus(descriptor, file, true), file, header);
+    };
+    Descriptor descriptor = opened(Descriptor(::open(file.c_str(), kOpenFlags | O_RDONLY)));
+    check(descriptor);
+    if (reason.empty()) {
+        // The file says where its root is. On the way from there no link is followed, so what is
+        // read is what was opened on that way.
+        const Descriptor folder = folderBelow(rootOf(header.place, file), file);
+        descriptor =
+            opened(Descriptor(openat(folder.fd(), nameIn(file).c_str(), kOpenFlags | O_RDONLY)));
+        check(descriptor);
+    }
     if (reason.empty()) {
         // A reader takes a collection of any capacity; the file says which.
         reason = differenceOf(header, plannedHeader(typeName, plan), false);

@@ -157,6 +157,29 @@ TEST_F(MountTest, FolderThatOthersMayWriteToIsRefused) {
     }
 }
 
+TEST_F(MountTest, ReaderFollowsNoLinkBelowTheRoot) {
+    items(8, "group/unit/1")->items.insertOrReplace(item(1, 1));
+    restart();
+    const std::string file = tableFile(root_, "group/unit/1");
+    const TestSupport::TempDir elsewhere;
+    const std::string moved = elsewhere.file("moved");
+    for (const std::string& folder : {root_ + "/group", root_ + "/group/unit"}) {
+        EXPECT_NO_THROW(Reader(file, kItemType, "items"));
+        fs::copy(folder, moved, fs::copy_options::recursive);
+        fs::rename(folder, folder + ".before");
+        fs::create_directory_symlink(moved, folder);
+        expectInMessage([&] { Reader(file, kItemType, "items"); }, folder + ": open folder: ");
+        fs::remove(folder);
+        fs::rename(folder + ".before", folder);
+        fs::remove_all(moved);
+    }
+    const std::string root = elsewhere.file("root");
+    fs::create_directory_symlink(root_, root);
+    EXPECT_EQ(Reader(tableFile(root, "group/unit/1"), kItemType, "items").find(item(1, 0).key()),
+              item(1, 1))
+        << "the root itself may lie behind links";
+}
+
 TEST_F(MountTest, HalfMadeFileIsNeverMounted) {
     fs::create_directories(root_ + "/items");
     std::ofstream(itemsFile() + ".new") << "half";
