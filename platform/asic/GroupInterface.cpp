@@ -77,7 +77,9 @@ struct GroupInterface::SharedMemory {
     KivShimo::Sleeper sleeper;
     std::string acknowledgementsFile;
     std::optional<KivShimo::AckMapReader> reader;
-    std::uint64_t refusedPosition = 0;  ///< consumed, says the map, but never announced
+    std::uint64_t refusedPosition = 0;  ///< consumed, says the map, but that cannot be
+    std::uint64_t takenFrom = 0;        ///< identity of the map that the last position is from
+    std::uint64_t takenPosition = 0;    ///< consumed, as that map said last
     std::string reported;               ///< why the map could not be opened last
     std::optional<KivShimo::Waker> waker;
     std::vector<KivShimo::NeededVersion> needed;  ///< of the announcement made last
@@ -273,19 +275,31 @@ void GroupInterface::acknowledgementsArrived() {
 }
 
 /// Frees what the hardware side has consumed. REQUIRES: its map is open. A position that was never
-/// announced is refused; that is traced once, however often the map is read.
+/// announced, or goes backwards, is refused; that is traced once, however often the map is read. A
+/// hardware side that begins anew says 0 first, or has lost its map: then none is behind it.
 void GroupInterface::takeUpConsumed() try {
     KivShimo::AnnounceLogWriter& announcements = shm_->announcements;
     if (shm_->reader->announceIdentity() != announcements.identity())
         return;
     const std::uint64_t position = shm_->reader->consumed();
-    announcements.consumedIs(position);
-    const bool isRefused = position > announcements.tail();
-    if (isRefused && shm_->refusedPosition != position) {
-        trace(1, " refused consumed position {}: beyond the last one announced, {}", position,
-              announcements.tail());
+    if (position == 0 || shm_->takenFrom != shm_->reader->identity())
+        shm_->takenPosition = 0;
+    shm_->takenFrom = shm_->reader->identity();
+    const bool isBeyond = position > announcements.tail();
+    const bool isBackwards = position < shm_->takenPosition;
+    if ((isBeyond || isBackwards) && shm_->refusedPosition != position) {
+        trace(1, " refused consumed position {}: {}, {}", position,
+              isBeyond ? "beyond the last one announced"
+                       : "goes backwards from the last one taken up",
+              isBeyond ? announcements.tail() : shm_->takenPosition);
     }
-    shm_->refusedPosition = isRefused ? position : 0;
+    if (isBeyond || isBackwards) {
+        shm_->refusedPosition = position;
+        return;
+    }
+    shm_->refusedPosition = 0;
+    shm_->takenPosition = position;
+    announcements.consumedIs(position);
 } catch (const KivShimo::CorruptionError& error) {
     doCorruptionDetected(error.what());
 }

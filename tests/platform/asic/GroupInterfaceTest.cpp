@@ -381,6 +381,46 @@ TEST_F(GroupInterfaceTest, SleepsOverAConsumedPositionBeyondTheTailAndTracesItOn
     group_->awake();
 }
 
+TEST_F(GroupInterfaceTest, TracesAConsumedPositionThatGoesBackwardsOnce) {
+    for (std::uint64_t version = 1; version <= 5; ++version)
+        group_->addLogEntry(kTable, {version}, nullptr);
+    read();
+    consume();
+    TraceCapture traces;
+    hardware().consumedIs(3);
+    EXPECT_TRUE(group_->sleepPrepared());
+    group_->acknowledgementsArrived();
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(traces.texts("GroupInterface", 1),
+              std::vector<std::string>{
+                  " refused consumed position 3: goes backwards from the last one taken up, 5"});
+    hardware().consumedIs(5);
+    group_->acknowledgementsArrived();
+    hardware().consumedIs(3);
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(traces.texts("GroupInterface", 1).size(), 2U) << "it is another lie";
+}
+
+TEST_F(GroupInterfaceTest, TakesAHardwareSideThatBeginsAnewForNoLie) {
+    for (std::uint64_t version = 1; version <= 5; ++version)
+        group_->addLogEntry(kTable, {version}, nullptr);
+    read();
+    consume();
+    TraceCapture traces;
+    hardware().consumedIs(0);  // in the same file, it takes everything once more
+    group_->acknowledgementsArrived();
+    hardware().consumedIs(2);
+    group_->acknowledgementsArrived();
+    hardware().consumedIs(5);
+    group_->acknowledgementsArrived();
+    std::filesystem::remove(hardware().file());
+    hardware_.reset();
+    hardware().announceIdentityIs(identity_);
+    hardware().consumedIs(1);  // in another file
+    group_->acknowledgementsArrived();
+    EXPECT_THAT(traces.texts("GroupInterface", 1), IsEmpty());
+}
+
 TEST_F(GroupInterfaceTest, TakesAWrappedLogWithoutAcknowledgementsForNoRot) {
     for (std::uint64_t version = 1; version <= 2 * kSlots; ++version) {
         group_->addLogEntry(kTable, {version}, nullptr);
