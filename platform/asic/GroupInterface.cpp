@@ -92,6 +92,7 @@ GroupInterface::GroupInterface(std::string canonicalName, std::uint16_t agentAnd
       agentAndGroupId_(agentAndGroupId),
       resolver_(Brumo::make<GroupResolver>(loop)),
       shm_(std::make_unique<SharedMemory>(rootOf(*entityManager), name_)) {
+    corruptions_ += shm_->announcements.corruptions();
     resolver_->hasRoomIs([this] { return hasRoomForWaiting(); });
     takeUpAnnouncements();
 }
@@ -260,8 +261,7 @@ void GroupInterface::acknowledgementsArrived() {
             shm_->isOfLostLog() ? std::vector<KivShimo::Acknowledged>() : map->all(report);
         takeUpConsumed();
         appendWaiting();
-        resolver_->suspendRequestedIs(map->pauseRequested());
-        resolver_->maybeUpdateSuspend();
+        takeUpPauseRequest();
         bool moved = false;
         for (const auto& [tableId, version] : acknowledgements) {
             moved |= acknowledge(SwTableId(tableId), {version});
@@ -302,6 +302,23 @@ void GroupInterface::takeUpConsumed() try {
     announcements.consumedIs(position);
 } catch (const KivShimo::CorruptionError& error) {
     doCorruptionDetected(error.what());
+}
+
+/// REQUIRES: the map is open. While the request does not verify, the one before counts.
+void GroupInterface::takeUpPauseRequest() {
+    try {
+        resolver_->suspendRequestedIs(shm_->reader->pauseRequested());
+    } catch (const KivShimo::CorruptionError& error) {
+        doCorruptionDetected(error.what());
+    }
+    resolver_->maybeUpdateSuspend();
+}
+
+/// A request that does not verify asks for nothing. REQUIRES: the map is open.
+bool GroupInterface::isPauseRequestPending() const try {
+    return shm_->reader->pauseRequested() != resolver_->suspended();
+} catch (const KivShimo::CorruptionError&) {
+    return false;  // reported when it is taken up
 }
 
 /// True when the table's acknowledged version has moved. A handler may end tables: they are held.
@@ -353,7 +370,7 @@ bool GroupInterface::acknowledgementsPending() {
         const KivShimo::AckMapReader* map = shm_->map();
         if (map == nullptr)
             return false;
-        if (map->pauseRequested() != resolver_->suspended())
+        if (isPauseRequestPending())
             return true;
         if (map->announceIdentity() == shm_->announcements.identity() &&
             map->consumed() > shm_->announcements.consumed() &&

@@ -51,7 +51,7 @@ public:
     bool stale() const { return mapping_.stale(); }
     /// The number published last. Throws CorruptionError.
     std::uint64_t scratchpad() const;
-    bool wiped() const { return detail::loaded(mapping_.dynamic().wiped) != detail::kNotWiped; }
+    bool wiped() const { return mapping_.wiped(); }
 
     std::optional<Value> find(const Key& key) const;
     std::optional<Value> first() const { return fromBucket(0, nullptr, false); }

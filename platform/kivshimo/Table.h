@@ -55,7 +55,7 @@ public:
     bool scratchpadRotten() const { return scratchpad_.rotten(); }
 
     /// The table had existed and its content was lost. Stays until cleared, over restarts too.
-    bool wiped() const { return detail::loaded(header_->wiped) != detail::kNotWiped; }
+    bool wiped() const { return detail::WipedMark(detail::loaded(header_->wiped)).isWiped; }
     void clearWiped() {
         detail::word(header_->wiped).store(detail::kNotWiped, std::memory_order_release);
     }

@@ -103,6 +103,8 @@ struct FreshPages {
         const std::uint64_t seed = wordSeed(header.identity);
         VerifiedWordWriter(dynamic.scratchpad, seed).valueIs(0);
         VerifiedWordWriter(dynamic.tail, seed).valueIs(0);
+        VerifiedWordWriter(dynamic.pause, seed).valueIs(0);
+        dynamic.sleepEpoch = SleepEpoch::encoded(0, SleepEpoch::seedOf(header.identity));
         std::memcpy(bytes, &header, sizeof(header));
         std::memcpy(bytes + kDynamicOffset, &dynamic, sizeof(dynamic));
     }
@@ -250,7 +252,35 @@ WriterFile WriterFile::open(const std::string& root, const std::string& relative
     }
     WriterFile result(file, std::move(taken.descriptor), std::move(manifest), taken.header);
     manifestIs(result.manifest_, manifestPath, true);
+    const WipedMark mark(loaded(result.dynamic().wiped));
+    report.markRotten = mark.isRotten;
+    if (mark.isRotten)
+        result.markIs(mark.isWiped ? kWiped : kNotWiped);
     return result;
+}
+
+std::string rottenMarkIn(const std::string& file) {
+    return CorruptionError(file, "wiped mark", 0, "does not verify, the nearer one counts").what();
+}
+
+/// A process that was killed between making the file and tracing that has left the mark.
+MountFindings mountedAndTraced(const std::string& root, const std::string& relative,
+                               std::string_view typeName, const std::vector<CollectionPlan>& plan,
+                               const Brumo::TraceSource& trace) {
+    WriterFile::Report report;
+    MountFindings found{WriterFile::open(root, relative, typeName, plan, report)};
+    const std::string& file = found.file.file();
+    if (report.markRotten) {
+        ++found.corruptions;
+        trace(1, " {}", rottenMarkIn(file));
+    }
+    found.lost = found.file.wiped();
+    if (found.lost) {
+        trace(1, " {}: content lost: {}", file,
+              report.wiped ? report.reason : std::string("before this mount"));
+        found.file.clearWiped();
+    }
+    return found;
 }
 
 ReaderFile::ReaderFile(std::string file, Descriptor descriptor, const StaticHeader& header)

@@ -421,6 +421,31 @@ TEST_F(GroupInterfaceTest, TakesAHardwareSideThatBeginsAnewForNoLie) {
     EXPECT_THAT(traces.texts("GroupInterface", 1), IsEmpty());
 }
 
+TEST_F(GroupInterfaceTest, TakesUpAcknowledgementsBesideARottenPauseRequest) {
+    group_->addLogEntry(kTable, {3}, nullptr);
+    const auto pause =
+        KivShimo::detail::kDynamicOffset + offsetof(KivShimo::detail::DynamicHeader, pause);
+    hardware().pauseRequestedIs(true);
+    group_->acknowledgementsArrived();
+    ASSERT_TRUE(group_->groupResolver()->suspended());
+    {
+        std::fstream file(hardware().file(), std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>(pause)).put('\x55');
+        file.seekp(static_cast<std::streamoff>(pause + 24)).put('\x55');
+        ASSERT_TRUE(file.good());
+    }
+    ASSERT_TRUE(hardware().ackIs(kTable.whole(), 3));
+    EXPECT_FALSE(group_->sleepPrepared()) << "there is an acknowledgement";
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(acknowledged(), 3U);
+    EXPECT_EQ(group_->corruptions(), 1U);
+    EXPECT_TRUE(group_->groupResolver()->suspended()) << "as it was before";
+    EXPECT_TRUE(group_->sleepPrepared());
+    hardware().pauseRequestedIs(false);
+    group_->acknowledgementsArrived();
+    EXPECT_FALSE(group_->groupResolver()->suspended());
+}
+
 TEST_F(GroupInterfaceTest, TakesAWrappedLogWithoutAcknowledgementsForNoRot) {
     for (std::uint64_t version = 1; version <= 2 * kSlots; ++version) {
         group_->addLogEntry(kTable, {version}, nullptr);

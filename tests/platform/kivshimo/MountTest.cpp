@@ -144,6 +144,27 @@ TEST_F(MountTest, DamagedManifestStillSaysThatTheTableExisted) {
     }
 }
 
+TEST_F(MountTest, MarkWithAFewWrongBitsCountsAsTheNearerOneAndAsCorruption) {
+    const std::uint64_t mark = detail::kDynamicOffset + offsetof(detail::DynamicHeader, wiped);
+    leaveOneItem();
+    for (const bool lost : {false, true}) {
+        for (std::uint64_t bit = 0; bit < 64; ++bit) {
+            overwrite(itemsFile(), mark, lost ? detail::kWiped : detail::kNotWiped);
+            flip(itemsFile(), mark + bit / 8, bit % 8);
+            flip(itemsFile(), mark + (bit / 8 + 3) % 8, bit % 8);
+            EXPECT_EQ(Reader(itemsFile(), kItemType, "items").wiped(), lost) << bit;
+            auto table = items();
+            EXPECT_EQ(table->collectionControl().wiped(), lost) << bit;
+            EXPECT_EQ(table->corruptions(), 1U) << bit;
+            EXPECT_EQ(table->items.count(), 1U);
+            table = nullptr;
+            restart();
+            EXPECT_EQ(items()->corruptions(), 0U) << "it was put right";
+            restart();
+        }
+    }
+}
+
 TEST_F(MountTest, FolderThatOthersMayWriteToIsRefused) {
     leaveOneItem();
     for (const std::string& folder : {root_, root_ + "/items"}) {
