@@ -14,6 +14,8 @@ using AckStepTest = ShimoTest;
 
 constexpr int kLookUps = 40;
 constexpr std::uint64_t kMostSteps = 1000000;
+/// Instructions between two changes: enough for a look-up to come to an end.
+constexpr std::uint64_t kCalm = 600;
 
 /// How a look-up has ended; the exit code of the other process.
 enum LookUp : int { right = 0, wrong = 1, refused = 2 };
@@ -58,7 +60,7 @@ TEST_F(AckStepTest, RowTakenByAnotherTableDuringALookUpNeverGivesItsVersion) {
             else
                 isOfFirst = !isOfFirst;
             rowIsOf(isOfFirst ? 1 : 2);
-            due += 1 + random() % 200;
+            due += kCalm + random() % kCalm;
         }
         ptrace(PTRACE_SINGLESTEP, child, nullptr, nullptr);
         waitpid(child, &status, 0);
