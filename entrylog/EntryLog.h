@@ -113,7 +113,8 @@ public:
 
 private:
     void handleInitialized();
-    Brumo::Ptr<ConfigTable> mountedConfig(Asic::UnitId unitId, std::size_t tornExplained);
+    Brumo::Ptr<ConfigTable> mountedConfig(Asic::UnitId unitId,
+                                          std::optional<std::uint64_t> pendingKey = std::nullopt);
 
     // A change: sealed in the journal, carried out, announced. Each can be repeated.
 

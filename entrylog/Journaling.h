@@ -80,13 +80,14 @@ void EntryLog<B>::finish(const KivShimo::PendingChange& pending) {
     Traces<B>::entryLog(2, " finishing version: {} of unitId: {}", version, unitId);
     if (pending.operation == kSealedValue) {
         if (const auto value = pending.value<ConfigValue>(); value.has_value())
-            return storeValue(*mountedConfig({unitId}, 1), *value, {unitId});
+            return storeValue(*mountedConfig({unitId}, KivShimo::tornKeyOf(value->key())), *value,
+                              {unitId});
     } else if (pending.operation == kSealedDeleteAll) {
-        return deleteAll(*mountedConfig({unitId}, 0), version, {unitId});
+        return deleteAll(*mountedConfig({unitId}), version, {unitId});
     } else if (pending.operation == kSealedReclaim) {
         if (const auto record = pending.value<Record>(); record.has_value()) {
             tableEntryLog_->entryLogConfigDel(record->version);
-            return reclaim(*record, *mountedConfig({unitId}, 0));
+            return reclaim(*record, *mountedConfig({unitId}));
         }
     }
     tableEntryLog_->doCorruptionDetected("pending change of another kind dropped");

@@ -119,9 +119,9 @@ void EntryLog<B>::mountShimoChangeLog() {
 }
 
 /// The unit's configuration. Values that were being stored when the process before was killed count
-/// as corruption, but for `tornExplained` of them, which a pending change will store again.
+/// as corruption, but for the one of `pendingKey`, which a pending change will store again.
 template <class B>
-auto EntryLog<B>::mountedConfig(Asic::UnitId unitId, std::size_t tornExplained)
+auto EntryLog<B>::mountedConfig(Asic::UnitId unitId, std::optional<std::uint64_t> pendingKey)
     -> Brumo::Ptr<ConfigTable> {
     const auto cfgShimo = checkAndwriteMountShimo<ConfigTable>(
         entityManager(), Constants<Types>::configShimoType(),
@@ -134,7 +134,7 @@ auto EntryLog<B>::mountedConfig(Asic::UnitId unitId, std::size_t tornExplained)
         },
         [] { LogMessages::error.emit(fmt::format("{}::{}", "entryCfg", Types::kName)); });
     Brumo::require(cfgShimo != nullptr, "cfgShimo");
-    cfgShimo->tornSettled(tornExplained);
+    cfgShimo->tornSettled(pendingKey);
     KivShimo::CollectionControl& control = cfgShimo->collectionControl();
     if (control.scratchpadRotten())
         control.scratchpadIs(control.scratchpad());  // nobody goes by it
@@ -145,7 +145,7 @@ template <class B>
 void EntryLog<B>::mountShimoConfig(Asic::UnitId unitId, Asic::LogVersion logVersion) {
     Traces<B>::entryLog(8, " unitId:{}, logVersion: {}", unitId, logVersion);
     const std::string path = Constants<Types>::configShimoPath(unitId);
-    const auto cfgShimo = mountedConfig(unitId, 0);
+    const auto cfgShimo = mountedConfig(unitId);
     tableConfigShimoIs(unitId, cfgShimo);
     Traces<B>::entryLog(2, " Mounted config for unitId: {} at {}", unitId, path);
     if (logVersion.value == 0)

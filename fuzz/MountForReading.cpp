@@ -84,7 +84,7 @@ void readAcknowledgements(const std::string& file) {
     mayRefuse([&] { map->acknowledged(1); });
     mayRefuse([&] { map->consumed(); });
     mayRefuse([&] { map->announceIdentity(); });
-    map->pauseRequested();
+    mayRefuse([&] { map->pauseRequested(); });
 }
 
 }  // namespace

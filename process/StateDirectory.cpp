@@ -25,6 +25,8 @@ void checkStateDirectory(const std::string& path, const std::string& controlSock
         fail("it is no directory");
     if (status.st_uid != ::geteuid())
         fail(fmt::format("it belongs to user {}, not to user {}", status.st_uid, ::geteuid()));
+    if ((status.st_mode & S_IWOTH) != 0)
+        fail(fmt::format("others may write to it: mode {:04o}", status.st_mode & 07777U));
     if (::access(path.c_str(), R_OK | W_OK | X_OK) != 0)
         fail(fmt::format("it is not writable: {}", std::strerror(errno)));
     if (controlSocket.size() >= sizeof(sockaddr_un{}.sun_path))

@@ -12,9 +12,9 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// Throws StateDirectoryError unless the path is a directory of this process's user that it can
-/// write to, and short enough for the control socket, which has the longest name of the sockets in
-/// it. Changes nothing.
+/// Throws StateDirectoryError unless the path is a directory of this process's user that it, and
+/// not everybody, can write to, and short enough for the control socket, which has the longest name
+/// of the sockets in it. Changes nothing.
 void checkStateDirectory(const std::string& path, const std::string& controlSocket);
 
 }  // namespace Process

@@ -78,7 +78,9 @@ struct GroupInterface::SharedMemory {
     KivShimo::Sleeper sleeper;
     std::string acknowledgementsFile;
     std::optional<KivShimo::AckMapReader> reader;
-    std::uint64_t refusedPosition = 0;  ///< consumed, says the map, but never announced
+    std::uint64_t refusedPosition = 0;  ///< consumed, says the map, but that cannot be
+    std::uint64_t takenFrom = 0;        ///< identity of the map that the last position is from
+    std::uint64_t takenPosition = 0;    ///< consumed, as that map said last
     std::string reported;               ///< why the map could not be opened last
     std::optional<KivShimo::Waker> waker;
     std::vector<KivShimo::NeededVersion> needed;  ///< of the announcement made last
@@ -91,6 +93,7 @@ GroupInterface::GroupInterface(std::string canonicalName, std::uint16_t agentAnd
       agentAndGroupId_(agentAndGroupId),
       resolver_(Brumo::make<GroupResolver>(loop)),
       shm_(std::make_unique<SharedMemory>(rootOf(*entityManager), name_)) {
+    corruptions_ += shm_->announcements.corruptions();
     resolver_->hasRoomIs([this] { return hasRoomForWaiting(); });
     takeUpAnnouncements();
 }
@@ -273,8 +276,7 @@ void GroupInterface::acknowledgementsArrived() {
             shm_->isOfLostLog() ? std::vector<KivShimo::Acknowledged>() : map->all(report);
         takeUpConsumed();
         appendWaiting();
-        resolver_->suspendRequestedIs(map->pauseRequested());
-        resolver_->maybeUpdateSuspend();
+        takeUpPauseRequest();
         bool moved = false;
         for (const auto& [tableId, version] : acknowledgements) {
             moved |= acknowledge(SwTableId(tableId), {version});
@@ -288,21 +290,50 @@ void GroupInterface::acknowledgementsArrived() {
 }
 
 /// Frees what the hardware side has consumed. REQUIRES: its map is open. A position that was never
-/// announced is refused; that is traced once, however often the map is read.
+/// announced, or goes backwards, is refused; that is traced once, however often the map is read. A
+/// hardware side that begins anew says 0 first, or has lost its map: then none is behind it.
 void GroupInterface::takeUpConsumed() try {
     KivShimo::AnnounceLogWriter& announcements = shm_->announcements;
     if (shm_->reader->announceIdentity() != announcements.identity())
         return;
     const std::uint64_t position = shm_->reader->consumed();
-    announcements.consumedIs(position);
-    const bool isRefused = position > announcements.tail();
-    if (isRefused && shm_->refusedPosition != position) {
-        trace(1, " refused consumed position {}: beyond the last one announced, {}", position,
-              announcements.tail());
+    if (position == 0 || shm_->takenFrom != shm_->reader->identity())
+        shm_->takenPosition = 0;
+    shm_->takenFrom = shm_->reader->identity();
+    const bool isBeyond = position > announcements.tail();
+    const bool isBackwards = position < shm_->takenPosition;
+    if ((isBeyond || isBackwards) && shm_->refusedPosition != position) {
+        trace(1, " refused consumed position {}: {}, {}", position,
+              isBeyond ? "beyond the last one announced"
+                       : "goes backwards from the last one taken up",
+              isBeyond ? announcements.tail() : shm_->takenPosition);
     }
-    shm_->refusedPosition = isRefused ? position : 0;
+    if (isBeyond || isBackwards) {
+        shm_->refusedPosition = position;
+        return;
+    }
+    shm_->refusedPosition = 0;
+    shm_->takenPosition = position;
+    announcements.consumedIs(position);
 } catch (const KivShimo::CorruptionError& error) {
     doCorruptionDetected(error.what());
+}
+
+/// REQUIRES: the map is open. While the request does not verify, the one before counts.
+void GroupInterface::takeUpPauseRequest() {
+    try {
+        resolver_->suspendRequestedIs(shm_->reader->pauseRequested());
+    } catch (const KivShimo::CorruptionError& error) {
+        doCorruptionDetected(error.what());
+    }
+    resolver_->maybeUpdateSuspend();
+}
+
+/// A request that does not verify asks for nothing. REQUIRES: the map is open.
+bool GroupInterface::isPauseRequestPending() const try {
+    return shm_->reader->pauseRequested() != resolver_->suspended();
+} catch (const KivShimo::CorruptionError&) {
+    return false;  // reported when it is taken up
 }
 
 /// True when the table's acknowledged version has moved. A handler may end tables: they are held.
@@ -354,7 +385,7 @@ bool GroupInterface::acknowledgementsPending() {
         const KivShimo::AckMapReader* map = shm_->map();
         if (map == nullptr)
             return false;
-        if (map->pauseRequested() != resolver_->suspended())
+        if (isPauseRequestPending())
             return true;
         if (map->announceIdentity() == shm_->announcements.identity() &&
             map->consumed() > shm_->announcements.consumed() &&

@@ -98,6 +98,8 @@ private:
     void takeUpAnnouncements();
     bool hasRoomForWaiting();
     void takeUpConsumed();
+    void takeUpPauseRequest();
+    bool isPauseRequestPending() const;
     bool acknowledgementsPending();
     bool announced(SwTableId tableId, LogVersion version,
                    const Brumo::Ptr<const NeededEntry>& needed);

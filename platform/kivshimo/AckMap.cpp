@@ -10,22 +10,39 @@ namespace {
 
 constexpr const char* kType = "KivShimo::AckMap";
 constexpr const char* kCollection = "acknowledged";
+constexpr const char* kPauseRequest = "pause request";
 constexpr std::uint64_t kPauseRequested = 0x5041555345U;
 
-/// One table's row. The consumed position and the identity of the announce log lie in the words of
+constexpr unsigned kRowTries = 1000;
+
+/// One table's row. Rows are reused: the label tells their uses apart, also those by one table.
+///
+/// The writer takes the check away before it stores anything for another table, with a release
+/// fence in between; the label and its check come last. So a reader that has read anything of the
+/// new table does not find the old check any more when it looks once more behind an acquire fence.
+///
+/// The consumed position and the identity of the announce log lie in the words of
 /// the header that tables and announce logs use for scratchpad and tail.
 ///
-///   0         8       16        64
-///   | tableId | check | version |
+///   0       8       16        64
+///   | label | check | version |
 struct Row {
-    std::uint64_t tableId;
-    std::uint64_t check;  ///< of tableId; 0 while the row is free, stored last
+    std::uint64_t label;  ///< table id; in the upper half how often the row was taken
+    std::uint64_t check;  ///< of the label; 0 while the row is free, stored last
     detail::VerifiedWord version;
 };
 static_assert(sizeof(Row) == 64 && offsetof(Row, version) == 16);
 
-std::uint64_t checkOf(std::uint64_t tableId, std::uint64_t seed) {
-    return detail::mixed(seed, tableId) | 1U;
+std::uint64_t checkOf(std::uint64_t label, std::uint64_t seed) {
+    return detail::mixed(seed, label) | 1U;
+}
+
+std::uint32_t tableOf(std::uint64_t label) {
+    return static_cast<std::uint32_t>(label);
+}
+
+std::uint64_t nextLabelOf(const Row& row, std::uint32_t tableId) {
+    return ((detail::loaded(row.label) >> 32U) + 1) << 32U | tableId;
 }
 
 std::vector<detail::CollectionPlan> plan() {
@@ -37,12 +54,8 @@ const Brumo::TraceSource& acknowledgementsTrace() {
     return source;
 }
 
-detail::WriterFile mounted(const std::string& root, const std::string& path) {
-    detail::WriterFile::Report report;
-    detail::WriterFile file = detail::WriterFile::open(root, path, kType, plan(), report);
-    if (report.wiped)
-        acknowledgementsTrace()(1, " {}: content lost: {}", file.file(), report.reason);
-    return file;
+detail::MountFindings mounted(const std::string& root, const std::string& path) {
+    return detail::mountedAndTraced(root, path, kType, plan(), acknowledgementsTrace());
 }
 
 const Row* rowsIn(const detail::MappedFile& mapping) {
@@ -53,16 +66,32 @@ Row* rowsOf(const detail::WriterFile& mapping) {
     return reinterpret_cast<Row*>(mapping.writableArea(0));
 }
 
-/// Which table a row is of: empty while it is free.
-std::optional<std::uint32_t> tableOf(const Row& row, std::uint64_t seed, bool& rotten) {
-    const std::uint64_t check = detail::word(row.check).load(std::memory_order_acquire);
-    if (check == 0)
-        return std::nullopt;
-    const std::uint64_t tableId = detail::loaded(row.tableId);
-    rotten = check != checkOf(tableId, seed) || tableId > 0xFFFFFFFF;
-    if (rotten)
-        return std::nullopt;
-    return static_cast<std::uint32_t>(tableId);
+/// What a row said at one moment.
+struct RowReading {
+    bool isLabelRotten = false;
+    std::optional<std::uint32_t> table;    ///< empty: free, or it is not known
+    std::optional<std::uint64_t> version;  ///< empty with a table: rotten
+};
+
+RowReading readingOf(const Row& row, const detail::MappedFile& mapping) {
+    for (unsigned attempt = 0; attempt < kRowTries; ++attempt) {
+        const std::uint64_t check = detail::word(row.check).load(std::memory_order_acquire);
+        if (check == 0)
+            return {};
+        RowReading result;
+        const std::uint64_t label = detail::loaded(row.label);
+        if (check == checkOf(label, mapping.seed(0))) {
+            result.table = tableOf(label);
+            result.version = row.version.read(mapping.wordSeed());
+        } else {
+            result.isLabelRotten = true;
+        }
+        // What was read may be another table's by now; its writer has changed the check then.
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if (detail::loaded(row.check) == check)
+            return result;
+    }
+    return {};  // it is no table's for long
 }
 
 std::uint64_t valueOf(const detail::VerifiedWord& stored, const detail::MappedFile& mapping,
@@ -78,11 +107,19 @@ std::uint64_t valueOf(const detail::VerifiedWord& stored, const detail::MappedFi
 AckMapWriter::AckMapWriter(const std::string& root, const std::string& path)
     : AckMapWriter(mounted(root, path)) {}
 
-AckMapWriter::AckMapWriter(detail::WriterFile mapping)
-    : mapping_(std::move(mapping)),
+AckMapWriter::AckMapWriter(detail::MountFindings found)
+    : mapping_(std::move(found.file)),
       consumed_(mapping_.dynamicHeader().scratchpad, mapping_.wordSeed()),
-      announceIdentity_(mapping_.dynamicHeader().tail, mapping_.wordSeed()) {
+      announceIdentity_(mapping_.dynamicHeader().tail, mapping_.wordSeed()),
+      pause_(mapping_.dynamicHeader().pause, mapping_.wordSeed()),
+      wiped_(found.lost) {
     takeUp();
+    if (corruptions_ != 0) {
+        acknowledgementsTrace()(1, " {}: {} rotten acknowledgements", mapping_.file(),
+                                corruptions_);
+    }
+    takeUpPause();
+    corruptions_ += found.corruptions;
 }
 
 /// A rotten row is freed: its table counts as not acknowledged. A version or a position whose newer
@@ -90,17 +127,19 @@ AckMapWriter::AckMapWriter(detail::WriterFile mapping)
 void AckMapWriter::takeUp() {
     Row* rows = rowsOf(mapping_);
     for (std::size_t i = 0; i < kMostAckTables; ++i) {
-        bool rotten = false;
-        const std::optional<std::uint32_t> table = tableOf(rows[i], mapping_.seed(0), rotten);
-        if (!table && !rotten)
+        const std::uint64_t check = detail::loaded(rows[i].check);
+        if (check == 0)
             continue;
+        const std::uint64_t label = detail::loaded(rows[i].label);
+        const bool isOfTable =
+            check == checkOf(label, mapping_.seed(0)) && entryOf(tableOf(label)) == nullptr;
         const detail::VerifiedWord::Reading version = rows[i].version.reading(mapping_.wordSeed());
-        if (table && version.serial != 0 && entryOf(*table) == nullptr) {
+        if (isOfTable && version.serial != 0) {
             detail::VerifiedWordWriter writer(rows[i].version, mapping_.wordSeed());
             if (version.rotten)
                 writer.valueIs(version.value);
             corruptions_ += version.rotten ? 1U : 0U;
-            entries_.push_back({*table, i, writer});
+            entries_.push_back({tableOf(label), i, label, writer});
         } else {
             detail::word(rows[i].check).store(0, std::memory_order_release);
             ++corruptions_;
@@ -111,10 +150,16 @@ void AckMapWriter::takeUp() {
         consumed_.valueIs(consumed_.value());
     if (announceIdentity_.rotten())
         announceIdentity_.valueIs(0);
-    if (corruptions_ != 0) {
-        acknowledgementsTrace()(1, " {}: {} rotten acknowledgements", mapping_.file(),
-                                corruptions_);
-    }
+}
+
+/// Without a request that verifies the agent goes on, and whoever wanted it to pause says so again.
+void AckMapWriter::takeUpPause() {
+    if (!pause_.rotten())
+        return;
+    pause_.valueIs(0);
+    ++corruptions_;
+    acknowledgementsTrace()(
+        1, " {}", CorruptionError(file(), kPauseRequest, 0, "does not verify, none counts").what());
 }
 
 const AckMapWriter::Entry* AckMapWriter::entryOf(std::uint32_t tableId) const {
@@ -129,26 +174,30 @@ bool AckMapWriter::ackIs(std::uint32_t tableId, std::uint64_t version) {
             return false;
         if (version > found->version.value())
             found->version.valueIs(version);
-        labelIs(found->row, tableId);
+        labelIs(found->row, found->label);
         return true;
     }
     const std::optional<std::size_t> free = freeRow();
     if (!free)
         return false;
-    detail::VerifiedWordWriter writer(rowsOf(mapping_)[*free].version, mapping_.wordSeed());
+    Row& row = rowsOf(mapping_)[*free];
+    const std::uint64_t label = nextLabelOf(row, tableId);
+    detail::VerifiedWordWriter writer(row.version, mapping_.wordSeed());
+    // Its stores stand behind a release fence, and so behind the one that took the row's check
+    // away: a reader that meets them finds the table of before gone.
     writer.valueIs(version);
-    labelIs(*free, tableId);
-    entries_.push_back({tableId, *free, writer});
+    labelIs(*free, label);
+    entries_.push_back({tableId, *free, label, writer});
     return true;
 }
 
 /// Says which table the row is of, also where that has rotted since.
-void AckMapWriter::labelIs(std::size_t row, std::uint32_t tableId) {
+void AckMapWriter::labelIs(std::size_t row, std::uint64_t label) {
     Row& stored = rowsOf(mapping_)[row];
-    const std::uint64_t check = checkOf(tableId, mapping_.seed(0));
-    if (stored.tableId == tableId && stored.check == check)
+    const std::uint64_t check = checkOf(label, mapping_.seed(0));
+    if (detail::loaded(stored.label) == label && detail::loaded(stored.check) == check)
         return;
-    detail::word(stored.tableId).store(tableId, std::memory_order_relaxed);
+    detail::word(stored.label).store(label, std::memory_order_relaxed);
     detail::word(stored.check).store(check, std::memory_order_release);
 }
 
@@ -181,17 +230,11 @@ std::optional<std::size_t> AckMapWriter::freeRow() const {
 }
 
 void AckMapWriter::pauseRequestedIs(bool requested) {
-    detail::word(mapping_.dynamicHeader().pause[0])
-        .store(requested ? kPauseRequested : 0, std::memory_order_release);
+    pause_.valueIs(requested ? kPauseRequested : 0);
 }
 
 bool AckMapWriter::pauseRequested() const {
-    return detail::loaded(mapping_.dynamic().pause[0]) == kPauseRequested;
-}
-
-void AckMapWriter::clearWiped() {
-    detail::word(mapping_.dynamicHeader().wiped)
-        .store(detail::kNotWiped, std::memory_order_release);
+    return pause_.value() == kPauseRequested;
 }
 
 std::optional<AckMapReader> AckMapReader::open(const std::string& file) {
@@ -208,13 +251,14 @@ std::optional<AckMapReader> AckMapReader::open(const std::string& file) {
 std::optional<std::uint64_t> AckMapReader::acknowledged(std::uint32_t tableId) const {
     std::optional<std::size_t> rottenRow;
     for (std::size_t i = 0; i < kMostAckTables; ++i) {
-        const Row& row = rowsIn(mapping_)[i];
-        bool rotten = false;
-        const std::optional<std::uint32_t> table = tableOf(row, mapping_.seed(0), rotten);
-        if (rotten)
+        const RowReading row = readingOf(rowsIn(mapping_)[i], mapping_);
+        const bool isWanted = row.table == tableId;
+        if (isWanted && row.version)
+            return row.version;
+        if (isWanted || row.isLabelRotten)
             rottenRow = i;
-        if (table == tableId)
-            return valueOf(row.version, mapping_, kCollection, i);
+        if (isWanted)
+            break;
     }
     if (rottenRow)
         throw CorruptionError(file(), kCollection, *rottenRow, "does not verify");
@@ -225,16 +269,11 @@ std::vector<Acknowledged> AckMapReader::all(
     const std::function<void(const CorruptionError&)>& report) const {
     std::vector<Acknowledged> result;
     for (std::size_t i = 0; i < kMostAckTables; ++i) {
-        const Row& row = rowsIn(mapping_)[i];
-        bool rotten = false;
-        const std::optional<std::uint32_t> table = tableOf(row, mapping_.seed(0), rotten);
-        if (!table && !rotten)
-            continue;
-        const std::optional<std::uint64_t> version = row.version.read(mapping_.wordSeed());
-        if (rotten || !version) {
+        const RowReading row = readingOf(rowsIn(mapping_)[i], mapping_);
+        if (row.table && row.version) {
+            result.push_back({*row.table, *row.version});
+        } else if (row.table || row.isLabelRotten) {
             report(CorruptionError(file(), kCollection, i, "does not verify"));
-        } else {
-            result.push_back({*table, *version});
         }
     }
     return result;
@@ -249,8 +288,7 @@ std::uint64_t AckMapReader::announceIdentity() const {
 }
 
 bool AckMapReader::pauseRequested() const {
-    return detail::word(mapping_.dynamic().pause[0]).load(std::memory_order_acquire) ==
-           kPauseRequested;
+    return valueOf(mapping_.dynamic().pause, mapping_, kPauseRequest, 0) == kPauseRequested;
 }
 
 }  // namespace KivShimo

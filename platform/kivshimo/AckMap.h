@@ -53,31 +53,38 @@ public:
 
     const std::string& file() const { return mapping_.file(); }
     std::uint64_t identity() const { return mapping_.identity(); }
-    bool wiped() const { return detail::loaded(mapping_.dynamic().wiped) != detail::kNotWiped; }
-    void clearWiped();
+    /// This mount has found that the map had existed and its content was lost.
+    bool wiped() const { return wiped_; }
     /// This process's word for a Sleeper.
-    std::uint64_t& sleepEpoch() { return mapping_.dynamicHeader().sleepEpoch; }
-    /// Tables whose acknowledgement was rotten at the mount; they count as not acknowledged.
+    detail::SleepWord sleepEpoch() const {
+        return {mapping_.dynamicHeader().sleepEpoch, mapping_.sleepSeed()};
+    }
+    /// What was rotten at the mount, and traced. Tables whose acknowledgement was count as not
+    /// acknowledged; a pause request that was counts as none.
     std::uint64_t corruptions() const { return corruptions_; }
 
 private:
     struct Entry {
         std::uint32_t tableId;
         std::size_t row;
+        std::uint64_t label;
         detail::VerifiedWordWriter version;
     };
 
-    explicit AckMapWriter(detail::WriterFile mapping);
+    explicit AckMapWriter(detail::MountFindings found);
     void takeUp();
+    void takeUpPause();
     const Entry* entryOf(std::uint32_t tableId) const;
     std::optional<std::size_t> freeRow() const;
-    void labelIs(std::size_t row, std::uint32_t tableId);
+    void labelIs(std::size_t row, std::uint64_t label);
 
     detail::WriterFile mapping_;
     detail::VerifiedWordWriter consumed_;
     detail::VerifiedWordWriter announceIdentity_;
+    detail::VerifiedWordWriter pause_;
     std::vector<Entry> entries_;
     std::uint64_t corruptions_ = 0;
+    bool wiped_;
 };
 
 class AckMapReader {
@@ -92,13 +99,16 @@ public:
     /// Throws CorruptionError.
     std::uint64_t consumed() const;
     std::uint64_t announceIdentity() const;
+    /// Throws CorruptionError.
     bool pauseRequested() const;
 
     const std::string& file() const { return mapping_.file(); }
     std::uint64_t identity() const { return mapping_.identity(); }
     bool stale() const { return mapping_.stale(); }
     /// The hardware side's word for a Waker.
-    const std::uint64_t& sleepEpoch() const { return mapping_.dynamic().sleepEpoch; }
+    detail::SleepWord sleepEpoch() const {
+        return {mapping_.dynamic().sleepEpoch, mapping_.sleepSeed()};
+    }
 
 private:
     explicit AckMapReader(detail::ReaderFile mapping) : mapping_(std::move(mapping)) {}

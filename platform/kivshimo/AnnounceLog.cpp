@@ -20,17 +20,17 @@ std::vector<detail::CollectionPlan> planFor(std::uint64_t slots) {
              1, slots}};
 }
 
-detail::WriterFile mounted(const std::string& root, const std::string& path, std::uint64_t slots) {
+const Brumo::TraceSource& announcementsTrace() {
+    static const Brumo::TraceSource source("KivShimo", "AnnounceLogWriter");
+    return source;
+}
+
+detail::MountFindings mounted(const std::string& root, const std::string& path,
+                              std::uint64_t slots) {
     Brumo::require(std::has_single_bit(slots) && slots <= detail::kMostSlots,
                    "slots are a power of two", path);
-    detail::WriterFile::Report report;
-    detail::WriterFile file =
-        detail::WriterFile::open(root, path, detail::kAnnounceType, planFor(slots), report);
-    if (report.wiped) {
-        static const Brumo::TraceSource trace("KivShimo", "AnnounceLogWriter");
-        trace(1, " {}: content lost: {}", file.file(), report.reason);
-    }
-    return file;
+    return detail::mountedAndTraced(root, path, detail::kAnnounceType, planFor(slots),
+                                    announcementsTrace());
 }
 
 /// The words of the slot of a position.
@@ -45,11 +45,13 @@ AnnounceLogWriter::AnnounceLogWriter(const std::string& root, const std::string&
                                      std::uint64_t slots)
     : AnnounceLogWriter(mounted(root, path, slots)) {}
 
-AnnounceLogWriter::AnnounceLogWriter(detail::WriterFile mapping)
-    : mapping_(std::move(mapping)),
+AnnounceLogWriter::AnnounceLogWriter(detail::MountFindings found)
+    : mapping_(std::move(found.file)),
       slots_(mapping_.header().collection[0].slots),
       seed_(mapping_.seed(0)),
-      tail_(mapping_.dynamicHeader().tail, mapping_.wordSeed()) {
+      tail_(mapping_.dynamicHeader().tail, mapping_.wordSeed()),
+      wiped_(found.lost),
+      corruptions_(found.corruptions) {
     if (tail_.rotten())
         findTail();
     // How far the reader is comes from its side; until then nothing that it may need is
@@ -68,8 +70,9 @@ void AnnounceLogWriter::findTail() {
         }
     }
     tail_.valueIs(highest);
-    static const Brumo::TraceSource trace("KivShimo", "AnnounceLogWriter");
-    trace(1, " {}", CorruptionError(file(), "tail", 0, "does not verify, found again").what());
+    ++corruptions_;
+    announcementsTrace()(1, " {}",
+                         CorruptionError(file(), "tail", 0, "does not verify, found again").what());
 }
 
 bool AnnounceLogWriter::append(std::uint32_t tableId, std::uint64_t version,
@@ -107,11 +110,6 @@ bool AnnounceLogWriter::consumedIs(std::uint64_t position) {
         return false;
     consumed_ = position;
     return true;
-}
-
-void AnnounceLogWriter::clearWiped() {
-    detail::word(mapping_.dynamicHeader().wiped)
-        .store(detail::kNotWiped, std::memory_order_release);
 }
 
 std::optional<AnnounceLogReader> AnnounceLogReader::open(const std::string& file) {

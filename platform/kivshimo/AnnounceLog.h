@@ -67,13 +67,17 @@ public:
     const std::string& file() const { return mapping_.file(); }
     std::uint64_t identity() const { return mapping_.identity(); }
     std::uint64_t slots() const { return slots_; }
-    bool wiped() const { return detail::loaded(mapping_.dynamic().wiped) != detail::kNotWiped; }
-    void clearWiped();
+    /// This mount has found that the log had existed and its content was lost.
+    bool wiped() const { return wiped_; }
+    /// What this mount has found rotten, and traced.
+    std::uint64_t corruptions() const { return corruptions_; }
     /// This process's word for a Sleeper.
-    std::uint64_t& sleepEpoch() { return mapping_.dynamicHeader().sleepEpoch; }
+    detail::SleepWord sleepEpoch() const {
+        return {mapping_.dynamicHeader().sleepEpoch, mapping_.sleepSeed()};
+    }
 
 private:
-    explicit AnnounceLogWriter(detail::WriterFile mapping);
+    explicit AnnounceLogWriter(detail::MountFindings found);
     void findTail();
     void store(std::uint64_t position, std::uint32_t tableId, std::uint64_t version, bool last,
                std::span<const NeededVersion> needed);
@@ -83,6 +87,8 @@ private:
     std::uint64_t seed_;
     detail::VerifiedWordWriter tail_;
     std::uint64_t consumed_ = 0;
+    bool wiped_;
+    std::uint64_t corruptions_;
 };
 
 class AnnounceLogReader {
@@ -101,7 +107,9 @@ public:
     std::uint64_t slots() const { return slots_; }
     bool stale() const { return mapping_.stale(); }
     /// The agent's word for a Waker.
-    const std::uint64_t& sleepEpoch() const { return mapping_.dynamic().sleepEpoch; }
+    detail::SleepWord sleepEpoch() const {
+        return {mapping_.dynamic().sleepEpoch, mapping_.sleepSeed()};
+    }
 
 private:
     explicit AnnounceLogReader(detail::ReaderFile mapping);

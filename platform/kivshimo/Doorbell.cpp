@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <random>
 #include <utility>
 
 #include "platform/kivshimo/Errors.h"
@@ -89,31 +90,38 @@ bool ring(const std::string& path) {
     return address && ringAt(*address);
 }
 
-Sleeper::Sleeper(std::uint64_t& epoch) : epoch_(epoch) {
+Sleeper::Sleeper(detail::SleepWord word)
+    : word_(word),
+      epoch_(detail::SleepEpoch::decoded(detail::loaded(word.place), word.seed)
+                 .value_or(std::random_device()())) {
     awake();
 }
 
 void Sleeper::asleep() {
-    const std::uint64_t now = epoch_.load(std::memory_order_relaxed);
-    epoch_.store(now | 1U, std::memory_order_relaxed);
+    epoch_ |= 1U;
+    store();
     std::atomic_thread_fence(std::memory_order_seq_cst);
 }
 
 void Sleeper::awake() {
-    const std::uint64_t now = epoch_.load(std::memory_order_relaxed);
-    if ((now & 1U) != 0)
-        epoch_.store(now + 1, std::memory_order_relaxed);
+    epoch_ += epoch_ & 1U;
+    store();
 }
 
-Waker::Waker(const std::uint64_t& epoch, std::string path)
-    : epoch_(&epoch), path_(std::move(path)) {}
+/// Also where nothing has changed: what has rotted meanwhile is right again.
+void Sleeper::store() {
+    detail::word(word_.place)
+        .store(detail::SleepEpoch::encoded(epoch_, word_.seed), std::memory_order_relaxed);
+}
+
+Waker::Waker(detail::SleepWord word, std::string path) : word_(word), path_(std::move(path)) {}
 
 bool Waker::published() {
     std::atomic_thread_fence(std::memory_order_seq_cst);
-    const std::uint64_t epoch = detail::loaded(*epoch_);
-    if ((epoch & 1U) == 0 || epoch == rungFor_)
+    const auto epoch = detail::SleepEpoch::decoded(detail::loaded(word_.place), word_.seed);
+    if (epoch && ((*epoch & 1U) == 0 || *epoch == rungFor_))
         return false;
-    rungFor_ = epoch;
+    rungFor_ = epoch.value_or(0);
     return ring(path_);
 }
 

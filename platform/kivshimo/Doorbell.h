@@ -11,12 +11,13 @@
 //
 // What always holds:
 //  1. An epoch word is written by its owner only; the waker reads it from a mapping.
-//  2. A waker rings at most once for an epoch, so a burst costs one system call.
+//  2. A waker rings at most once for an epoch, so a burst costs one system call. A word that does
+//     not verify may be that of a sleeper: it rings each time, until the owner, which goes by its
+//     own memory, has stored the word anew.
 //  3. Ringing never blocks. A peer that is not there, or whose socket is full, needs no ring: a
 //     full socket wakes it, and a process that starts looks for work before it sleeps.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -55,9 +56,10 @@ bool ring(const std::string& path);
 /// The sleeping half.
 class Sleeper {
 public:
-    /// `epoch`: the word in a file that this process writes. A process that was killed asleep left
-    /// it odd; it is awake now.
-    explicit Sleeper(std::uint64_t& epoch);
+    /// `word`: of a file that this process writes, in a mapping that outlives this object. A
+    /// process that was killed asleep left its epoch odd; it is awake now. Where it has rotted, any
+    /// epoch is taken: none that a waker has rung for may come again.
+    explicit Sleeper(detail::SleepWord word);
 
     /// Says that this process is about to block. Look for work once more afterwards, then block.
     void asleep();
@@ -65,22 +67,25 @@ public:
     void awake();
 
 private:
-    std::atomic_ref<std::uint64_t> epoch_;
+    void store();
+
+    detail::SleepWord word_;
+    std::uint32_t epoch_;
 };
 
 /// The waking half.
 class Waker {
 public:
-    /// `epoch`: the other side's word, in a mapping that outlives this object.
-    Waker(const std::uint64_t& epoch, std::string path);
+    /// `word`: the other side's, in a mapping that outlives this object.
+    Waker(detail::SleepWord word, std::string path);
 
     /// Call after publishing work. True when the bell was rung.
     bool published();
 
 private:
-    const std::uint64_t* epoch_;
+    detail::SleepWord word_;
     std::string path_;
-    std::uint64_t rungFor_ = 0;
+    std::uint32_t rungFor_ = 0;  ///< 0: for none, as it is even
 };
 
 }  // namespace KivShimo

@@ -186,6 +186,8 @@ void EntityManager::mount(const std::string& path, const std::string& typeName,
     }
     Brumo::Ptr<Table> table =
         type->factory({path, std::make_unique<detail::WriterFile>(std::move(file))});
+    if (report.markRotten)
+        table->doCorruptionDetected(detail::rottenMarkIn(table->file()));
     tables_.insert_or_assign(path, Mounted{typeName, std::move(table)});
 }
 

@@ -51,7 +51,7 @@ public:
     bool stale() const { return mapping_.stale(); }
     /// The number published last. Throws CorruptionError.
     std::uint64_t scratchpad() const;
-    bool wiped() const { return detail::loaded(mapping_.dynamic().wiped) != detail::kNotWiped; }
+    bool wiped() const { return mapping_.wiped(); }
 
     std::optional<Value> find(const Key& key) const;
     std::optional<Value> first() const { return fromBucket(0, nullptr, false); }
@@ -91,6 +91,28 @@ private:
     static constexpr unsigned kTries = 100;
     static constexpr std::chrono::milliseconds kPatience{100};
 
+    /// How long one waits for a writer. On a busy machine giving the processor away may take long:
+    /// the time counts then, not the tries.
+    class Patience {
+    public:
+        /// Asked after a try that came to nothing: whether there is to be another.
+        bool lasts() {
+            if (++tries_ <= kTries)
+                return true;
+            const auto now = std::chrono::steady_clock::now();
+            if (!deadline_)
+                deadline_ = now + kPatience;
+            if (now >= *deadline_)
+                return false;
+            std::this_thread::yield();
+            return true;
+        }
+
+    private:
+        unsigned tries_ = 0;
+        std::optional<std::chrono::steady_clock::time_point> deadline_;
+    };
+
     struct Reading {
         SlotState state;
         Value value;
@@ -114,7 +136,7 @@ private:
 
     /// One try, bounded waiting for the writer left to the caller.
     Reading read(std::uint64_t slot) const;
-    /// Tries until the slot is not busy. Throws BusyError.
+    /// Tries until the slot is not busy, or patience ends. Throws BusyError.
     Reading settled(std::uint64_t slot) const;
     /// `wanted` null: the chain's first element. Otherwise the first at, or at or after, or after.
     enum class Which { at, atOrAfter, after };

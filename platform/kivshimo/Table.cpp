@@ -52,14 +52,16 @@ void Table::doCorruptionDetected(std::string_view message) {
     tableTrace()(1, " {}", message);
 }
 
-void Table::tornDetected(std::string_view message) {
+void Table::tornDetected(std::string_view message, std::uint64_t key) {
     tableTrace()(3, " {}", message);
-    torn_.emplace_back(message);
+    torn_[key].emplace_back(message);
 }
 
-void Table::tornSettled(std::size_t explained) {
-    for (std::size_t i = explained; i < torn_.size(); ++i)
-        doCorruptionDetected(torn_[i]);
+void Table::tornSettled(std::optional<std::uint64_t> pendingKey) {
+    for (const auto& [key, messages] : torn_) {
+        for (std::size_t i = key == pendingKey ? 1 : 0; i < messages.size(); ++i)
+            doCorruptionDetected(messages[i]);
+    }
     torn_.clear();
 }
 

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -54,7 +55,7 @@ public:
     bool scratchpadRotten() const { return scratchpad_.rotten(); }
 
     /// The table had existed and its content was lost. Stays until cleared, over restarts too.
-    bool wiped() const { return detail::loaded(header_->wiped) != detail::kNotWiped; }
+    bool wiped() const { return detail::WipedMark(detail::loaded(header_->wiped)).isWiped; }
     void clearWiped() {
         detail::word(header_->wiped).store(detail::kNotWiped, std::memory_order_release);
     }
@@ -69,6 +70,13 @@ struct TableMount {
     std::string path;
     std::unique_ptr<detail::WriterFile> file;
 };
+
+/// What tells the keys of torn values apart. A store that is cut off leaves its key whole: it had
+/// the same one before.
+template <class Key>
+std::uint64_t tornKeyOf(const Key& key) {
+    return std::uint64_t{key.hash(1)} << 32U | key.hash(0);
+}
 
 class Table : public Kiv::Entity {
 public:
@@ -86,10 +94,12 @@ public:
     virtual void doCorruptionDetected(std::string_view message);
     std::uint64_t corruptions() const { return corruptions_; }
 
-    /// Takes notice of a value that was dropped because its store was cut off.
-    void tornDetected(std::string_view message);
-    /// Counts as corruption all of them but those that the caller has a pending change for.
-    void tornSettled(std::size_t explained);
+    /// Takes notice of a value that was dropped because its store was cut off. `key`: see
+    /// tornKeyOf.
+    void tornDetected(std::string_view message, std::uint64_t key);
+    /// Counts as corruption all of them but the one of the key that the caller has a pending change
+    /// for.
+    void tornSettled(std::optional<std::uint64_t> pendingKey = std::nullopt);
 
     /// For the collections that are made as members.
     detail::WriterFile& mapping() { return *file_; }
@@ -100,7 +110,7 @@ private:
     CollectionControl control_;
     JournalWriter journal_;
     std::uint64_t corruptions_ = 0;
-    std::vector<std::string> torn_;
+    std::map<std::uint64_t, std::vector<std::string>> torn_;  ///< messages by key
 };
 
 using TableFactory = Brumo::Ptr<Table> (*)(TableMount mount);

@@ -51,7 +51,7 @@ public:
     bool stale() const { return mapping_.stale(); }
     /// The last version published. Throws CorruptionError.
     std::uint64_t scratchpad() const;
-    bool wiped() const { return detail::loaded(mapping_.dynamic().wiped) != detail::kNotWiped; }
+    bool wiped() const { return mapping_.wiped(); }
 
     /// Empty when there is no such record (any more).
     std::optional<Record> find(std::uint64_t version) const;

@@ -49,7 +49,7 @@ public:
     ResourceFileStore(const Brumo::Ptr<Regdb::EntityManager>& entityManager,
                       const std::string& name, std::uint32_t poolSize)
         : file_(mount(entityManager, name, poolSize)) {
-        file_->tornSettled(0);
+        file_->tornSettled();
         KivShimo::CollectionControl& control = file_->collectionControl();
         if (!control.wiped())
             return;

@@ -1,16 +1,22 @@
 #include "platform/ringtrace/Ring.h"
 
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <bit>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <system_error>
@@ -22,7 +28,7 @@
 namespace RingTrace {
 namespace {
 
-constexpr std::uint64_t kMagic = 0x31474E4952535642U;
+constexpr std::uint64_t kMagic = 0x32474E4952535642U;
 constexpr std::size_t kFormatBytes = 128;
 constexpr std::size_t kTextKind = 0xFF;
 
@@ -41,16 +47,31 @@ constexpr std::size_t kSlotsOffset = sizeof(Header) + Ring::kMostFormats * kForm
 
 /// One message.
 ///
-///   0          8      16        24     32           64
-///   | sequence | time | message | kind | argument[4] |
+///   0       8          16     24        28     32           64
+///   | check | sequence | time | message | kind | argument[4] |
 struct Slot {
-    std::uint64_t sequence;  ///< counts from 1; 0 while the slot is stored
+    std::uint64_t check;     ///< of what follows; 0 before and while the slot is stored
+    std::uint64_t sequence;  ///< counts from 1
     std::uint64_t time_ns;
-    std::uint64_t message;
-    std::uint64_t kind;  ///< number of arguments, or kTextKind
+    std::uint32_t message;
+    std::uint32_t kind;  ///< number of arguments, or kTextKind
     std::uint64_t argument[4];
 };
-static_assert(sizeof(Slot) == 64);
+static_assert(sizeof(Slot) == 64 && offsetof(Slot, argument) == 32);
+
+using SlotWords = std::array<std::uint64_t, sizeof(Slot) / sizeof(std::uint64_t)>;
+
+/// Of a format as it lies in the file, zeros behind it.
+std::uint64_t formatSumOf(const std::byte* base, std::uint64_t id) {
+    return XXH3_64bits_withSeed(base + sizeof(Header) + id * kFormatBytes, kFormatBytes, id);
+}
+
+/// Never 0, nor one bit away from it: what was stored does not rot into what was not.
+std::uint64_t checkOf(const SlotWords& words, std::uint64_t slot, std::uint64_t formatSum) {
+    return XXH3_64bits_withSeed(words.data() + 1, sizeof(Slot) - sizeof(words[0]),
+                                formatSum + slot) |
+           3U;
+}
 
 std::atomic_ref<std::uint64_t> word(const std::uint64_t& place) {
     return std::atomic_ref<std::uint64_t>(const_cast<std::uint64_t&>(place));
@@ -87,7 +108,7 @@ std::string formatted(std::string_view format, std::span<const std::string> argu
 }
 
 std::string formatIn(const std::byte* base, std::uint64_t id) {
-    if (id == 0 || id >= Ring::kMostFormats)
+    if (id == 0)
         return "?";
     const char* text = reinterpret_cast<const char*>(base) + sizeof(Header) + id * kFormatBytes;
     return {text, strnlen(text, kFormatBytes)};
@@ -108,32 +129,56 @@ std::string lineOf(const std::byte* base, const Slot& slot) {
                        formatted(formatIn(base, slot.message), arguments));
 }
 
+std::uint64_t* wordsOf(const std::byte* base, std::size_t slot) {
+    const std::byte* place = base + kSlotsOffset + slot * sizeof(Slot);
+    return const_cast<std::uint64_t*>(reinterpret_cast<const std::uint64_t*>(place));
+}
+
+/// What a slot holds; empty before and while it is stored.
+std::optional<SlotWords> wordsIn(const std::byte* base, std::size_t slot) {
+    const std::uint64_t* place = wordsOf(base, slot);
+    SlotWords words{word(place[0]).load(std::memory_order_acquire)};
+    for (std::size_t i = 1; i < words.size(); ++i)
+        words[i] = word(place[i]).load(std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if (words[0] == 0 || word(place[0]).load(std::memory_order_relaxed) != words[0])
+        return std::nullopt;
+    return words;
+}
+
 std::vector<std::string> linesIn(const std::byte* base, std::size_t slots) {
-    const Slot* stored = reinterpret_cast<const Slot*>(base + kSlotsOffset);
+    std::vector<std::uint64_t> formatSums;
+    for (std::uint64_t id = 0; id < Ring::kMostFormats; ++id)
+        formatSums.push_back(formatSumOf(base, id));
     std::vector<Slot> whole;
+    std::vector<std::string> rotten;
     for (std::size_t i = 0; i < slots; ++i) {
-        const std::uint64_t before = word(stored[i].sequence).load(std::memory_order_acquire);
-        if (before == 0)
+        const std::optional<SlotWords> words = wordsIn(base, i);
+        if (!words)
             continue;
-        Slot copy{};
-        copy.sequence = before;
-        copy.time_ns = word(stored[i].time_ns).load(std::memory_order_relaxed);
-        copy.message = word(stored[i].message).load(std::memory_order_relaxed);
-        copy.kind = word(stored[i].kind).load(std::memory_order_relaxed);
-        for (std::size_t a = 0; a < 4; ++a) {
-            copy.argument[a] = word(stored[i].argument[a]).load(std::memory_order_relaxed);
-        }
-        std::atomic_thread_fence(std::memory_order_acquire);
-        if (word(stored[i].sequence).load(std::memory_order_relaxed) == before) {
-            whole.push_back(copy);
+        const auto slot = std::bit_cast<Slot>(*words);
+        if (slot.message < formatSums.size() &&
+            slot.check == checkOf(*words, i, formatSums[slot.message])) {
+            whole.push_back(slot);
+        } else {
+            rotten.push_back(fmt::format("? slot {} does not verify", i));
         }
     }
     std::ranges::sort(whole, {}, &Slot::sequence);
     std::vector<std::string> lines;
-    lines.reserve(whole.size());
+    lines.reserve(whole.size() + rotten.size());
     for (const Slot& slot : whole)
         lines.push_back(lineOf(base, slot));
+    lines.insert(lines.end(), rotten.begin(), rotten.end());
     return lines;
+}
+
+/// Of this user, or one that is trusted; root may read anybody's.
+void checkStatus(const struct stat& status, const std::string& file) {
+    if (!S_ISREG(status.st_mode))
+        throw std::runtime_error(file + ": check ring: no regular file");
+    if (status.st_uid != geteuid() && status.st_uid != 0 && geteuid() != 0)
+        throw std::runtime_error(file + ": check ring: belongs to another user");
 }
 
 }  // namespace
@@ -157,6 +202,7 @@ Ring::Ring(const std::string& file, std::size_t slots)
     const Header header{kMagic, slots, {}};
     std::memcpy(base_, &header, sizeof(header));
     formats_.emplace_back("?");
+    formatSums_.push_back(formatSumOf(base_, 0));
 }
 
 Ring::~Ring() {
@@ -171,6 +217,7 @@ MessageId Ring::message(std::string_view format) {
         return 0;
     std::memcpy(base_ + sizeof(Header) + formats_.size() * kFormatBytes, format.data(),
                 format.size());
+    formatSums_.push_back(formatSumOf(base_, formats_.size()));
     formats_.emplace_back(format);
     return static_cast<MessageId>(formats_.size() - 1);
 }
@@ -183,19 +230,21 @@ void Ring::record(MessageId id, std::string_view text) {
 
 void Ring::store(MessageId id, std::size_t kind, const std::array<std::uint64_t, 4>& words) {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
-    Slot& slot = reinterpret_cast<Slot*>(base_ + kSlotsOffset)[sequence_++ & (slots_ - 1)];
-    word(slot.sequence).store(0, std::memory_order_relaxed);
+    const std::size_t number = sequence_++ & (slots_ - 1);
+    Slot slot{};
+    slot.sequence = sequence_;
+    slot.time_ns = static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
+    slot.message = id;
+    slot.kind = static_cast<std::uint32_t>(kind);
+    std::ranges::copy(words, slot.argument);
+    const auto stored = std::bit_cast<SlotWords>(slot);
+    std::uint64_t* place = wordsOf(base_, number);
+    word(place[0]).store(0, std::memory_order_relaxed);
     std::atomic_thread_fence(std::memory_order_release);
-    word(slot.time_ns)
-        .store(static_cast<std::uint64_t>(
-                   std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()),
-               std::memory_order_relaxed);
-    word(slot.message).store(id, std::memory_order_relaxed);
-    word(slot.kind).store(kind, std::memory_order_relaxed);
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        word(slot.argument[i]).store(words[i], std::memory_order_relaxed);
-    }
-    word(slot.sequence).store(sequence_, std::memory_order_release);
+    for (std::size_t i = 1; i < stored.size(); ++i)
+        word(place[i]).store(stored[i], std::memory_order_relaxed);
+    word(place[0]).store(checkOf(stored, number, formatSums_[id]), std::memory_order_release);
 }
 
 std::vector<std::string> Ring::dump() const {
@@ -203,12 +252,14 @@ std::vector<std::string> Ring::dump() const {
 }
 
 std::vector<std::string> Ring::dump(const std::string& file) {
-    const File opened(open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    // Nothing that stands in its place is followed, or waited for, as a pipe would be.
+    const File opened(open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (opened.fd < 0)
         throwErrno(file, "open ring");
     struct stat status {};
     if (fstat(opened.fd, &status) != 0)
         throwErrno(file, "check ring");
+    checkStatus(status, file);
     const auto bytes = static_cast<std::size_t>(status.st_size);
     Header header{};
     if (bytes < kSlotsOffset || pread(opened.fd, &header, sizeof(header), 0) != sizeof(header) ||

@@ -4,10 +4,12 @@
 // stores numbers, and the text is made when the file is read.
 //
 // What always holds:
-//  1. A slot is 64 bytes; its sequence is stored last, so a kill leaves whole messages only, and a
-//     slot that is being overwritten is left out of a dump.
+//  1. A slot is 64 bytes; its check is taken away first and stored last, so a kill leaves whole
+//     messages only, and a slot that is being overwritten is left out of a dump.
 //  2. The formats lie in the file, so a dump needs nothing but the file.
 //  3. A format that does not fit any more gets id 0, whose messages say "?".
+//  4. A slot's check covers its message and the message's format. Where either has rotted, a dump
+//     has a line that names the slot, and never another text than was recorded.
 #pragma once
 
 #include <array>
@@ -50,10 +52,11 @@ public:
     /// Records a text, cut to 31 bytes.
     void record(MessageId id, std::string_view text);
 
-    /// The messages still there, oldest first: "SECONDS.NANOSECONDS TEXT".
+    /// The messages still there, oldest first: "SECONDS.NANOSECONDS TEXT". Behind them comes
+    /// "? slot NUMBER does not verify" for each that is rotten.
     std::vector<std::string> dump() const;
-    /// The same from a file, whoever wrote it. Throws std::system_error, or std::runtime_error when
-    /// the file is no ring.
+    /// The same from a file of this user or of root, or of anybody for root, whichever process
+    /// wrote it. Throws std::system_error, or std::runtime_error when the file is no ring.
     static std::vector<std::string> dump(const std::string& file);
 
 private:
@@ -65,6 +68,7 @@ private:
     std::size_t slots_;
     std::uint64_t sequence_ = 0;
     std::vector<std::string> formats_;
+    std::vector<std::uint64_t> formatSums_;
 };
 
 }  // namespace RingTrace

@@ -6,6 +6,8 @@
 #include <csignal>
 #include <fstream>
 #include <functional>
+#include <iterator>
+#include <optional>
 #include <string>
 
 #include "tests/entrylog/EntryLogFixture.h"
@@ -41,9 +43,10 @@ protected:
         this->write(*log, 2);
     }
 
-    /// Kills a copy of the process at the first store behind `from` of the file.
-    void killAtStoreTo(const std::string& file, std::size_t from, std::size_t size,
-                       const std::function<void()>& change) {
+    /// Kills a copy of the process at the first store behind `from` of the file. What it has sealed
+    /// stays.
+    void killSealedAtStoreTo(const std::string& file, std::size_t from, std::size_t size,
+                             const std::function<void()>& change) {
         EXPECT_EXIT(
             {
                 std::signal(SIGSEGV, SIG_DFL);
@@ -52,6 +55,10 @@ protected:
                 std::_Exit(0);
             },
             ::testing::KilledBySignal(SIGSEGV), "");
+    }
+    void killAtStoreTo(const std::string& file, std::size_t from, std::size_t size,
+                       const std::function<void()>& change) {
+        killSealedAtStoreTo(file, from, size, change);
         // What the copy has begun is its own; this process goes on as if it had never been.
         log->tableEntryLog()->journal().done();
     }
@@ -65,6 +72,32 @@ protected:
     void killBeforeAnnouncement(const std::function<void()>& change) {
         killAtStoreTo(this->announceFile(), KivShimo::detail::kDynamicOffset, 0, change);
     }
+
+    /// Leaves a value as a store that was cut off does: its sequence is odd, its bytes are not its
+    /// own.
+    void tear(std::uint32_t number) {
+        const auto value = *this->configReader().find(keyOf<B>(number));
+        const std::string file = this->configFile(kUnit);
+        std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
+        const std::string bytes((std::istreambuf_iterator<char>(stream)), {});
+        const std::string wanted(reinterpret_cast<const char*>(&value), sizeof(value));
+        const std::size_t at = bytes.find(wanted, KivShimo::detail::kAreasOffset);
+        ASSERT_NE(at, std::string::npos);
+        for (const std::size_t byte : {at - 24, at + 20}) {
+            stream.seekp(static_cast<std::streamoff>(byte)).put(static_cast<char>(bytes[byte] ^ 1));
+        }
+        ASSERT_TRUE(stream.flush().good());
+    }
+    /// Kills a write of key 1 between its seal and its first store, tears a value, starts again.
+    void writeKilledBesideATornValue(std::optional<std::uint32_t> torn) {
+        killSealedAtStoreTo(this->configFile(kUnit), KivShimo::detail::kAreasOffset, 0, writing());
+        if (torn)
+            tear(*torn);
+        log = nullptr;
+        this->agent.restart();
+        log = this->mountedLog();
+    }
+    std::uint64_t corruptions() const { return log->tableConfigShimo(kUnit)->corruptions(); }
 
     bool valueIsThere() {
         const auto value = this->configReader().find(keyOf<B>(1));
@@ -127,6 +160,21 @@ TYPED_TEST(Publication, ChangeThatWasPublishedAndNotAnnouncedIsAnnouncedAtTheNex
     const auto announced = this->announcements();
     ASSERT_EQ(announced.size(), 3U);
     EXPECT_EQ(announced[2].version, 3U);
+}
+
+TYPED_TEST(Publication, SealedWriteExcusesTheTornValueOfItsKey) {
+    for (const std::optional<std::uint32_t> torn : {std::optional<std::uint32_t>(), {1U}}) {
+        this->writeKilledBesideATornValue(torn);
+        EXPECT_EQ(this->corruptions(), 0U);
+        EXPECT_TRUE(this->configReader().find(keyOf<TypeParam>(1)).has_value());
+    }
+}
+
+TYPED_TEST(Publication, SealedWriteExcusesNoTornValueOfAnotherKey) {
+    this->writeKilledBesideATornValue(2);
+    EXPECT_EQ(this->corruptions(), 1U);
+    EXPECT_TRUE(this->valueIsThere());
+    EXPECT_FALSE(this->configReader().find(keyOf<TypeParam>(2)).has_value());
 }
 
 }  // namespace

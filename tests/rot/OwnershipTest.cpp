@@ -116,6 +116,19 @@ TEST_F(OwnershipTest, RootThatIsALinkIsRefused) {
     EXPECT_NO_THROW(Process::checkStateDirectory(root() + "/", root()));
 }
 
+TEST_F(OwnershipTest, StateDirectoryThatOthersMayWriteToIsRefused) {
+    for (const mode_t mode : {0777U, 01777U, 0702U}) {
+        ASSERT_EQ(chmod(root().c_str(), mode), 0);
+        expectRefused<Process::StateDirectoryError>(
+            fmt::format("state directory {}: others may write to it: mode {:04o}", root(), mode),
+            [&] { Process::checkStateDirectory(root(), root()); });
+        expectRefused(fmt::format("others may write to it: mode {:04o}", mode),
+                      [&] { AckMapWriter(root(), "group/acks"); });
+    }
+    ASSERT_EQ(chmod(root().c_str(), 0775), 0);
+    EXPECT_NO_THROW(Process::checkStateDirectory(root(), root()));
+}
+
 TEST_F(OwnershipTest, WhatBelongsToAnotherUserIsRefused) {
     if (geteuid() != 0) {  // nobody else can give files away, but root's folders are there
         expectRefused("belongs to another user", [] { AnnounceLogWriter("/usr", "group/log", 8); });
@@ -148,8 +161,8 @@ TEST_F(OwnershipTest, StoreIntoAReadersMappingFaults) {
     makeAnnouncements();
     const auto reader = AnnounceLogReader::open(announcements());
     ASSERT_TRUE(reader.has_value());
-    auto* const word = const_cast<volatile std::uint64_t*>(&reader->sleepEpoch());
-    EXPECT_EQ(*word, 0U);
+    auto* const word = const_cast<volatile std::uint64_t*>(&reader->sleepEpoch().place);
+    EXPECT_EQ(KivShimo::detail::SleepEpoch::decoded(*word, reader->sleepEpoch().seed), 0U);
     const int status = endOf([word] {
         std::signal(SIGSEGV, SIG_DFL);
         *word = 1;

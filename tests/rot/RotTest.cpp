@@ -222,10 +222,12 @@ bool isTriedInShort(std::size_t bit, const std::string& content) {
     const auto isIn = [&](std::size_t offset, std::size_t size) {
         return byte >= kDynamic + offset && byte < kDynamic + offset + size;
     };
-    if (isIn(offsetof(DynamicHeader, scratchpad), 48) || isIn(offsetof(DynamicHeader, tail), 48))
+    if (isIn(offsetof(DynamicHeader, scratchpad), 48) || isIn(offsetof(DynamicHeader, tail), 48) ||
+        isIn(offsetof(DynamicHeader, pause), 48)) {
         return bit % 3 == 0;
+    }
     if (isIn(offsetof(DynamicHeader, wiped), 8) || isIn(offsetof(DynamicHeader, structure), 8) ||
-        isIn(offsetof(DynamicHeader, sleepEpoch), 8) || isIn(offsetof(DynamicHeader, pause), 8))
+        isIn(offsetof(DynamicHeader, sleepEpoch), 8))
         return bit % 7 == 0;
     return bit % 997 == 0 || (content[byte] != 0 && bit % 37 == 0);
 }

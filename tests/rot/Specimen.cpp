@@ -259,6 +259,8 @@ void readAcknowledgements(Findings& findings, const std::string& file) {
     });
     tried(findings, [&] { findings.values["consumed"] = std::to_string(reader->consumed()); });
     tried(findings,
+          [&] { findings.values["pause"] = std::to_string(int{reader->pauseRequested()}); });
+    tried(findings,
           [&] { findings.values["announce log"] = std::to_string(reader->announceIdentity()); });
 }
 
@@ -273,6 +275,7 @@ void fill(const std::string& folder) {
         HwSide::Tcam tcam;
         KivShimo::AckMapWriter acks(folder, HwSide::Group::acknowledgementsPath());
         HwSide::LogReader(HwSide::Group{folder}, tcam, acks).pump();
+        acks.pauseRequestedIs(true);
     }
     agent.remove(4);
     agent.client().release(agent.request(3), nullptr);

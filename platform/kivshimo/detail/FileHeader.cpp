@@ -56,6 +56,11 @@ std::uint64_t sumOf(const StaticHeader& header) {
     return checksumOf(&header, offsetof(StaticHeader, checksum), kMagic);
 }
 
+/// A file that was kept aside may be looked at; its place is where it was.
+std::string_view beforeItWasKeptAside(std::string_view file) {
+    return file.substr(0, file.find(kDamagedSuffix, file.rfind('/') + 1));
+}
+
 /// Why a declaration cannot be believed, or empty.
 std::string defectOf(const CollectionHeader& header, std::uint64_t expectedOffset) {
     if (header.capacity == 0 || header.capacity > kMostSlots || header.slots > kMostSlots ||
@@ -80,12 +85,15 @@ std::uint64_t placeOf(std::string_view belowRoot) {
 }
 
 bool isInPlace(std::uint64_t place, std::string_view file) {
-    // One that was kept aside may be looked at.
-    const std::size_t suffix = file.find(kDamagedSuffix, file.rfind('/') + 1);
-    file = file.substr(0, suffix);
+    file = beforeItWasKeptAside(file);
     const std::size_t length = place & 0xFFFFU;
     return length < file.size() && file[file.size() - length - 1] == '/' &&
            placeOf(file.substr(file.size() - length)) == place;
+}
+
+std::string rootOf(std::uint64_t place, std::string_view file) {
+    file = beforeItWasKeptAside(file);
+    return std::string(file.substr(0, file.size() - (place & 0xFFFFU) - 1));
 }
 
 StaticHeader plannedHeader(std::string_view typeName, const std::vector<CollectionPlan>& plan) {

@@ -11,8 +11,10 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -26,7 +28,7 @@ namespace KivShimo::detail {
 constexpr std::size_t kPageBytes = 4096;
 constexpr std::size_t kMostCollections = 8;
 constexpr std::uint64_t kMagic = 0x31304D4948535642U;  ///< "BVSHIM01" as bytes of the file
-constexpr std::uint32_t kLayoutVersion = 2;
+constexpr std::uint32_t kLayoutVersion = 3;
 constexpr std::uint64_t kMostSlots = std::uint64_t{1} << 31U;
 
 /// How the area of a collection is laid out.
@@ -84,15 +86,15 @@ static_assert(std::has_unique_object_representations_v<StaticHeader>);
 /// Second page; words that change, on cache lines of their own.
 ///
 ///   0           64      128          192     256          320                  384          448
-///   | holderPid | wiped | scratchpad | tail  | sleepEpoch | structure sequence | pause words |
+///   | holderPid | wiped | scratchpad | tail  | sleepEpoch | structure sequence | pause request |
 struct DynamicHeader {
     alignas(64) std::uint64_t holderPid;  ///< of the process that mounted for writing last
-    alignas(64) std::uint64_t wiped;      ///< kNotWiped; anything else counts as wiped
+    alignas(64) std::uint64_t wiped;      ///< kNotWiped or kWiped; see WipedMark
     alignas(64) VerifiedWord scratchpad;
     alignas(64) VerifiedWord tail;         ///< last published position of an announce log
-    alignas(64) std::uint64_t sleepEpoch;  ///< the writer's process sleeps while it is odd
+    alignas(64) std::uint64_t sleepEpoch;  ///< see SleepEpoch
     alignas(64) std::uint64_t structure[kMostCollections];  ///< odd: a map's index is changing
-    alignas(64) std::uint64_t pause[8];                     ///< acknowledgement file only
+    alignas(64) VerifiedWord pause;                         ///< acknowledgement file only
 };
 static_assert(offsetof(DynamicHeader, scratchpad) == 128);
 static_assert(offsetof(DynamicHeader, sleepEpoch) == 256);
@@ -104,9 +106,45 @@ constexpr std::uint64_t wordSeed(std::uint64_t identity) {
     return mixed(identity, 0x766572696679U);
 }
 
-/// "NOTWIPED" and "WIPED", read as numbers. A word that is rotten or zero counts as wiped.
-constexpr std::uint64_t kNotWiped = 0x4E4F545749504544U;
-constexpr std::uint64_t kWiped = 0x0000005749504544U;
+/// The values of the word `wiped`: they differ in all bits, and a word that was zeroed is as far
+/// from the one as from the other.
+constexpr std::uint64_t kNotWiped = 0x0F1E2D3C4B5A6978U;
+constexpr std::uint64_t kWiped = ~kNotWiped;
+static_assert(std::popcount(kNotWiped) == 32);
+
+/// What the word `wiped` says: a few wrong bits lose nothing, for the nearer of its two values
+/// counts. What is as far from both counts as wiped.
+struct WipedMark {
+    explicit constexpr WipedMark(std::uint64_t stored)
+        : isWiped(std::popcount(stored ^ kWiped) <= std::popcount(stored ^ kNotWiped)),
+          isRotten(stored != (isWiped ? kWiped : kNotWiped)) {}
+
+    bool isWiped;
+    bool isRotten;  ///< it has neither value
+};
+
+/// The word `sleepEpoch`: the epoch in its lower half, a check in the upper one, so that one store
+/// changes both. The writer's process sleeps while the epoch is odd.
+struct SleepEpoch {
+    static constexpr std::uint64_t encoded(std::uint32_t epoch, std::uint64_t seed) {
+        return epoch | mixed(seed, epoch) << 32U;
+    }
+    /// Empty when the word is rotten.
+    static constexpr std::optional<std::uint32_t> decoded(std::uint64_t stored,
+                                                          std::uint64_t seed) {
+        const auto epoch = static_cast<std::uint32_t>(stored);
+        return stored == encoded(epoch, seed) ? std::optional(epoch) : std::nullopt;
+    }
+    static constexpr std::uint64_t seedOf(std::uint64_t identity) {
+        return mixed(identity, 0x736C656570U);
+    }
+};
+
+/// Where such a word lies, and what seeds its check. Readers have the mapping read-only.
+struct SleepWord {
+    const std::uint64_t& place;
+    std::uint64_t seed;
+};
 
 constexpr std::size_t kDynamicOffset = kPageBytes;
 constexpr std::size_t kJournalOffset = 2 * kPageBytes;
@@ -126,6 +164,8 @@ struct CollectionPlan {
 /// Says where below its root a file belongs: a reader knows the file but not the root.
 std::uint64_t placeOf(std::string_view belowRoot);
 bool isInPlace(std::uint64_t place, std::string_view file);
+/// The root of a file that is in its place.
+std::string rootOf(std::uint64_t place, std::string_view file);
 
 /// The first page for such a file, but for place, identity and checksum. REQUIRES: names that fit.
 StaticHeader plannedHeader(std::string_view typeName, const std::vector<CollectionPlan>& plan);

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include <fmt/format.h>
+
 #include "platform/kivshimo/Errors.h"
 #include "platform/kivshimo/Paths.h"
 
@@ -49,6 +51,11 @@ void checkFolder(const Descriptor& folder, const std::string& path) {
     if (status.st_uid != geteuid()) {
         throw MountError(path, "check folder", "belongs to another user");
     }
+    if ((status.st_mode & S_IWOTH) != 0) {
+        throw MountError(
+            path, "check folder",
+            fmt::format("others may write to it: mode {:04o}", status.st_mode & 07777U));
+    }
 }
 
 std::uint64_t sumOf(const Manifest& manifest) {
@@ -81,6 +88,24 @@ Descriptor folderOf(const std::string& root, const std::string& file) {
         if (!next)
             throwErrno(path, "open folder");
         checkFolder(next, path);
+        folder = std::move(next);
+        begin = slash + 1;
+    }
+    return folder;
+}
+
+Descriptor folderBelow(const std::string& root, const std::string& file) {
+    constexpr int kPathOnly = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    Descriptor folder(open(root.empty() ? "/" : root.c_str(), kPathOnly));
+    if (!folder)
+        throwErrno(root, "open folder");
+    std::size_t begin = root.size() + 1;
+    for (std::size_t slash = file.find('/', begin); slash != std::string::npos;
+         slash = file.find('/', begin)) {
+        Descriptor next(
+            openat(folder.fd(), file.substr(begin, slash - begin).c_str(), kPathOnly | O_NOFOLLOW));
+        if (!next)
+            throwErrno(file.substr(0, slash), "open folder");
         folder = std::move(next);
         begin = slash + 1;
     }

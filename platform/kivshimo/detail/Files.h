@@ -3,7 +3,8 @@
 // Used by MappedFile only.
 //
 // What always holds:
-//  1. Below the root no symbolic link is followed, and everything opened belongs to this user.
+//  1. Below the root no symbolic link is followed. What a writer opens belongs to this user, and
+//     others may not write to its folders.
 //  2. Folders have mode 0750, files 0640, whatever the process's mask is.
 #pragma once
 
@@ -24,6 +25,10 @@ inline constexpr mode_t kFileMode = 0640;
 /// Opens the folder that holds the file, making the folders from the root on where they are
 /// missing.
 Descriptor folderOf(const std::string& root, const std::string& file);
+
+/// Opens the folder that holds a file below its root, for a reader: makes none, and follows no link
+/// below the root. The root itself may lie behind links.
+Descriptor folderBelow(const std::string& root, const std::string& file);
 
 /// The last part of a path.
 std::string nameIn(const std::string& file);

@@ -45,13 +45,12 @@ typename MapReader<Value>::Reading MapReader<Value>::read(std::uint64_t slot) co
 
 template <class Value>
 typename MapReader<Value>::Reading MapReader<Value>::settled(std::uint64_t slot) const {
-    for (unsigned attempt = 0; attempt < kTries; ++attempt) {
+    Patience patience;
+    do {
         const Reading reading = read(slot);
         if (reading.state != SlotState::busy)
             return reading;
-        if (attempt > 100)
-            std::this_thread::yield();
-    }
+    } while (patience.lasts());
     throw BusyError(file(), name_, slot);
 }
 
@@ -120,10 +119,9 @@ void MapReader<Value>::throwRotten(const Walk& walk) const {
 template <class Value>
 std::optional<Value> MapReader<Value>::certain(std::size_t bucket, const Kiv::KeyOrder<Key>* wanted,
                                                Which which) const {
-    using Clock = std::chrono::steady_clock;
     std::uint64_t slot = 0;
-    std::optional<Clock::time_point> deadline;
-    for (unsigned attempt = 0; !deadline || Clock::now() < *deadline; ++attempt) {
+    Patience patience;
+    do {
         const std::uint64_t before = detail::word(structure()).load(std::memory_order_acquire);
         const Walk result = walk(bucket, wanted, which);
         if (result.outcome == Outcome::found && which == Which::at)
@@ -138,14 +136,7 @@ std::optional<Value> MapReader<Value>::certain(std::size_t bucket, const Kiv::Ke
                 return std::nullopt;
             throwRotten(result);
         }
-        // On a busy machine giving the processor away may take long: the time counts, not the
-        // tries.
-        if (attempt >= kTries) {
-            if (!deadline)
-                deadline = Clock::now() + kPatience;
-            std::this_thread::yield();
-        }
-    }
+    } while (patience.lasts());
     throw BusyError(file(), name_, slot);
 }
 

@@ -266,7 +266,9 @@ bool Map<Value>::takeUp(Table& table, std::uint32_t slot) {
         table.doCorruptionDetected(
             CorruptionError(file_, name_, slot, "rotten value dropped").what());
     } else if (checksum != 0) {
-        table.tornDetected(CorruptionError(file_, name_, slot, "torn value dropped").what());
+        const auto words = detail::Words<Value>::loadFrom(place.value);
+        table.tornDetected(CorruptionError(file_, name_, slot, "torn value dropped").what(),
+                           tornKeyOf(words.value().key()));
     }
     return false;
 }

@@ -103,6 +103,8 @@ struct FreshPages {
         const std::uint64_t seed = wordSeed(header.identity);
         VerifiedWordWriter(dynamic.scratchpad, seed).valueIs(0);
         VerifiedWordWriter(dynamic.tail, seed).valueIs(0);
+        VerifiedWordWriter(dynamic.pause, seed).valueIs(0);
+        dynamic.sleepEpoch = SleepEpoch::encoded(0, SleepEpoch::seedOf(header.identity));
         std::memcpy(bytes, &header, sizeof(header));
         std::memcpy(bytes + kDynamicOffset, &dynamic, sizeof(dynamic));
     }
@@ -250,7 +252,35 @@ WriterFile WriterFile::open(const std::string& root, const std::string& relative
     }
     WriterFile result(file, std::move(taken.descriptor), std::move(manifest), taken.header);
     manifestIs(result.manifest_, manifestPath, true);
+    const WipedMark mark(loaded(result.dynamic().wiped));
+    report.markRotten = mark.isRotten;
+    if (mark.isRotten)
+        result.markIs(mark.isWiped ? kWiped : kNotWiped);
     return result;
+}
+
+std::string rottenMarkIn(const std::string& file) {
+    return CorruptionError(file, "wiped mark", 0, "does not verify, the nearer one counts").what();
+}
+
+/// A process that was killed between making the file and tracing that has left the mark.
+MountFindings mountedAndTraced(const std::string& root, const std::string& relative,
+                               std::string_view typeName, const std::vector<CollectionPlan>& plan,
+                               const Brumo::TraceSource& trace) {
+    WriterFile::Report report;
+    MountFindings found{WriterFile::open(root, relative, typeName, plan, report)};
+    const std::string& file = found.file.file();
+    if (report.markRotten) {
+        ++found.corruptions;
+        trace(1, " {}", rottenMarkIn(file));
+    }
+    found.lost = found.file.wiped();
+    if (found.lost) {
+        trace(1, " {}: content lost: {}", file,
+              report.wiped ? report.reason : std::string("before this mount"));
+        found.file.clearWiped();
+    }
+    return found;
 }
 
 ReaderFile::ReaderFile(std::string file, Descriptor descriptor, const StaticHeader& header)
@@ -260,15 +290,29 @@ ReaderFile ReaderFile::open(const std::string& file, std::string_view typeName,
                             const std::vector<CollectionPlan>& plan, bool* missing) {
     if (missing != nullptr)
         *missing = false;
-    Descriptor descriptor(::open(file.c_str(), kOpenFlags | O_RDONLY));
-    if (!descriptor) {
-        if (missing != nullptr)
-            *missing = errno == ENOENT || errno == ENOTDIR;
-        throwErrno(file, "open for reading");
-    }
+    const auto opened = [&](Descriptor descriptor) {
+        if (!descriptor) {
+            if (missing != nullptr)
+                *missing = errno == ENOENT || errno == ENOTDIR;
+            throwErrno(file, "open for reading");
+        }
+        return descriptor;
+    };
     StaticHeader header{};
-    const struct stat status = checkedStatus(descriptor, file, true);
-    std::string reason = readHeader(descriptor, status, file, header);
+    std::string reason;
+    const auto check = [&](const Descriptor& descriptor) {
+        reason = readHeader(descriptor, checkedStatus(descriptor, file, true), file, header);
+    };
+    Descriptor descriptor = opened(Descriptor(::open(file.c_str(), kOpenFlags | O_RDONLY)));
+    check(descriptor);
+    if (reason.empty()) {
+        // The file says where its root is. On the way from there no link is followed, so what is
+        // read is what was opened on that way.
+        const Descriptor folder = folderBelow(rootOf(header.place, file), file);
+        descriptor =
+            opened(Descriptor(openat(folder.fd(), nameIn(file).c_str(), kOpenFlags | O_RDONLY)));
+        check(descriptor);
+    }
     if (reason.empty()) {
         // A reader takes a collection of any capacity; the file says which.
         reason = differenceOf(header, plannedHeader(typeName, plan), false);

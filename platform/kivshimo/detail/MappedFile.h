@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/brumo/Trace.h"
 #include "platform/kivshimo/Journal.h"
 #include "platform/kivshimo/detail/FileHeader.h"
 
@@ -60,6 +61,11 @@ public:
     }
     /// Seeds the checks of verified words.
     std::uint64_t wordSeed() const { return detail::wordSeed(header_.identity); }
+    /// The table had existed and its content was lost, says its mark; one with wrong bits counts as
+    /// the nearer of its two values.
+    bool wiped() const { return WipedMark(loaded(dynamic().wiped)).isWiped; }
+    /// Seeds the check of the sleeper's word.
+    std::uint64_t sleepSeed() const { return SleepEpoch::seedOf(header_.identity); }
     /// True when the path leads to another file by now, or to none.
     bool stale() const;
 
@@ -85,9 +91,10 @@ public:
     /// What mounting found.
     struct Report {
         bool created = false;
-        bool wiped = false;     ///< it had existed, and is gone, damaged or of another layout
-        std::string keptAside;  ///< where the damaged file is now, or empty
-        std::string reason;     ///< why the file there was not taken
+        bool wiped = false;       ///< it had existed, and is gone, damaged or of another layout
+        std::string keptAside;    ///< where the damaged file is now, or empty
+        std::string reason;       ///< why the file there was not taken
+        bool markRotten = false;  ///< the wiped mark had neither value; it was put right
     };
 
     /// Mounts the file, making it and the folders below `root` when they are not there. Throws
@@ -95,6 +102,9 @@ public:
     static WriterFile open(const std::string& root, const std::string& relative,
                            std::string_view typeName, const std::vector<CollectionPlan>& plan,
                            Report& report);
+
+    /// The loss was taken notice of.
+    void clearWiped() const { markIs(kNotWiped); }
 
     DynamicHeader& dynamicHeader() const { return *at<DynamicHeader>(kDynamicOffset); }
     Journal& journal() const { return *at<Journal>(kJournalOffset); }
@@ -105,9 +115,27 @@ public:
 private:
     WriterFile(std::string file, Descriptor descriptor, Descriptor manifest,
                const StaticHeader& header);
+    void markIs(std::uint64_t mark) const {
+        word(dynamicHeader().wiped).store(mark, std::memory_order_release);
+    }
 
     Descriptor manifest_;
 };
+
+/// What is said of a wiped mark that is rotten.
+std::string rottenMarkIn(const std::string& file);
+
+/// What the mount of a file that has no owner to tell has found, traced.
+struct MountFindings {
+    WriterFile file;
+    bool lost = false;  ///< its content; the mark was cleared when that had been traced
+    std::uint64_t corruptions = 0;
+};
+
+/// Mounts as WriterFile::open does, and traces on `trace` what is lost or rotten.
+MountFindings mountedAndTraced(const std::string& root, const std::string& relative,
+                               std::string_view typeName, const std::vector<CollectionPlan>& plan,
+                               const Brumo::TraceSource& trace);
 
 /// A reader's mapping.
 class ReaderFile final : public MappedFile {

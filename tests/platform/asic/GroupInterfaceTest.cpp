@@ -406,6 +406,71 @@ TEST_F(GroupInterfaceTest, SleepsOverAConsumedPositionBeyondTheTailAndTracesItOn
     group_->awake();
 }
 
+TEST_F(GroupInterfaceTest, TracesAConsumedPositionThatGoesBackwardsOnce) {
+    for (std::uint64_t version = 1; version <= 5; ++version)
+        group_->addLogEntry(kTable, {version}, nullptr);
+    read();
+    consume();
+    TraceCapture traces;
+    hardware().consumedIs(3);
+    EXPECT_TRUE(group_->sleepPrepared());
+    group_->acknowledgementsArrived();
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(traces.texts("GroupInterface", 1),
+              std::vector<std::string>{
+                  " refused consumed position 3: goes backwards from the last one taken up, 5"});
+    hardware().consumedIs(5);
+    group_->acknowledgementsArrived();
+    hardware().consumedIs(3);
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(traces.texts("GroupInterface", 1).size(), 2U) << "it is another lie";
+}
+
+TEST_F(GroupInterfaceTest, TakesAHardwareSideThatBeginsAnewForNoLie) {
+    for (std::uint64_t version = 1; version <= 5; ++version)
+        group_->addLogEntry(kTable, {version}, nullptr);
+    read();
+    consume();
+    TraceCapture traces;
+    hardware().consumedIs(0);  // in the same file, it takes everything once more
+    group_->acknowledgementsArrived();
+    hardware().consumedIs(2);
+    group_->acknowledgementsArrived();
+    hardware().consumedIs(5);
+    group_->acknowledgementsArrived();
+    std::filesystem::remove(hardware().file());
+    hardware_.reset();
+    hardware().announceIdentityIs(identity_);
+    hardware().consumedIs(1);  // in another file
+    group_->acknowledgementsArrived();
+    EXPECT_THAT(traces.texts("GroupInterface", 1), IsEmpty());
+}
+
+TEST_F(GroupInterfaceTest, TakesUpAcknowledgementsBesideARottenPauseRequest) {
+    group_->addLogEntry(kTable, {3}, nullptr);
+    const auto pause =
+        KivShimo::detail::kDynamicOffset + offsetof(KivShimo::detail::DynamicHeader, pause);
+    hardware().pauseRequestedIs(true);
+    group_->acknowledgementsArrived();
+    ASSERT_TRUE(group_->groupResolver()->suspended());
+    {
+        std::fstream file(hardware().file(), std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>(pause)).put('\x55');
+        file.seekp(static_cast<std::streamoff>(pause + 24)).put('\x55');
+        ASSERT_TRUE(file.good());
+    }
+    ASSERT_TRUE(hardware().ackIs(kTable.whole(), 3));
+    EXPECT_FALSE(group_->sleepPrepared()) << "there is an acknowledgement";
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(acknowledged(), 3U);
+    EXPECT_EQ(group_->corruptions(), 1U);
+    EXPECT_TRUE(group_->groupResolver()->suspended()) << "as it was before";
+    EXPECT_TRUE(group_->sleepPrepared());
+    hardware().pauseRequestedIs(false);
+    group_->acknowledgementsArrived();
+    EXPECT_FALSE(group_->groupResolver()->suspended());
+}
+
 TEST_F(GroupInterfaceTest, TakesAWrappedLogWithoutAcknowledgementsForNoRot) {
     for (std::uint64_t version = 1; version <= 2 * kSlots; ++version) {
         group_->addLogEntry(kTable, {version}, nullptr);

@@ -1,19 +1,35 @@
 #include <poll.h>
 #include <sys/stat.h>
 
+#include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "platform/kivshimo/AckMap.h"
 #include "platform/kivshimo/AnnounceLog.h"
 #include "platform/kivshimo/Doorbell.h"
 #include "tests/platform/kivshimo/Fixture.h"
+#include "tests/support/TraceCapture.h"
 
 namespace KivShimo::Test {
 namespace {
 
 using AnnounceTest = ShimoTest;
 using AckTest = ShimoTest;
-using DoorbellTest = ShimoTest;
+
+/// A word for a sleeper, as in a fresh file.
+class DoorbellTest : public ShimoTest {
+protected:
+    static constexpr std::uint64_t kSeed = 4711;
+
+    static std::uint64_t wordOf(std::uint32_t epoch) {
+        return detail::SleepEpoch::encoded(epoch, kSeed);
+    }
+    detail::SleepWord sleepWord() const { return {word_, kSeed}; }
+    std::uint64_t stored() const { return detail::loaded(word_); }
+
+    std::uint64_t word_ = wordOf(0);
+};
 
 std::vector<NeededVersion> needed(std::size_t count) {
     std::vector<NeededVersion> result;
@@ -114,12 +130,61 @@ TEST_F(AnnounceTest, ReplacedLogHasAnotherIdentity) {
     }
     const auto reader = AnnounceLogReader::open(file("log"));
     std::filesystem::remove(file("log"));
-    AnnounceLogWriter log(root_, "log", 8);
+    const AnnounceLogWriter log(root_, "log", 8);
     EXPECT_TRUE(log.wiped());
-    log.clearWiped();
-    EXPECT_FALSE(log.wiped());
     EXPECT_NE(log.identity(), before);
     EXPECT_TRUE(reader->stale());
+}
+
+constexpr std::uint64_t kWipedOffset =
+    detail::kDynamicOffset + offsetof(detail::DynamicHeader, wiped);
+
+TEST_F(AnnounceTest, LossIsTracedByTheMountThatFindsItAndByNoLaterOne) {
+    const auto mountBoth = [this] {
+        const AnnounceLogWriter log(root_, "log", 8);
+        const AckMapWriter acks(root_, "acks");
+        return log.wiped() && acks.wiped();
+    };
+    EXPECT_FALSE(mountBoth());
+    std::filesystem::remove(file("log"));
+    std::filesystem::remove(file("acks"));
+    TestSupport::TraceCapture traces;
+    EXPECT_TRUE(mountBoth());
+    EXPECT_EQ(traces.texts("KivShimo", 1).size(), 2U);
+    EXPECT_FALSE(mountBoth());
+    EXPECT_EQ(traces.texts("KivShimo", 1).size(), 2U);
+}
+
+TEST_F(AnnounceTest, LossThatWasNotTracedYetIsTracedByTheNextMount) {
+    { const AnnounceLogWriter log(root_, "log", 8); }
+    overwrite(file("log"), kWipedOffset, detail::kWiped);  // killed when the file had its name
+    TestSupport::TraceCapture traces;
+    EXPECT_TRUE(AnnounceLogWriter(root_, "log", 8).wiped());
+    EXPECT_EQ(traces.texts("KivShimo", 1).size(), 1U);
+    EXPECT_FALSE(AnnounceLogWriter(root_, "log", 8).wiped());
+}
+
+TEST_F(AnnounceTest, MarkWithAWrongBitIsNoLossButCorruption) {
+    { const AnnounceLogWriter log(root_, "log", 8); }
+    { const AckMapWriter acks(root_, "acks"); }
+    for (unsigned bit = 0; bit < 64; ++bit) {
+        flip(file("log"), kWipedOffset + bit / 8, bit % 8);
+        flip(file("acks"), kWipedOffset + bit / 8, bit % 8);
+        TestSupport::TraceCapture traces;
+        const AnnounceLogWriter log(root_, "log", 8);
+        EXPECT_FALSE(log.wiped()) << bit;
+        EXPECT_EQ(log.corruptions(), 1U) << bit;
+        const AckMapWriter acks(root_, "acks");
+        EXPECT_FALSE(acks.wiped()) << bit;
+        EXPECT_EQ(acks.corruptions(), 1U) << bit;
+        for (const char* name : {"log", "acks"}) {
+            EXPECT_TRUE(traces.has("KivShimo", 1,
+                                   " " + file(name) + ": collection wiped mark: slot 0: " +
+                                       "does not verify, the nearer one counts"))
+                << bit;
+        }
+    }
+    EXPECT_EQ(AnnounceLogWriter(root_, "log", 8).corruptions(), 0U) << "it was put right";
 }
 
 /// REQUIRES: nothing is rotten.
@@ -201,6 +266,74 @@ TEST_F(AckTest, RowWhoseLabelRotsIsLabelledAnewByTheNextAcknowledgement) {
     EXPECT_EQ(reader->acknowledged(1), 11U);
 }
 
+TEST_F(AckTest, RowThatChangesHandsNeverGivesAnotherTablesVersion) {
+    constexpr std::uint64_t kRounds = 20000;
+    AckMapWriter writer(root_, "acks");
+    const auto reader = AckMapReader::open(file("acks"));
+    ASSERT_TRUE(reader.has_value());
+    std::atomic<bool> isOver{false};
+    std::thread hardware([&] {
+        for (std::uint64_t round = 0; round < kRounds; ++round) {
+            for (const std::uint32_t table : {1U, 2U}) {
+                writer.ackIs(table, 100 + table);
+                writer.forget(table);
+            }
+        }
+        isOver = true;
+    });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    std::size_t wrong = 0;
+    while (!isOver && std::chrono::steady_clock::now() < deadline) {
+        try {
+            wrong += reader->acknowledged(1).value_or(101) == 101 ? 0U : 1U;
+            const auto report = [&](const CorruptionError&) { ++wrong; };
+            for (const auto& [table, version] : reader->all(report))
+                wrong += version == 100 + table ? 0U : 1U;
+        } catch (const CorruptionError&) {
+            ++wrong;
+        }
+    }
+    hardware.join();
+    EXPECT_EQ(wrong, 0U);
+}
+
+TEST_F(AckTest, PauseRequestWithAWrongBitIsReportedAndNeitherDroppedNorInvented) {
+    constexpr std::uint64_t kPause =
+        detail::kDynamicOffset + offsetof(detail::DynamicHeader, pause);
+    for (const bool requested : {true, false}) {
+        std::size_t reported = 0;
+        for (unsigned bit = 0; bit < 64 * 8; ++bit) {
+            AckMapWriter writer(root_, "acks");
+            writer.pauseRequestedIs(!requested);
+            writer.pauseRequestedIs(requested);
+            const auto reader = AckMapReader::open(file("acks"));
+            flip(file("acks"), kPause + bit / 8, bit % 8);
+            try {
+                EXPECT_EQ(reader->pauseRequested(), requested) << bit;
+            } catch (const CorruptionError& error) {
+                ++reported;
+                EXPECT_NE(std::string(error.what()).find("pause request"), std::string::npos);
+            }
+            EXPECT_EQ(writer.pauseRequested(), requested) << bit;
+            writer.pauseRequestedIs(requested);
+            EXPECT_EQ(reader->pauseRequested(), requested) << "said again after " << bit;
+            flip(file("acks"), kPause + bit / 8, bit % 8);
+        }
+        EXPECT_GT(reported, 0U);
+    }
+}
+
+TEST_F(AckTest, RottenPauseRequestCountsAsNoneAtTheMountAndAsCorruption) {
+    const std::uint64_t pause = detail::kDynamicOffset + offsetof(detail::DynamicHeader, pause);
+    AckMapWriter(root_, "acks").pauseRequestedIs(true);
+    flip(file("acks"), pause);
+    flip(file("acks"), pause + 24);
+    const AckMapWriter writer(root_, "acks");
+    EXPECT_EQ(writer.corruptions(), 1U);
+    EXPECT_FALSE(writer.pauseRequested());
+    EXPECT_FALSE(AckMapReader::open(file("acks"))->pauseRequested());
+}
+
 TEST_F(AckTest, HoldsSixtyFourTables) {
     AckMapWriter writer(root_, "acks");
     for (std::uint32_t table = 0; table < kMostAckTables; ++table) {
@@ -238,9 +371,8 @@ TEST_F(AckTest, RottenRowsThrowAndAreDroppedAtTheMount) {
 
 TEST_F(DoorbellTest, RingsOnlyWhoSleepsAndOnceForAnEpoch) {
     Doorbell bell(root_ + "/bell");
-    std::uint64_t epoch = 0;
-    Sleeper sleeper(epoch);
-    Waker waker(epoch, bell.path());
+    Sleeper sleeper(sleepWord());
+    Waker waker(sleepWord(), bell.path());
     EXPECT_FALSE(waker.published());
     sleeper.asleep();
     EXPECT_TRUE(waker.published());
@@ -276,18 +408,69 @@ TEST_F(DoorbellTest, ReplacesADeadProcesssSocketAndNothingElse) {
 }
 
 TEST_F(DoorbellTest, SleeperLeftAsleepByAKillIsAwakeAfterwards) {
-    std::uint64_t epoch = 5;
-    const Sleeper sleeper(epoch);
-    EXPECT_EQ(epoch, 6U);
+    word_ = wordOf(5);
+    const Sleeper sleeper(sleepWord());
+    EXPECT_EQ(stored(), wordOf(6));
+}
+
+TEST_F(DoorbellTest, SleeperWhoseWordHasAWrongBitIsRung) {
+    Doorbell bell(root_ + "/bell");
+    Sleeper sleeper(sleepWord());
+    Waker waker(sleepWord(), bell.path());
+    for (unsigned bit = 0; bit < 64; ++bit) {
+        for (const bool isRungBefore : {false, true}) {
+            sleeper.asleep();
+            if (isRungBefore) {
+                EXPECT_TRUE(waker.published()) << bit;
+            }
+            const std::uint64_t right = stored();
+            word_ ^= std::uint64_t{1} << bit;
+            EXPECT_TRUE(waker.published()) << bit;
+            EXPECT_TRUE(waker.published()) << "it is not known whether it was rung, " << bit;
+            EXPECT_EQ(bell.drain(), isRungBefore ? 3U : 2U);
+            word_ = right;
+            EXPECT_TRUE(waker.published()) << "what was rung for before is forgotten, " << bit;
+            EXPECT_EQ(bell.drain(), 1U);
+            word_ ^= std::uint64_t{1} << bit;
+            sleeper.awake();
+            EXPECT_FALSE(waker.published()) << "the sleeper has stored a right word, " << bit;
+            word_ ^= std::uint64_t{1} << bit;
+            sleeper.asleep();
+            EXPECT_TRUE(waker.published()) << bit;
+            EXPECT_FALSE(waker.published()) << bit;
+            EXPECT_EQ(bell.drain(), 1U);
+            sleeper.awake();
+        }
+    }
+}
+
+TEST_F(DoorbellTest, SleeperThatFindsARottenWordStoresARightOne) {
+    for (unsigned bit = 0; bit < 64; ++bit) {
+        word_ = wordOf(7) ^ std::uint64_t{1} << bit;
+        const Sleeper sleeper(sleepWord());
+        const auto epoch = detail::SleepEpoch::decoded(stored(), kSeed);
+        ASSERT_TRUE(epoch.has_value()) << bit;
+        EXPECT_EQ(*epoch % 2, 0U) << bit;
+    }
+}
+
+TEST_F(DoorbellTest, WordOfAnotherFileDoesNotVerify) {
+    Doorbell bell(root_ + "/bell");
+    AckMapWriter writer(root_, "acks");
+    const auto reader = AckMapReader::open(file("acks"));
+    Waker waker(reader->sleepEpoch(), bell.path());
+    EXPECT_FALSE(waker.published()) << "in a fresh file nobody sleeps";
+    overwrite(file("acks"), detail::kDynamicOffset + offsetof(detail::DynamicHeader, sleepEpoch),
+              wordOf(2));
+    EXPECT_TRUE(waker.published());
 }
 
 TEST_F(DoorbellTest, NoWakeUpIsLost) {
     Doorbell bell(root_ + "/bell");
-    std::uint64_t epoch = 0;
     std::atomic<std::uint64_t> work{0};
     constexpr std::uint64_t kRounds = 20000;
     std::thread worker([&] {
-        Sleeper sleeper(epoch);
+        Sleeper sleeper(sleepWord());
         std::uint64_t done = 0;
         while (done < kRounds) {
             sleeper.asleep();
@@ -300,7 +483,7 @@ TEST_F(DoorbellTest, NoWakeUpIsLost) {
             done = work.load(std::memory_order_acquire);
         }
     });
-    Waker waker(epoch, bell.path());
+    Waker waker(sleepWord(), bell.path());
     for (std::uint64_t i = 1; i <= kRounds; ++i) {
         work.store(i, std::memory_order_release);
         waker.published();

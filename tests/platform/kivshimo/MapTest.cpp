@@ -1,7 +1,10 @@
+#include <atomic>
 #include <bit>
+#include <chrono>
 #include <map>
 #include <random>
 #include <stdexcept>
+#include <thread>
 
 #include "platform/kivshimo/MapReader.h"
 #include "tests/platform/kivshimo/Fixture.h"
@@ -216,6 +219,50 @@ TEST_F(MapTest, VisitOfAllSlotsGoesOnBehindARottenValueOrLink) {
     EXPECT_NE(reports[0].find("items: slot 4"), std::string::npos) << reports[0];
 }
 
+TEST_F(MapTest, VisitOfSlotsGivesUpAtASlotLeftInMidStore) {
+    const auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    table->items.insertOrReplace(item(2, 2));
+    flip(itemsFile(), itemSlotOffset(64, 1));
+    std::size_t seen = 0;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_THROW(Reader(itemsFile(), kItemType, "items")
+                     .visitSlots([&](const Item&) { ++seen; },
+                                 [](const CorruptionError& error) { FAIL() << error.what(); }),
+                 BusyError);
+    EXPECT_EQ(seen, 1U);
+    const auto took = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(took, std::chrono::milliseconds(100)) << "it is waited for";
+    EXPECT_LT(took, std::chrono::seconds(10));
+}
+
+TEST_F(MapTest, VisitOfSlotsWaitsForAStoreThatIsFinishedLate) {
+    using Clock = std::chrono::steady_clock;
+    const auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    table->items.insertOrReplace(item(2, 2));
+    flip(itemsFile(), itemSlotOffset(64, 1));
+    std::atomic<bool> hasBegun{false};
+    std::thread writer([&] {
+        const auto deadline = Clock::now() + std::chrono::seconds(10);
+        while (!hasBegun && Clock::now() < deadline)
+            std::this_thread::yield();
+        for (const auto end = Clock::now() + std::chrono::milliseconds(5); Clock::now() < end;)
+            std::this_thread::yield();
+        flip(itemsFile(), itemSlotOffset(64, 1));
+    });
+    std::size_t seen = 0;
+    EXPECT_NO_THROW(Reader(itemsFile(), kItemType, "items")
+                        .visitSlots(
+                            [&](const Item&) {
+                                ++seen;
+                                hasBegun = true;
+                            },
+                            [](const CorruptionError& error) { FAIL() << error.what(); }));
+    writer.join();
+    EXPECT_EQ(seen, 2U);
+}
+
 TEST_F(MapTest, RottenValueThrowsNamesItsPlaceAndCanBeReplaced) {
     const auto table = items();
     for (std::uint32_t id = 0; id < 10; ++id)
@@ -391,10 +438,29 @@ TEST_F(MapTest, MountFreesATornValue) {
     flip(itemsFile(), itemSlotOffset(64, 0) + 40);
     table = items();
     EXPECT_EQ(table->corruptions(), 0U);
-    table->tornSettled(0);
+    table->tornSettled();
     EXPECT_EQ(table->corruptions(), 1U);
     EXPECT_EQ(table->items.count(), 0U);
     table->items.assertConsistent();
+}
+
+TEST_F(MapTest, OnlyTheTornValueOfThePendingKeyIsNoCorruption) {
+    for (const std::uint64_t pending : {1U, 2U}) {
+        auto table = items();
+        table->items.insertOrReplace(item(1, 1));
+        table->items.insertOrReplace(item(2, 2));
+        table = nullptr;
+        restart();
+        flip(itemsFile(), itemSlotOffset(64, 0));
+        flip(itemsFile(), itemSlotOffset(64, 0) + 40);
+        table = items();
+        table->tornSettled(tornKeyOf(item(pending, 0).key()));
+        EXPECT_EQ(table->corruptions(), pending == 1 ? 0U : 1U);
+        EXPECT_EQ(table->items.count(), 1U);
+        table->items.erase(item(2, 0).key());
+        table = nullptr;
+        restart();
+    }
 }
 
 TEST(MapLayout, ValueOf160BytesStaysInItsBudget) {

@@ -144,6 +144,63 @@ TEST_F(MountTest, DamagedManifestStillSaysThatTheTableExisted) {
     }
 }
 
+TEST_F(MountTest, MarkWithAFewWrongBitsCountsAsTheNearerOneAndAsCorruption) {
+    const std::uint64_t mark = detail::kDynamicOffset + offsetof(detail::DynamicHeader, wiped);
+    leaveOneItem();
+    for (const bool lost : {false, true}) {
+        for (std::uint64_t bit = 0; bit < 64; ++bit) {
+            overwrite(itemsFile(), mark, lost ? detail::kWiped : detail::kNotWiped);
+            flip(itemsFile(), mark + bit / 8, bit % 8);
+            flip(itemsFile(), mark + (bit / 8 + 3) % 8, bit % 8);
+            EXPECT_EQ(Reader(itemsFile(), kItemType, "items").wiped(), lost) << bit;
+            auto table = items();
+            EXPECT_EQ(table->collectionControl().wiped(), lost) << bit;
+            EXPECT_EQ(table->corruptions(), 1U) << bit;
+            EXPECT_EQ(table->items.count(), 1U);
+            table = nullptr;
+            restart();
+            EXPECT_EQ(items()->corruptions(), 0U) << "it was put right";
+            restart();
+        }
+    }
+}
+
+TEST_F(MountTest, FolderThatOthersMayWriteToIsRefused) {
+    leaveOneItem();
+    for (const std::string& folder : {root_, root_ + "/items"}) {
+        ASSERT_EQ(chmod(folder.c_str(), 01777), 0);
+        expectInMessage([this] { items(); },
+                        folder + ": check folder: others may write to it: mode 1777");
+        ASSERT_EQ(chmod(folder.c_str(), 0770), 0);
+        restart();
+        EXPECT_EQ(items()->items.count(), 1U);
+        restart();
+    }
+}
+
+TEST_F(MountTest, ReaderFollowsNoLinkBelowTheRoot) {
+    items(8, "group/unit/1")->items.insertOrReplace(item(1, 1));
+    restart();
+    const std::string file = tableFile(root_, "group/unit/1");
+    const TestSupport::TempDir elsewhere;
+    const std::string moved = elsewhere.file("moved");
+    for (const std::string& folder : {root_ + "/group", root_ + "/group/unit"}) {
+        EXPECT_NO_THROW(Reader(file, kItemType, "items"));
+        fs::copy(folder, moved, fs::copy_options::recursive);
+        fs::rename(folder, folder + ".before");
+        fs::create_directory_symlink(moved, folder);
+        expectInMessage([&] { Reader(file, kItemType, "items"); }, folder + ": open folder: ");
+        fs::remove(folder);
+        fs::rename(folder + ".before", folder);
+        fs::remove_all(moved);
+    }
+    const std::string root = elsewhere.file("root");
+    fs::create_directory_symlink(root_, root);
+    EXPECT_EQ(Reader(tableFile(root, "group/unit/1"), kItemType, "items").find(item(1, 0).key()),
+              item(1, 1))
+        << "the root itself may lie behind links";
+}
+
 TEST_F(MountTest, HalfMadeFileIsNeverMounted) {
     fs::create_directories(root_ + "/items");
     std::ofstream(itemsFile() + ".new") << "half";

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <csignal>
@@ -18,6 +19,23 @@ protected:
     ~RingTest() override { std::filesystem::remove(file_); }
 
     /// Lines without their time.
+    /// Flips one bit of the ring's file.
+    void flip(std::size_t bit) const {
+        std::fstream file(file_, std::ios::in | std::ios::out | std::ios::binary);
+        const auto at = static_cast<std::streamoff>(bit / 8);
+        const int byte = file.seekg(at).get();
+        file.seekp(at).put(static_cast<char>(byte ^ 1 << bit % 8));
+        ASSERT_TRUE(file.good());
+    }
+    static std::string refusalOf(const std::string& file) {
+        try {
+            Ring::dump(file);
+        } catch (const std::runtime_error& error) {
+            return error.what();
+        }
+        return "not refused";
+    }
+
     static std::vector<std::string> texts(const std::vector<std::string>& lines) {
         std::vector<std::string> result;
         for (const std::string& line : lines)
@@ -88,6 +106,108 @@ TEST_F(RingTest, RefusesOtherFiles) {
     EXPECT_THROW(Ring::dump(file_), std::system_error);
     std::ofstream(file_) << "no ring";
     EXPECT_THROW(Ring::dump(file_), std::runtime_error);
+}
+
+TEST_F(RingTest, FlippedBitGivesARottenLineWithTheSlotAndNeverAnotherText) {
+    Ring ring(file_, 4);
+    const MessageId number = ring.message("number {}");
+    ring.record(number, 7);
+    ring.record(ring.message("text {}"), "seven");
+    ring.record(number, 8);
+    const Lines whole = Ring::dump(file_);
+    const std::size_t bytes = std::filesystem::file_size(file_);
+    const std::size_t slots = bytes - 4 * std::size_t{64};
+    for (std::size_t bit = slots * 8; bit < bytes * 8; ++bit) {
+        flip(bit);
+        const std::size_t slot = (bit / 8 - slots) / 64;
+        const Lines lines = Ring::dump(file_);
+        flip(bit);
+        if (slot == 3 && lines == whole)
+            continue;  // nothing is stored there
+        Lines expected = whole;
+        if (slot < 3)
+            expected.erase(expected.begin() + static_cast<std::ptrdiff_t>(slot));
+        expected.push_back("? slot " + std::to_string(slot) + " does not verify");
+        ASSERT_EQ(lines, expected) << bit;
+    }
+    EXPECT_EQ(Ring::dump(file_), whole);
+}
+
+TEST_F(RingTest, FlippedBitOfAFormatMakesItsMessagesRotten) {
+    Ring ring(file_, 4);
+    const MessageId number = ring.message("number {}");
+    const MessageId text = ring.message("text {}");
+    ring.record(number, 7);
+    ring.record(text, "seven");
+    ring.record(number, 8);
+    const Lines whole = Ring::dump(file_);
+    const std::size_t first = 64 + 128 * std::size_t{number};
+    for (std::size_t bit = first * 8; bit < (first + 128) * 8; ++bit) {
+        flip(bit);
+        EXPECT_EQ(Ring::dump(file_),
+                  (Lines{whole[1], "? slot 0 does not verify", "? slot 2 does not verify"}))
+            << bit;
+        flip(bit);
+    }
+}
+
+TEST_F(RingTest, FlippedBitOfTheHeaderIsRefusedOrHarmless) {
+    Ring ring(file_, 4);
+    ring.record(ring.message("number {}"), 7);
+    const Lines whole = Ring::dump(file_);
+    for (std::size_t bit = 0; bit < 64 * std::size_t{8}; ++bit) {
+        flip(bit);
+        try {
+            EXPECT_EQ(Ring::dump(file_), whole) << bit;
+            EXPECT_GE(bit, 16U * 8U) << "magic and number of slots count";
+        } catch (const std::runtime_error& error) {
+            EXPECT_NE(std::string(error.what()).find("not a ring trace"), std::string::npos);
+        }
+        flip(bit);
+    }
+}
+
+TEST_F(RingTest, WhatStandsInPlaceOfARingIsRefusedAndNotWaitedFor) {
+    ASSERT_EQ(mkfifo(file_.c_str(), 0640), 0);
+    EXPECT_EQ(refusalOf(file_), file_ + ": check ring: no regular file");
+    std::filesystem::remove(file_);
+    std::filesystem::create_directory(file_);
+    EXPECT_EQ(refusalOf(file_), file_ + ": check ring: no regular file");
+    std::filesystem::remove(file_);
+    const std::string other = file_ + "-other";
+    const Ring ring(other, 4);
+    std::filesystem::create_symlink(other, file_);
+    EXPECT_NE(refusalOf(file_).find(file_ + ": open ring: "), std::string::npos);
+    std::filesystem::remove(other);
+}
+
+TEST_F(RingTest, RingOfAnotherUserIsReadByRootOnly) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give files away";
+    constexpr uid_t kOtherUser = 12345;
+    Ring ring(file_, 4);
+    ring.record(ring.message("number {}"), 7);
+    ASSERT_EQ(chmod(file_.c_str(), 0644), 0);
+    const auto isRefused = [&](uid_t owner) {
+        EXPECT_EQ(chown(file_.c_str(), owner, owner), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            if (setuid(kOtherUser) != 0)
+                _exit(3);
+            const std::string refusal = refusalOf(file_);
+            if (refusal == "not refused")
+                _exit(0);
+            _exit(refusal == file_ + ": check ring: belongs to another user" ? 1 : 2);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) < 2) << status;
+        return WEXITSTATUS(status) == 1;
+    };
+    EXPECT_FALSE(isRefused(0));
+    EXPECT_FALSE(isRefused(kOtherUser));
+    EXPECT_TRUE(isRefused(kOtherUser + 1));
+    EXPECT_EQ(texts(Ring::dump(file_)), Lines{"number 7"}) << "by root";
 }
 
 }  // namespace
