@@ -1,4 +1,5 @@
 // Changes of one key in quick succession, whatever comes between them.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tests/incidents/WholeSystem.h"
@@ -101,6 +102,32 @@ TYPED_TEST(OneKey, RemovedWrittenAndRemovedIsGoneFromTableLogAndHardware) {
             EXPECT_EQ(this->held(this->key(number)), nullptr);
         });
     EXPECT_EQ(this->table->entrys(), 0U);
+}
+
+TYPED_TEST(OneKey, AcknowledgementOfAnOlderChangeCompletesNoNewerOne) {
+    this->write(2);
+    this->settleAll();  // what comes first is taken as a whole
+    const std::uint64_t before = this->acknowledged();
+    std::vector<Brumo::Ptr<const typename TestFixture::Handle>> changes;
+    for (const std::uint32_t variant : {5U, 6U}) {
+        changes.push_back(this->write(1, variant));
+        this->agent.settle();
+    }
+    changes.push_back(this->remove(1));
+    this->agent.settle();
+    changes.push_back(this->write(1, 7));
+    this->agent.settle();
+    for (std::size_t taken = 0; taken <= changes.size(); ++taken) {
+        SCOPED_TRACE(fmt::format("{} taken", taken));
+        EXPECT_EQ(this->acknowledged(), before + taken);
+        for (std::size_t i = 0; i < changes.size(); ++i)
+            EXPECT_EQ(changes[i]->entryState(),
+                      i < taken ? Asic::EntryState::complete : Asic::EntryState::written)
+                << i;
+        EXPECT_EQ(this->table->hasPendingHwWrites(), taken < changes.size());
+        this->hardwareTakes(1);
+    }
+    EXPECT_THAT(this->notProgrammed(), testing::IsEmpty());
 }
 
 }  // namespace

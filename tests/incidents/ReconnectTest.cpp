@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "tests/incidents/WholeSystem.h"
 
 namespace Incidents {
@@ -85,6 +87,57 @@ TYPED_TEST(Reconnect, AtAnyPlaceOfAnUpdateLeavesTheAgentAtWorkAndBringsAllIn) {
             EXPECT_EQ(this->programmed(), this->kEntries);
         }
     }
+}
+
+/// There was never a hardware side: no file of it is there.
+template <class B>
+class FirstConnect : public WholeSystem<B> {
+protected:
+    static constexpr std::uint32_t kEntries = 40;
+
+    FirstConnect() {
+        this->hardware.stop(true);
+        std::filesystem::remove_all(this->agent.root() + "/hwside");
+    }
+    void changeAll() {
+        for (std::uint32_t number = 1; number <= kEntries; ++number)
+            handles_.push_back(this->write(number, number));
+        handles_.push_back(this->write(1, 77));
+        handles_.push_back(this->remove(2));
+        this->agent.settle();
+        this->agent.group()->acknowledgementsArrived();
+        this->agent.settle();
+    }
+    void expectAllOnceItComes() {
+        this->hardware.start();
+        this->settleAll();
+        EXPECT_EQ(this->acknowledged(), this->version());
+        EXPECT_FALSE(this->table->hasPendingHwWrites());
+        EXPECT_EQ(this->hardware.tcam().template entries<typename B::Types>(), kEntries - 1);
+        EXPECT_THAT(this->notProgrammed(), IsEmpty());
+        EXPECT_EQ(this->table->entryLog()->entryLogConfigs(), 0U);
+    }
+
+    std::vector<Brumo::Ptr<const typename WholeSystem<B>::Handle>> handles_;
+};
+TYPED_TEST_SUITE(FirstConnect, TestSupport::AllBindings, TestSupport::TableName);
+
+TYPED_TEST(FirstConnect, ProgramsAllThatWasChangedBeforeTheHardwareSideEverRegistered) {
+    this->changeAll();
+    for (const auto& handle : this->handles_)
+        EXPECT_EQ(handle->entryState(), Asic::EntryState::written);
+    EXPECT_TRUE(this->table->hasPendingHwWrites());
+    this->expectAllOnceItComes();
+    for (const auto& handle : this->handles_)
+        EXPECT_EQ(handle->entryState(), Asic::EntryState::complete);
+}
+
+TYPED_TEST(FirstConnect, ProgramsAllThatAProcessBeforeChangedWithoutAHardwareSide) {
+    this->changeAll();
+    this->handles_.clear();
+    this->restartAgent();
+    EXPECT_TRUE(this->table->hasPendingHwWrites());
+    this->expectAllOnceItComes();
 }
 
 }  // namespace

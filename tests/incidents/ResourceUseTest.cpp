@@ -201,6 +201,54 @@ TEST_F(Sweep, KeepsAnIndexWhoseEndTheHardwareSideHasNotTakenYet) {
     expectConsistent();
 }
 
+// What an entry is bound to.
+
+class Binding : public ActionSystem {
+protected:
+    static constexpr std::uint32_t kBound = 30;
+
+    Binding() : ActionSystem({.counters = 64, .policers = 4}) {}
+
+    std::map<std::uint32_t, std::uint32_t> committedCounters() {
+        std::map<std::uint32_t, std::uint32_t> indexes;
+        for (std::uint32_t id = 1; id <= kBound; ++id)
+            indexes[id] = committedCounter(id);
+        return indexes;
+    }
+};
+
+TEST_F(Binding, OfEveryEntryAfterARestartIsTheCounterItHadBefore) {
+    // Neither in the order of the actions nor in that of the requests.
+    for (std::uint32_t id = kBound; id >= 1; --id)
+        writeAction(id, 100 + id * 7 % 31);
+    settleAll();
+    for (std::uint32_t id = 1; id <= kBound; id += 3)
+        agent.counters()->move({100 + id * 7 % 31});
+    settleAll();
+    const auto before = committedCounters();
+    const auto requests = countersByRequest();
+    const std::uint64_t written = version();
+    ASSERT_EQ(requests.size(), kBound);
+    for (unsigned restart = 0; restart < 3; ++restart) {
+        SCOPED_TRACE(restart);
+        restartAgent();
+        EXPECT_EQ(committedCounters(), before);
+        settleAll();
+        sweep();
+        settleAll();
+        EXPECT_EQ(committedCounters(), before);
+        EXPECT_EQ(countersByRequest(), requests);
+        EXPECT_EQ(version(), written) << "nothing has to be written";
+        for (const auto& [id, index] : before)
+            EXPECT_EQ(held(actionKey(id))->entry.counterIndex.get(), index);
+    }
+    writeAction(kBound + 1, 200);
+    settleAll();
+    for (const auto& [id, index] : before)
+        EXPECT_NE(committedCounter(kBound + 1), index);
+    expectConsistent();
+}
+
 // What cannot be resolved at a restore.
 
 class UnresolvedAtRestore : public ActionSystem {

@@ -192,10 +192,15 @@ TEST_F(RotTest, WholeFilesGiveEverythingWithoutAReport) {
         EXPECT_TRUE(whole->reports.empty()) << whole->reports.front();
         EXPECT_GE(whole->values.size(), 4U);
     }
-    for (const char* what : {"value 4", "record 7", "resource 1", "announcement 9", "consumed"})
+    for (const char* table :
+         {"PolicyCpuTcamAction", "PolicyCpuV4TcamEntry", "PolicyCpuV6TcamEntry"}) {
+        EXPECT_TRUE(readers_.values.contains(fmt::format("{} value 4", table))) << table;
+        EXPECT_TRUE(readers_.values.contains(fmt::format("{} record 7", table))) << table;
+    }
+    for (const char* what : {"counter 1", "policer 1", "announcement 27", "consumed"})
         EXPECT_TRUE(readers_.values.contains(what)) << what;
     EXPECT_EQ(hardware_[0].values, hardware_[1].values);
-    EXPECT_EQ(tables().size(), 5U);
+    EXPECT_EQ(tables().size(), 10U);
 }
 
 Damage flipOf(const std::string& file, std::size_t bit) {
@@ -237,15 +242,17 @@ struct BitOf {
     std::size_t bit;
 };
 
-/// The bits of the file of that number in the order of their names, or of all.
+/// The bits of the file of that number in the order of their names, or of all. Of the files of
+/// several tables, which are alike, the short run tries different ones.
 std::vector<BitOf> triedBits(const Image& image, std::size_t only = SIZE_MAX) {
     std::vector<BitOf> bits;
     std::size_t number = 0;
     for (const auto& [name, content] : image) {
         if (number++ != only && only != SIZE_MAX)
             continue;
+        std::size_t known = 0;
         for (std::size_t bit = 0; bit < content.size() * 8; ++bit) {
-            if (isLongRun() || isTriedInShort(bit, content))
+            if (isLongRun() || (isTriedInShort(bit, content) && (number + ++known) % 3 == 0))
                 bits.push_back({&name, bit});
         }
     }
@@ -254,7 +261,7 @@ std::vector<BitOf> triedBits(const Image& image, std::size_t only = SIZE_MAX) {
 
 /// The files by number, so that a long run can be shared out.
 class RotOfFile : public RotTest, public testing::WithParamInterface<std::size_t> {};
-constexpr std::size_t kFiles = 10;
+constexpr std::size_t kFiles = 20;
 
 TEST_P(RotOfFile, FlippedBitIsHarmlessOrReported) {
     ASSERT_EQ(specimen_.image().size(), kFiles);
@@ -338,7 +345,7 @@ TEST_F(RotTest, RandomPagesAreHarmlessOrReported) {
     std::vector<std::string> contents;
     for (const std::string& name : names)
         contents.push_back(content(name));
-    const std::size_t count = isLongRun() ? 20000 : 300;
+    const std::size_t count = isLongRun() ? 20000 : 150;
     examineAll(count, [&](std::size_t number) {
         std::mt19937_64 random(number);
         const std::size_t which = random() % names.size();

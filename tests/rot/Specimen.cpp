@@ -9,10 +9,14 @@
 #include <functional>
 #include <iterator>
 #include <stdexcept>
+#include <tuple>
+#include <utility>
 
 #include <fmt/format.h>
 
 #include "entrylog/PolicyCpuTcamActionEntryLog.h"
+#include "entrylog/PolicyCpuV4TcamEntryEntryLog.h"
+#include "entrylog/PolicyCpuV6TcamEntryEntryLog.h"
 #include "hwside/LogReader.h"
 #include "platform/asic/OrderedTableInterface.h"
 #include "platform/brumo/Assert.h"
@@ -22,6 +26,7 @@
 #include "platform/kivshimo/MapReader.h"
 #include "platform/kivshimo/VersionLogReader.h"
 #include "platform/resources/CrpsIndexRequestResourceTable.h"
+#include "platform/resources/PolicerIndexRequestResourceTable.h"
 #include "platform/resources/ResourceFile.h"
 #include "tests/entrylog/Bindings.h"
 
@@ -35,22 +40,67 @@ using TestSupport::keyOf;
 using TestSupport::logEntryOf;
 using TestSupport::resourceKeysOf;
 
-using B = PolicyCpuTcamActionBinding;
-using Types = B::Types;
-using Log = EntryLog<B>;
-using ResourceTable = VornCountersLib::CrpsIndexRequestResourceTable;
-using Client = ResourceTable::ClientInstance;
-using ResourceRecord = Asic::ResourceRecord<VornCountersLib::CounterBinding>;
-using ResourceFile = Asic::ResourceFile<VornCountersLib::CounterBinding>;
+using Actions = PolicyCpuTcamActionBinding;
+using V4Entries = PolicyCpuV4TcamEntryBinding;
+using V6Entries = PolicyCpuV6TcamEntryBinding;
+
+struct CounterIndexes {
+    using Binding = VornCountersLib::CounterBinding;
+    using Table = VornCountersLib::CrpsIndexRequestResourceTable;
+    static constexpr const char* kTitle = "counter";
+    static constexpr const char* kName = "CrpsIndexRequest.CpuTrafficPolicyIngress";
+
+    static auto request(Table::ClientInstance& client, std::uint32_t id) {
+        return client.request({id}, nullptr);
+    }
+};
+
+struct PolicerIndexes {
+    using Binding = VornPolicerLib::PolicerBinding;
+    using Table = VornPolicerLib::PolicerIndexRequestResourceTable;
+    static constexpr const char* kTitle = "policer";
+    static constexpr const char* kName = "PolicerIndexRequest.VornPolicyCpu";
+
+    static auto request(Table::ClientInstance& client, std::uint32_t id) {
+        VornPolicerLib::PolicerIndexRequestClientData data;
+        data.rate = 1000 * id;
+        data.burst = 100 * id;
+        data.mode = VornPolicerLib::PolicerMode::packets;
+        return client.request({id}, data, nullptr);
+    }
+};
+
+template <class Visit>
+void forEachTable(const Visit& visit) {
+    visit.template operator()<Actions>();
+    visit.template operator()<V4Entries>();
+    visit.template operator()<V6Entries>();
+}
+
+template <class Visit>
+void forEachResource(const Visit& visit) {
+    visit.template operator()<CounterIndexes>();
+    visit.template operator()<PolicerIndexes>();
+}
 
 constexpr const char* kSystem = "rot";
-constexpr const char* kResources = "CrpsIndexRequest.CpuTrafficPolicyIngress";
 constexpr std::uint64_t kCapacity = 8;
 constexpr std::uint32_t kPool = 8;
-constexpr std::uint64_t kAnnouncements = 16;
+constexpr std::uint64_t kAnnouncements = 32;
 constexpr std::uint32_t kSpecimenKeys = 5;
 
-/// Everything on disk that a running agent has, for one table and one resource.
+template <class B>
+struct TableOf {
+    Brumo::Ptr<EntryLog<B>> log;
+};
+
+template <class R>
+struct ResourceOf {
+    Brumo::Ptr<typename R::Table> table;
+    Brumo::Ptr<typename R::Table::ClientInstance> client;
+};
+
+/// Everything on disk that a running agent has.
 class Agent {
 public:
     explicit Agent(const std::string& folder) {
@@ -67,26 +117,39 @@ public:
     Agent& operator=(const Agent&) = delete;
     ~Agent() { forget(); }
 
-    Log& log() { return *log_; }
-    ResourceTable& resources() { return *resources_; }
-    Client& client() { return *client_; }
-    const Asic::GroupInterface& group() const { return *group_; }
-    std::uint64_t corruptions() const {
-        return log_->tableEntryLog()->corruptions() + log_->tableConfigShimo(kUnit)->corruptions() +
-               group_->corruptions();
+    template <class B>
+    EntryLog<B>& log() {
+        return *std::get<TableOf<B>>(tablesOf_).log;
+    }
+    template <class R>
+    ResourceOf<R>& resource() {
+        return std::get<ResourceOf<R>>(resources_);
+    }
+    std::uint64_t corruptions() {
+        std::uint64_t count = group_->corruptions();
+        forEachTable([&]<class B>() {
+            count += log<B>().tableEntryLog()->corruptions() +
+                     log<B>().tableConfigShimo(kUnit)->corruptions();
+        });
+        return count;
     }
 
+    template <class R>
     auto request(std::uint32_t id) {
-        const auto handle = client_->request({id}, nullptr);
+        const auto handle = R::request(*resource<R>().client, id);
         loop_.runUntilIdle();
-        client_->ackUpdate(handle, handle->updateVersion(), nullptr);
+        resource<R>().client->ackUpdate(handle, handle->updateVersion(), nullptr);
         return handle;
     }
+    template <class B>
     Asic::LogVersion write(std::uint32_t number, std::uint32_t word) {
-        return log_->entryIs(logEntryOf<B>(number, word), resourceKeysOf<B>(number), nullptr, kUnit,
-                             stats_, false);
+        return log<B>().entryIs(logEntryOf<B>(number, word), resourceKeysOf<B>(number), nullptr,
+                                kUnit, stats_, false);
     }
-    void remove(std::uint32_t number) { log_->entryDel(keyOf<B>(number), nullptr, kUnit); }
+    template <class B>
+    void remove(std::uint32_t number) {
+        log<B>().entryDel(keyOf<B>(number), nullptr, kUnit);
+    }
 
 private:
     void mount() {
@@ -94,16 +157,22 @@ private:
         tables_ = Brumo::make<Asic::OrderedTableInterface>(database_, "VornPolicyCpu", loop_);
         group_ = tables_->makeGroupIntf("VornPolicyCpuGroup", 0x2C08);
         KivShimo::EntityManager::capacityCeilingIs(kCapacity);
-        resources_ = Brumo::make<ResourceTable>(kResources, database_, group_, loop_, kPool);
-        client_ = Brumo::make<Client>(resources_);
-        log_ = entryLogFactory<B>(B::kTableId, database_, group_, "VornPolicyCpu");
-        log_->mountShimoConfig(kUnit, {});
+        forEachResource([&]<class R>() {
+            auto& made = resource<R>();
+            made.table = Brumo::make<typename R::Table>(R::kName, database_, group_, loop_, kPool);
+            made.client = Brumo::make<typename R::Table::ClientInstance>(made.table);
+        });
+        forEachTable([&]<class B>() {
+            auto& made = std::get<TableOf<B>>(tablesOf_).log;
+            made = entryLogFactory<B>(B::kTableId, database_, group_, "VornPolicyCpu");
+            made->mountShimoConfig(kUnit, {});
+        });
     }
     void forget() {
-        log_ = nullptr;
-        client_ = nullptr;
+        tablesOf_ = {};
+        forEachResource([&]<class R>() { resource<R>().client = nullptr; });
         loop_.clear();
-        resources_ = nullptr;
+        resources_ = {};
         group_ = nullptr;
         tables_ = nullptr;
         database_ = nullptr;
@@ -115,9 +184,8 @@ private:
     Brumo::Ptr<Regdb::EntityManager> database_;
     Brumo::Ptr<Asic::OrderedTableInterface> tables_;
     Brumo::Ptr<Asic::GroupInterface> group_;
-    Brumo::Ptr<ResourceTable> resources_;
-    Brumo::Ptr<Client> client_;
-    Brumo::Ptr<Log> log_;
+    std::tuple<ResourceOf<CounterIndexes>, ResourceOf<PolicerIndexes>> resources_;
+    std::tuple<TableOf<Actions>, TableOf<V4Entries>, TableOf<V6Entries>> tablesOf_;
     Brumo::Ptr<Asic::SwTableStats> stats_ = Brumo::make<Asic::SwTableStats>();
 };
 
@@ -153,9 +221,21 @@ std::string textOfValue(const Value& value) {
                        value.inDeletion);
 }
 
-std::string textOfRecord(const ResourceRecord& record) {
-    return fmt::format("{} {} {} {} {} {}", record.index, record.requestKey, record.version,
-                       record.userTable, static_cast<unsigned>(record.state), record.featureId);
+template <class Binding>
+std::string textOfRecord(const Asic::ResourceRecord<Binding>& record) {
+    return fmt::format("{} {} {} {} {} {} {}", record.index, record.requestKey, record.version,
+                       record.userTable, static_cast<unsigned>(record.state), record.featureId,
+                       record.clientData.toText());
+}
+
+/// What something in a table's files is called among the findings.
+template <class B, class What>
+std::string named(const char* kind, const What& what) {
+    return fmt::format("{} {} {}", B::Types::kName, kind, what);
+}
+template <class R, class What>
+std::string namedResource(const What& what) {
+    return fmt::format("{} {}", R::kTitle, what);
 }
 
 /// Runs a reading; an error that says so is a report.
@@ -173,27 +253,29 @@ void tried(Findings& findings, const std::function<void()>& reading) {
     }
 }
 
+template <class B>
 void readConfig(Findings& findings, const std::string& file) {
-    using Value = Log::ConfigValue;
+    using Types = typename B::Types;
+    using Value = typename EntryLog<B>::ConfigValue;
     const KivShimo::MapReader<Value> reader(file, Constants<Types>::configShimoType(),
                                             kSwTableEntries);
     for (std::uint32_t number = 1; number <= kSpecimenKeys; ++number) {
         tried(findings, [&] {
             if (const auto value = reader.find(keyOf<B>(number)))
-                findings.values[fmt::format("value {}", number)] = textOfValue(*value);
+                findings.values[named<B>("value", number)] = textOfValue(*value);
         });
     }
     std::uint64_t steps = 0;
     tried(findings, [&] {
         reader.forEach([&](const Value& value) {
             Brumo::require(++steps <= reader.capacity(), "the walk ends");
-            findings.values[fmt::format("walked {}", value.key())] = textOfValue(value);
+            findings.values[named<B>("walked", value.key())] = textOfValue(value);
         });
     });
     tried(findings, [&] {
         reader.visitSlots(
             [&](const Value& value) {
-                findings.values[fmt::format("visited {}", value.key())] = textOfValue(value);
+                findings.values[named<B>("visited", value.key())] = textOfValue(value);
             },
             [&](const KivShimo::CorruptionError& error) {
                 findings.reports.emplace_back(error.what());
@@ -201,34 +283,42 @@ void readConfig(Findings& findings, const std::string& file) {
     });
 }
 
+template <class B>
 void readChangeLog(Findings& findings, const std::string& file) {
-    const KivShimo::VersionLogReader<Log::Record> reader(
-        file, Constants<Types>::entryLogShimoType(), kEntryLogConfig);
-    tried(findings, [&] { findings.values["published"] = std::to_string(reader.scratchpad()); });
+    using Types = typename B::Types;
+    using Record = typename EntryLog<B>::Record;
+    const KivShimo::VersionLogReader<Record> reader(file, Constants<Types>::entryLogShimoType(),
+                                                    kEntryLogConfig);
+    tried(findings, [&] {
+        findings.values[named<B>("is", "published")] = std::to_string(reader.scratchpad());
+    });
     for (std::uint64_t version = 1; version <= 2 * kCapacity; ++version) {
         tried(findings, [&] {
             if (const auto record = reader.find(version))
-                findings.values[fmt::format("record {}", version)] = record->toText();
+                findings.values[named<B>("record", version)] = record->toText();
         });
     }
     std::uint64_t steps = 0;
     tried(findings, [&] {
-        reader.forEach(1, ~std::uint64_t{0}, [&](const Log::Record& record) {
+        reader.forEach(1, ~std::uint64_t{0}, [&](const Record& record) {
             Brumo::require(++steps <= reader.slots(), "the walk ends");
-            findings.values[fmt::format("walked {}", record.version.value)] = record.toText();
+            findings.values[named<B>("walked", record.version.value)] = record.toText();
         });
     });
 }
 
+template <class R>
 void readResources(Findings& findings, const std::string& file) {
-    const KivShimo::MapReader<ResourceRecord> reader(file, ResourceFile::typeName(),
-                                                     ResourceFile::kCollection);
-    tried(findings,
-          [&] { findings.values["resource version"] = std::to_string(reader.scratchpad()); });
+    using File = Asic::ResourceFile<typename R::Binding>;
+    const KivShimo::MapReader<typename File::Record> reader(file, File::typeName(),
+                                                            File::kCollection);
+    tried(findings, [&] {
+        findings.values[namedResource<R>("version")] = std::to_string(reader.scratchpad());
+    });
     for (std::uint32_t index = 0; index < kPool; ++index) {
         tried(findings, [&] {
             if (const auto record = reader.find({index}))
-                findings.values[fmt::format("resource {}", index)] = textOfRecord(*record);
+                findings.values[namedResource<R>(index)] = textOfRecord(*record);
         });
     }
 }
@@ -264,22 +354,27 @@ void readAcknowledgements(Findings& findings, const std::string& file) {
           [&] { findings.values["announce log"] = std::to_string(reader->announceIdentity()); });
 }
 
-/// One request is given up, so that its index returns; the last changes stay unread.
+/// A request of each kind is given up, so that its index returns; the last changes stay unread.
 void fill(const std::string& folder) {
     Agent agent(folder);
-    for (const std::uint32_t id : {1U, 2U})
-        agent.request(id);
-    for (std::uint32_t number = 1; number <= kSpecimenKeys; ++number)
-        agent.write(number, 0x111100 + number);
+    forEachResource([&]<class R>() {
+        for (const std::uint32_t id : {1U, 2U})
+            agent.request<R>(id);
+    });
+    forEachTable([&]<class B>() {
+        for (std::uint32_t number = 1; number <= kSpecimenKeys; ++number)
+            agent.write<B>(number, 0x111100 + number);
+    });
     {
         HwSide::Tcam tcam;
         KivShimo::AckMapWriter acks(folder, HwSide::Group::acknowledgementsPath());
         HwSide::LogReader(HwSide::Group{folder}, tcam, acks).pump();
         acks.pauseRequestedIs(true);
     }
-    agent.remove(4);
-    agent.client().release(agent.request(3), nullptr);
-    agent.write(1, 0x222222);
+    forEachTable([&]<class B>() { agent.remove<B>(4); });
+    forEachResource(
+        [&]<class R>() { agent.resource<R>().client->release(agent.request<R>(3), nullptr); });
+    forEachTable([&]<class B>() { agent.write<B>(1, 0x222222); });
 }
 
 Image imageOf(const std::string& folder) {
@@ -330,14 +425,19 @@ void Specimen::restore() const {
 
 Findings Specimen::asReaders(const std::string& only) const {
     const HwSide::Group group{folder_};
-    const std::string resources =
-        fmt::format("resources/{}/{}", VornCountersLib::CounterBinding::kLibrary, kResources);
-    const std::pair<std::string, void (*)(Findings&, const std::string&)> readings[] = {
-        {group.configFile<Types>(kUnit), readConfig},
-        {group.changeLogFile<Types>(), readChangeLog},
+    using Reading = void (*)(Findings&, const std::string&);
+    std::vector<std::pair<std::string, Reading>> readings{
         {group.announcementsFile(), readAnnouncements},
-        {KivShimo::tableFile(folder_, HwSide::Group::acknowledgementsPath()), readAcknowledgements},
-        {KivShimo::tableFile(folder_, resources), readResources}};
+        {KivShimo::tableFile(folder_, HwSide::Group::acknowledgementsPath()),
+         readAcknowledgements}};
+    forEachTable([&]<class B>() {
+        readings.emplace_back(group.configFile<typename B::Types>(kUnit), readConfig<B>);
+        readings.emplace_back(group.changeLogFile<typename B::Types>(), readChangeLog<B>);
+    });
+    forEachResource([&]<class R>() {
+        const std::string path = fmt::format("resources/{}/{}", R::Binding::kLibrary, R::kName);
+        readings.emplace_back(KivShimo::tableFile(folder_, path), readResources<R>);
+    });
     Findings findings;
     for (const auto& [file, reading] : readings) {
         if (only.empty() || file == folder_ + "/" + only)
@@ -357,58 +457,77 @@ Findings Specimen::asHardware(bool isAcknowledged) const {
         KivShimo::AckMapWriter acks(folder_, HwSide::Group::acknowledgementsPath());
         HwSide::LogReader reader(group, tcam, acks);
         reader.pump();
-        if (reader.pump() == HwSide::LogReader::Progress::again)
-            findings.reports.push_back("busy: " + group.configFile<Types>(kUnit));
-        for (const auto& [unit, tables] : tcam.units()) {
-            for (const auto& [key, held] : tables.table<Types>().entries()) {
-                findings.values[fmt::format("programmed {} {}", unit, key)] =
-                    fmt::format("{} @{}", held.entry, held.version.value);
+        const bool isBusy = reader.pump() == HwSide::LogReader::Progress::again;
+        forEachTable([&]<class B>() {
+            using Types = typename B::Types;
+            if (isBusy)
+                findings.reports.push_back("busy: " + group.configFile<Types>(kUnit));
+            for (const auto& [unit, tables] : tcam.units()) {
+                for (const auto& [key, held] : tables.template table<Types>().entries()) {
+                    findings.values[named<B>("programmed", key)] =
+                        fmt::format("{}: {} @{}", unit, held.entry, held.version.value);
+                }
             }
-        }
+        });
     });
     return findings;
 }
 
 namespace {
 
-void readWritersTables(Findings& findings, Agent& agent) {
-    const auto config = agent.log().tableConfigShimo(kUnit);
+template <class B>
+void readWritersTable(Findings& findings, EntryLog<B>& table) {
+    const auto config = table.tableConfigShimo(kUnit);
     tried(findings, [&] {
         for (auto value = config->swTableEntriesFromStart(); value.has_value();
              value = config->swTableEntriesAfter(value->key())) {
-            findings.values[fmt::format("value {}", value->key())] = textOfValue(*value);
+            findings.values[named<B>("value", value->key())] = textOfValue(*value);
         }
     });
-    const auto log = agent.log().tableEntryLog();
+    const auto log = table.tableEntryLog();
     for (auto at = log->entryLogConfigVersionAtOrAfter({1}); at.has_value();
          at = log->entryLogConfigVersionAtOrAfter({at->value + 1})) {
         tried(findings, [&] {
             const auto record = log->entryLogConfig(*at);
-            findings.values[fmt::format("record {}", at->value)] = record->toText();
+            findings.values[named<B>("record", at->value)] = record->toText();
         });
     }
-    for (const auto& info : agent.resources().keys())
-        findings.values[fmt::format("resource {}", info.key)] = std::to_string(info.index);
-    findings.values["version"] = std::to_string(agent.log().tableVersion().value);
+    findings.values[named<B>("is", "at")] = std::to_string(table.tableVersion().value);
+}
+
+void readWritersTables(Findings& findings, Agent& agent) {
+    forEachTable([&]<class B>() { readWritersTable(findings, agent.log<B>()); });
+    forEachResource([&]<class R>() {
+        for (const auto& info : agent.resource<R>().table->keys())
+            findings.values[namedResource<R>(info.key)] = std::to_string(info.index);
+    });
 }
 
 /// Goes on working. What has rotted meanwhile may end a cleanup, which reports it.
-void use(Agent& agent, bool isWhole) {
+template <class B>
+void useTable(Agent& agent, bool isWhole) {
     using Brumo::require;
-    Log& log = agent.log();
+    EntryLog<B>& log = agent.log<B>();
     const Asic::LogVersion before = log.tableVersion();
     log.cleanupEntryLog(before);
-    require(agent.write(7, 0x333333).value == before.value + 1, "versions go on");
+    require(agent.write<B>(7, 0x333333).value == before.value + 1, "versions go on");
     require(log.entryHas(keyOf<B>(7), kUnit), "what is written is read");
-    agent.remove(7);
+    agent.remove<B>(7);
     log.cleanupEntryLog(log.tableVersion());
-    agent.request(9);
     if (!isWhole)
         return;
     require(log.entryLogConfigs() == 0, "no record is left");
     // A deletion whose record was lost is reclaimed by the mount that knows it acknowledged.
     require(log.entrysInDeletion(kUnit) <= 1, "deletions are reclaimed");
-    agent.resources().assertConsistent();
+}
+
+void use(Agent& agent, bool isWhole) {
+    forEachTable([&]<class B>() { useTable<B>(agent, isWhole); });
+    forEachResource([&]<class R>() {
+        agent.request<R>(9);
+        if (isWhole)
+            agent.resource<R>().table->assertConsistent();
+    });
 }
 
 }  // namespace

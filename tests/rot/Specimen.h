@@ -27,8 +27,8 @@ struct Findings {
 
 class Specimen {
 public:
-    /// Makes the files: a table's change log and configuration with live values and values in
-    /// deletion, the file of a resource table, announcements and acknowledgements.
+    /// Makes the files: of each table the change log and a configuration with live values and
+    /// values in deletion, those of the resource tables, announcements and acknowledgements.
     Specimen();
 
     const std::string& folder() const { return folder_; }

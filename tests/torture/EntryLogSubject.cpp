@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include <filesystem>
+#include <optional>
 
 #include "entrylog/PolicyCpuTcamActionEntryLog.h"
 #include "entrylog/PolicyCpuV4TcamEntryEntryLog.h"
@@ -196,19 +197,22 @@ Sight readLog(const std::string& folder, std::uint64_t reclaimed) {
     return sight;
 }
 
+/// With a version that each mount knows as acknowledged, the change is such a mount.
 template <class B>
 Scenario scenario(std::string_view name, std::function<void(EntryLogSubject<B>&)> prepare,
-                  std::function<void(EntryLogSubject<B>&)> change, std::uint64_t acknowledged = 0) {
+                  std::function<void(EntryLogSubject<B>&)> change,
+                  std::optional<std::uint64_t> acknowledged = {}) {
     const auto as = [](Subject& subject) -> EntryLogSubject<B>& {
         return static_cast<EntryLogSubject<B>&>(subject);
     };
     return {fmt::format("{}: {}", B::Types::kName, name),
             [acknowledged](const std::string& folder) {
-                return std::make_unique<EntryLogSubject<B>>(folder, acknowledged);
+                return std::make_unique<EntryLogSubject<B>>(folder, acknowledged.value_or(0));
             },
             [as, prepare = std::move(prepare)](Subject& subject) { prepare(as(subject)); },
             [as, change = std::move(change)](Subject& subject) { change(as(subject)); },
-            readLog<B>};
+            readLog<B>,
+            acknowledged.has_value()};
 }
 
 template <class B>

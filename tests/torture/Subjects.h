@@ -34,6 +34,7 @@ struct Scenario {
     std::function<void(Subject&)> change;
     /// What readers find; of versions up to `reclaimed` the records may be gone.
     std::function<Sight(const std::string& folder, std::uint64_t reclaimed)> read;
+    bool isMount = false;  ///< the change is what every mount does: before and after are the same
 };
 
 std::vector<Scenario> entryLogScenarios();
