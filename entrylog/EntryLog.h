@@ -134,6 +134,7 @@ private:
 
     void finish(const KivShimo::PendingChange& pending);
     void restoreVersion();
+    Asic::LogVersion lastWithoutRecord() const;
     Asic::LogVersion announcedBefore() const;
     void announceWhatWasNot(const std::optional<KivShimo::PendingChange>& pending);
 
@@ -151,8 +152,8 @@ private:
     Brumo::Ptr<ChangeLog> tableEntryLog_;
     std::map<Asic::UnitId, Brumo::Ptr<ConfigTable>> tableConfigShimo_;
     Asic::LogVersion cleanedUpTo_;
-    /// Records up to here are gone or cannot be read: the values whose deletion they record are
-    /// looked for when the hardware side has come this far. 0 when there are none.
+    /// Up to here, records may be gone without having been cleaned up: the values whose deletion
+    /// they recorded are looked for when the hardware side has come this far. 0: none are gone.
     Asic::LogVersion recordsLostUpTo_;
 };
 

@@ -100,22 +100,29 @@ void EntryLog<B>::mountShimoChangeLog() {
             LogMessages::error.emit(fmt::format("{}::{}", "entryLog", Types::kName));
             // Versions go on above those that the hardware side has heard of. Published while the
             // mark says that the log is lost: without it, they would begin anew.
-            recordsLostUpTo_ = announcedBefore();
-            control->scratchpadIs(recordsLostUpTo_.value);
+            control->scratchpadIs(announcedBefore().value);
         });
     if (tableEntryLog_ == nullptr)
         return;
-    if (tableEntryLog_->corruptions() > 0)
-        recordsLostUpTo_ = {~std::uint64_t{0}};
     const auto pending = tableEntryLog_->journal().pending();
     if (pending.has_value())
         finish(*pending);
     restoreVersion();
-    recordsLostUpTo_ = std::min(recordsLostUpTo_, tableVersion());
+    recordsLostUpTo_ = lastWithoutRecord();
     Traces<B>::entryLog(2, " Mounted entryLog: {}, tableVersion: {}", path, tableVersion());
     announceWhatWasNot(pending);
     if (pending.has_value())
         tableEntryLog_->journal().done();
+}
+
+/// The last version up to which records may be gone: cleaned up, which whoever mounts the
+/// configurations knows, or given up, or lost. Just after the mount.
+template <class B>
+Asic::LogVersion EntryLog<B>::lastWithoutRecord() const {
+    const auto lowest = versionAtOrAfter({1});
+    if (!lowest.has_value() || tableEntryLog_->corruptions() > 0)
+        return tableVersion();
+    return {lowest->value - 1};
 }
 
 /// The unit's configuration. Values that were being stored when the process before was killed count

@@ -229,6 +229,22 @@ TYPED_TEST(Cleanup, OfADeletionWhoseRecordWasGivenUpReclaimsTheValue) {
     EXPECT_TRUE(this->stored(2));
 }
 
+TYPED_TEST(Cleanup, OfADeletionWhoseRecordWasGivenUpBeforeARestartReclaimsTheValue) {
+    const std::uint64_t slots = this->logReader().slots();
+    this->write(*this->log, 1);
+    this->del(*this->log, 1);
+    for (std::uint64_t i = 0; i < slots; ++i)
+        this->write(*this->log, 2);
+    this->log = nullptr;
+    this->agent.restart();
+    this->log = this->mountedLog();
+    this->log->cleanupEntryLog({1});
+    EXPECT_TRUE(this->stored(1)) << "hardware may still hold it";
+    this->log->cleanupEntryLog({2});
+    EXPECT_FALSE(this->stored(1));
+    EXPECT_TRUE(this->stored(2));
+}
+
 TYPED_TEST(Cleanup, OfADeletionWhoseRecordIsRottenReclaimsTheValue) {
     this->write(*this->log, 1);
     this->log->cleanupEntryLog({1});

@@ -492,6 +492,14 @@ public:
             at = records_.erase(at);
         }
         mark_ = target;
+        if (lostUpTo_ == 0 || target < lostUpTo_)
+            return;
+        lostUpTo_ = 0;
+        for (Unit& u : units_) {
+            std::erase_if(u.config, [&](const auto& it) {
+                return it.second.inDeletion && it.second.version <= target;
+            });
+        }
     }
 
     void status(std::uint64_t version) {
@@ -507,6 +515,7 @@ public:
     /// Only what lies in shared memory is left. `acknowledged`: 0 when nothing ever was.
     void restart(std::uint64_t acknowledged) {
         mark_ = 0;
+        lostUpTo_ = records_.empty() ? version_ : records_.begin()->first - 1;
         cleanup(acknowledged);
         for (Unit& u : units_) {
             Unit restored;
@@ -598,7 +607,9 @@ private:
                   const Needed& needed) {
         ++version_;
         note(which, kind, key, entry, needed);
-        records_.erase(version_ - std::min(version_, world_.room.records));
+        const std::uint64_t givenUp = version_ - std::min(version_, world_.room.records);
+        if (records_.erase(givenUp) > 0)
+            lostUpTo_ = givenUp;
         records_.emplace(version_, Record{kind, which, key});
         world_.announced.push_back({table_, version_, needed});
         auto& config = units_[which].config;
@@ -678,6 +689,7 @@ private:
     std::vector<Unit> units_;
     std::uint64_t version_ = 0;
     std::uint64_t mark_ = 0;
+    std::uint64_t lostUpTo_ = 0;  ///< records are gone that were not cleaned up
     std::map<std::uint64_t, Record> records_;
 };
 

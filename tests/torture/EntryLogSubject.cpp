@@ -294,6 +294,7 @@ void addMountsOfDamage(std::vector<Scenario>& all) {
             s.spoilPublishedVersion();
         },
         mount));
+    all[first].isMount = true;
     for (std::size_t i = first; i < all.size(); ++i)
         all[i].read = [](const std::string&, std::uint64_t) { return Sight{}; };
 }
