@@ -13,15 +13,14 @@
 
 #include <atomic>
 #include <bit>
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 
 #include "platform/kiv/HashMap2018.h"
 #include "platform/kivshimo/Errors.h"
+#include "platform/kivshimo/ReadPatience.h"
 #include "platform/kivshimo/Table.h"
 #include "platform/kivshimo/detail/MapLayout.h"
 #include "platform/kivshimo/detail/MappedFile.h"
@@ -87,32 +86,6 @@ public:
 
 private:
     using Slot = detail::MapSlot<Value>;
-    /// Tries that follow each other at once; then others get the processor in between.
-    static constexpr unsigned kTries = 100;
-    static constexpr std::chrono::milliseconds kPatience{100};
-
-    /// How long one waits for a writer. On a busy machine giving the processor away may take long:
-    /// the time counts then, not the tries.
-    class Patience {
-    public:
-        /// Asked after a try that came to nothing: whether there is to be another.
-        bool lasts() {
-            if (++tries_ <= kTries)
-                return true;
-            const auto now = std::chrono::steady_clock::now();
-            if (!deadline_)
-                deadline_ = now + kPatience;
-            if (now >= *deadline_)
-                return false;
-            std::this_thread::yield();
-            return true;
-        }
-
-    private:
-        unsigned tries_ = 0;
-        std::optional<std::chrono::steady_clock::time_point> deadline_;
-    };
-
     struct Reading {
         SlotState state;
         Value value;

@@ -4,6 +4,7 @@
 #include <bit>
 
 #include "platform/asic/Constants.h"
+#include "platform/kivshimo/ReadPatience.h"
 
 namespace Simulator {
 
@@ -47,6 +48,7 @@ World::World(const Sizes& sizes)
         std::make_unique<ModelTests::FamilyDriver<PolicyCpuV4TcamEntryBinding>>(setting_, kUnits);
     families_[2] =
         std::make_unique<ModelTests::FamilyDriver<PolicyCpuV6TcamEntryBinding>>(setting_, kUnits);
+    KivShimo::readPatienceIs({});  // a store that was cut off stays so while a reader looks
     reader_ = KivShimo::AnnounceLogReader::open(KivShimo::tableFile(
         agent_.root(), Asic::Constants::announcementsPath(VornPolicyCpu::canonicalGroupName())));
 }
@@ -54,6 +56,7 @@ World::World(const Sizes& sizes)
 World::~World() {
     for (const auto& family : families_)
         family->closeTables();
+    KivShimo::readPatienceIs(KivShimo::kReadPatience);
 }
 
 const std::string& World::step(const Step& step) {

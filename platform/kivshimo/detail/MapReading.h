@@ -45,7 +45,7 @@ typename MapReader<Value>::Reading MapReader<Value>::read(std::uint64_t slot) co
 
 template <class Value>
 typename MapReader<Value>::Reading MapReader<Value>::settled(std::uint64_t slot) const {
-    Patience patience;
+    ReadPatience patience;
     do {
         const Reading reading = read(slot);
         if (reading.state != SlotState::busy)
@@ -120,7 +120,7 @@ template <class Value>
 std::optional<Value> MapReader<Value>::certain(std::size_t bucket, const Kiv::KeyOrder<Key>* wanted,
                                                Which which) const {
     std::uint64_t slot = 0;
-    Patience patience;
+    ReadPatience patience;
     do {
         const std::uint64_t before = detail::word(structure()).load(std::memory_order_acquire);
         const Walk result = walk(bucket, wanted, which);
