@@ -1,8 +1,10 @@
 // Sockets and epoch words; the reasoning about lost wake-ups is in the header.
 #include "platform/kivshimo/Doorbell.h"
 
+#include <linux/membarrier.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -18,6 +20,18 @@
 
 namespace KivShimo {
 namespace {
+
+using detail::SleepEpoch;
+
+/// -1 where the kernel does not know it, or does not let this process.
+long membarrier(int command) {
+    return syscall(SYS_membarrier, command, 0U, 0);
+}
+
+bool makesWakersPassBarriers() {
+    const long known = membarrier(MEMBARRIER_CMD_QUERY);
+    return known > 0 && (known & MEMBARRIER_CMD_GLOBAL_EXPEDITED) != 0;
+}
 
 constexpr mode_t kSocketMode = 0660;
 
@@ -94,17 +108,28 @@ Sleeper::Sleeper(detail::SleepWord word)
     : word_(word),
       epoch_(detail::SleepEpoch::decoded(detail::loaded(word.place), word.seed)
                  .value_or(std::random_device()())) {
+    epoch_ &= ~SleepEpoch::kOrdersBoth;
+    if (makesWakersPassBarriers())
+        epoch_ |= SleepEpoch::kOrdersBoth;
     awake();
 }
 
 void Sleeper::asleep() {
-    epoch_ |= 1U;
+    epoch_ |= SleepEpoch::kAsleep;
+    store();
+    if ((epoch_ & SleepEpoch::kOrdersBoth) != 0 &&
+        membarrier(MEMBARRIER_CMD_GLOBAL_EXPEDITED) == 0) {
+        return;
+    }
+    // A kernel that has changed its mind: from here on wakers order for themselves.
+    epoch_ &= ~SleepEpoch::kOrdersBoth;
     store();
     std::atomic_thread_fence(std::memory_order_seq_cst);
 }
 
 void Sleeper::awake() {
-    epoch_ += epoch_ & 1U;
+    if ((epoch_ & SleepEpoch::kAsleep) != 0)
+        epoch_ += SleepEpoch::kStep - SleepEpoch::kAsleep;
     store();
 }
 
@@ -114,12 +139,21 @@ void Sleeper::store() {
         .store(detail::SleepEpoch::encoded(epoch_, word_.seed), std::memory_order_relaxed);
 }
 
-Waker::Waker(detail::SleepWord word, std::string path) : word_(word), path_(std::move(path)) {}
+Waker::Waker(detail::SleepWord word, std::string path)
+    : word_(word),
+      path_(std::move(path)),
+      isOrdered_(membarrier(MEMBARRIER_CMD_REGISTER_GLOBAL_EXPEDITED) == 0) {}
 
-bool Waker::published() {
+bool Waker::maybeRing() {
     std::atomic_thread_fence(std::memory_order_seq_cst);
-    const auto epoch = detail::SleepEpoch::decoded(detail::loaded(word_.place), word_.seed);
-    if (epoch && ((*epoch & 1U) == 0 || *epoch == rungFor_))
+    const std::uint64_t stored = detail::loaded(word_.place);
+    const auto epoch = SleepEpoch::decoded(stored, word_.seed);
+    if (epoch && (*epoch & SleepEpoch::kAsleep) == 0) {
+        if (isOrdered_ && (*epoch & SleepEpoch::kOrdersBoth) != 0)
+            awake_ = stored;
+        return false;
+    }
+    if (epoch && *epoch == rungFor_)
         return false;
     rungFor_ = epoch.value_or(0);
     return ring(path_);

@@ -4,10 +4,16 @@
 // the other side's. Event thread of each process.
 //
 // How a wake-up is never lost. The sleeper makes its epoch odd, then looks for work once more, then
-// blocks. The waker publishes work, then reads the epoch. Between the two steps each has a fence of
-// the one total order that sequentially consistent fences have. If the waker's fence comes first,
-// the sleeper's second look sees the work; if the sleeper's comes first, the waker sees the odd
-// epoch and rings. Both may happen; a ring too many wakes a process that finds nothing to do.
+// blocks. The waker publishes work, then reads the epoch. Between the two steps each has a full
+// barrier. If the waker's comes first, the sleeper's second look sees the work; if the sleeper's
+// comes first, the waker sees the odd epoch and rings. Both may happen; a ring too many wakes a
+// process that finds nothing to do.
+//
+// Who pays. A barrier waits for all stores before it, on the path of every change; and sleeping is
+// rare. So the sleeper has the kernel make every waker's processor pass a barrier (membarrier(2),
+// MEMBARRIER_CMD_GLOBAL_EXPEDITED): one that was between publishing and reading has published then.
+// The epoch says that its owner does so. A waker that cannot take part, or meets an epoch that does
+// not say so, has its own barrier.
 //
 // What always holds:
 //  1. An epoch word is written by its owner only; the waker reads it from a mapping.
@@ -18,10 +24,12 @@
 //     full socket wakes it, and a process that starts looks for work before it sleeps.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
 #include "platform/kivshimo/detail/MappedFile.h"
+#include "platform/kivshimo/detail/Words.h"
 
 namespace KivShimo {
 
@@ -80,11 +88,19 @@ public:
     Waker(detail::SleepWord word, std::string path);
 
     /// Call after publishing work. True when the bell was rung.
-    bool published();
+    bool published() {
+        // The compiler keeps the order; that of the processor is the sleeper's to make up for.
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        return detail::loaded(word_.place) != awake_ && maybeRing();
+    }
 
 private:
+    bool maybeRing();
+
     detail::SleepWord word_;
     std::string path_;
+    bool isOrdered_;             ///< the kernel makes this process pass barriers for sleepers
+    std::uint64_t awake_ = 0;    ///< the word of a sleeper that is awake, and orders for both
     std::uint32_t rungFor_ = 0;  ///< 0: for none, as it is even
 };
 

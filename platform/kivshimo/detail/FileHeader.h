@@ -126,6 +126,10 @@ struct WipedMark {
 /// The word `sleepEpoch`: the epoch in its lower half, a check in the upper one, so that one store
 /// changes both. The writer's process sleeps while the epoch is odd.
 struct SleepEpoch {
+    static constexpr std::uint32_t kAsleep = 1;
+    static constexpr std::uint32_t kOrdersBoth = 2;  ///< see Doorbell.h
+    static constexpr std::uint32_t kStep = 4;        ///< from one sleep to the next
+
     static constexpr std::uint64_t encoded(std::uint32_t epoch, std::uint64_t seed) {
         return epoch | mixed(seed, epoch) << 32U;
     }

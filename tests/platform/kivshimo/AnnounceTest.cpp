@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <random>
 #include <thread>
 
 #include "platform/kivshimo/AckMap.h"
@@ -27,6 +28,8 @@ protected:
     }
     detail::SleepWord sleepWord() const { return {word_, kSeed}; }
     std::uint64_t stored() const { return detail::loaded(word_); }
+    template <class Make>
+    void noWakeUpIsLost(Make&& make);
 
     std::uint64_t word_ = wordOf(0);
 };
@@ -410,7 +413,10 @@ TEST_F(DoorbellTest, ReplacesADeadProcesssSocketAndNothingElse) {
 TEST_F(DoorbellTest, SleeperLeftAsleepByAKillIsAwakeAfterwards) {
     word_ = wordOf(5);
     const Sleeper sleeper(sleepWord());
-    EXPECT_EQ(stored(), wordOf(6));
+    const auto epoch = detail::SleepEpoch::decoded(stored(), kSeed);
+    ASSERT_TRUE(epoch.has_value());
+    EXPECT_EQ(*epoch & detail::SleepEpoch::kAsleep, 0U);
+    EXPECT_GT(*epoch, 5U) << "a waker may have rung for that";
 }
 
 TEST_F(DoorbellTest, SleeperWhoseWordHasAWrongBitIsRung) {
@@ -465,14 +471,41 @@ TEST_F(DoorbellTest, WordOfAnotherFileDoesNotVerify) {
     EXPECT_TRUE(waker.published());
 }
 
-TEST_F(DoorbellTest, NoWakeUpIsLost) {
+/// A sleeper that leaves its wakers their own barriers.
+class PlainSleeper {
+public:
+    explicit PlainSleeper(std::uint64_t& word, std::uint64_t seed) : word_(&word), seed_(seed) {}
+    void asleep() {
+        store(++epoch_);
+        std::atomic_thread_fence(std::memory_order_seq_cst);
+    }
+    void awake() { store(epoch_ += 3); }
+
+private:
+    void store(std::uint32_t epoch) {
+        detail::word(*word_).store(detail::SleepEpoch::encoded(epoch, seed_),
+                                   std::memory_order_relaxed);
+    }
+    std::uint64_t* word_;
+    std::uint64_t seed_;
+    std::uint32_t epoch_ = 0;
+};
+
+/// Work comes one by one, each when the worker is about to sleep after the one before, and its
+/// store is held up behind others that miss the caches.
+template <class Make>
+void DoorbellTest::noWakeUpIsLost(Make&& make) {
+    constexpr std::uint64_t kRounds = 20000;
+    constexpr std::size_t kColdWords = std::size_t{1} << 21U;
     Doorbell bell(root_ + "/bell");
     std::atomic<std::uint64_t> work{0};
-    constexpr std::uint64_t kRounds = 20000;
+    std::atomic<std::uint64_t> done{0};
     std::thread worker([&] {
-        Sleeper sleeper(sleepWord());
-        std::uint64_t done = 0;
+        auto sleeper = make();
+        std::minstd_rand random(1);
         while (done < kRounds) {
+            for (auto looks = random() % 1024; looks > 0; --looks)
+                done = work.load(std::memory_order_acquire);
             sleeper.asleep();
             if (work.load(std::memory_order_acquire) == done) {
                 pollfd waiting{bell.fd(), POLLIN, 0};
@@ -484,11 +517,29 @@ TEST_F(DoorbellTest, NoWakeUpIsLost) {
         }
     });
     Waker waker(sleepWord(), bell.path());
+    std::vector<std::uint64_t> cold(kColdWords);
     for (std::uint64_t i = 1; i <= kRounds; ++i) {
+        for (std::uint64_t k = 0; k < 16; ++k)
+            cold[(i * 16 + k) * 40503 % kColdWords] = i;
         work.store(i, std::memory_order_release);
         waker.published();
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(6);
+        while (done < i && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::yield();
+        if (done < i)
+            break;
     }
+    work.store(kRounds, std::memory_order_release);
+    ring(bell.path());
     worker.join();
+}
+
+TEST_F(DoorbellTest, NoWakeUpIsLost) {
+    noWakeUpIsLost([this] { return Sleeper(sleepWord()); });
+}
+
+TEST_F(DoorbellTest, NoWakeUpOfASleeperIsLostThatDoesNotOrderForBoth) {
+    noWakeUpIsLost([this] { return PlainSleeper(word_, kSeed); });
 }
 
 }  // namespace
