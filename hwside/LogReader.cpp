@@ -252,8 +252,10 @@ void LogReader::snapshot() {
     }
     for (const auto& [tableId, version] : published) {
         std::uint64_t& announced = covered.versions[tableId];
-        announced = covered.isWhole && !isOtherHistory ? std::max(announced, acknowledged(tableId))
-                                                       : version;
+        // What is published and not announced yet needs what nobody knows.
+        const std::uint64_t known =
+            isOtherHistory ? announced : std::max(announced, acknowledged(tableId));
+        announced = covered.isWhole && (known != 0 || !isOtherHistory) ? known : version;
     }
     if (!isOtherHistory)
         leaveOutWhatHasToWait(covered);
@@ -284,8 +286,8 @@ void LogReader::snapshot() {
 LogReader::Covered LogReader::coveredUpTo(std::uint64_t tail) const {
     Covered covered;
     const bool isSameLog = acks_->announceIdentity() == announcements_->identity();
-    covered.isWhole = isSameLog;
     const std::uint64_t slots = announcements_->slots();
+    covered.isWhole = isSameLog || tail <= slots;
     const std::uint64_t oldest = tail > slots ? tail - slots + 1 : 1;
     std::uint64_t at = isSameLog ? std::max(oldest, acks_->consumed() + 1) : oldest;
     while (at <= tail) {

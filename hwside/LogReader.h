@@ -84,7 +84,7 @@ private:
     /// What a snapshot has to know of the announcements that it covers.
     struct Covered {
         std::map<std::uint32_t, std::uint64_t> versions;  ///< the highest announced, by table
-        bool isWhole = false;  ///< all that is announced was consumed or could be read
+        bool isWhole = false;  ///< all that this log announces was consumed or could be read
         std::vector<Waiting> notConsumed;
     };
 

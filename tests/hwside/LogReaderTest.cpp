@@ -151,6 +151,26 @@ TEST_F(LogReaderTest, SkipsASupersededValueUntilItsOwnAnnouncement) {
     expectAllSame();
 }
 
+TEST_F(LogReaderTest, FirstSnapshotLeavesWhatIsNotAnnouncedYetToItsAnnouncement) {
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 100));
+    agent_->table<ActionTypes>().write(kUnit, actionEntry(2, 200));
+    reader_->pump();
+    EXPECT_EQ(acked(kAction), 1U);
+    EXPECT_EQ(tcam_->counters<ActionTypes>(), (ProgramCounters{.added = 1}));
+    agent_->announce(kAction, 2);
+    reader_->pump();
+    EXPECT_EQ(acked(kAction), 2U);
+    expectAllSame();
+}
+
+TEST_F(LogReaderTest, FirstSnapshotTakesATableOfWhichNothingIsAnnounced) {
+    agent_->table<ActionTypes>().write(kUnit, actionEntry(1, 100));
+    agent_->write<V4Types>(kUnit, matchEntry<V4Types>(1, 1));
+    reader_->pump();
+    EXPECT_EQ(acked(kAction), 1U) << "its announcements may have been in a log that is lost";
+    expectAllSame();
+}
+
 TEST_F(LogReaderTest, ProgramsTheLaterValueOfAKeyThatHardwareHolds) {
     agent_->write<ActionTypes>(kUnit, actionEntry(1, 100));
     reader_->pump();
