@@ -120,7 +120,7 @@ private:
 
     void beginSealed(KivShimo::JournalOperation operation, Asic::LogVersion version,
                      Asic::UnitId unitId, const NeededPtr& neededEntry);
-    void storeValue(ConfigTable& config, const ConfigValue& value, Asic::UnitId unitId);
+    void publishValue(const ConfigValue& value, Asic::UnitId unitId);
     void deleteAll(ConfigTable& config, Asic::LogVersion version, Asic::UnitId unitId);
     void cleanUp(const Record& record);
     void reclaim(const Record& record, ConfigTable& config);

@@ -21,10 +21,9 @@ void EntryLog<B>::beginSealed(KivShimo::JournalOperation operation, Asic::LogVer
         journal.needs(needed.tableId.whole(), needed.version.value);
 }
 
-/// Value and record of one key's write or deletion, then the version.
+/// The record of one key's write or deletion, whose value is stored, then the version.
 template <class B>
-void EntryLog<B>::storeValue(ConfigTable& config, const ConfigValue& value, Asic::UnitId unitId) {
-    config.swTableEntriesJournaledIs(value);
+void EntryLog<B>::publishValue(const ConfigValue& value, Asic::UnitId unitId) {
     Record record;
     record.version = value.version;
     record.head = value.logEntry.head;
@@ -79,9 +78,12 @@ void EntryLog<B>::finish(const KivShimo::PendingChange& pending) {
     const Asic::LogVersion version{pending.version};
     Traces<B>::entryLog(2, " finishing version: {} of unitId: {}", version, unitId);
     if (pending.operation == kSealedValue) {
-        if (const auto value = pending.value<ConfigValue>(); value.has_value())
-            return storeValue(*mountedConfig({unitId}, KivShimo::tornKeyOf(value->key())), *value,
-                              {unitId});
+        if (const auto value = pending.value<ConfigValue>(); value.has_value()) {
+            const auto config = mountedConfig({unitId}, KivShimo::tornKeyOf(value->key()));
+            config->swTableEntriesJournaledIs(config->swTableEntriesSpot(value->entryKey),
+                                              KivShimo::detail::Summed<ConfigValue>(*value));
+            return publishValue(*value, {unitId});
+        }
     } else if (pending.operation == kSealedDeleteAll) {
         return deleteAll(*mountedConfig({unitId}), version, {unitId});
     } else if (pending.operation == kSealedReclaim) {

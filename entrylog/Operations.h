@@ -33,11 +33,14 @@ Asic::LogVersion EntryLog<B>::entryIs(const LogEntry& logEntry, const ResourceKe
 template <class B>
 void EntryLog<B>::changeValue(ConfigTable& config, const ConfigValue& value, Asic::UnitId unitId,
                               const NeededPtr& neededEntry) {
+    const auto spot = config.swTableEntriesSpot(value.entryKey);
+    const KivShimo::detail::Summed<ConfigValue> summed(value);
     KivShimo::JournalWriter& journal = tableEntryLog_->journal();
     beginSealed(kSealedValue, value.version, unitId, neededEntry);
-    journal.valueIs(value);
+    journal.valueIs(summed);
     journal.seal();
-    storeValue(config, value, unitId);
+    config.swTableEntriesJournaledIs(spot, summed);
+    publishValue(value, unitId);
     groupInterface()->addLogEntry(tableId(), value.version, neededEntry);
     journal.done();
 }

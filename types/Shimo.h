@@ -32,9 +32,12 @@ public:
 
     /// False when the key is new and there is no room.
     bool swTableEntriesIs(const Value& value) { return swTableEntries_.insertOrReplace(value); }
-    /// The same, for a caller in whose own journal the value is until this has returned.
-    bool swTableEntriesJournaledIs(const Value& value) {
-        return swTableEntries_.insertOrReplaceJournaled(value);
+    using Spot = typename KivShimo::Map<Value>::Spot;
+    Spot swTableEntriesSpot(const Key& key) const { return swTableEntries_.spotOf(key); }
+    /// The same as swTableEntriesIs, for a caller in whose own journal the value is until this has
+    /// returned.
+    bool swTableEntriesJournaledIs(const Spot& spot, const KivShimo::detail::Summed<Value>& value) {
+        return swTableEntries_.journaledIs(spot, value);
     }
     void swTableEntriesDel(const Key& key) { swTableEntries_.erase(key); }
     /// Nothing when the key is absent.

@@ -4,18 +4,21 @@
 namespace KivShimo {
 
 /// Covers what is used and nothing else. REQUIRES: the counts are within their bounds.
-std::uint64_t JournalWriter::sum() const {
-    constexpr std::size_t kHeadAndNoValue = offsetof(Journal, value) - offsetof(Journal, operation);
+std::uint64_t JournalWriter::sum(std::uint64_t valueSum) const {
+    constexpr std::size_t kHeadBytes = offsetof(Journal, value) - offsetof(Journal, operation);
     const std::uint64_t head =
-        detail::checksumOf(&place_->operation, kHeadAndNoValue + place_->valueBytes, seed_);
+        detail::checksumOf(&place_->operation, kHeadBytes, detail::mixed(seed_, valueSum));
     if (place_->neededCount == 0)
         return head;
     return detail::checksumOf(place_->needed, place_->neededCount * sizeof(JournalNeeded), head);
 }
 
 bool JournalWriter::verifies() const {
-    return place_->valueBytes <= Journal::kValueBytes &&
-           place_->neededCount <= Journal::kMostNeeded && sum() == sealed();
+    if (place_->valueBytes > Journal::kValueBytes || place_->neededCount > Journal::kMostNeeded)
+        return false;
+    const std::uint64_t valueSum =
+        place_->valueBytes == 0 ? 0 : detail::checksumOf(place_->value, place_->valueBytes, 0);
+    return sum(valueSum) == sealed();
 }
 
 std::optional<PendingChange> JournalWriter::pending() const {

@@ -75,7 +75,7 @@ struct PendingChange {
     template <class Value>
     std::optional<Value> value() const {
         static_assert(std::is_trivially_copyable_v<Value>);
-        if (valueBytes != sizeof(Value))
+        if (valueBytes != sizeof(detail::Words<Value>))
             return std::nullopt;
         Value result;
         std::memcpy(static_cast<void*>(&result), bytes.data(), sizeof(Value));
@@ -108,12 +108,18 @@ public:
         place_->version = version;
         place_->valueBytes = 0;
         place_->neededCount = 0;
+        valueSum_ = 0;
+    }
+    template <class Value>
+    void valueIs(const detail::Summed<Value>& value) {
+        static_assert(sizeof(value.words) <= Journal::kValueBytes);
+        std::memcpy(place_->value, value.words.words, sizeof(value.words));
+        place_->valueBytes = sizeof(value.words);
+        valueSum_ = value.sum;
     }
     template <class Value>
     void valueIs(const Value& value) {
-        static_assert(std::is_trivially_copyable_v<Value> && sizeof(Value) <= Journal::kValueBytes);
-        std::memcpy(place_->value, static_cast<const void*>(&value), sizeof(Value));
-        place_->valueBytes = sizeof(Value);
+        valueIs(detail::Summed<Value>(value));
     }
     void needs(std::uint32_t tableId, std::uint64_t version) {
         Brumo::require(place_->neededCount < Journal::kMostNeeded, "room for needed versions");
@@ -121,7 +127,7 @@ public:
     }
     void seal() {
         isSealed_ = true;
-        detail::word(place_->seal).store(sum(), std::memory_order_release);
+        detail::word(place_->seal).store(sum(valueSum_), std::memory_order_release);
         inOrder();
     }
     void done() {
@@ -133,14 +139,15 @@ public:
 
 private:
     std::uint64_t sealed() const { return detail::loaded(place_->seal); }
-    std::uint64_t sum() const;
+    std::uint64_t sum(std::uint64_t valueSum) const;
     bool verifies() const;
     /// Stores on either side stay there. Only this process's own order counts, so it costs nothing.
     static void inOrder() { std::atomic_signal_fence(std::memory_order_seq_cst); }
 
     Journal* place_;
     std::uint64_t seed_;
-    bool isSealed_;  ///< as this process knows it; the word in the file may rot
+    std::uint64_t valueSum_ = 0;  ///< of what is being written; 0 without a value
+    bool isSealed_;               ///< as this process knows it; the word in the file may rot
 };
 
 }  // namespace KivShimo

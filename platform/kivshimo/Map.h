@@ -59,8 +59,19 @@ public:
 
     /// False when the key is new and there is no room.
     bool insertOrReplace(const Value& value);
-    /// The same, for a caller in whose own journal the value is until this has returned.
-    bool insertOrReplaceJournaled(const Value& value);
+
+    /// Where a key is or will be, until the next change of the map: found before the value is made,
+    /// so that the memory that takes it is there when it comes.
+    struct Spot {
+        Key key;
+        std::uint32_t hash;
+        std::uint32_t before;  ///< slot that precedes it in its chain
+        std::uint32_t at;      ///< slot that holds it, or stands behind it
+    };
+    Spot spotOf(const Key& key) const;
+    /// Inserts or replaces the value of the spot's key, for a caller in whose own journal it is
+    /// until this has returned. False when the key is new and there is no room.
+    bool journaledIs(const Spot& spot, const detail::Summed<Value>& value);
     /// False when the key was not there.
     bool erase(const Key& key);
     bool has(const Key& key) const { return slotOf(key) != detail::Link::kNone; }
@@ -107,6 +118,10 @@ private:
         std::uint32_t at;
     };
     Place placeOf(const Kiv::KeyOrder<Key>& wanted) const;
+    void prefetch(std::uint32_t slot) const;
+    bool isTaken(const Spot& spot) const {
+        return matches(spot.at, Kiv::KeyOrder<Key>(spot.hash, spot.key));
+    }
     bool matches(std::uint32_t slot, const Kiv::KeyOrder<Key>& wanted) const {
         return slot != detail::Link::kNone && nodes_[slot].hash == wanted.hash &&
                nodes_[slot].key.isEq(wanted.key);
@@ -126,8 +141,8 @@ private:
         return slot == detail::Link::kNone ? std::nullopt : std::optional<Key>(nodes_[slot].key);
     }
 
-    bool insertNew(const Value& value, const Kiv::KeyOrder<Key>& wanted, const Place& place);
-    void store(std::uint32_t slot, const Value& value);
+    bool insertNew(const Spot& spot, const detail::Summed<Value>& value);
+    void store(std::uint32_t slot, const detail::Summed<Value>& value);
     void setFree(std::uint32_t slot);
     void linkIs(std::uint32_t before, std::size_t bucket, std::uint32_t target);
     void publishHead(std::size_t bucket);

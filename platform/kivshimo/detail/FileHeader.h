@@ -28,7 +28,7 @@ namespace KivShimo::detail {
 constexpr std::size_t kPageBytes = 4096;
 constexpr std::size_t kMostCollections = 8;
 constexpr std::uint64_t kMagic = 0x31304D4948535642U;  ///< "BVSHIM01" as bytes of the file
-constexpr std::uint32_t kLayoutVersion = 3;
+constexpr std::uint32_t kLayoutVersion = 4;
 constexpr std::uint64_t kMostSlots = std::uint64_t{1} << 31U;
 
 /// How the area of a collection is laid out.

@@ -52,7 +52,7 @@ void Map<Value>::finishPending(Table& table) {
         return;
     const std::optional<Value> value = pending->template value<Value>();
     if (value && pending->version < slots_) {
-        store(static_cast<std::uint32_t>(pending->version), *value);
+        store(static_cast<std::uint32_t>(pending->version), detail::Summed<Value>(*value));
     } else {
         table.doCorruptionDetected(
             CorruptionError(file_, "journal", 0, "value of no slot dropped").what());
@@ -62,44 +62,57 @@ void Map<Value>::finishPending(Table& table) {
 
 template <class Value>
 bool Map<Value>::insertOrReplace(const Value& value) {
-    const Key key = value.key();
-    const Kiv::KeyOrder<Key> wanted(key);
-    const Place place = placeOf(wanted);
-    if (!matches(place.at, wanted))
-        return insertNew(value, wanted, place);
-    journal_->begin(kStoreValue, number_, place.at);
-    journal_->valueIs(value);
+    const Spot spot = spotOf(value.key());
+    const detail::Summed<Value> summed(value);
+    if (!isTaken(spot))
+        return insertNew(spot, summed);
+    journal_->begin(kStoreValue, number_, spot.at);
+    journal_->valueIs(summed);
     journal_->seal();
-    store(place.at, value);
+    store(spot.at, summed);
     journal_->done();
     return true;
 }
 
 template <class Value>
-bool Map<Value>::insertOrReplaceJournaled(const Value& value) {
-    const Key key = value.key();
+auto Map<Value>::spotOf(const Key& key) const -> Spot {
     const Kiv::KeyOrder<Key> wanted(key);
     const Place place = placeOf(wanted);
-    if (!matches(place.at, wanted))
-        return insertNew(value, wanted, place);
-    store(place.at, value);
+    if (place.at != detail::Link::kNone)
+        prefetch(place.at);
+    return {key, wanted.hash, place.before, place.at};
+}
+
+template <class Value>
+bool Map<Value>::journaledIs(const Spot& spot, const detail::Summed<Value>& value) {
+    if (!isTaken(spot))
+        return insertNew(spot, value);
+    store(spot.at, value);
     return true;
+}
+
+template <class Value>
+void Map<Value>::prefetch(std::uint32_t slot) const {
+    constexpr std::size_t kLineBytes = 64;
+    const auto* const bytes = reinterpret_cast<const std::byte*>(&slotAt(slot));
+    for (std::size_t at = 0; at < sizeof(Slot); at += kLineBytes)
+        __builtin_prefetch(bytes + at, 1);
+    __builtin_prefetch(bytes + sizeof(Slot) - 1, 1);
 }
 
 /// Needs no journal: until its checksum is stored, the last of the value, the slot counts as free.
 template <class Value>
-bool Map<Value>::insertNew(const Value& value, const Kiv::KeyOrder<Key>& wanted,
-                           const Place& place) {
+bool Map<Value>::insertNew(const Spot& spot, const detail::Summed<Value>& value) {
     const std::optional<std::size_t> room = free_.atOrAfter(0);
     if (!room)
         return false;
     const auto slot = static_cast<std::uint32_t>(*room);
     free_.remove(slot);
-    nodes_[slot] = {wanted.hash, place.at, wanted.key};
+    nodes_[slot] = {spot.hash, spot.at, spot.key};
     structureChanges();
     store(slot, value);
     publishLink(slot);
-    linkIs(place.before, bucketOf(wanted.hash), slot);
+    linkIs(spot.before, bucketOf(spot.hash), slot);
     structureChanged();
     return true;
 }
@@ -159,16 +172,15 @@ std::optional<Value> Map<Value>::valueIn(std::uint32_t slot) const {
 }
 
 template <class Value>
-void Map<Value>::store(std::uint32_t slot, const Value& value) {
+void Map<Value>::store(std::uint32_t slot, const detail::Summed<Value>& value) {
     Slot& place = slotAt(slot);
-    const detail::Words<Value> words(value);
-    const std::uint64_t checksum = words.checksum(detail::slotSeed(seed_, slot));
+    const std::uint64_t checksum = detail::placedSum(value.sum, detail::slotSeed(seed_, slot));
     const std::uint64_t before = detail::loaded(place.sequence) & ~detail::kMidStore;
     detail::word(place.sequence).store(before | detail::kMidStore, std::memory_order_relaxed);
     // No store below is seen before the odd sequence by a reader whose fence stands after its
     // loads.
     std::atomic_thread_fence(std::memory_order_release);
-    words.storeTo(place.value);
+    value.words.storeTo(place.value);
     // The value is whole before the checksum that vouches for it.
     detail::word(place.checksum).store(checksum, std::memory_order_release);
     detail::word(place.sequence)

@@ -41,6 +41,13 @@ inline std::uint64_t loaded(const std::uint64_t& place) {
     return word(place).load(std::memory_order_relaxed);
 }
 
+/// The checksum of a value of that sum in the place that the seed says; never 0. For each seed,
+/// another sum gives another checksum.
+constexpr std::uint64_t placedSum(std::uint64_t sum, std::uint64_t seed) {
+    const std::uint64_t placed = mixed(sum, seed);
+    return placed != 0 ? placed : 1;
+}
+
 constexpr std::size_t wordsOf(std::size_t bytes) {
     return (bytes + 7) / 8;
 }
@@ -59,9 +66,10 @@ struct Words {
         std::memcpy(static_cast<void*>(&result), words, sizeof(T));
         return result;
     }
-    std::uint64_t checksum(std::uint64_t seed) const {
-        return checksumOf(words, sizeof(words), seed);
-    }
+    /// Of the value alone, wherever it lies.
+    std::uint64_t sum() const { return checksumOf(words, sizeof(words), 0); }
+    /// Of the value in its place, which the seed says.
+    std::uint64_t checksum(std::uint64_t seed) const { return placedSum(sum(), seed); }
     /// Relaxed stores; the caller orders them with its fences.
     void storeTo(std::uint64_t* place) const {
         for (std::size_t i = 0; i < kCount; ++i) {
@@ -77,6 +85,15 @@ struct Words {
     }
 
     std::uint64_t words[kCount]{};
+};
+
+/// A value and its sum, made once for all the places that take it.
+template <class T>
+struct Summed {
+    explicit Summed(const T& value) : words(value), sum(words.sum()) {}
+
+    Words<T> words;
+    std::uint64_t sum;
 };
 
 /// One published number in two cells that take turns. A store writes the cell that holds the older
