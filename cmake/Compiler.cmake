@@ -65,6 +65,8 @@ if(VORN_FUZZ)
     add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
+option(VORN_BENCH "Build the measurements" OFF)
+
 # Programs and libraries find each other where they lie: in the build folder,
 # and after an installation to any prefix. One path serves both.
 set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
