@@ -1,3 +1,4 @@
+// The bound of the waiting, and the waiting of one look-up.
 #include "platform/kivshimo/ReadPatience.h"
 
 #include <atomic>
