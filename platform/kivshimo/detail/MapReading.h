@@ -132,7 +132,10 @@ std::optional<Value> MapReader<Value>::certain(std::size_t bucket, const Kiv::Ke
         if (unchanged && result.outcome != Outcome::again) {
             if (result.outcome == Outcome::found)
                 return result.value;
-            if (result.outcome == Outcome::absent)
+            // A file whose index was never made holds nothing yet.
+            const bool isNew = before == 0 && result.outcome == Outcome::badLink &&
+                               detail::loaded(heads()[bucket]) == 0;
+            if (result.outcome == Outcome::absent || isNew)
                 return std::nullopt;
             throwRotten(result);
         }

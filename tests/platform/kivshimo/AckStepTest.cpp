@@ -15,7 +15,11 @@ using AckStepTest = ShimoTest;
 constexpr int kLookUps = 40;
 constexpr std::uint64_t kMostSteps = 1000000;
 /// Instructions between two changes: enough for a look-up to come to an end.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr std::uint64_t kCalm = 10000;
+#else
 constexpr std::uint64_t kCalm = 600;
+#endif
 
 /// How a look-up has ended; the exit code of the other process.
 enum LookUp : int { right = 0, wrong = 1, refused = 2 };

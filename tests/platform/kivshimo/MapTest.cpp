@@ -352,6 +352,20 @@ TEST_F(MapTest, ValueOfAnotherSlotDoesNotVerify) {
     table->items.assertConsistent();
 }
 
+/// As between the moment in which a file appears and that in which its writer has made the index.
+TEST_F(MapTest, ReaderFindsNothingWhereTheIndexWasNeverMade) {
+    constexpr std::uint64_t kSlots = 64;
+    auto table = items(kSlots);
+    overwrite(itemsFile(), detail::kDynamicOffset + offsetof(detail::DynamicHeader, structure), 0);
+    for (std::uint64_t bucket = 0; bucket < detail::mapBuckets(kSlots); ++bucket)
+        overwrite(itemsFile(), detail::kAreasOffset + 8 * bucket, 0);
+    const Reader reader(itemsFile(), kItemType, "items");
+    EXPECT_FALSE(reader.first().has_value());
+    EXPECT_FALSE(reader.find(item(1, 0).key()).has_value());
+    table->items.insertOrReplace(item(1, 1));
+    EXPECT_TRUE(reader.find(item(1, 0).key()).has_value());
+}
+
 TEST_F(MapTest, ReaderGivesUpOnASlotLeftInMidStore) {
     const auto table = items();
     table->items.insertOrReplace(item(1, 1));
