@@ -15,7 +15,8 @@
 //  4. A change is all or nothing: it is in the change log's journal from before its first store
 //     until it is announced, and the next mount finishes what a killed process has begun.
 //  5. Corruption found while reading goes to the table's corruption handler and reads as the
-//     default value; a walk ends there.
+//     default value. A walk that counts or cleans up ends there; one that deletes all values, or
+//     drops deleted ones at a mount or whose record was lost, goes on behind it.
 #pragma once
 
 #include <map>
