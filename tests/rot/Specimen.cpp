@@ -29,6 +29,7 @@
 #include "platform/resources/PolicerIndexRequestResourceTable.h"
 #include "platform/resources/ResourceFile.h"
 #include "tests/entrylog/Bindings.h"
+#include "tests/support/ResourceTables.h"
 
 namespace Rot {
 
@@ -44,31 +45,8 @@ using Actions = PolicyCpuTcamActionBinding;
 using V4Entries = PolicyCpuV4TcamEntryBinding;
 using V6Entries = PolicyCpuV6TcamEntryBinding;
 
-struct CounterIndexes {
-    using Binding = VornCountersLib::CounterBinding;
-    using Table = VornCountersLib::CrpsIndexRequestResourceTable;
-    static constexpr const char* kTitle = "counter";
-    static constexpr const char* kName = "CrpsIndexRequest.CpuTrafficPolicyIngress";
-
-    static auto request(Table::ClientInstance& client, std::uint32_t id) {
-        return client.request({id}, nullptr);
-    }
-};
-
-struct PolicerIndexes {
-    using Binding = VornPolicerLib::PolicerBinding;
-    using Table = VornPolicerLib::PolicerIndexRequestResourceTable;
-    static constexpr const char* kTitle = "policer";
-    static constexpr const char* kName = "PolicerIndexRequest.VornPolicyCpu";
-
-    static auto request(Table::ClientInstance& client, std::uint32_t id) {
-        VornPolicerLib::PolicerIndexRequestClientData data;
-        data.rate = 1000 * id;
-        data.burst = 100 * id;
-        data.mode = VornPolicerLib::PolicerMode::packets;
-        return client.request({id}, data, nullptr);
-    }
-};
+using TestSupport::CounterIndexes;
+using TestSupport::PolicerIndexes;
 
 template <class Visit>
 void forEachTable(const Visit& visit) {
@@ -136,7 +114,7 @@ public:
 
     template <class R>
     auto request(std::uint32_t id) {
-        const auto handle = R::request(*resource<R>().client, id);
+        const auto handle = R::request(*resource<R>().client, id, 1000 * id);
         loop_.runUntilIdle();
         resource<R>().client->ackUpdate(handle, handle->updateVersion(), nullptr);
         return handle;

@@ -13,6 +13,7 @@
 #include "platform/resources/CrpsIndexRequestResourceTable.h"
 #include "platform/resources/PolicerIndexRequestResourceTable.h"
 #include "platform/resources/ResourceFile.h"
+#include "tests/support/ResourceTables.h"
 #include "tests/torture/Subjects.h"
 #include "types/Constants.h"
 
@@ -24,31 +25,8 @@ constexpr std::uint32_t kPool = 8;
 constexpr Asic::SwTableId kUsersTable{0x2C080403};
 constexpr Asic::LogVersion kUsersVersion{5};  ///< what that table has handed out
 
-struct Counters {
-    using Binding = VornCountersLib::CounterBinding;
-    using Table = VornCountersLib::CrpsIndexRequestResourceTable;
-    static constexpr const char* kTitle = "counter";
-    static constexpr const char* kName = "CrpsIndexRequest.CpuTrafficPolicyIngress";
-
-    static auto request(Table::ClientInstance& client, std::uint32_t id, std::uint32_t /*rate*/) {
-        return client.request({id}, nullptr);
-    }
-};
-
-struct Policers {
-    using Binding = VornPolicerLib::PolicerBinding;
-    using Table = VornPolicerLib::PolicerIndexRequestResourceTable;
-    static constexpr const char* kTitle = "policer";
-    static constexpr const char* kName = "PolicerIndexRequest.VornPolicyCpu";
-
-    static auto request(Table::ClientInstance& client, std::uint32_t id, std::uint32_t rate) {
-        VornPolicerLib::PolicerIndexRequestClientData wanted;
-        wanted.rate = rate;
-        wanted.burst = rate / 10;
-        wanted.mode = VornPolicerLib::PolicerMode::packets;
-        return client.request({id}, wanted, nullptr);
-    }
-};
+using TestSupport::CounterIndexes;
+using TestSupport::PolicerIndexes;
 
 /// A change of the table that uses the resources; it is on its way until it is told otherwise.
 class UsersChange final : public Asic::DependencyEntryHandle {
@@ -264,11 +242,11 @@ struct ResourceScenarios {
 
 std::vector<Scenario> resourceScenarios() {
     std::vector<Scenario> all;
-    ResourceScenarios<Counters>::addAll(all);
-    ResourceScenarios<Policers>::addAll(all);
-    ResourceScenarios<Policers>::add(all, "request with other data",
-                                     ResourceScenarios<Policers>::used,
-                                     [](auto& s) { s.request(1, 2000); });
+    ResourceScenarios<CounterIndexes>::addAll(all);
+    ResourceScenarios<PolicerIndexes>::addAll(all);
+    ResourceScenarios<PolicerIndexes>::add(all, "request with other data",
+                                           ResourceScenarios<PolicerIndexes>::used,
+                                           [](auto& s) { s.request(1, 2000); });
     return all;
 }
 

@@ -182,6 +182,7 @@ TEST_F(RingTest, WhatStandsInPlaceOfARingIsRefusedAndNotWaitedFor) {
 }
 
 TEST_F(RingTest, RingOfAnotherUserIsReadByRootOnly) {
+    // Two users' files take root to make; for anybody else there is nothing here to look at.
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can give files away";
     constexpr uid_t kOtherUser = 12345;
