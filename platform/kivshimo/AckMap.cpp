@@ -11,7 +11,6 @@ namespace {
 constexpr const char* kType = "KivShimo::AckMap";
 constexpr const char* kCollection = "acknowledged";
 constexpr const char* kPauseRequest = "pause request";
-constexpr std::uint64_t kPauseRequested = 0x5041555345U;
 
 constexpr unsigned kRowTries = 1000;
 
@@ -20,9 +19,6 @@ constexpr unsigned kRowTries = 1000;
 /// The writer takes the check away before it stores anything for another table, with a release
 /// fence in between; the label and its check come last. So a reader that has read anything of the
 /// new table does not find the old check any more when it looks once more behind an acquire fence.
-///
-/// The consumed position and the identity of the announce log lie in the words of
-/// the header that tables and announce logs use for scratchpad and tail.
 ///
 ///   0       8       16        64
 ///   | label | check | version |
@@ -91,7 +87,7 @@ RowReading readingOf(const Row& row, const detail::MappedFile& mapping) {
         if (detail::loaded(row.check) == check)
             return result;
     }
-    return {};  // it is no table's for long
+    return {};  // its table changes all the time, so none is known to be acknowledged here
 }
 
 std::uint64_t valueOf(const detail::VerifiedWord& stored, const detail::MappedFile& mapping,
@@ -107,6 +103,8 @@ std::uint64_t valueOf(const detail::VerifiedWord& stored, const detail::MappedFi
 AckMapWriter::AckMapWriter(const std::string& root, const std::string& path)
     : AckMapWriter(mounted(root, path)) {}
 
+/// The consumed position, the announce log's identity and the pause request lie in words of the
+/// header (scratchpad, tail, pause).
 AckMapWriter::AckMapWriter(detail::MountFindings found)
     : mapping_(std::move(found.file)),
       consumed_(mapping_.dynamicHeader().scratchpad, mapping_.wordSeed()),
@@ -123,7 +121,8 @@ AckMapWriter::AckMapWriter(detail::MountFindings found)
 }
 
 /// A rotten row is freed: its table counts as not acknowledged. A version or a position whose newer
-/// cell has rotted counts as the one before: what follows is done once more.
+/// cell has rotted counts as the one before: what follows is done once more. Where it is not known
+/// which log was acknowledged, no log must take the rows for its own.
 void AckMapWriter::takeUp() {
     Row* rows = rowsOf(mapping_);
     for (std::size_t i = 0; i < kMostAckTables; ++i) {
@@ -149,7 +148,7 @@ void AckMapWriter::takeUp() {
     if (consumed_.rotten())
         consumed_.valueIs(consumed_.value());
     if (announceIdentity_.rotten())
-        announceIdentity_.valueIs(0);
+        announceIdentity_.valueIs(kNoAnnounceLog);
 }
 
 /// Without a request that verifies the agent goes on, and whoever wanted it to pause says so again.
@@ -230,11 +229,11 @@ std::optional<std::size_t> AckMapWriter::freeRow() const {
 }
 
 void AckMapWriter::pauseRequestedIs(bool requested) {
-    pause_.valueIs(requested ? kPauseRequested : 0);
+    pause_.valueIs(requested ? 1 : 0);
 }
 
 bool AckMapWriter::pauseRequested() const {
-    return pause_.value() == kPauseRequested;
+    return pause_.value() != 0;
 }
 
 std::optional<AckMapReader> AckMapReader::open(const std::string& file) {
@@ -288,7 +287,7 @@ std::uint64_t AckMapReader::announceIdentity() const {
 }
 
 bool AckMapReader::pauseRequested() const {
-    return valueOf(mapping_.dynamic().pause, mapping_, kPauseRequest, 0) == kPauseRequested;
+    return valueOf(mapping_.dynamic().pause, mapping_, kPauseRequest, 0) != 0;
 }
 
 }  // namespace KivShimo

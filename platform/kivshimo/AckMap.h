@@ -20,6 +20,9 @@
 namespace KivShimo {
 
 constexpr std::size_t kMostAckTables = 64;
+/// An identity that no announcement log has, as those of files are odd: what is acknowledged may be
+/// of any.
+constexpr std::uint64_t kNoAnnounceLog = ~std::uint64_t{1};
 
 /// One table's acknowledgement.
 struct Acknowledged {
@@ -98,6 +101,7 @@ public:
     std::vector<Acknowledged> all(const std::function<void(const CorruptionError&)>& report) const;
     /// Throws CorruptionError.
     std::uint64_t consumed() const;
+    /// Throws CorruptionError.
     std::uint64_t announceIdentity() const;
     /// Throws CorruptionError.
     bool pauseRequested() const;

@@ -117,14 +117,12 @@ Sleeper::Sleeper(detail::SleepWord word)
 void Sleeper::asleep() {
     epoch_ |= SleepEpoch::kAsleep;
     store();
-    if ((epoch_ & SleepEpoch::kOrdersBoth) != 0 &&
-        membarrier(MEMBARRIER_CMD_GLOBAL_EXPEDITED) == 0) {
-        return;
+    if ((epoch_ & SleepEpoch::kOrdersBoth) == 0) {
+        std::atomic_thread_fence(std::memory_order_seq_cst);
+    } else if (membarrier(MEMBARRIER_CMD_GLOBAL_EXPEDITED) != 0) {
+        // Wakers rely on it by now: sleeping without it could miss what one of them publishes.
+        throw std::system_error(errno, std::generic_category(), "membarrier before sleeping");
     }
-    // A kernel that has changed its mind: from here on wakers order for themselves.
-    epoch_ &= ~SleepEpoch::kOrdersBoth;
-    store();
-    std::atomic_thread_fence(std::memory_order_seq_cst);
 }
 
 void Sleeper::awake() {

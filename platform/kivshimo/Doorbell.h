@@ -99,8 +99,9 @@ private:
 
     detail::SleepWord word_;
     std::string path_;
-    bool isOrdered_;             ///< the kernel makes this process pass barriers for sleepers
-    std::uint64_t awake_ = 0;    ///< the word of a sleeper that is awake, and orders for both
+    bool isOrdered_;  ///< the kernel makes this process pass barriers for sleepers
+    /// The word of a sleeper that is awake and orders for both; empty: none met yet.
+    std::optional<std::uint64_t> awake_;
     std::uint32_t rungFor_ = 0;  ///< 0: for none, as it is even
 };
 

@@ -149,11 +149,9 @@ std::vector<std::string> EntityManager::entitiesBelow(std::string_view basePath)
         const std::string name = at->path().lexically_relative(base).string();
         if (!name.ends_with(kTableSuffix))
             continue;
-        const fs::file_status status = fs::status(at->path(), error);
-        if (fs::is_regular_file(status))
+        // A link is no table: a mount would not follow it.
+        if (fs::is_regular_file(at->symlink_status(error)))
             result.push_back(name.substr(0, name.size() - kTableSuffix.size()));
-        else if (status.type() == fs::file_type::not_found)
-            error.clear();  // a link that leads nowhere
         if (error)
             break;
     }

@@ -22,6 +22,7 @@
 #include <bit>
 #include <cstdint>
 #include <optional>
+#include <random>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -95,7 +96,8 @@ public:
         }
     }
 
-    /// Checks everything that always holds, in memory and in the file; ends the process otherwise.
+    /// Checks everything that always holds once torn values are settled (Table::tornSettled), in
+    /// memory and in the file; ends the process otherwise.
     void assertConsistent() const;
 
 private:
@@ -150,12 +152,18 @@ private:
     /// Readers that found nothing look again when the sequence has moved meanwhile.
     void structureChanges();
     void structureChanged();
+    void publishStructure(std::uint32_t sequence, std::memory_order order);
 
     // Mount
     void finishPending(Table& table);
     void checkIndex(Table& table) const;
     void rebuild(Table& table);
+    void takeUpStructure(Table& table);
     bool takeUp(Table& table, std::uint32_t slot);
+    void keepTorn(Table& table, std::uint32_t slot);
+    bool isTorn(std::uint32_t slot) const {
+        return (detail::loaded(slotAt(slot).sequence) & detail::kMidStore) != 0;
+    }
     void chainUp(std::vector<std::uint32_t>& taken);
 
     std::string file_;
@@ -174,6 +182,7 @@ private:
     std::vector<std::uint32_t> heads_;
     detail::SlotSet usedBuckets_;
     detail::SlotSet free_;
+    std::uint32_t structureSequence_ = 0;
 };
 
 }  // namespace KivShimo

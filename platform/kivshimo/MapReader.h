@@ -91,7 +91,7 @@ private:
         Value value;
     };
     /// What a walk over one chain has come to.
-    enum class Outcome { found, absent, again, rotten, badLink, emptySlot };
+    enum class Outcome { found, absent, again, rotten, badLink, unmadeHead, emptySlot };
     struct Walk {
         Outcome outcome;
         std::uint64_t slot = 0;
@@ -107,13 +107,17 @@ private:
     std::size_t bucketOf(std::uint32_t hash) const { return hash >> (32U - bits_); }
     const std::uint64_t& structure() const { return mapping_.dynamic().structure[number_]; }
 
-    /// One try, bounded waiting for the writer left to the caller.
-    Reading read(std::uint64_t slot) const;
+    /// One try, bounded waiting for the writer left to the caller. When that has come to its end, a
+    /// slot that is still said to be stored is judged by what is in it.
+    Reading read(std::uint64_t slot, bool isLastTry = false) const;
     /// Tries until the slot is not busy, or patience ends. Throws BusyError.
     Reading settled(std::uint64_t slot) const;
     /// `wanted` null: the chain's first element. Otherwise the first at, or at or after, or after.
     enum class Which { at, atOrAfter, after };
-    Walk walk(std::size_t bucket, const Kiv::KeyOrder<Key>* wanted, Which which) const;
+    Walk walk(std::size_t bucket, const Kiv::KeyOrder<Key>* wanted, Which which,
+              bool isLastTry) const;
+    /// Whether the links were not being changed. Throws CorruptionError.
+    bool isAtRest(std::uint64_t structure) const;
     [[noreturn]] void throwRotten(const Walk& walk) const;
     /// Walks until the result is certain.
     std::optional<Value> certain(std::size_t bucket, const Kiv::KeyOrder<Key>* wanted,

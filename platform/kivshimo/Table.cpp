@@ -52,15 +52,17 @@ void Table::doCorruptionDetected(std::string_view message) {
     tableTrace()(1, " {}", message);
 }
 
-void Table::tornDetected(std::string_view message, std::uint64_t key) {
-    tableTrace()(3, " {}", message);
-    torn_[key].emplace_back(message);
+void Table::tornDetected(Torn torn, std::uint64_t key) {
+    tableTrace()(3, " {}", torn.message);
+    torn_[key].push_back(std::move(torn));
 }
 
 void Table::tornSettled(std::optional<std::uint64_t> pendingKey) {
-    for (const auto& [key, messages] : torn_) {
-        for (std::size_t i = key == pendingKey ? 1 : 0; i < messages.size(); ++i)
-            doCorruptionDetected(messages[i]);
+    for (const auto& [key, values] : torn_) {
+        for (std::size_t i = key == pendingKey ? 1 : 0; i < values.size(); ++i) {
+            doCorruptionDetected(values[i].message);
+            values[i].drop();
+        }
     }
     torn_.clear();
 }

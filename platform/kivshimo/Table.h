@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -94,11 +95,15 @@ public:
     virtual void doCorruptionDetected(std::string_view message);
     std::uint64_t corruptions() const { return corruptions_; }
 
-    /// Takes notice of a value that was dropped because its store was cut off. `key`: see
-    /// tornKeyOf.
-    void tornDetected(std::string_view message, std::uint64_t key);
-    /// Counts as corruption all of them but the one of the key that the caller has a pending change
-    /// for.
+    /// A value whose store was cut off.
+    struct Torn {
+        std::string message;         ///< that it is dropped
+        std::function<void()> drop;  ///< from its collection
+    };
+    /// Takes notice of one. `key`: see tornKeyOf.
+    void tornDetected(Torn torn, std::uint64_t key);
+    /// Drops all of them, which counts as corruption, but the one of the key that the caller has a
+    /// pending change for: the caller stores it again.
     void tornSettled(std::optional<std::uint64_t> pendingKey = std::nullopt);
 
     /// For the collections that are made as members.
@@ -110,7 +115,7 @@ private:
     CollectionControl control_;
     JournalWriter journal_;
     std::uint64_t corruptions_ = 0;
-    std::map<std::uint64_t, std::vector<std::string>> torn_;  ///< messages by key
+    std::map<std::uint64_t, std::vector<Torn>> torn_;  ///< by key
 };
 
 using TableFactory = Brumo::Ptr<Table> (*)(TableMount mount);

@@ -12,6 +12,8 @@
 //     has a line that names the slot, and never another text than was recorded.
 #pragma once
 
+#include <sys/types.h>
+
 #include <array>
 #include <concepts>
 #include <cstddef>
@@ -58,6 +60,10 @@ public:
     /// The same from a file of this user or of root, or of anybody for root, whichever process
     /// wrote it. Throws std::system_error, or std::runtime_error when the file is no ring.
     static std::vector<std::string> dump(const std::string& file);
+    /// Whether that user may be shown a ring of that owner: what others write is not to be trusted.
+    static bool isShown(uid_t user, uid_t owner) {
+        return owner == user || owner == 0 || user == 0;
+    }
 
 private:
     void store(MessageId id, std::size_t kind, const std::array<std::uint64_t, 4>& words);

@@ -28,7 +28,7 @@ namespace KivShimo::detail {
 constexpr std::size_t kPageBytes = 4096;
 constexpr std::size_t kMostCollections = 8;
 constexpr std::uint64_t kMagic = 0x31304D4948535642U;  ///< "BVSHIM01" as bytes of the file
-constexpr std::uint32_t kLayoutVersion = 4;
+constexpr std::uint32_t kLayoutVersion = 5;
 constexpr std::uint64_t kMostSlots = std::uint64_t{1} << 31U;
 
 /// How the area of a collection is laid out.
@@ -93,7 +93,7 @@ struct DynamicHeader {
     alignas(64) VerifiedWord scratchpad;
     alignas(64) VerifiedWord tail;         ///< last published position of an announce log
     alignas(64) std::uint64_t sleepEpoch;  ///< see SleepEpoch
-    alignas(64) std::uint64_t structure[kMostCollections];  ///< odd: a map's index is changing
+    alignas(64) std::uint64_t structure[kMostCollections];  ///< maps: see Structure
     alignas(64) VerifiedWord pause;                         ///< acknowledgement file only
 };
 static_assert(offsetof(DynamicHeader, scratchpad) == 128);

@@ -70,6 +70,18 @@ struct Link {
     }
 };
 
+/// The word that tells of changes of the links: how often they have begun and ended to change, so
+/// that it is odd meanwhile, with a check. 0 in a file whose links were never made.
+struct Structure {
+    static std::uint64_t encoded(std::uint32_t sequence, std::uint64_t seed) {
+        return Link::encoded(sequence, mixed(seed, ~std::uint64_t{0}));
+    }
+    /// Empty when the word does not verify.
+    static std::optional<std::uint32_t> decoded(std::uint64_t stored, std::uint64_t seed) {
+        return stored == 0 ? 0 : Link::decoded(stored, mixed(seed, ~std::uint64_t{0}));
+    }
+};
+
 /// Seeds a slot's checksum.
 constexpr std::uint64_t slotSeed(std::uint64_t seed, std::uint64_t slot) {
     return mixed(seed, ~slot);

@@ -23,7 +23,8 @@ std::uint64_t MapReader<Value>::scratchpad() const {
 }
 
 template <class Value>
-typename MapReader<Value>::Reading MapReader<Value>::read(std::uint64_t slot) const {
+typename MapReader<Value>::Reading MapReader<Value>::read(std::uint64_t slot,
+                                                          bool isLastTry) const {
     const Slot& place = slotAt(slot);
     const std::uint64_t before = detail::word(place.sequence).load(std::memory_order_acquire);
     const auto words = detail::Words<Value>::loadFrom(place.value);
@@ -32,35 +33,42 @@ typename MapReader<Value>::Reading MapReader<Value>::read(std::uint64_t slot) co
     // one.
     std::atomic_thread_fence(std::memory_order_acquire);
     const std::uint64_t after = detail::loaded(place.sequence);
-    if (before != after || (before & detail::kMidStore) != 0)
+    const bool isMidStore = (before & detail::kMidStore) != 0;
+    if (before != after || (isMidStore && !isLastTry))
         return {SlotState::busy, {}};
     const bool holdsValue = (before & detail::kHoldsValue) != 0;
     if (checksum == 0 && !holdsValue)
         return {SlotState::free, {}};
-    if (!holdsValue || words.checksum(detail::slotSeed(seed_, slot)) != checksum) {
-        return {SlotState::rotten, {}};
-    }
-    return {SlotState::whole, words.value()};
+    const bool verifies =
+        checksum != 0 && words.checksum(detail::slotSeed(seed_, slot)) == checksum;
+    // An odd sequence that stays may have rotted: the value was never touched. A writer that was
+    // killed leaves one too, before its first store or after its last one.
+    if (verifies && (holdsValue || isMidStore))
+        return {SlotState::whole, words.value()};
+    return {isMidStore ? SlotState::busy : SlotState::rotten, {}};
 }
 
 template <class Value>
 typename MapReader<Value>::Reading MapReader<Value>::settled(std::uint64_t slot) const {
     ReadPatience patience;
-    do {
-        const Reading reading = read(slot);
+    for (bool isLastTry = false;; isLastTry = !patience.lasts()) {
+        const Reading reading = read(slot, isLastTry);
         if (reading.state != SlotState::busy)
             return reading;
-    } while (patience.lasts());
-    throw BusyError(file(), name_, slot);
+        if (isLastTry)
+            throw BusyError(file(), name_, slot);
+    }
 }
 
 template <class Value>
 typename MapReader<Value>::Walk MapReader<Value>::walk(std::size_t bucket,
                                                        const Kiv::KeyOrder<Key>* wanted,
-                                                       Which which) const {
+                                                       Which which, bool isLastTry) const {
+    const std::uint64_t head = detail::word(heads()[bucket]).load(std::memory_order_acquire);
+    if (head == 0)
+        return {Outcome::unmadeHead, bucket};
     std::optional<std::uint32_t> at =
-        detail::Link::decoded(detail::word(heads()[bucket]).load(std::memory_order_acquire),
-                              detail::Link::headPlace(seed_, bucket));
+        detail::Link::decoded(head, detail::Link::headPlace(seed_, bucket));
     std::optional<std::uint64_t> rotten;
     std::uint64_t place = bucket;
     for (std::uint64_t steps = 0;; ++steps) {
@@ -70,7 +78,7 @@ typename MapReader<Value>::Walk MapReader<Value>::walk(std::size_t bucket,
         if (*at == detail::Link::kNone)
             break;
         place = *at;
-        Reading reading = read(place);
+        Reading reading = read(place, isLastTry);
         if (reading.state == SlotState::free)
             return {Outcome::emptySlot, place};
         if (reading.state == SlotState::busy)
@@ -119,28 +127,34 @@ void MapReader<Value>::throwRotten(const Walk& walk) const {
 template <class Value>
 std::optional<Value> MapReader<Value>::certain(std::size_t bucket, const Kiv::KeyOrder<Key>* wanted,
                                                Which which) const {
-    std::uint64_t slot = 0;
     ReadPatience patience;
-    do {
+    for (bool isLastTry = false;; isLastTry = !patience.lasts()) {
         const std::uint64_t before = detail::word(structure()).load(std::memory_order_acquire);
-        const Walk result = walk(bucket, wanted, which);
+        const Walk result = walk(bucket, wanted, which, isLastTry);
         if (result.outcome == Outcome::found && which == Which::at)
             return result.value;
-        slot = result.slot;
         std::atomic_thread_fence(std::memory_order_acquire);
-        const bool unchanged = (before & 1U) == 0 && detail::loaded(structure()) == before;
-        if (unchanged && result.outcome != Outcome::again) {
-            if (result.outcome == Outcome::found)
-                return result.value;
-            // A file whose index was never made holds nothing yet.
-            const bool isNew = before == 0 && result.outcome == Outcome::badLink &&
-                               detail::loaded(heads()[bucket]) == 0;
-            if (result.outcome == Outcome::absent || isNew)
-                return std::nullopt;
+        const bool isSettled = isAtRest(before) && detail::loaded(structure()) == before &&
+                               result.outcome != Outcome::again;
+        if (isSettled && result.outcome == Outcome::found)
+            return result.value;
+        // A file whose links were never made holds nothing yet.
+        const bool isUnmade = result.outcome == Outcome::unmadeHead && before == 0;
+        if (isSettled && (result.outcome == Outcome::absent || isUnmade))
+            return std::nullopt;
+        if (isSettled)
             throwRotten(result);
-        }
-    } while (patience.lasts());
-    throw BusyError(file(), name_, slot);
+        if (isLastTry)
+            throw BusyError(file(), name_, result.slot);
+    }
+}
+
+template <class Value>
+bool MapReader<Value>::isAtRest(std::uint64_t structure) const {
+    const auto sequence = detail::Structure::decoded(structure, seed_);
+    if (!sequence)
+        throw CorruptionError(file(), name_, 0, "sequence of the links does not verify");
+    return (*sequence & 1U) == 0;
 }
 
 template <class Value>

@@ -40,7 +40,7 @@ Map<Value>::Map(Table& table, std::string_view name)
     usedBuckets_ = detail::SlotSet(buckets);
     free_ = detail::SlotSet(slots_);
     finishPending(table);
-    checkIndex(table);
+    takeUpStructure(table);
     rebuild(table);
 }
 
@@ -230,14 +230,19 @@ void Map<Value>::publishLink(std::uint32_t slot) {
 
 template <class Value>
 void Map<Value>::structureChanges() {
-    detail::word(*structure_).store(detail::loaded(*structure_) | 1U, std::memory_order_relaxed);
+    publishStructure(structureSequence_ | 1U, std::memory_order_relaxed);
     std::atomic_thread_fence(std::memory_order_release);
 }
 
 template <class Value>
 void Map<Value>::structureChanged() {
-    detail::word(*structure_)
-        .store((detail::loaded(*structure_) | 1U) + 1, std::memory_order_release);
+    publishStructure((structureSequence_ | 1U) + 1, std::memory_order_release);
+}
+
+template <class Value>
+void Map<Value>::publishStructure(std::uint32_t sequence, std::memory_order order) {
+    structureSequence_ = sequence;
+    detail::word(*structure_).store(detail::Structure::encoded(sequence, seed_), order);
 }
 
 /// What a mount makes of a slot. A killed writer leaves an odd sequence; what verifies in spite of
@@ -248,7 +253,7 @@ void Map<Value>::structureChanged() {
 ///   0          odd             -          free: a removal, or a first store, was cut off
 ///   0          value           -          rotten: freed, counted
 ///   other      any             yes        kept; the sequence is put right
-///   other      odd             no         torn: freed; corruption only if no journal has it
+///   other      odd             no         torn: kept until it is known whether a journal has it
 ///   other      even            no         rotten: freed, counted
 template <class Value>
 bool Map<Value>::takeUp(Table& table, std::uint32_t slot) {
@@ -273,16 +278,44 @@ bool Map<Value>::takeUp(Table& table, std::uint32_t slot) {
             return true;
         }
     }
+    if (odd && checksum != 0) {
+        keepTorn(table, slot);
+        return true;
+    }
     setFree(slot);
     if (!odd) {
         table.doCorruptionDetected(
             CorruptionError(file_, name_, slot, "rotten value dropped").what());
-    } else if (checksum != 0) {
-        const auto words = detail::Words<Value>::loadFrom(place.value);
-        table.tornDetected(CorruptionError(file_, name_, slot, "torn value dropped").what(),
-                           tornKeyOf(words.value().key()));
     }
     return false;
+}
+
+/// Only a value that replaces another is torn, so its key is whole. Readers wait where it stands,
+/// and find neither an absent key nor another value before it is stored again.
+template <class Value>
+void Map<Value>::keepTorn(Table& table, std::uint32_t slot) {
+    const Key key = detail::Words<Value>::loadFrom(slotAt(slot).value).value().key();
+    nodes_[slot] = {key.hash(0), detail::Link::kNone, key};
+    table.tornDetected({CorruptionError(file_, name_, slot, "torn value dropped").what(),
+                        [this, slot, key] {
+                            if (slotOf(key) == slot)
+                                erase(key);
+                        }},
+                       tornKeyOf(key));
+}
+
+/// What cannot be read does not say whether the links were whole, so they are not checked. Its next
+/// value is none that a reader may have seen.
+template <class Value>
+void Map<Value>::takeUpStructure(Table& table) {
+    if (const auto sequence = detail::Structure::decoded(detail::loaded(*structure_), seed_)) {
+        structureSequence_ = *sequence;
+        checkIndex(table);
+        return;
+    }
+    structureSequence_ = std::random_device()();
+    table.doCorruptionDetected(
+        CorruptionError(file_, name_, 0, "sequence of the links does not verify").what());
 }
 
 /// What readers follow leads to every value. So it tells of slots that are empty and should not be,
@@ -292,8 +325,7 @@ bool Map<Value>::takeUp(Table& table, std::uint32_t slot) {
 template <class Value>
 void Map<Value>::checkIndex(Table& table) const {
     using detail::Link;
-    const std::uint64_t sequence = detail::loaded(*structure_);
-    if (sequence < 2 || (sequence & 1U) != 0)
+    if (structureSequence_ < 2 || (structureSequence_ & 1U) != 0)
         return;
     bool linksVerify = true;
     const auto report = [&](std::uint64_t slot, std::string_view what) {
@@ -331,10 +363,12 @@ void Map<Value>::rebuild(Table& table) {
         }
     }
     std::sort(taken.begin(), taken.end(), [this](std::uint32_t a, std::uint32_t b) {
-        return Kiv::KeyOrder<Key>(nodes_[a].hash, nodes_[a].key) <
-               Kiv::KeyOrder<Key>(nodes_[b].hash, nodes_[b].key);
+        const Kiv::KeyOrder<Key> first(nodes_[a].hash, nodes_[a].key);
+        const Kiv::KeyOrder<Key> second(nodes_[b].hash, nodes_[b].key);
+        return first < second || (!(second < first) && isTorn(a) < isTorn(b));
     });
-    // Two slots of one key cannot come from any sequence of stores; the first is kept.
+    // Two slots of one key cannot come from any sequence of stores; the first, which is whole if
+    // one of them is, is kept.
     const auto last =
         std::unique(taken.begin(), taken.end(), [&](std::uint32_t a, std::uint32_t b) {
             if (!nodes_[a].key.isEq(nodes_[b].key))
@@ -392,7 +426,10 @@ void Map<Value>::assertConsistent() const {
         }
     }
     require(seen == count(), "count");
-    require((detail::loaded(*structure_) & 1U) == 0, "structure sequence");
+    require(
+        (structureSequence_ & 1U) == 0 &&
+            detail::loaded(*structure_) == detail::Structure::encoded(structureSequence_, seed_),
+        "structure sequence");
     for (std::size_t slot = 0; slot < slots_; ++slot) {
         if (!free_.has(slot))
             continue;

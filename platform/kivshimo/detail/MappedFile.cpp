@@ -71,6 +71,15 @@ Descriptor lockedManifest(const Target& target, Manifest& content) {
     return manifest;
 }
 
+/// So that no store into the mapping meets the end of memory. Throws MountError.
+void allocate(const Descriptor& descriptor, const std::string& file, std::uint64_t bytes) {
+    const int error = posix_fallocate(descriptor.fd(), 0, static_cast<off_t>(bytes));
+    if (error == 0)
+        return;
+    errno = error;
+    throwErrno(file, "allocate " + std::to_string(bytes) + " bytes");
+}
+
 Taken takeExisting(const Target& target) {
     Taken taken;
     Descriptor descriptor(openat(target.folder.fd(), target.name.c_str(), kOpenFlags | O_RDWR));
@@ -88,8 +97,11 @@ Taken takeExisting(const Target& target) {
     taken.reason = readHeader(descriptor, status, target.file, taken.header);
     if (taken.reason.empty())
         taken.reason = differenceOf(taken.header, target.planned, true);
-    if (taken.reason.empty())
-        taken.descriptor = std::move(descriptor);
+    if (!taken.reason.empty())
+        return taken;
+    // A copy that was put back may have holes.
+    allocate(descriptor, target.file, taken.header.fileBytes);
+    taken.descriptor = std::move(descriptor);
     return taken;
 }
 
@@ -120,11 +132,11 @@ Descriptor makeFile(const Target& target, const StaticHeader& header, bool wiped
                                  kOpenFlags | O_RDWR | O_CREAT | O_EXCL, kFileMode));
     if (!descriptor)
         throwErrno(target.file, "make");
-    const int error = posix_fallocate(descriptor.fd(), 0, static_cast<off_t>(header.fileBytes));
-    if (error != 0) {
+    try {
+        allocate(descriptor, target.file, header.fileBytes);
+    } catch (const MountError&) {
         unlinkat(target.folder.fd(), unfinished.c_str(), 0);
-        errno = error;
-        throwErrno(target.file, "allocate " + std::to_string(header.fileBytes) + " bytes");
+        throw;
     }
     const FreshPages pages(header, wiped);
     if (pwrite(descriptor.fd(), pages.bytes, sizeof(pages.bytes), 0) != sizeof(pages.bytes)) {
@@ -263,7 +275,8 @@ std::string rottenMarkIn(const std::string& file) {
     return CorruptionError(file, "wiped mark", 0, "does not verify, the nearer one counts").what();
 }
 
-/// A process that was killed between making the file and tracing that has left the mark.
+/// The mark may be older than this mount: a process that was killed when it had made the file, and
+/// not yet traced the loss, has left it.
 MountFindings mountedAndTraced(const std::string& root, const std::string& relative,
                                std::string_view typeName, const std::vector<CollectionPlan>& plan,
                                const Brumo::TraceSource& trace) {

@@ -12,7 +12,14 @@
 namespace KivShimo::Test {
 namespace {
 
-using MapTest = ShimoTest;
+class MapTest : public ShimoTest {
+protected:
+    /// Leaves a value of the items as a store that was cut off does, or makes it right again.
+    void tear(std::uint64_t slots, std::uint64_t slot) const {
+        flip(itemsFile(), itemSlotOffset(slots, slot) + 24 + 100);
+        flip(itemsFile(), itemSlotOffset(slots, slot));
+    }
+};
 using Reader = MapReader<Item>;
 
 /// The oracle's order.
@@ -223,17 +230,13 @@ TEST_F(MapTest, VisitOfSlotsGivesUpAtASlotLeftInMidStore) {
     const auto table = items();
     table->items.insertOrReplace(item(1, 1));
     table->items.insertOrReplace(item(2, 2));
-    flip(itemsFile(), itemSlotOffset(64, 1));
+    tear(64, 1);
     std::size_t seen = 0;
-    const auto begin = std::chrono::steady_clock::now();
     EXPECT_THROW(Reader(itemsFile(), kItemType, "items")
                      .visitSlots([&](const Item&) { ++seen; },
                                  [](const CorruptionError& error) { FAIL() << error.what(); }),
                  BusyError);
     EXPECT_EQ(seen, 1U);
-    const auto took = std::chrono::steady_clock::now() - begin;
-    EXPECT_GE(took, std::chrono::milliseconds(100)) << "it is waited for";
-    EXPECT_LT(took, std::chrono::seconds(10));
 }
 
 TEST_F(MapTest, VisitOfSlotsWaitsForAStoreThatIsFinishedLate) {
@@ -241,16 +244,15 @@ TEST_F(MapTest, VisitOfSlotsWaitsForAStoreThatIsFinishedLate) {
     const auto table = items();
     table->items.insertOrReplace(item(1, 1));
     table->items.insertOrReplace(item(2, 2));
-    flip(itemsFile(), itemSlotOffset(64, 1));
+    tear(64, 1);
     std::atomic<bool> hasBegun{false};
     std::thread writer([&] {
         const auto deadline = Clock::now() + std::chrono::seconds(10);
         while (!hasBegun && Clock::now() < deadline)
             std::this_thread::yield();
-        for (const auto end = Clock::now() + std::chrono::milliseconds(5); Clock::now() < end;)
-            std::this_thread::yield();
-        flip(itemsFile(), itemSlotOffset(64, 1));
+        tear(64, 1);  // the bits are right again
     });
+    readPatienceIs(std::chrono::seconds(10));
     std::size_t seen = 0;
     EXPECT_NO_THROW(Reader(itemsFile(), kItemType, "items")
                         .visitSlots(
@@ -260,6 +262,7 @@ TEST_F(MapTest, VisitOfSlotsWaitsForAStoreThatIsFinishedLate) {
                             },
                             [](const CorruptionError& error) { FAIL() << error.what(); }));
     writer.join();
+    readPatienceIs(kReadPatience);
     EXPECT_EQ(seen, 2U);
 }
 
@@ -369,9 +372,79 @@ TEST_F(MapTest, ReaderFindsNothingWhereTheIndexWasNeverMade) {
 TEST_F(MapTest, ReaderGivesUpOnASlotLeftInMidStore) {
     const auto table = items();
     table->items.insertOrReplace(item(1, 1));
-    flip(itemsFile(), itemSlotOffset(64, 0));
+    tear(64, 0);
     const Reader reader(itemsFile(), kItemType, "items");
     EXPECT_THROW(reader.find(item(1, 0).key()), BusyError);
+    EXPECT_THROW(reader.first(), BusyError);
+}
+
+/// A writer that does nothing never puts it right.
+TEST_F(MapTest, SequenceOfASlotThatRotsHidesNoValue) {
+    const auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    table->items.insertOrReplace(item(2, 2));
+    flip(itemsFile(), itemSlotOffset(64, 0));
+    flip(itemsFile(), itemSlotOffset(64, 5));  // holds nothing
+    const Reader reader(itemsFile(), kItemType, "items");
+    EXPECT_EQ(reader.find(item(1, 0).key()), item(1, 1));
+    std::size_t seen = 0;
+    reader.forEach([&](const Item&) { ++seen; });
+    reader.visitSlots([&](const Item&) { ++seen; },
+                      [](const CorruptionError& error) { FAIL() << error.what(); });
+    EXPECT_EQ(seen, 4U);
+}
+
+TEST_F(MapTest, SequenceOfTheLinksThatRotsIsReportedWhereAResultDependsOnIt) {
+    const auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    const Reader reader(itemsFile(), kItemType, "items");
+    const std::size_t at = detail::kDynamicOffset + offsetof(detail::DynamicHeader, structure);
+    for (std::size_t bit = 0; bit < 64; ++bit) {
+        flip(itemsFile(), at + bit / 8, bit % 8);
+        EXPECT_EQ(reader.find(item(1, 0).key()), item(1, 1)) << "it verifies by itself";
+        EXPECT_THROW(reader.find(item(2, 0).key()), CorruptionError) << bit;
+        EXPECT_THROW(reader.first(), CorruptionError) << bit;
+        flip(itemsFile(), at + bit / 8, bit % 8);
+    }
+    flip(itemsFile(), at);
+    table->items.insertOrReplace(item(2, 2));
+    EXPECT_EQ(reader.find(item(2, 0).key()), item(2, 2)) << "the writer has stored it anew";
+    EXPECT_FALSE(reader.find(item(3, 0).key()).has_value());
+}
+
+TEST_F(MapTest, MountCountsARottenSequenceOfTheLinksAndStoresAnother) {
+    auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    table = nullptr;
+    restart();
+    flip(itemsFile(), detail::kDynamicOffset + offsetof(detail::DynamicHeader, structure) + 5);
+    table = items();
+    EXPECT_EQ(table->corruptions(), 1U);
+    const Reader reader(itemsFile(), kItemType, "items");
+    EXPECT_EQ(reader.first(), item(1, 1));
+    table->items.assertConsistent();
+}
+
+/// What is torn is on its way to be stored again by whoever has it in a journal.
+TEST_F(MapTest, TornValueIsBusyForReadersUntilItIsSettled) {
+    auto table = items();
+    table->items.insertOrReplace(item(1, 1));
+    table->items.insertOrReplace(item(2, 2));
+    table = nullptr;
+    restart();
+    tear(64, 0);
+    tear(64, 1);
+    table = items();
+    const Reader reader(itemsFile(), kItemType, "items");
+    EXPECT_THROW(reader.find(item(1, 0).key()), BusyError);
+    EXPECT_EQ(table->corruptions(), 0U);
+    table->tornSettled(tornKeyOf(item(1, 0).key()));
+    EXPECT_EQ(table->corruptions(), 1U);
+    EXPECT_THROW(reader.find(item(1, 0).key()), BusyError);
+    EXPECT_FALSE(reader.find(item(2, 0).key()).has_value());
+    table->items.insertOrReplace(item(1, 3));
+    EXPECT_EQ(reader.find(item(1, 0).key()), item(1, 3));
+    table->items.assertConsistent();
 }
 
 TEST_F(MapTest, MountKeepsAWholeValueOfACutOffStore) {
@@ -470,7 +543,7 @@ TEST_F(MapTest, OnlyTheTornValueOfThePendingKeyIsNoCorruption) {
         table = items();
         table->tornSettled(tornKeyOf(item(pending, 0).key()));
         EXPECT_EQ(table->corruptions(), pending == 1 ? 0U : 1U);
-        EXPECT_EQ(table->items.count(), 1U);
+        EXPECT_EQ(table->items.count(), pending == 1 ? 2U : 1U) << "it is to be stored again";
         table->items.erase(item(2, 0).key());
         table = nullptr;
         restart();

@@ -319,6 +319,7 @@ TEST_F(MountTest, ListsTablesBelowAPath) {
     items(8, "config/unit/2");
     items(8, "config/other");
     fs::create_directories(root_ + "/config/unit/empty");
+    fs::create_symlink(root_ + "/config/unit/10.table", root_ + "/config/unit/3.table");
     restart();
     EXPECT_EQ(manager_->entitiesBelow("/config"),
               (std::vector<std::string>{"other", "unit/10", "unit/2"}));

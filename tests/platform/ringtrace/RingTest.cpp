@@ -18,7 +18,6 @@ protected:
     RingTest() : file_("/dev/shm/ring-test-" + std::to_string(getpid())) {}
     ~RingTest() override { std::filesystem::remove(file_); }
 
-    /// Lines without their time.
     /// Flips one bit of the ring's file.
     void flip(std::size_t bit) const {
         std::fstream file(file_, std::ios::in | std::ios::out | std::ios::binary);
@@ -36,6 +35,7 @@ protected:
         return "not refused";
     }
 
+    /// Lines without their time.
     static std::vector<std::string> texts(const std::vector<std::string>& lines) {
         std::vector<std::string> result;
         for (const std::string& line : lines)
@@ -181,8 +181,17 @@ TEST_F(RingTest, WhatStandsInPlaceOfARingIsRefusedAndNotWaitedFor) {
     std::filesystem::remove(other);
 }
 
+TEST_F(RingTest, RingIsShownToItsOwnerAndToRootAndRootsRingToAll) {
+    constexpr uid_t kUser = 1000;
+    constexpr uid_t kOther = 1001;
+    EXPECT_TRUE(Ring::isShown(kUser, kUser));
+    EXPECT_TRUE(Ring::isShown(0, kUser));
+    EXPECT_TRUE(Ring::isShown(kUser, 0));
+    EXPECT_FALSE(Ring::isShown(kOther, kUser));
+}
+
 TEST_F(RingTest, RingOfAnotherUserIsReadByRootOnly) {
-    // Two users' files take root to make; for anybody else there is nothing here to look at.
+    // Who is shown what is tested for everybody above; that a dump asks takes two users' files.
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can give files away";
     constexpr uid_t kOtherUser = 12345;
