@@ -15,9 +15,12 @@ void EntryLog<B>::cleanupEntryLog(Asic::LogVersion version) {
         return;
     }
     // The first cleanup may follow a restart, with records left at any version: it walks the whole
-    // log, and corruption ends its walk. A later one looks single versions up, and goes on.
+    // log, and corruption ends its walk. A later one looks single versions up, and goes on; also
+    // over what such a walk has left.
     const bool isWalk = cleanedUpTo_.value == 0;
-    auto next = versionAtOrAfter(cleanedUpTo_);
+    auto next = versionAtOrAfter(std::min(cleanedUpTo_, leftBehind_));
+    if (leftBehind_ <= version)
+        leftBehind_ = kNothingLeft;
     while (next.has_value() && *next <= version) {
         const Asic::LogVersion current = *next;
         const auto record = changeRecord(current);
@@ -26,8 +29,10 @@ void EntryLog<B>::cleanupEntryLog(Asic::LogVersion version) {
         } else {
             tableEntryLog_->entryLogConfigDel(current);  // nobody can read it any more
             recordsLostUpTo_ = std::max(recordsLostUpTo_, current);
-            if (isWalk)
+            if (isWalk) {
+                leftBehind_ = current;
                 break;
+            }
         }
         if (current == version)
             break;
@@ -108,10 +113,13 @@ void EntryLog<B>::reclaim(const Record& record, ConfigTable& config) {
     } else if ((operation & static_cast<unsigned>(LogOperation::allDeleted)) != 0) {
         Traces<B>::entryLog.in("cleanupEntryLog", 3, " deleteing all entries for unitId: {}",
                                record.unitId);
-        forEachValue(config, [&](const ConfigValue& value) {
+        const bool isWhole = forEachValue(config, [&](const ConfigValue& value) {
             if (value.version == record.version)
                 config.swTableEntriesDel(value.key());
         });
+        // The record goes, so those behind the corruption are found by their values.
+        if (!isWhole)
+            recordsLostUpTo_ = std::max(recordsLostUpTo_, record.version);
     }
 }
 

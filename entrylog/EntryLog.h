@@ -15,8 +15,8 @@
 //  4. A change is all or nothing: it is in the change log's journal from before its first store
 //     until it is announced, and the next mount finishes what a killed process has begun.
 //  5. Corruption found while reading goes to the table's corruption handler and reads as the
-//     default value. A walk that counts or cleans up ends there; one that deletes all values, or
-//     drops deleted ones at a mount or whose record was lost, goes on behind it.
+//     default value. A count ends there, and so do the walks of a cleanup, after which deletions
+//     without a record are found by their values; every other walk goes on behind it.
 #pragma once
 
 #include <map>
@@ -123,20 +123,23 @@ private:
                      Asic::UnitId unitId, const NeededPtr& neededEntry);
     void publishValue(const ConfigValue& value, Asic::UnitId unitId);
     void deleteAll(ConfigTable& config, Asic::LogVersion version, Asic::UnitId unitId);
+    void publish(const Record& record);
+    void changeValue(ConfigTable& config, const ConfigValue& value, Asic::UnitId unitId,
+                     const NeededPtr& neededEntry);
+
+    // Cleanup; what drops the deletions of lost records needs no seal, as it finds them by value.
+
     void cleanUp(const Record& record);
     void reclaim(const Record& record, ConfigTable& config);
     void dropDeleted(ConfigTable& config, Asic::LogVersion version);
     void dropDeletedOfLostRecords(Asic::LogVersion version);
-    void publish(const Record& record);
-    void changeValue(ConfigTable& config, const ConfigValue& value, Asic::UnitId unitId,
-                     const NeededPtr& neededEntry);
 
     // What a process before has begun.
 
     void finish(const KivShimo::PendingChange& pending);
     void restoreVersion();
     Asic::LogVersion lastWithoutRecord() const;
-    Asic::LogVersion announcedBefore() const;
+    Asic::LogVersion lastVersionWithoutLog();
     void announceWhatWasNot(const std::optional<KivShimo::PendingChange>& pending);
 
     std::optional<Asic::LogVersion> suppressed(const LogEntry& logEntry,
@@ -148,7 +151,7 @@ private:
     std::optional<Record> changeRecord(Asic::LogVersion version) const;
     /// Calls `visit` for each value of the unit; it may change or delete the value it was given.
     template <class Visit>
-    void forEachValue(ConfigTable& config, Visit&& visit) const;
+    bool forEachValue(ConfigTable& config, Visit&& visit) const;
 
     Brumo::Ptr<ChangeLog> tableEntryLog_;
     std::map<Asic::UnitId, Brumo::Ptr<ConfigTable>> tableConfigShimo_;
@@ -156,6 +159,9 @@ private:
     /// Up to here, records may be gone without having been cleaned up: the values whose deletion
     /// they recorded are looked for when the hardware side has come this far. 0: none are gone.
     Asic::LogVersion recordsLostUpTo_;
+    static constexpr Asic::LogVersion kNothingLeft{~std::uint64_t{0}};
+    /// Where the first cleanup has ended before its time.
+    Asic::LogVersion leftBehind_ = kNothingLeft;
 };
 
 template <class B>

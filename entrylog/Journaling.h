@@ -2,6 +2,7 @@
 #pragma once
 
 #include "entrylog/EntryLog.h"
+#include "entrylog/ShimoManager.h"
 
 namespace VornPolicyCpu {
 
@@ -103,16 +104,28 @@ void EntryLog<B>::restoreVersion() {
     const bool isRotten = control.scratchpadRotten();
     Asic::LogVersion last = tableEntryLog_->entryLogConfigHighest();
     if (isRotten)
-        last = std::max(last, announcedBefore());
+        last = std::max(last, lastVersionWithoutLog());
     if (isRotten || control.scratchpad() < last.value)
         control.scratchpadIs(std::max(control.scratchpad(), last.value));
     tableVersionRestored({control.scratchpad()});
 }
 
+/// The last version that anything but the change log knows of: what the hardware side has heard of,
+/// and the values of all units that have left a configuration.
 template <class B>
-Asic::LogVersion EntryLog<B>::announcedBefore() const {
-    return groupInterface() == nullptr ? Asic::LogVersion{}
-                                       : groupInterface()->announcedVersion(tableId());
+Asic::LogVersion EntryLog<B>::lastVersionWithoutLog() {
+    Asic::LogVersion last;
+    if (groupInterface() != nullptr)
+        last = groupInterface()->announcedVersion(tableId());
+    const std::string base = Constants<Types>::configShimoPathBase();
+    for (const std::string& path : shimoManagerOf(*entityManager())->entitiesBelow(base)) {
+        const auto unit = Asic::Constants::getUnitIdFromConfigPath(path);
+        if (!unit.has_value())
+            continue;
+        mountedConfig(*unit)->swTableEntriesForEachWhole(
+            [&](const ConfigValue& value) { last = std::max(last, value.version); });
+    }
+    return last;
 }
 
 /// A process that was killed between publishing changes and announcing them left them unannounced.

@@ -98,9 +98,9 @@ void EntryLog<B>::mountShimoChangeLog() {
         },
         [this, &control] {
             LogMessages::error.emit(fmt::format("{}::{}", "entryLog", Types::kName));
-            // Versions go on above those that the hardware side has heard of. Published while the
-            // mark says that the log is lost: without it, they would begin anew.
-            control->scratchpadIs(announcedBefore().value);
+            // Published while the mark says that the log is lost: without it, versions would begin
+            // anew.
+            control->scratchpadIs(lastVersionWithoutLog().value);
         });
     if (tableEntryLog_ == nullptr)
         return;
@@ -108,7 +108,7 @@ void EntryLog<B>::mountShimoChangeLog() {
     if (pending.has_value())
         finish(*pending);
     restoreVersion();
-    recordsLostUpTo_ = lastWithoutRecord();
+    recordsLostUpTo_ = std::max(recordsLostUpTo_, lastWithoutRecord());
     Traces<B>::entryLog(2, " Mounted entryLog: {}, tableVersion: {}", path, tableVersion());
     announceWhatWasNot(pending);
     if (pending.has_value())
@@ -155,9 +155,10 @@ void EntryLog<B>::mountShimoConfig(Asic::UnitId unitId, Asic::LogVersion logVers
     const auto cfgShimo = mountedConfig(unitId);
     tableConfigShimoIs(unitId, cfgShimo);
     Traces<B>::entryLog(2, " Mounted config for unitId: {} at {}", unitId, path);
-    if (logVersion.value == 0)
-        return;
-    dropDeleted(*cfgShimo, logVersion);
+    // The records of what was deleted up to the last cleanup are gone.
+    const Asic::LogVersion consumed = std::max(logVersion, cleanedUpTo_);
+    if (consumed.value != 0)
+        dropDeleted(*cfgShimo, consumed);
 }
 
 template <class B>

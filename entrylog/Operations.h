@@ -178,16 +178,19 @@ std::uint32_t EntryLog<B>::entrysInDeletion(Asic::UnitId unitId) const {
     return inDeletion;
 }
 
+/// False when corruption ended the walk; it is reported.
 template <class B>
 template <class Visit>
-void EntryLog<B>::forEachValue(ConfigTable& config, Visit&& visit) const {
+bool EntryLog<B>::forEachValue(ConfigTable& config, Visit&& visit) const {
     try {
         for (auto value = config.swTableEntriesFromStart(); value.has_value();
              value = config.swTableEntriesAfter(value->key())) {
             visit(*value);
         }
+        return true;
     } catch (const KivShimo::CorruptionError& error) {
         config.doCorruptionDetected(error.what());
+        return false;
     }
 }
 

@@ -1,6 +1,8 @@
 // The bodies of Interface; included where a table is instantiated.
 #pragma once
 
+#include <algorithm>
+
 #include "catalogue/Modules.h"
 #include "entrylog/ShimoManager.h"
 #include "interface/Interface.h"
@@ -118,7 +120,10 @@ auto Interface<B>::makeSwTable(Asic::UnitId unitId, const HelperPtr& swTableHelp
     if (swTableSet_->swTableHas(unitId))
         return existingTable(unitId, swTableHelper, reset);
 
-    const Asic::LogVersion version = acknowledgedVersion(*group).value_or(Asic::LogVersion{});
+    // A process that has taken acknowledgements up knows of them also when the map is gone.
+    const Asic::LogVersion version =
+        std::max(acknowledgedVersion(*group).value_or(Asic::LogVersion{}),
+                 group->acknowledgedVersion(tableId()));
     entryLog_->mountShimoConfig(unitId, version);
     const auto name = Brumo::make<const Asic::CanonicalTableName>(Asic::TableType::ordered,
                                                                   tableName_, tableNamespace_);

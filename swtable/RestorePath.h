@@ -50,7 +50,7 @@ auto OrderedSwTableAccessor<B>::getNeededEntrySet(const ConstWrapperPtr& wrapper
 }
 
 /// Visits the keys of the committed entries that are not in deletion. `visit` may change the table.
-/// Corruption of the map ends the walk; what `visit` throws passes through.
+/// A value that cannot be read is reported and passed over; what `visit` throws passes through.
 template <class B>
 template <class Visit>
 void OrderedSwTableAccessor<B>::forEachCommitted(Table& table, Visit&& visit) {

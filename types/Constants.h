@@ -37,6 +37,11 @@ inline constexpr std::uint64_t kEntryLogConfigCapacity = 1000000;
 
 template <TableTypes Types>
 struct Constants {
+    /// Below it, the configurations lie by unit.
+    static std::string configShimoPathBase() {
+        return Asic::Constants::canonicalGroupTableConfigShimoPathBase(canonicalGroupName()) + "/" +
+               std::string(Types::kName);
+    }
     static std::string configShimoPath(Asic::UnitId unitId) {
         return Asic::Constants::tableConfigPath(canonicalGroupName(), Types::kName, unitId);
     }

@@ -289,6 +289,19 @@ TYPED_TEST(Cleanup, OfADeletionWhoseRecordWasDroppedAtTheMountReclaimsTheValue) 
     EXPECT_TRUE(this->stored(2));
 }
 
+TYPED_TEST(Cleanup, OfAUnitThatIsMountedAfterwardsReclaimsTheValue) {
+    this->write(*this->log, 1, kOtherUnit);
+    const auto version = this->del(*this->log, 1, kOtherUnit);
+    const auto live = this->write(*this->log, 2, kOtherUnit);
+    this->del(*this->log, 2, kOtherUnit);
+    this->log->tableConfigShimoDel(kOtherUnit);
+    this->log->cleanupEntryLog(version);
+    this->log->mountShimoConfig(kOtherUnit, {});
+    EXPECT_FALSE(this->stored(1, kOtherUnit));
+    EXPECT_TRUE(this->stored(2, kOtherUnit))
+        << "hardware may still hold it, version " << live.value;
+}
+
 TYPED_TEST(Cleanup, OfAUnitWithoutConfigurationRemovesTheRecord) {
     this->write(*this->log, 1, kOtherUnit);
     const auto version = this->del(*this->log, 1, kOtherUnit);

@@ -96,6 +96,8 @@ TYPED_TEST(Corruption, FirstCleanupEndsThere) {
     EXPECT_FALSE(this->logReader().find(1).has_value());
     EXPECT_FALSE(this->logReader().find(2).has_value());
     EXPECT_TRUE(this->logReader().find(3).has_value());
+    this->log->cleanupEntryLog({3});
+    EXPECT_EQ(this->log->entryLogConfigs(), 0U) << "the next one takes what was left";
 }
 
 TYPED_TEST(Corruption, LaterCleanupGoesOnBehindIt) {
@@ -118,14 +120,14 @@ TYPED_TEST(Corruption, ReclaimOfADeletedKeyKeepsACorruptValue) {
     EXPECT_EQ(this->log->tableConfigShimo(kUnit)->swTableEntriesCount(), 3U);
 }
 
-TYPED_TEST(Corruption, ReclaimOfATableDeleteEndsThereAndTheRecordGoes) {
+TYPED_TEST(Corruption, ReclaimOfATableDeleteLeavesNoOtherValueInDeletion) {
     const auto version = this->log->tableDel(nullptr, kUnit);
     this->spoilValue(this->keys[1]);
     this->log->cleanupEntryLog(version);
-    EXPECT_EQ(this->reported(), 1U);
+    EXPECT_GE(this->reported(), 1U);
     EXPECT_EQ(this->log->entryLogConfigs(), 0U);
     EXPECT_FALSE(this->log->configEntry(this->keys[0], kUnit).has_value());
-    EXPECT_TRUE(this->log->configEntry(this->keys[2], kUnit).has_value());
+    EXPECT_FALSE(this->log->configEntry(this->keys[2], kUnit).has_value());
     EXPECT_EQ(this->log->cleanedUpTo(), version);
 }
 

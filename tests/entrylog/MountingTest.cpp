@@ -273,6 +273,24 @@ TYPED_TEST(Mounting, VersionsGoOnAboveThoseAnnouncedWhenTheChangeLogIsLost) {
     EXPECT_EQ(this->write(*log, 9).value, announced + 1);
 }
 
+TYPED_TEST(Mounting, VersionsGoOnAboveThoseOfValuesWhenLogAndAnnouncementsAreLost) {
+    auto log = this->mountedLog();
+    this->write(*log, 1);
+    this->write(*log, 2, kOtherUnit);
+    this->write(*log, 3);
+    log = nullptr;
+    this->agent.stop();
+    this->lose(this->logFile());
+    this->lose(this->announceFile());
+    this->agent.start();
+    log = this->mountedLog();
+    EXPECT_EQ(log->tableVersion().value, 3U);
+    EXPECT_EQ(log->tableEntryLog()->collectionControl().scratchpad(), 3U);
+    ASSERT_EQ(this->announcements().size(), 1U) << "so that the hardware side looks at the values";
+    EXPECT_EQ(this->announcements().back().version, 3U);
+    EXPECT_EQ(this->write(*log, 4).value, 4U);
+}
+
 TYPED_TEST(Mounting, LostConfigurationIsReportedOnceAndAsksForARelaunch) {
     this->liveOnce();
     const auto relaunch = this->relaunchIs();

@@ -83,7 +83,12 @@ protected:
         const std::string wanted(reinterpret_cast<const char*>(&value), sizeof(value));
         const std::size_t at = bytes.find(wanted, KivShimo::detail::kAreasOffset);
         ASSERT_NE(at, std::string::npos);
-        for (const std::size_t byte : {at - 24, at + 20}) {
+        // The key is read from what is torn, so it stays.
+        using ConfigValue = typename EntryLog<B>::ConfigValue;
+        using Slot = KivShimo::detail::MapSlot<ConfigValue>;
+        const std::size_t sequence = at - offsetof(Slot, value) + offsetof(Slot, sequence);
+        const std::size_t entry = at + offsetof(ConfigValue, logEntry) + sizeof(LogEntryHead);
+        for (const std::size_t byte : {sequence, entry + sizeof(keyOf<B>(0))}) {
             stream.seekp(static_cast<std::streamoff>(byte)).put(static_cast<char>(bytes[byte] ^ 1));
         }
         ASSERT_TRUE(stream.flush().good());

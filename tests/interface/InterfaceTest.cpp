@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -329,6 +330,16 @@ TYPED_TEST(FamilyInterface, NewTableReportsItsStatusVersionWhenItIsRegistered) {
     Brumo::traceFilterIs(filter);
     Brumo::traceSinkIs(std::move(sink));
     EXPECT_EQ(registered, (std::vector<bool>{true}));
+}
+
+TYPED_TEST(FamilyInterface, NewTableInARunningProcessTakesNothingBackWhereTheMapIsGone) {
+    const auto first = this->table();
+    this->write(*first, 3);
+    this->agent.acknowledge(TypeParam::kTableId, 3);
+    ASSERT_EQ(first->entryLog()->cleanedUpTo().value, 3U);
+    std::filesystem::remove(this->agent.hardware().file());
+    this->table(false, {2});
+    EXPECT_EQ(first->entryLog()->cleanedUpTo().value, 3U);
 }
 
 TYPED_TEST(FamilyInterface, NewTableTakesTheHelperThatIsGiven) {
