@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <limits>
 #include <utility>
 #include <vector>
 
@@ -24,9 +23,17 @@ const Brumo::TraceSource trace("GroupInterface", "GroupInterface");
 /// cannot: updates of entries whose resource has moved, and cleared tables.
 constexpr std::uint64_t kReserveShare = 8;
 
+constexpr std::string_view kBeyond = "beyond the last version";
+
 std::uint64_t announceSlots() {
     const std::uint64_t ceiling = KivShimo::EntityManager::capacityCeiling();
     return std::bit_floor(std::min<std::uint64_t>(KivShimo::kAnnounceSlots, ceiling));
+}
+
+/// Version 0 for a table that is not there.
+LogVersion versionIn(const std::map<SwTableId, LogVersion>& versions, SwTableId tableId) {
+    const auto found = versions.find(tableId);
+    return found == versions.end() ? LogVersion{} : found->second;
 }
 
 std::string rootOf(const Regdb::EntityManager& entityManager) {
@@ -103,27 +110,48 @@ GroupInterface::~GroupInterface() {
 }
 
 /// Learns from what is acknowledged, and from what the hardware side has still to read, how far
-/// each table was announced by the process before.
+/// each table was announced by the process before. Where an acknowledgement is lost, also what was
+/// consumed counts, as far as it is not overwritten.
 void GroupInterface::takeUpAnnouncements() {
-    try {
-        if (KivShimo::AckMapReader* map = shm_->map(); map != nullptr) {
-            const auto report = [this](const auto& error) { doCorruptionDetected(error.what()); };
-            for (const auto& [tableId, version] : map->all(report))
-                acknowledgedBefore_[SwTableId(tableId)] = {version};
-            takeUpConsumed();
-        }
-        const auto log = KivShimo::AnnounceLogReader::open(shm_->announcements.file());
-        if (!log.has_value())
-            return;
-        // What was overwritten before it is no rot, also where nobody says what was consumed.
-        std::uint64_t position = shm_->announcements.consumed();
-        while (const auto announcement = log->next(position + 1)) {
+    const std::uint64_t overwritten = shm_->announcements.consumed();
+    const bool isWhole = takeUpAcknowledged();
+    const auto log = KivShimo::AnnounceLogReader::open(shm_->announcements.file());
+    if (!log.has_value())
+        return;
+    std::uint64_t at = (isWhole ? shm_->announcements.consumed() : overwritten) + 1;
+    while (at <= shm_->announcements.tail()) {
+        try {
+            const auto announcement = log->next(at);
+            if (!announcement.has_value())
+                return;
             announcedVersionIs(SwTableId(announcement->tableId), {announcement->version});
-            position = announcement->position;
+            at = announcement->position + 1;
+        } catch (const KivShimo::CorruptionError& error) {
+            doCorruptionDetected(error.what());
+            ++at;  // what stands behind it is known all the same
         }
-    } catch (const KivShimo::CorruptionError& error) {
-        doCorruptionDetected(error.what());
     }
+}
+
+/// Takes up what the hardware side says at the start; false when not all of it can be read.
+bool GroupInterface::takeUpAcknowledged() {
+    KivShimo::AckMapReader* map = shm_->map();
+    if (map == nullptr)
+        return true;
+    bool isWhole = true;
+    const auto report = [&](const KivShimo::CorruptionError& error) {
+        doCorruptionDetected(error.what());
+        isWhole = false;
+    };
+    try {
+        acknowledgedOfThisLog_ = !shm_->isOfLostLog();
+    } catch (const KivShimo::CorruptionError& error) {
+        report(error);  // and nothing counts as announced that may be of another log
+    }
+    for (const auto& [tableId, version] : map->all(report))
+        acknowledgedBefore_[SwTableId(tableId)] = {version};
+    takeUpConsumed();
+    return isWhole;
 }
 
 void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
@@ -221,16 +249,14 @@ void GroupInterface::announcedVersionIs(SwTableId tableId, LogVersion version) {
 }
 
 LogVersion GroupInterface::announcedVersion(SwTableId tableId) const {
-    return announcedUpTo(tableId, {std::numeric_limits<std::uint64_t>::max()});
+    return std::max(versionIn(announced_, tableId), versionIn(acknowledgedBefore_, tableId));
 }
 
 LogVersion GroupInterface::announcedUpTo(SwTableId tableId, LogVersion last) const {
-    const auto announced = announced_.find(tableId);
-    const auto acknowledged = acknowledgedBefore_.find(tableId);
-    return std::max(announced == announced_.end() ? LogVersion{} : announced->second,
-                    acknowledged == acknowledgedBefore_.end() || acknowledged->second > last
-                        ? LogVersion{}
-                        : acknowledged->second);
+    const LogVersion announced = versionIn(announced_, tableId);
+    const LogVersion acknowledged = versionIn(acknowledgedBefore_, tableId);
+    const bool counts = acknowledgedOfThisLog_ && acknowledged <= last;
+    return counts ? std::max(announced, acknowledged) : announced;
 }
 
 void GroupInterface::announcedVersionRestored(SwTableId tableId, LogVersion version) {
@@ -247,7 +273,7 @@ std::optional<LogVersion> GroupInterface::tableVersionInMap(SwTableId tableId) c
         return std::nullopt;
     const auto announced = announced_.find(tableId);
     if (announced != announced_.end() && announced->second.value < *version) {
-        refuse(tableId, {*version}, "beyond the last version");
+        refuse(tableId, {*version}, kBeyond);
         return std::nullopt;
     }
     return LogVersion{*version};
@@ -262,8 +288,7 @@ void GroupInterface::doCorruptionDetected(std::string_view message) const {
 }
 
 LogVersion GroupInterface::acknowledgedVersion(SwTableId tableId) const {
-    const auto found = acknowledged_.find(tableId);
-    return found == acknowledged_.end() ? LogVersion{} : found->second;
+    return versionIn(acknowledged_, tableId);
 }
 
 void GroupInterface::acknowledgementsArrived() {
@@ -291,7 +316,8 @@ void GroupInterface::acknowledgementsArrived() {
 
 /// Frees what the hardware side has consumed. REQUIRES: its map is open. A position that was never
 /// announced, or goes backwards, is refused; that is traced once, however often the map is read. A
-/// hardware side that begins anew says 0 first, or has lost its map: then none is behind it.
+/// hardware side that begins anew stores 0 first, or has a new map; then any position may be the
+/// first.
 void GroupInterface::takeUpConsumed() try {
     KivShimo::AnnounceLogWriter& announcements = shm_->announcements;
     if (shm_->reader->announceIdentity() != announcements.identity())
@@ -302,14 +328,13 @@ void GroupInterface::takeUpConsumed() try {
     shm_->takenFrom = shm_->reader->identity();
     const bool isBeyond = position > announcements.tail();
     const bool isBackwards = position < shm_->takenPosition;
-    if ((isBeyond || isBackwards) && shm_->refusedPosition != position) {
+    if (isBeyond || isBackwards) {
+        if (std::exchange(shm_->refusedPosition, position) == position)
+            return;
         trace(1, " refused consumed position {}: {}, {}", position,
               isBeyond ? "beyond the last one announced"
                        : "goes backwards from the last one taken up",
               isBeyond ? announcements.tail() : shm_->takenPosition);
-    }
-    if (isBeyond || isBackwards) {
-        shm_->refusedPosition = position;
         return;
     }
     shm_->refusedPosition = 0;
@@ -338,22 +363,13 @@ bool GroupInterface::isPauseRequestPending() const try {
 
 /// True when the table's acknowledged version has moved. A handler may end tables: they are held.
 bool GroupInterface::acknowledge(SwTableId tableId, LogVersion version) {
-    LogVersion& taken = acknowledged_[tableId];
-    if (version == taken)
+    if (version == acknowledgedVersion(tableId))
         return false;
-    if (!sets_.contains(tableId) && !announced_.contains(tableId)) {
-        refuse(tableId, version, "no such table");
-        return false;
-    }
-    if (version < taken) {
-        refuse(tableId, version, "goes backwards");
+    if (const std::string_view why = whyNot(tableId, version); !why.empty()) {
+        refuse(tableId, version, why);
         return false;
     }
-    if (version > announcedVersion(tableId)) {
-        refuse(tableId, version, "beyond the last version");
-        return false;
-    }
-    taken = version;
+    acknowledged_[tableId] = version;
     const Brumo::Ptr<OrderedSwTableSet> set = swTableSet(tableId);
     if (set == nullptr)
         return true;
@@ -365,8 +381,22 @@ bool GroupInterface::acknowledge(SwTableId tableId, LogVersion version) {
     return true;
 }
 
-/// Traced once for each lie, however often the map is read.
+/// Why an acknowledgement cannot be; empty where it can.
+std::string_view GroupInterface::whyNot(SwTableId tableId, LogVersion version) const {
+    if (!sets_.contains(tableId) && !announced_.contains(tableId))
+        return "no such table";
+    if (version < acknowledgedVersion(tableId))
+        return "goes backwards";
+    if (version > announcedVersion(tableId))
+        return kBeyond;
+    return {};
+}
+
+/// Traced once for each lie, however often the map is read. What a map names beside each other is
+/// remembered, and no more: it may name ever other tables.
 void GroupInterface::refuse(SwTableId tableId, LogVersion version, std::string_view why) const {
+    if (refused_.size() > KivShimo::kMostAckTables)
+        refused_.clear();
     LogVersion& last = refused_[tableId];
     if (last == version)
         return;
@@ -398,7 +428,7 @@ bool GroupInterface::acknowledgementsPending() {
         return std::ranges::any_of(acknowledgements, [this](const auto& each) {
             const SwTableId table(each.tableId);
             const LogVersion pending{each.version};
-            return pending > acknowledgedVersion(table) && pending <= announcedVersion(table);
+            return pending != acknowledgedVersion(table) && whyNot(table, pending).empty();
         });
     } catch (const KivShimo::CorruptionError&) {
         return false;  // reported when it is taken up

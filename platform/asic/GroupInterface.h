@@ -9,8 +9,8 @@
 //     restart announces anew what the change logs hold and the announcement log does not.
 //  2. An acknowledgement that goes backwards, beyond the last version of its table, or names a
 //     table that the group does not know is refused with a trace, and changes nothing.
-//  3. What the hardware side has acknowledged of an announcement log that is lost counts for
-//     nothing: versions may have been handed out again.
+//  3. What the hardware side has acknowledged of an announcement log that is lost completes
+//     nothing, as versions may have been handed out again, and is announced anew.
 //  4. What waits in memory for room in the announcement log does not grow with its number.
 #pragma once
 
@@ -66,9 +66,12 @@ public:
     void announcedVersionIs(SwTableId tableId, LogVersion version);
     /// Tells where a table stands that has just been mounted, whatever the hardware side says.
     void announcedVersionRestored(SwTableId tableId, LogVersion version);
+    /// The highest version announced, or acknowledged before the start, also of a log that is lost:
+    /// no version up to it is handed out again. 0 when there is none.
     LogVersion announcedVersion(SwTableId tableId) const;
-    /// The same for a table that knows its `last` version: an acknowledgement from before the
-    /// restart that lies beyond it is no witness.
+    /// The highest version that this very log has announced. An acknowledgement from before the
+    /// start says so too, but not one of a lost log, nor one above `last`, the table's own last
+    /// version.
     LogVersion announcedUpTo(SwTableId tableId, LogVersion last) const;
 
     /// The acknowledged version as the hardware side's map has it; nothing when the table is not in
@@ -96,6 +99,7 @@ private:
     struct SharedMemory;  ///< the mounted files; keeps their headers out of this one
 
     void takeUpAnnouncements();
+    bool takeUpAcknowledged();
     bool hasRoomForWaiting();
     void takeUpConsumed();
     void takeUpPauseRequest();
@@ -106,6 +110,7 @@ private:
     bool append(SwTableId tableId, LogVersion version, const Brumo::Ptr<const NeededEntry>& needed);
     void appendWaiting();
     bool acknowledge(SwTableId tableId, LogVersion version);
+    std::string_view whyNot(SwTableId tableId, LogVersion version) const;
     void refuse(SwTableId tableId, LogVersion version, std::string_view why) const;
 
     std::string name_;
@@ -116,6 +121,7 @@ private:
     std::map<SwTableId, LogVersion> announced_;
     /// What the hardware side said at the start; tables that are taken up know better.
     std::map<SwTableId, LogVersion> acknowledgedBefore_;
+    bool acknowledgedOfThisLog_ = false;  ///< and not of one that is lost
     std::map<SwTableId, LogVersion> acknowledged_;
     mutable std::map<SwTableId, LogVersion> refused_;  ///< so that a lie is traced once
     WaitingAnnouncements waiting_;

@@ -13,6 +13,7 @@
 #include "platform/kivshimo/Doorbell.h"
 #include "platform/kivshimo/EntityManager.h"
 #include "platform/kivshimo/Paths.h"
+#include "platform/kivshimo/detail/AnnounceSlot.h"
 #include "platform/kivshimo/detail/FileHeader.h"
 #include "tests/platform/asic/Fakes.h"
 #include "tests/support/InProcessAgent.h"
@@ -62,7 +63,7 @@ protected:
     /// What the hardware side reads, from where it has come.
     std::vector<KivShimo::Announcement> read() {
         auto log = KivShimo::AnnounceLogReader::open(
-            KivShimo::tableFile(dir_.path(), Asic::Constants::announcementsPath(kGroup)));
+            KivShimo::tableFile(dir_.path(), announcementsPath()));
         std::vector<KivShimo::Announcement> announcements;
         while (const auto announcement = log->next(position_ + 1)) {
             position_ = announcement->position;
@@ -94,10 +95,23 @@ protected:
     std::uint64_t acknowledged(Asic::SwTableId table = kTable) const {
         return group_->acknowledgedVersion(table).value;
     }
-    void rotAcknowledgement() {
-        std::fstream file(hardware().file(), std::ios::in | std::ios::out | std::ios::binary);
-        file.seekp(KivShimo::detail::kAreasOffset).put('\x55');
+    static void rot(const std::string& path, std::initializer_list<std::size_t> places) {
+        std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+        for (const std::size_t place : places)
+            file.seekp(static_cast<std::streamoff>(place)).put('\x55');
         ASSERT_TRUE(file.good());
+    }
+    void rotAcknowledgement() { rot(hardware().file(), {KivShimo::detail::kAreasOffset}); }
+    /// Which log it was that the hardware side has acknowledged.
+    void rotNotedLog() {
+        constexpr std::size_t kNoted =
+            KivShimo::detail::kDynamicOffset + offsetof(KivShimo::detail::DynamicHeader, tail);
+        rot(hardware().file(), {kNoted, kNoted + 24});
+    }
+    static std::string announcementsPath() { return Asic::Constants::announcementsPath(kGroup); }
+    void rotAnnouncement(std::uint64_t position) {
+        rot(KivShimo::tableFile(dir_.path(), announcementsPath()),
+            {KivShimo::detail::kAreasOffset + position * sizeof(KivShimo::detail::AnnounceSlot)});
     }
     /// A family of one table that the group tells of acknowledgements.
     Brumo::Ptr<FakeTable> familyWithTable() {
@@ -360,6 +374,29 @@ TEST_F(GroupInterfaceTest, DoesNotSleepOverAnAcknowledgementThatWasRefusedAndHol
     group_->awake();
 }
 
+TEST_F(GroupInterfaceTest, SleepsOverEverythingThatItRefusesOfWhatAMapSaidBeforeTheStart) {
+    group_->addLogEntry(kTable, {5}, nullptr);
+    group_->addLogEntry(kOther, {5}, nullptr);
+    hardware().ackIs(0x01020003, 7);  // an unknown table
+    hardware().ackIs(kTable.whole(), 9);
+    hardware().ackIs(kOther.whole(), 4);
+    restart();
+    group_->announcedVersionRestored(kTable, {5});
+    group_->announcedVersionRestored(kOther, {5});
+    group_->acknowledgementsArrived();
+    EXPECT_TRUE(group_->sleepPrepared());
+    group_->awake();
+    hardware().forget(kOther.whole());
+    hardware().ackIs(kOther.whole(), 2);  // backwards
+    EXPECT_TRUE(group_->sleepPrepared());
+    group_->awake();
+    group_->acknowledgementsArrived();
+    EXPECT_TRUE(group_->sleepPrepared());
+    group_->awake();
+    EXPECT_EQ(acknowledged(), 0U);
+    EXPECT_EQ(acknowledged(kOther), 4U);
+}
+
 TEST_F(GroupInterfaceTest, BelievesNoAcknowledgementOfALostLogUntilItsOwnIsNoted) {
     group_->addLogEntry(kTable, {5}, nullptr);
     hardware().announceIdentityIs(77);
@@ -453,12 +490,7 @@ TEST_F(GroupInterfaceTest, TakesUpAcknowledgementsBesideARottenPauseRequest) {
     hardware().pauseRequestedIs(true);
     group_->acknowledgementsArrived();
     ASSERT_TRUE(group_->groupResolver()->suspended());
-    {
-        std::fstream file(hardware().file(), std::ios::in | std::ios::out | std::ios::binary);
-        file.seekp(static_cast<std::streamoff>(pause)).put('\x55');
-        file.seekp(static_cast<std::streamoff>(pause + 24)).put('\x55');
-        ASSERT_TRUE(file.good());
-    }
+    rot(hardware().file(), {pause, pause + 24});
     ASSERT_TRUE(hardware().ackIs(kTable.whole(), 3));
     EXPECT_FALSE(group_->sleepPrepared()) << "there is an acknowledgement";
     group_->acknowledgementsArrived();
@@ -502,6 +534,70 @@ TEST_F(GroupInterfaceTest, LearnsAfterARestartWhatWasAnnounced) {
     EXPECT_TRUE(group_->hasRoom());
     group_->addLogEntry(kTable, {3}, nullptr);
     EXPECT_THAT(readVersions(), ElementsAre(3)) << "the hardware side goes on where it was";
+}
+
+TEST_F(GroupInterfaceTest, LearnsWhatWasAnnouncedBehindARottenAnnouncement) {
+    for (std::uint64_t version = 1; version <= 12; ++version)
+        group_->addLogEntry(kTable, {version}, nullptr);
+    stop();
+    rotAnnouncement(5);
+    start();
+    EXPECT_EQ(group_->announcedVersion(kTable).value, 12U);
+    EXPECT_EQ(group_->corruptions(), 1U);
+}
+
+TEST_F(GroupInterfaceTest, LearnsWhatWasAnnouncedOfATableWhoseAcknowledgementIsRotten) {
+    for (std::uint64_t version = 1; version <= kSlots + 3; ++version) {
+        group_->addLogEntry(kTable, {version}, nullptr);
+        read();
+        hardware().ackIs(kTable.whole(), version);
+        consume();
+    }
+    rotAcknowledgement();
+    restart();
+    EXPECT_EQ(group_->announcedVersion(kTable).value, kSlots + 3);
+    EXPECT_TRUE(group_->hasRoom()) << "what is consumed is free";
+    EXPECT_EQ(group_->corruptions(), 1U) << "what was overwritten is no rot";
+}
+
+TEST_F(GroupInterfaceTest, LearnsWhatWasAnnouncedWhereTheNotedLogIsRotten) {
+    group_->addLogEntry(kTable, {5}, nullptr);
+    read();
+    hardware().ackIs(kTable.whole(), 5);
+    consume();
+    rotNotedLog();
+    restart();
+    EXPECT_EQ(group_->announcedUpTo(kTable, {5}).value, 5U);
+    EXPECT_EQ(group_->announcedVersion(kTable).value, 5U);
+}
+
+TEST_F(GroupInterfaceTest, BelievesNoAcknowledgementWhoseLogIsNotKnownUntilItIsNoted) {
+    group_->addLogEntry(kTable, {5}, nullptr);
+    read();
+    hardware().ackIs(kTable.whole(), 5);
+    hardware().announceIdentityIs(identity_);
+    rotNotedLog();
+    hardware_.reset();
+    hardware();  // the next process, which has not noted the log yet
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(acknowledged(), 0U);
+    EXPECT_TRUE(group_->sleepPrepared());
+    group_->awake();
+    hardware().announceIdentityIs(identity_);
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(acknowledged(), 5U);
+}
+
+TEST_F(GroupInterfaceTest, TakesNothingAsAnnouncedThatWasAcknowledgedOfALostLog) {
+    group_->addLogEntry(kTable, {5}, nullptr);
+    read();
+    hardware().ackIs(kTable.whole(), 5);
+    consume();
+    stop();
+    std::filesystem::remove(KivShimo::tableFile(dir_.path(), announcementsPath()));
+    start();
+    EXPECT_EQ(group_->announcedUpTo(kTable, {5}).value, 0U) << "it has to be announced anew";
+    EXPECT_EQ(group_->announcedVersion(kTable).value, 5U) << "and is not handed out again";
 }
 
 TEST_F(GroupInterfaceTest, KnowsEverythingThatWasAnnounced) {
