@@ -34,8 +34,8 @@ void reportFinished(const LoadFigures& figures) {
         return;
     }
     logLine(
-        fmt::format("policy {}: {} changes acknowledged, {} failed for want of a counter or "
-                    "policer, first {}; they are tried again at the next reload",
+        fmt::format("policy {}: {} changes acknowledged, {} failed, first {}; they are tried again "
+                    "at the next reload",
                     figures.file, figures.complete, figures.failed, figures.firstFailure));
 }
 

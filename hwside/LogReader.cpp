@@ -84,8 +84,8 @@ bool LogReader::opened() {
 bool LogReader::goesOn() {
     const bool isNew =
         std::ranges::all_of(tables_, [](const auto& table) { return table->reached().value == 0; });
-    return acks_->announceIdentity() == announcements_->identity() &&
-           acks_->consumed() <= announcements_->tail() && !(isNew && acks_->consumed() != 0) &&
+    return isSameLog() && acks_->consumed() <= announcements_->tail() &&
+           !(isNew && acks_->consumed() != 0) &&
            std::ranges::all_of(tables_, [&](const auto& table) {
                const std::uint64_t version = acknowledged(table->tableId());
                return table->reached().value == version && snapshotVersion(*table, 0) >= version;
@@ -126,9 +126,15 @@ void LogReader::take(KivShimo::Announcement announcement, std::uint64_t before) 
     waiting_[tableId].push_back({std::move(announcement), before});
 }
 
+/// Whether the change may be carried out. A table that is not looked up waits for nothing, and the
+/// agent announces what is needed first: what an announcement that was taken needs of it was taken
+/// before. Its acknowledgement may be lost, and the agent does not announce it again.
 bool LogReader::needsMet(const KivShimo::Announcement& announcement) {
+    const bool isTaken = announcement.position <= position_;
     return std::ranges::all_of(announcement.needed, [&](const KivShimo::NeededVersion& needed) {
         if (acknowledged(needed.tableId) >= needed.version)
+            return true;
+        if (isTaken && tableOf(needed.tableId) == nullptr)
             return true;
         if (needed.tableId == announcement.tableId && needed.version >= announcement.version) {
             kTrace(1, " {}@{} needs {} of its own table: cannot be waited for",
@@ -166,7 +172,7 @@ bool LogReader::carriedOut(const KivShimo::Announcement& announcement) {
             case Applied::superseded:
                 ++counters_.superseded;
                 if (const auto later = table->laterVersion();
-                    later.has_value() && isAnnouncedAndMet(tableId, *later)) {
+                    later.has_value() && isLaterMet(announcement, *later)) {
                     table->programLater();
                 }
                 break;
@@ -186,17 +192,21 @@ bool LogReader::carriedOut(const KivShimo::Announcement& announcement) {
     return true;
 }
 
-/// Looks ahead, a bounded way, for the announcement of a later change and at what it needs.
-bool LogReader::isAnnouncedAndMet(std::uint32_t tableId, Asic::LogVersion version) {
+/// Looks ahead, a bounded way, for the announcement of the later change of a key and at what it
+/// needs. All versions of a table are announced, in order: a change that is so many versions later
+/// stands behind the bound, and is not looked for with each change of a long backlog.
+bool LogReader::isLaterMet(const KivShimo::Announcement& announcement, Asic::LogVersion later) {
+    if (later.value - announcement.version > kLookAhead)
+        return false;
     try {
         std::uint64_t at = position_ + 1;
         for (std::size_t left = kLookAhead; left > 0; --left) {
-            const auto announcement = announcements_->next(at);
-            if (!announcement)
+            const auto next = announcements_->next(at);
+            if (!next)
                 return false;
-            if (announcement->tableId == tableId && announcement->version == version.value)
-                return needsMet(*announcement);
-            at = announcement->position + 1;
+            if (next->tableId == announcement.tableId && next->version == later.value)
+                return needsMet(*next);
+            at = next->position + 1;
         }
     } catch (const KivShimo::CorruptionError&) {
         return false;  // counted when it is taken
@@ -239,11 +249,16 @@ void LogReader::publishConsumed() {
 /// Values newer than these are left to their announcements, which come behind the tail. So are
 /// published ones that are not announced yet, where all announcements are known: the log was full,
 /// and what they need of tables that publish nothing is not announced either.
+///
+/// One hole is left. In a new log that announces nothing of a table yet, what the table has
+/// published is taken, as it may have been announced in the log that is lost. Where the agent has
+/// just published a change, and announces it behind the tail, that is programmed before the
+/// resources that it needs are taken, if these are announced behind the tail as well.
 void LogReader::snapshot() {
     const std::uint64_t tail = announcements_->tail();
     kTrace(2, " snapshot: announcements up to {}", tail);
     Covered covered = coveredUpTo(tail);
-    bool isOtherHistory = acks_->announceIdentity() != announcements_->identity();
+    bool isOtherHistory = !isSameLog();
     std::map<std::uint32_t, std::uint64_t> published;
     for (auto at = tables_.rbegin(); at != tables_.rend(); ++at) {
         const std::uint32_t tableId = (*at)->tableId();
@@ -285,11 +300,10 @@ void LogReader::snapshot() {
 /// What was announced up to the tail, as far as the log still has it.
 LogReader::Covered LogReader::coveredUpTo(std::uint64_t tail) const {
     Covered covered;
-    const bool isSameLog = acks_->announceIdentity() == announcements_->identity();
     const std::uint64_t slots = announcements_->slots();
-    covered.isWhole = isSameLog || tail <= slots;
+    covered.isWhole = isSameLog() || tail <= slots;
     const std::uint64_t oldest = tail > slots ? tail - slots + 1 : 1;
-    std::uint64_t at = isSameLog ? std::max(oldest, acks_->consumed() + 1) : oldest;
+    std::uint64_t at = isSameLog() ? std::max(oldest, acks_->consumed() + 1) : oldest;
     while (at <= tail) {
         try {
             auto announcement = announcements_->next(at);
@@ -298,7 +312,7 @@ LogReader::Covered LogReader::coveredUpTo(std::uint64_t tail) const {
             std::uint64_t& version = covered.versions[announcement->tableId];
             version = std::max(version, announcement->version);
             const std::uint64_t before = std::exchange(at, announcement->position + 1) - 1;
-            if (isSameLog)
+            if (isSameLog())
                 covered.notConsumed.push_back({std::move(*announcement), before});
         } catch (const KivShimo::CorruptionError&) {
             covered.isWhole = false;
@@ -312,9 +326,9 @@ LogReader::Covered LogReader::coveredUpTo(std::uint64_t tail) const {
 /// be carried out when they are met.
 void LogReader::leaveOutWhatHasToWait(Covered& covered) const {
     const auto isMet = [&](const KivShimo::NeededVersion& needed) {
-        const auto at = covered.versions.find(needed.tableId);
-        const std::uint64_t version = at == covered.versions.end() ? 0 : at->second;
-        return std::max(version, acknowledged(needed.tableId)) >= needed.version;
+        return tableOf(needed.tableId) == nullptr ||
+               std::max(covered.versions[needed.tableId], acknowledged(needed.tableId)) >=
+                   needed.version;
     };
     for (bool moved = true; moved;) {
         moved = false;
@@ -334,9 +348,8 @@ void LogReader::leaveOutWhatHasToWait(Covered& covered) const {
 /// The agent's logs are others than those that were acknowledged. Tables that are not looked up
 /// keep what they have as long as the announcements are the same.
 void LogReader::startAcknowledgingAnew() {
-    const bool isSameLog = acks_->announceIdentity() == announcements_->identity();
     for (const auto& [tableId, version] : acks_->all()) {
-        if (!isSameLog || tableOf(tableId) != nullptr)
+        if (!isSameLog() || tableOf(tableId) != nullptr)
             acks_->forget(tableId);
     }
     acks_->consumedIs(0);

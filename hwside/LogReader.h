@@ -6,15 +6,18 @@
 //
 // What always holds:
 //  1. Nothing is programmed before every (table, version) that its announcement needs is
-//     acknowledged. An announcement that has to wait holds back later ones of its own table; those
-//     of other tables go on.
-//  2. A version is acknowledged once hardware is as the table was at that version or later; but for
-//     a key that was written again meanwhile, while what its later value needs is not there: that
-//     keeps what hardware has until its own announcement.
+//     acknowledged; where the table is one that is not looked up, before it was announced, which
+//     the agent does first. An announcement that has to wait holds back later ones of its own
+//     table; those of other tables go on.
+//  2. A version is acknowledged once hardware is as the table was at that version or later. One
+//     exception: a key that was written again, or deleted, keeps what hardware has until its later
+//     announcement is carried out, unless rule 5 applies.
 //  3. The consumed position lies before the oldest announcement that is not done.
 //  4. Hardware is never touched for what it already holds.
-//  5. Where a later change has replaced the value of a written key meanwhile, that later value is
-//     programmed at once, if it is announced and what it needs is there.
+//  5. Where a later write has replaced the value of a written key meanwhile, that later value is
+//     programmed at once, if the write is at most 1024 versions later, is announced already, and
+//     that within the next 1024 announcements, and what it needs is there. A later deletion is left
+//     to its announcement.
 //
 // Rotten records. A rotten or missing announcement or change record does not say what it was about,
 // so everything is taken from the configurations once (a snapshot), which hold it as well. A rotten
@@ -90,11 +93,13 @@ private:
 
     bool opened();
     bool goesOn();
+    /// Whether what is acknowledged was announced in this very log.
+    bool isSameLog() const { return acks_->announceIdentity() == announcements_->identity(); }
     Progress consume(std::size_t budget);
     void take(KivShimo::Announcement announcement, std::uint64_t before);
     bool needsMet(const KivShimo::Announcement& announcement);
     bool carriedOut(const KivShimo::Announcement& announcement);
-    bool isAnnouncedAndMet(std::uint32_t tableId, Asic::LogVersion version);
+    bool isLaterMet(const KivShimo::Announcement& announcement, Asic::LogVersion later);
     void retryWaiting();
     void publishConsumed();
 

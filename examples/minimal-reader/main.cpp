@@ -150,8 +150,10 @@ private:
         }
         bool worked = false;
         while (const auto change = log_->next(acks_.consumed() + 1)) {
+            // What it needs of other tables was announced before, and passed.
             const bool isReady = std::ranges::all_of(change->needed, [&](const auto& needed) {
-                return acks_.acknowledged(needed.tableId).value_or(0) >= needed.version;
+                return !isOwn(needed.tableId) ||
+                       acks_.acknowledged(needed.tableId).value_or(0) >= needed.version;
             });
             if (!isReady)
                 break;

@@ -56,7 +56,8 @@ public:
     using LogTable = VornPolicyCpu::EntryLogShimo<Types>;
     using Constants = VornPolicyCpu::Constants<Types>;
 
-    explicit TableWriter(KivShimo::EntityManager& manager) : manager_(&manager) {
+    TableWriter(KivShimo::EntityManager& manager, std::uint64_t capacity)
+        : manager_(&manager), capacity_(capacity) {
         log_ = mounted<LogTable>(Constants::tableEntryLogShimoPath(),
                                  Constants::entryLogShimoType(), VornPolicyCpu::kEntryLogConfig);
         version_ = log_->collectionControl().scratchpad();
@@ -115,7 +116,7 @@ private:
     Brumo::Ptr<Table> mounted(const std::string& path, const std::string& type,
                               const char* collection) {
         KivShimo::MountInfo info(0);
-        info.collectionIs({collection, kCapacity, 0});
+        info.collectionIs({collection, capacity_, 0});
         manager_->mountGroup()->mountIs(path, type, info);
         manager_->mountGroup()->close();
         return Brumo::Ptr<Table>(dynamic_cast<Table*>(manager_->entity(path).get()));
@@ -132,6 +133,7 @@ private:
     }
 
     KivShimo::EntityManager* manager_;
+    std::uint64_t capacity_;
     Brumo::Ptr<LogTable> log_;
     std::map<Asic::UnitId, Brumo::Ptr<ConfigTable>> configs_;
     std::uint64_t version_ = 0;
@@ -139,13 +141,17 @@ private:
 
 class AgentSide {
 public:
-    explicit AgentSide(const std::string& root)
+    /// With so many slots for announcements, for records and for values.
+    explicit AgentSide(const std::string& root,
+                       std::uint64_t announcementSlots = kAnnouncementSlots,
+                       std::uint64_t capacity = kCapacity)
         : manager_(Brumo::make<KivShimo::EntityManager>(root)),
           announcements_(root,
                          Asic::Constants::announcementsPath(VornPolicyCpu::canonicalGroupName()),
-                         kAnnouncementSlots),
-          tables_(TableWriter<ActionTypes>(*manager_), TableWriter<V4Types>(*manager_),
-                  TableWriter<V6Types>(*manager_)) {}
+                         announcementSlots),
+          tables_(TableWriter<ActionTypes>(*manager_, capacity),
+                  TableWriter<V4Types>(*manager_, capacity),
+                  TableWriter<V6Types>(*manager_, capacity)) {}
 
     template <class Types>
     TableWriter<Types>& table() {

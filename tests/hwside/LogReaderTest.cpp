@@ -213,6 +213,29 @@ TEST_F(LogReaderTest, ProgramsTheLaterValueOfAKeyThatHardwareDoesNotHold) {
     expectAllSame();
 }
 
+TEST_F(LogReaderTest, LooksAheadForALaterValueAThousandAnnouncementsAndNoFurther) {
+    constexpr std::uint64_t kBound = 1024;
+    constexpr std::uint64_t kRoom = 4096;
+    killAgent();
+    std::filesystem::remove_all(folder_.path() + "/asic");
+    agent_.emplace(folder_.path(), kRoom, kRoom);
+    reader_->pump();
+    agent_->write<V4Types>(kUnit, matchEntry<V4Types>(1, 1));
+    reader_->pump();
+    for (const std::uint64_t distance : {kBound, kBound + 1}) {
+        const std::uint64_t changed = tcam_->counters<V4Types>().changed;
+        agent_->write<V4Types>(kUnit, matchEntry<V4Types>(1, 2));
+        for (std::uint64_t other = 1; other < distance; ++other)
+            agent_->write<V4Types>(kUnit, matchEntry<V4Types>(2, 1));
+        const std::uint32_t priority = static_cast<std::uint32_t>(1000 + distance);
+        agent_->write<V4Types>(kUnit, matchEntry<V4Types>(1, priority));
+        EXPECT_EQ(reader_->pump(1), Progress::more);
+        EXPECT_EQ(tcam_->counters<V4Types>().changed, changed + (distance == kBound ? 1 : 0));
+        reader_->pump();
+        expectAllSame();
+    }
+}
+
 TEST_F(LogReaderTest, DoesNotProgramAValueThatIsDeletedMeanwhile) {
     reader_->pump();
     agent_->write<ActionTypes>(kUnit, actionEntry(1, 100));
@@ -322,8 +345,8 @@ TEST_F(LogReaderTest, AWaitingChangeHoldsItsOwnTableBackAndNoOther) {
 
 TEST_F(LogReaderTest, NeedsOfSeveralTablesAreAllWaitedFor) {
     reader_->pump();
-    agent_->write<ActionTypes>(kUnit, actionEntry(1, 100), {{kCounters, 1}, {kV6, 1}, {kV4, 1}});
     agent_->announce(kCounters, 1);
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 100), {{kCounters, 1}, {kV6, 1}, {kV4, 1}});
     agent_->write<V4Types>(kUnit, matchEntry<V4Types>(1, 1));
     reader_->pump();
     EXPECT_EQ(acked(kAction), 0U);
@@ -338,6 +361,31 @@ TEST_F(LogReaderTest, DoesNotWaitForItself) {
     reader_->pump();
     EXPECT_EQ(acked(kAction), 1U);
     EXPECT_NE(traces_.find("of its own table: cannot be waited for"), std::string::npos);
+}
+
+TEST_F(LogReaderTest, DoesNotWaitForAResourceWhoseAcknowledgementIsLost) {
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 100), {{kCounters, 7}});
+    reader_->pump();
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 200), {{kCounters, 7}});
+    startReader();  // a snapshot that the announcement is in
+    reader_->pump();
+    EXPECT_EQ(acked(kAction), 2U);
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 300), {{kCounters, 7}});
+    reader_->pump();
+    EXPECT_EQ(acked(kAction), 3U);
+    EXPECT_EQ(reader_->waiting(), 0U);
+    expectAllSame();
+}
+
+TEST_F(LogReaderTest, ProgramsNoLaterValueBeforeTheResourceThatItNeedsIsTaken) {
+    reader_->pump();
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 100));
+    agent_->announce(kCounters, 7);
+    agent_->write<ActionTypes>(kUnit, actionEntry(1, 200), {{kCounters, 7}});
+    EXPECT_EQ(reader_->pump(1), Progress::more);
+    EXPECT_EQ(tcam_->entries<ActionTypes>(), 0U);
+    reader_->pump();
+    expectAllSame();
 }
 
 // Late, dead and returned
@@ -399,10 +447,10 @@ TEST_F(LogReaderTest, ASnapshotLeavesWhatFoundNoRoomAmongTheAnnouncementsToItsAn
     EXPECT_EQ(reader_->counters().snapshots, 2U);
     EXPECT_EQ(tcam_->entries<ActionTypes>(), 1U) << "what it needs is not known";
     EXPECT_EQ(acked(kAction), 1U);
-    agent_->announce(kAction, version, {{kCounters, 3}});
+    agent_->announce(kAction, version, {{kV4, 1}});
     reader_->pump();
     EXPECT_EQ(tcam_->entries<ActionTypes>(), 1U);
-    agent_->announce(kCounters, 3);
+    agent_->write<V4Types>(kUnit, matchEntry<V4Types>(1, 1));
     reader_->pump();
     EXPECT_EQ(acked(kAction), 2U);
     expectAllSame();
@@ -506,7 +554,7 @@ TEST_F(LogReaderTest, AChangeLogThatStartsAgainTakesItsAcknowledgementBackAndNoO
 TEST_F(LogReaderTest, ASnapshotDoesNotRunAheadOfWhatWaits) {
     reader_->pump();
     agent_->write<V4Types>(kUnit, matchEntry<V4Types>(1, 1));
-    agent_->write<V4Types>(kUnit, matchEntry<V4Types>(2, 1), {{kCounters, 3}});
+    agent_->write<V4Types>(kUnit, matchEntry<V4Types>(2, 1), {{kV6, 1}});
     agent_->write<V4Types>(kUnit, matchEntry<V4Types>(3, 1));
     reader_->pump();
     EXPECT_EQ(acked(kV4), 1U);
@@ -516,7 +564,7 @@ TEST_F(LogReaderTest, ASnapshotDoesNotRunAheadOfWhatWaits) {
     EXPECT_EQ(acked(kV4), 1U);
     EXPECT_EQ(tcam_->entries<V4Types>(), 1U);
     EXPECT_EQ(acks_->consumed(), 1U);
-    agent_->announce(kCounters, 3);
+    agent_->write<V6Types>(kUnit, matchEntry<V6Types>(1, 1));
     reader_->pump();
     EXPECT_EQ(acked(kV4), 3U);
     expectAllSame();
@@ -539,6 +587,26 @@ TEST_F(LogReaderTest, ReclaimedDeletesLeaveNothingBehind) {
 }
 
 // Rot
+
+TEST_F(LogReaderTest, BeginsAnewWhereItIsNotKnownWhichLogWasAcknowledged) {
+    agent_->announce(kCounters, 4);
+    for (std::uint32_t rule = 1; rule <= 3; ++rule)
+        agent_->write<V4Types>(kUnit, matchEntry<V4Types>(rule, 1));
+    acks_->ackIs(kV6, 1000);  // of a log that is lost
+    acks_->announceIdentityIs(77);
+    const std::size_t noted =
+        KivShimo::detail::kDynamicOffset + offsetof(KivShimo::detail::DynamicHeader, tail);
+    spoil(acks_->file(), noted);
+    spoil(acks_->file(), noted + 24);
+    startReader();
+    reader_->pump();
+    EXPECT_EQ(reader_->counters().snapshots, 1U);
+    EXPECT_EQ(acked(kCounters), 4U);
+    EXPECT_EQ(acked(kV4), 3U);
+    EXPECT_EQ(acked(kV6), 0U);
+    EXPECT_EQ(acks_->announceIdentity(), agent_->announcements().identity());
+    expectAllSame();
+}
 
 TEST_F(LogReaderTest, ARottenChangeRecordIsReplacedByASnapshot) {
     reader_->pump();
@@ -624,11 +692,15 @@ TEST_F(LogReaderTest, CountsASnapshotOnceHoweverOftenItFindsAStoreHalfDone) {
     const std::size_t label = offsetof(Value, logEntry) + offsetof(V4Types::LogEntry, label);
     const std::size_t slot =
         placeOf(file, "rule 1") - label - offsetof(KivShimo::detail::MapSlot<Value>, value);
-    spoil(file, slot, KivShimo::detail::kMidStore);
+    const auto tear = [&] {
+        spoil(file, slot + offsetof(KivShimo::detail::MapSlot<Value>, value) + label, 1);
+        spoil(file, slot, KivShimo::detail::kMidStore);
+    };
+    tear();
     EXPECT_EQ(reader_->pump(), Progress::again);
     EXPECT_EQ(reader_->pump(), Progress::again);
     EXPECT_EQ(reader_->counters().snapshots, 0U);
-    spoil(file, slot, KivShimo::detail::kMidStore);
+    tear();
     EXPECT_EQ(reader_->pump(), Progress::idle);
     EXPECT_EQ(reader_->counters().snapshots, 1U);
     expectAllSame();

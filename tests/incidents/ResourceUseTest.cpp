@@ -201,13 +201,13 @@ TEST_F(Sweep, KeepsAnIndexWhoseEndTheHardwareSideHasNotTakenYet) {
     expectConsistent();
 }
 
-// What an entry is bound to.
+// The counter of an entry.
 
-class Binding : public ActionSystem {
+class CounterOfAnEntry : public ActionSystem {
 protected:
     static constexpr std::uint32_t kBound = 30;
 
-    Binding() : ActionSystem({.counters = 64, .policers = 4}) {}
+    CounterOfAnEntry() : ActionSystem({.counters = 64, .policers = 4}) {}
 
     std::map<std::uint32_t, std::uint32_t> committedCounters() {
         std::map<std::uint32_t, std::uint32_t> indexes;
@@ -217,7 +217,7 @@ protected:
     }
 };
 
-TEST_F(Binding, OfEveryEntryAfterARestartIsTheCounterItHadBefore) {
+TEST_F(CounterOfAnEntry, IsTheOneItHadBeforeARestart) {
     // Neither in the order of the actions nor in that of the requests.
     for (std::uint32_t id = kBound; id >= 1; --id)
         writeAction(id, 100 + id * 7 % 31);
