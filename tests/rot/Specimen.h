@@ -23,6 +23,7 @@ using Image = std::map<std::string, std::string>;
 struct Findings {
     std::map<std::string, std::string> values;
     std::vector<std::string> reports;
+    bool isBusy = false;  ///< something was said to be in the middle of a store, and stayed so
 };
 
 class Specimen {
@@ -45,7 +46,12 @@ public:
     Findings asHardware(bool isAcknowledged) const;
     /// By the agent's tables, which take the files up and then go on working. Ends the process when
     /// what always holds does not. `meanwhile` happens when they are mounted.
-    Findings asWriter(const std::function<void()>& meanwhile = {}) const;
+    /// With `onlyTable`, they are that table's.
+    Findings asWriter(const std::function<void()>& meanwhile = {},
+                      const std::string& onlyTable = {}) const;
+
+    /// The name of the table that a file belongs to; empty for those of the group.
+    static std::string tableOf(const std::string& file);
 
 private:
     TestSupport::TempDir directory_;

@@ -171,6 +171,24 @@ bool valuesAreAs(const typename EntryLog<B>::Record& record, const HwSide::Group
     return areDeleted;
 }
 
+/// Keys of the first unit that readers find not to be there, not those that they have to wait for.
+template <class B>
+std::set<std::string> absentKeys(const HwSide::Group& group) {
+    using Types = typename B::Types;
+    const KivShimo::MapReader<typename EntryLog<B>::ConfigValue> values(
+        group.configFile<Types>(kUnits[0]), Constants<Types>::configShimoType(), kSwTableEntries);
+    std::set<std::string> absent;
+    for (std::uint32_t number = 1; number <= 3; ++number) {
+        try {
+            if (!values.find(keyOf<B>(number)).has_value())
+                absent.insert(keyOf<B>(number).toText());
+        } catch (const KivShimo::BusyError&) {
+            // It is being stored.
+        }
+    }
+    return absent;
+}
+
 /// Value, record, published version, announcement: whoever sees one finds those before it.
 template <class B>
 Sight readLog(const std::string& folder, std::uint64_t reclaimed) {
@@ -178,7 +196,7 @@ Sight readLog(const std::string& folder, std::uint64_t reclaimed) {
     const HwSide::Group group{folder};
     const KivShimo::VersionLogReader<typename EntryLog<B>::Record> log(
         group.changeLogFile<Types>(), Constants<Types>::entryLogShimoType(), kEntryLogConfig);
-    Sight sight{log.scratchpad(), {}};
+    Sight sight{log.scratchpad(), {}, absentKeys<B>(group)};
     for (std::uint64_t version = sight.published; version > reclaimed; --version) {
         const auto record = log.find(version);
         if (!record.has_value()) {
@@ -212,6 +230,7 @@ Scenario scenario(std::string_view name, std::function<void(EntryLogSubject<B>&)
             [as, prepare = std::move(prepare)](Subject& subject) { prepare(as(subject)); },
             [as, change = std::move(change)](Subject& subject) { change(as(subject)); },
             readLog<B>,
+            acknowledged.has_value(),
             acknowledged.has_value()};
 }
 
@@ -294,9 +313,11 @@ void addMountsOfDamage(std::vector<Scenario>& all) {
             s.spoilPublishedVersion();
         },
         mount));
-    all[first].isMount = true;
-    for (std::size_t i = first; i < all.size(); ++i)
+    all[first].leavesStateAsItIs = true;
+    for (std::size_t i = first; i < all.size(); ++i) {
+        all[i].isMount = true;
         all[i].read = [](const std::string&, std::uint64_t) { return Sight{}; };
+    }
 }
 
 }  // namespace

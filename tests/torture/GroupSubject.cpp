@@ -70,7 +70,7 @@ private:
 
 Sight readAnnouncements(const std::string& folder, std::uint64_t /*reclaimed*/) {
     const auto log = KivShimo::AnnounceLogReader::open(KivShimo::tableFile(folder, kPath));
-    Sight sight{log->tail(), {}};
+    Sight sight{log->tail(), {}, {}};
     std::uint64_t position = 0;
     while (const auto next = log->next(position + 1))
         position = next->position;
@@ -88,7 +88,7 @@ bool isOfTable(const KivShimo::Acknowledged& acknowledged) {
 
 Sight readAcknowledgements(const std::string& folder, std::uint64_t /*reclaimed*/) {
     const auto acks = KivShimo::AckMapReader::open(KivShimo::tableFile(folder, kAcksPath));
-    Sight sight{acks->consumed(), {}};
+    Sight sight{acks->consumed(), {}, {}};
     for (const auto& each :
          acks->all([](const KivShimo::CorruptionError& error) { throw error; })) {
         if (!isOfTable(each) || acks->acknowledged(each.tableId) != each.version)

@@ -163,14 +163,12 @@ private:
 template <class R>
 Sight readRecords(const std::string& folder, std::uint64_t /*reclaimed*/) {
     const auto reader = resourceReader<R>(folder);
-    const Sight sight{reader.scratchpad(), {}};
+    Sight sight{reader.scratchpad(), {}, {}};
     try {
-        std::string wrong;
         reader.forEach([&](const auto& record) {
             if (record.version > sight.published)
-                wrong += fmt::format("{} is beyond the last version\n", record.version);
+                sight.wrong += fmt::format("{} is beyond the last version\n", record.version);
         });
-        return {sight.published, wrong};
     } catch (const KivShimo::BusyError&) {
         // One of them was being stored.
     }

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,7 +24,8 @@ public:
 /// What readers find in files that nobody has mounted since their writer was killed.
 struct Sight {
     std::uint64_t published = 0;
-    std::string wrong;  ///< what no reader may meet
+    std::string wrong;             ///< what no reader may meet
+    std::set<std::string> absent;  ///< keys that are said not to be there
 };
 
 struct Scenario {
@@ -34,7 +36,8 @@ struct Scenario {
     std::function<void(Subject&)> change;
     /// What readers find; of versions up to `reclaimed` the records may be gone.
     std::function<Sight(const std::string& folder, std::uint64_t reclaimed)> read;
-    bool isMount = false;  ///< the change is what every mount does: before and after are the same
+    bool isMount = false;            ///< the change is a mount, as is its recovery
+    bool leavesStateAsItIs = false;  ///< a mount that only tells of something
 };
 
 std::vector<Scenario> entryLogScenarios();
