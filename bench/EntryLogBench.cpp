@@ -2,6 +2,7 @@
 #include <benchmark/benchmark.h>
 
 #include <chrono>
+#include <optional>
 
 #include "bench/Floor.h"
 #include "bench/Keys.h"

@@ -4,10 +4,11 @@
 #pragma once
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
-#include <memory>
 #include <system_error>
 
 #include "bench/Keys.h"
@@ -20,9 +21,6 @@ template <class B>
 class Floor {
 public:
     explicit Floor(std::uint32_t keys) : keys_(keys), memory_(mapped()) {}
-    Floor(const Floor&) = delete;
-    Floor& operator=(const Floor&) = delete;
-    ~Floor() { ::munmap(memory_, sizeof(Layout) + keys_ * sizeof(Slot)); }
 
     void write(std::uint32_t number) {
         ++version_;
