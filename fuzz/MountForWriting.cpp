@@ -18,6 +18,8 @@ void mayBeRotten(const Read& read) {
 
 void useItems(Fuzz::TableFiles& files) {
     const auto table = files.items();
+    // No owner has a pending change that would store a torn value again.
+    table->tornSettled();
     KivShimo::Map<Fuzz::Item>& items = table->items;
     items.assertConsistent();
     mayBeRotten([&] { items.forEach([](const Fuzz::Item& /*item*/) {}); });
