@@ -40,6 +40,19 @@ public:
         std::atomic_ref(layout().version).store(version_, std::memory_order_release);
     }
 
+    /// The least that reading all values can cost. Returns how many are whole.
+    std::uint32_t readAll() {
+        std::uint32_t whole = 0;
+        for (std::uint32_t number = 0; number < keys_; ++number) {
+            Slot copy;
+            std::memcpy(static_cast<void*>(&copy), &slots()[number], sizeof(copy));
+            const std::uint64_t sum =
+                KivShimo::detail::checksumOf(&copy.value, sizeof(copy.value), number);
+            whole += sum == copy.checksum ? 1 : 0;
+        }
+        return whole;
+    }
+
 private:
     using Value = VornPolicyCpu::ConfigShimoEntry<typename B::Key, typename B::LogEntry,
                                                   typename B::ResourceKeys>;

@@ -4,7 +4,8 @@ find_package(benchmark REQUIRED)
 
 # The rig that tests use as well, compiled like the product here: what the compiler makes of a
 # template in one program stands for all of it.
-add_library(vorn_bench_rig STATIC tests/support/InProcessAgent.cpp tests/support/TempDir.cpp)
+add_library(vorn_bench_rig STATIC 
+    tests/support/InProcessAgent.cpp tests/support/RealProcess.cpp tests/support/TempDir.cpp)
 vorn_common(vorn_bench_rig)
 target_link_libraries(vorn_bench_rig PUBLIC
     benchmark::benchmark_main VornPlatform VornPolicyCpu vorn_hwside vorn_process_libraries)
@@ -18,3 +19,9 @@ foreach(source ${bench_sources})
     target_link_options(bench-${name} PRIVATE LINKER:--no-as-needed)
     target_link_libraries(bench-${name} PRIVATE vorn_bench_rig)
 endforeach()
+
+# What people would use otherwise; the product links none of it.
+pkg_check_modules(peers REQUIRED IMPORTED_TARGET lmdb sqlite3 hiredis)
+target_link_libraries(bench-Peers PRIVATE PkgConfig::peers)
+find_package(absl REQUIRED)
+target_link_libraries(bench-Read PRIVATE absl::flat_hash_map)
