@@ -22,6 +22,8 @@ namespace {
 using namespace KivShimo::detail;  // NOLINT(google-build-using-namespace): layouts of the files
 
 constexpr std::uint64_t kIdentity = 0x1234567890ABCDEF;
+/// Nobody counts so far that numbers overflow.
+constexpr std::uint64_t kMostCounted = ~std::uint64_t{0} >> 2U;
 constexpr FileKind kAllKinds[kFileKinds] = {FileKind::items, FileKind::changes,
                                             FileKind::announcements, FileKind::acknowledgements};
 
@@ -135,8 +137,8 @@ private:
         if (at + sizeof(VerifiedWord) > content_.size())
             return;
         auto word = partAt<VerifiedWord>(content_, at);
-        // Nobody counts so far that numbers overflow.
-        VerifiedWordWriter(word, wordSeed(kIdentity)).valueIs(input.take<std::uint64_t>() >> 2U);
+        VerifiedWordWriter(word, wordSeed(kIdentity))
+            .valueIs(input.take<std::uint64_t>() & kMostCounted);
         partIs(content_, at, word);
     }
     /// A pending change that verifies.
@@ -169,6 +171,7 @@ private:
                 partIs(content_, kAreasOffset + 8 * slot, words.checksum(slotSeed(seed(), slot)));
             } else if (kind_ == FileKind::announcements) {
                 auto stored = partAt<AnnounceSlot>(content_, at);
+                stored.position &= kMostCounted;
                 stored.check = 0;
                 stored.check = stored.sum(seed());
                 partIs(content_, at, stored);

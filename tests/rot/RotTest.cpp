@@ -34,6 +34,7 @@ using KivShimo::detail::StaticHeader;
 constexpr unsigned kDeadline_s = 60;  ///< for one damage
 constexpr std::size_t kBatch = 256;   ///< damages that one child examines
 constexpr std::size_t kMostFailures = 20;
+constexpr int kNotRestored = 3;  ///< a child's status: its damages were not all taken back
 
 /// One way to damage a file.
 struct Damage {
@@ -121,13 +122,13 @@ protected:
             note("reader", specimen_.asReaders(damage.file), readersOf_.at(damage.file));
         const std::string table = Specimen::tableOf(damage.file);
         note("writer", specimen_.asWriter({}, table), writers_.at(table));
-        specimen_.restore();
+        specimen_.restore(table);
         if (damage.isAbsence || damage.file.starts_with("resources"))
             return defect;
         const bool isAcknowledged = isOfHardware || number % 2 == 0;
         damage.apply(path);
         note("hardware side", specimen_.asHardware(isAcknowledged), hardware_[isAcknowledged]);
-        specimen_.restore();
+        specimen_.restore(table);
         return defect;
     }
 
@@ -177,7 +178,7 @@ private:
                 if (write(to.fd(), text.data(), text.size()) < 0)
                     _exit(2);
             }
-            _exit(0);
+            _exit(specimen_.isWhole() ? 0 : kNotRestored);
         }
         to = Descriptor();
         std::string text;

@@ -399,23 +399,51 @@ void write(const std::string& path, const std::string& content) {
 Specimen::Specimen() : folder_(directory_.path()) {
     fill(folder_);
     image_ = imageOf(folder_);
+    std::set<std::string> tables;
+    for (const auto& [name, content] : image_)
+        tables.insert(tableOf(name));
+    for (const auto& [name, content] : image_) {
+        for (const std::string& table : tables) {
+            const std::string of = tableOf(name);
+            if (!table.empty() && !of.empty() && of != table)
+                continue;
+            parts_[table].folders.insert((fs::path(folder_) / name).parent_path().string());
+            parts_[table].files.push_back(name);
+        }
+    }
 }
 
-void Specimen::restore() const {
+void Specimen::restore(const std::string& onlyTable) const {
+    const Part& part = parts_.at(onlyTable);
     std::vector<fs::path> strangers;
-    for (const auto& entry : fs::recursive_directory_iterator(folder_)) {
-        const std::string name = entry.path().lexically_relative(folder_).string();
-        const bool known = image_.contains(name);
-        const bool isFolder = !known && entry.is_directory() && !entry.is_symlink();
-        if (!isFolder && !(known && entry.is_regular_file() && !entry.is_symlink()))
+    const auto look = [&](const fs::directory_entry& entry) {
+        const auto status = entry.symlink_status();
+        const bool isKnown = image_.contains(entry.path().native().substr(folder_.size() + 1));
+        if (isKnown ? !fs::is_regular_file(status) : !fs::is_directory(status))
             strangers.push_back(entry.path());
+    };
+    if (onlyTable.empty()) {
+        for (const auto& entry : fs::recursive_directory_iterator(folder_))
+            look(entry);
+    } else {
+        for (const std::string& folder : part.folders) {
+            fs::create_directories(folder);
+            for (const auto& entry : fs::directory_iterator(folder))
+                look(entry);
+        }
     }
     for (const fs::path& stranger : strangers)
         fs::remove_all(stranger);
-    for (const auto& [name, content] : image_) {
-        fs::create_directories((fs::path(folder_) / name).parent_path());
-        write(folder_ + "/" + name, content);
+    if (onlyTable.empty()) {
+        for (const std::string& folder : part.folders)
+            fs::create_directories(folder);
     }
+    for (const std::string& name : part.files)
+        write(folder_ + "/" + name, image_.at(name));
+}
+
+bool Specimen::isWhole() const {
+    return imageOf(folder_) == image_;
 }
 
 Findings Specimen::asReaders(const std::string& only) const {

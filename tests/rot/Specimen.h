@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,8 +35,11 @@ public:
 
     const std::string& folder() const { return folder_; }
     const Image& image() const { return image_; }
-    /// Brings every file back as it was, and takes away what is there besides.
-    void restore() const;
+    /// Brings every file back as it was, and takes away what is there besides; with a table's name,
+    /// only in the folders of its files and of the group's.
+    void restore(const std::string& onlyTable = {}) const;
+    /// Whether the files are as they were made, and there are no others.
+    bool isWhole() const;
 
     // Each reads everything that there is to read in one way.
 
@@ -54,9 +58,15 @@ public:
     static std::string tableOf(const std::string& file);
 
 private:
+    /// What a table and the group have.
+    struct Part {
+        std::set<std::string> folders;
+        std::vector<std::string> files;
+    };
     TestSupport::TempDir directory_;
     std::string folder_;
     Image image_;
+    std::map<std::string, Part> parts_;  ///< by table
 };
 
 /// What is wrong with findings in damaged files, or empty: each value is the one that was there;
