@@ -11,8 +11,9 @@ public:
     using B = VornPolicyCpu::PolicyCpuTcamActionBinding;
 
     /// `sharing`: actions that have one counter and one policer together.
-    explicit FullActions(std::uint32_t sharing, bool isFilled = true)
+    explicit FullActions(std::uint32_t sharing, bool isFilled = true, std::uint32_t keys = kKeys)
         : sharing_(sharing),
+          keys_(keys),
           system_({.capacityCeiling = std::uint64_t{1} << 20U,
                    .counters = kKeys / sharing + 1,
                    .policers = kKeys / sharing + 1},
@@ -21,7 +22,7 @@ public:
             fill();
     }
     void fill() {
-        for (std::uint32_t number = 0; number < kKeys; ++number)
+        for (std::uint32_t number = 0; number < keys_; ++number)
             system_.change(entryOf(number));
     }
     /// Another one under the same key each time.
@@ -37,6 +38,7 @@ public:
 
 private:
     std::uint32_t sharing_;
+    std::uint32_t keys_;
     WholeSystem<B> system_;
     VornPolicyCpu::PolicyCpuTcamActionEntry entry_ = TestSupport::actionEntry(1, 1, 1);
 };

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "bench/Keys.h"
-#include "bench/Rounds.h"
 #include "entrylog/PolicyCpuV6TcamEntryEntryLog.h"
 #include "platform/asic/Constants.h"
 #include "platform/kivshimo/AnnounceLog.h"

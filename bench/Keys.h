@@ -12,6 +12,8 @@
 namespace Bench {
 
 inline constexpr std::uint32_t kKeys = 65536;
+/// Changes that are measured together.
+inline constexpr std::uint32_t kRound = 4096;
 
 inline VornPolicyCpu::MatchKey keyOf(std::uint32_t number) {
     return {number, 0};

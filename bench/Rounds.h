@@ -11,8 +11,6 @@
 
 namespace Bench {
 
-inline constexpr std::uint32_t kRound = 4096;
-
 /// Nanoseconds of a change are those of an iteration divided by its counter `changes`.
 template <class Write, class Between>
 void inRounds(benchmark::State& state, Write&& write, Between&& between) {

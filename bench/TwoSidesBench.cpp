@@ -181,7 +181,7 @@ public:
           sleeps_(sleeps) {
         while (shared_->ping.load() == 0) {
         }
-        agent_.group()->acknowledgementsArrived();
+        group_->acknowledgementsArrived();
     }
     /// Waits for answers until no more than `most` are to come.
     void waitForAnswers(std::uint64_t most) {
@@ -190,10 +190,10 @@ public:
             takeUp();
             if (!sleeps_ || written_ - answered_ <= most)
                 continue;
-            if (agent_.group()->sleepPrepared())
+            if (group_->sleepPrepared())
                 wait(bell_);
             bell_.drain();
-            agent_.group()->awake();
+            group_->awake();
         }
     }
     void write(std::uint32_t number) {
@@ -208,7 +208,7 @@ public:
 
 private:
     void takeUp() {
-        agent_.group()->acknowledgementsArrived();
+        group_->acknowledgementsArrived();
         agent_.settle();
     }
 
@@ -216,6 +216,7 @@ private:
     TestSupport::InProcessAgent agent_{
         {.capacityCeiling = std::uint64_t{1} << 20U, .counters = 8, .policers = 8}};
     Brumo::Ptr<B::SwTable> table_ = agent_.v6Table(kUnit.value);
+    Brumo::Ptr<Asic::GroupInterface> group_ = agent_.group();
     KivShimo::Doorbell bell_;
     OtherProcess other_;
     bool sleeps_;

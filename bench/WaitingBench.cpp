@@ -2,6 +2,7 @@
 #include <chrono>
 #include <vector>
 
+#include "bench/NeverDone.h"
 #include "bench/Rounds.h"
 #include "bench/WholeSystem.h"
 
@@ -10,13 +11,6 @@ namespace {
 
 using B = VornPolicyCpu::PolicyCpuV6TcamEntryBinding;
 using Clock = std::chrono::steady_clock;
-
-/// A change of another table that is never done.
-class NeverDone final : public Asic::DependencyEntryHandle {
-public:
-    Asic::SwTableId tableId() const override { return Asic::SwTableId(0x2C010007); }
-    Asic::TableVersion entryTableVersion() const override { return {tableId(), {1}}; }
-};
 
 constexpr std::uint32_t kLive = 4096;
 

@@ -97,6 +97,7 @@ public:
         : agent_(options),
           tableOf_(std::move(tableOf)),
           table_(tableOf_(agent_)),
+          group_(agent_.group()),
           follower_(agent_.root(), agent_.hardware()) {}
 
     /// From the write to its answer.
@@ -112,17 +113,19 @@ public:
     void settle() {
         agent_.settle();
         follower_.follow();
-        agent_.group()->acknowledgementsArrived();
+        group_->acknowledgementsArrived();
         agent_.settle();
     }
     /// The agent's process ends, and another one begins.
     void stop() {
         table_ = nullptr;
+        group_ = nullptr;
         agent_.stop();
     }
     void start() {
         agent_.start();
         table_ = tableOf_(agent_);
+        group_ = agent_.group();
     }
     TestSupport::InProcessAgent& agent() { return agent_; }
     const Table& table() const { return table_; }
@@ -131,6 +134,7 @@ private:
     TestSupport::InProcessAgent agent_;
     std::function<Table(TestSupport::InProcessAgent&)> tableOf_;
     Table table_;
+    Brumo::Ptr<Asic::GroupInterface> group_;
     Follower<B> follower_;
     std::uint64_t answered_ = 0;
 };

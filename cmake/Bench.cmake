@@ -10,6 +10,11 @@ vorn_common(vorn_bench_rig)
 target_link_libraries(vorn_bench_rig PUBLIC
     benchmark::benchmark_main VornPlatform VornPolicyCpu vorn_hwside vorn_process_libraries)
 
+add_executable(instructions bench/Instructions.cpp)
+vorn_common(instructions)
+target_link_options(instructions PRIVATE LINKER:--no-as-needed)
+target_link_libraries(instructions PRIVATE vorn_bench_rig)
+
 file(GLOB bench_sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/bench/*Bench.cpp)
 foreach(source ${bench_sources})
     get_filename_component(name ${source} NAME_WE)
