@@ -221,8 +221,11 @@ void spoilAcknowledgement(InProcessAgent& agent, std::uint64_t version) {
     std::string bytes((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
     const std::string wanted(reinterpret_cast<const char*>(&version), sizeof(version));
     std::size_t found = 0;
-    for (auto at = bytes.find(wanted, KivShimo::detail::kAreasOffset); at != std::string::npos;
-         at = bytes.find(wanted, at + 1)) {
+    // Word by word: a check may end in the same byte, with zeros behind it.
+    for (std::size_t at = KivShimo::detail::kAreasOffset; at < bytes.size();
+         at += sizeof(version)) {
+        if (bytes.compare(at, sizeof(version), wanted) != 0)
+            continue;
         stream.clear();
         stream.seekp(static_cast<std::streamoff>(at));
         stream.put(static_cast<char>(bytes[at] ^ 1));
