@@ -4,7 +4,7 @@ find_package(benchmark REQUIRED)
 
 # The rig that tests use as well, compiled like the product here: what the compiler makes of a
 # template in one program stands for all of it.
-add_library(vorn_bench_rig STATIC 
+add_library(vorn_bench_rig STATIC
     tests/support/InProcessAgent.cpp tests/support/RealProcess.cpp tests/support/TempDir.cpp)
 vorn_common(vorn_bench_rig)
 target_link_libraries(vorn_bench_rig PUBLIC
