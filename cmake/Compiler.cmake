@@ -36,14 +36,17 @@ endif()
 
 # One code model for libraries and programs: they share precompiled headers.
 # Nobody replaces our functions at load time, so calls may be inlined.
-add_compile_options(-fPIC -fno-semantic-interposition -fvisibility=default -pthread)
-add_link_options(-pthread)
+add_compile_options(-fPIC -fno-semantic-interposition -fvisibility=default
+    -fvisibility-inlines-hidden -pthread)
+add_link_options(-pthread
+    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:LINKER:-Bsymbolic-functions>)
 
 set(VORN_SANITIZE_FLAGS "")
 if(VORN_SANITIZE)
     set(VORN_SANITIZE_FLAGS -fsanitize=${VORN_SANITIZE} -fno-sanitize-recover=all
         -fno-omit-frame-pointer)
     add_compile_options(${VORN_SANITIZE_FLAGS})
+    add_compile_definitions(VORN_SANITIZED)
     add_link_options(-fsanitize=${VORN_SANITIZE})
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
         # The checks' extra branches make g++ doubt variables that are set on every path.

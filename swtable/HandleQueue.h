@@ -19,6 +19,7 @@
 
 #include "platform/brumo/Assert.h"
 #include "platform/brumo/Ptr.h"
+#include "platform/brumo/Recycled.h"
 
 namespace VornPolicyCpu {
 
@@ -49,7 +50,7 @@ public:
         std::uint32_t firstNumber;
         std::uint32_t read : 14;
         std::uint32_t fill : 14;
-        std::vector<Brumo::Ptr<T>> slots;
+        std::vector<Brumo::Ptr<T>, Brumo::RecyclingAllocator<Brumo::Ptr<T>>> slots;
     };
 
     /// Tests begin at another number, just before the numbers wrap.

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "platform/asic/SwTable.h"
+#include "platform/brumo/Recycled.h"
 #include "platform/brumo/Trace.h"
 #include "platform/kiv/EventLoop.h"
 
@@ -108,10 +109,13 @@ public:
 
 private:
     using Entry = Brumo::Ptr<ResolverEntry>;
+    using LastOfKey = std::unordered_map<
+        std::uint64_t, ResolverEntry*, std::hash<std::uint64_t>, std::equal_to<>,
+        Brumo::RecyclingAllocator<std::pair<const std::uint64_t, ResolverEntry*>>>;
 
     /// Changes of one table. Behind a remove-all that is not committed yet, everything is held.
     struct Lane {
-        std::unordered_map<std::uint64_t, ResolverEntry*> lastOfKey;
+        LastOfKey lastOfKey;
         std::size_t unfinished = 0;  ///< admitted changes that are not committed, but the barrier
         Entry barrier;               ///< the remove-all that all later changes wait for
         std::deque<Entry> held;

@@ -4,4 +4,6 @@ namespace Brumo {
 
 std::atomic<bool> ThreadControl::multiThreaded_{false};
 
+std::array<Recycled::SizeClass, Recycled::kClasses> Recycled::classes_;
+
 }  // namespace Brumo

@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/brumo/Recycled.h"
+
 namespace Kiv {
 
 /// What orders the elements of keyed collections, in memory and in shared memory alike.
@@ -36,7 +38,7 @@ template <class Key, class Value>
 class HashMap2018 {
 public:
     /// An element as iteration shows it.
-    struct Node {
+    struct Node : Brumo::Recycled {
         Key key;
         Value value;
 
