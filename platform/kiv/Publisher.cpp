@@ -1,6 +1,7 @@
 #include "platform/kiv/Publisher.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace Kiv {
 
@@ -17,7 +18,8 @@ void Observers::remove(std::uint64_t id) {
     if (slot == slots_.end())
         return;
     if (notifying_ > 0) {
-        slot->id = 0;  // erased when the notification is over: its callback may be running
+        slot->id = 0;  // its callback may be running
+        hasRemoved_ = true;
     } else {
         slots_.erase(slot);
     }
@@ -30,7 +32,7 @@ void Observers::notify(const Change& change) {
         Notifying(const Notifying&) = delete;
         Notifying& operator=(const Notifying&) = delete;
         ~Notifying() {
-            if (--observers.notifying_ > 0)
+            if (--observers.notifying_ > 0 || !std::exchange(observers.hasRemoved_, false))
                 return;
             std::erase_if(observers.slots_, [](const Slot& slot) { return slot.id == 0; });
         }
@@ -39,10 +41,9 @@ void Observers::notify(const Change& change) {
     const Notifying guard(*this);
     const std::size_t present = slots_.size();
     for (std::size_t i = 0; i < present; ++i) {
-        if (slots_[i].id == 0)
-            continue;
-        const Observer observer = slots_[i].observer;  // the vector may grow under the call
-        observer(change);
+        // A call may add observers, which moves none of those that are there, and remove any.
+        if (const Slot& slot = slots_[i]; slot.id != 0)
+            slot.observer(change);
     }
 }
 

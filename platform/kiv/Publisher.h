@@ -10,8 +10,8 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
-#include <vector>
 
 #include "platform/brumo/Ptr.h"
 
@@ -49,9 +49,10 @@ private:
         Observer observer;
     };
 
-    std::vector<Slot> slots_;
+    std::deque<Slot> slots_;  ///< slots stay where they are when others are added
     std::uint64_t nextId_ = 1;
     int notifying_ = 0;
+    bool hasRemoved_ = false;  ///< during a notification; erased when it is over
 };
 
 }  // namespace detail
