@@ -49,10 +49,18 @@ struct GroupInterface::SharedMemory {
           sleeper(announcements.sleepEpoch()),
           acknowledgementsFile(KivShimo::tableFile(root, Constants::acknowledgementsPath(group))) {}
 
-    /// Opens the hardware side's map when it is there and not open, or was replaced.
+    /// The hardware side's map; opened when it is there and not open, or was replaced. Null when it
+    /// is not there.
     KivShimo::AckMapReader* map() {
         if (reader.has_value() && !reader->stale())
             return &*reader;
+        return opened();
+    }
+    /// The same, without the system call that finds a map that was replaced: for whoever asks again
+    /// when nothing in it has moved.
+    KivShimo::AckMapReader* openMap() { return reader.has_value() ? &*reader : opened(); }
+
+    KivShimo::AckMapReader* opened() {
         waker.reset();
         reader.reset();
         try {
@@ -156,20 +164,20 @@ bool GroupInterface::takeUpAcknowledged() {
 
 void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
                                  const Brumo::Ptr<const NeededEntry>& needed) {
-    const LogVersion previous = announcedVersion(tableId);
     if (!announced(tableId, version, needed))
-        waiting_.add(tableId, previous, version, needed);
+        waiting_.add(tableId, announcedVersion(tableId), version, needed);
+    announcedVersionIs(tableId, version);
 }
 
 void GroupInterface::addLatestVersion(SwTableId tableId, LogVersion version) {
     if (!announced(tableId, version, nullptr))
         waiting_.addLatest(tableId, version);
+    announcedVersionIs(tableId, version);
 }
 
 /// False when it has to wait for room, or behind what waits already.
 bool GroupInterface::announced(SwTableId tableId, LogVersion version,
                                const Brumo::Ptr<const NeededEntry>& needed) {
-    announcedVersionIs(tableId, version);
     if (!waiting_.empty())
         return false;
     if (!append(tableId, version, needed)) {
@@ -291,27 +299,39 @@ LogVersion GroupInterface::acknowledgedVersion(SwTableId tableId) const {
     return versionIn(acknowledged_, tableId);
 }
 
+/// A map that was replaced does not move any more, so it is looked for only when nothing has.
 void GroupInterface::acknowledgementsArrived() {
-    try {
-        KivShimo::AckMapReader* map = shm_->map();
-        if (map == nullptr)
-            return;
-        const auto report = [this](const auto& error) { doCorruptionDetected(error.what()); };
-        const auto acknowledgements =
-            shm_->isOfLostLog() ? std::vector<KivShimo::Acknowledged>() : map->all(report);
-        takeUpConsumed();
-        appendWaiting();
-        takeUpPauseRequest();
-        bool moved = false;
-        for (const auto& [tableId, version] : acknowledgements) {
-            moved |= acknowledge(SwTableId(tableId), {version});
-        }
-        if (moved)
-            publisher().publish(kAcknowledged);
-        resolver_->updateGenId();
-    } catch (const KivShimo::CorruptionError& error) {
-        doCorruptionDetected(error.what());
+    const KivShimo::AckMapReader* map = shm_->openMap();
+    if (map == nullptr)
+        return;
+    const std::uint64_t identity = map->identity();
+    if (takenUp())
+        return;
+    map = shm_->map();
+    if (map != nullptr && map->identity() != identity)
+        takenUp();
+}
+
+/// Takes up what the open map says; false when nothing in it has moved, or cannot be read.
+bool GroupInterface::takenUp() try {
+    const auto report = [this](const auto& error) { doCorruptionDetected(error.what()); };
+    const auto acknowledgements =
+        shm_->isOfLostLog() ? KivShimo::Acknowledgements() : shm_->reader->all(report);
+    const std::uint64_t consumedBefore = shm_->announcements.consumed();
+    takeUpConsumed();
+    appendWaiting();
+    takeUpPauseRequest();
+    bool moved = false;
+    for (const auto& [tableId, version] : acknowledgements) {
+        moved |= acknowledge(SwTableId(tableId), {version});
     }
+    if (moved)
+        publisher().publish(kAcknowledged);
+    resolver_->updateGenId();
+    return moved || shm_->announcements.consumed() != consumedBefore;
+} catch (const KivShimo::CorruptionError& error) {
+    doCorruptionDetected(error.what());
+    return false;
 }
 
 /// Frees what the hardware side has consumed. REQUIRES: its map is open. A position that was never
@@ -373,11 +393,10 @@ bool GroupInterface::acknowledge(SwTableId tableId, LogVersion version) {
     const Brumo::Ptr<OrderedSwTableSet> set = swTableSet(tableId);
     if (set == nullptr)
         return true;
-    std::vector<Brumo::Ptr<OrderedSwTable>> tables;
-    for (const auto& [unit, table] : set->swTables())
-        tables.push_back(table);
-    for (const auto& table : tables)
+    for (Brumo::Ptr<OrderedSwTable> table = set->firstSwTable(); table != nullptr;
+         table = set->swTableAfter(table->unitId())) {
         table->tableStatusVersion(version);
+    }
     return true;
 }
 

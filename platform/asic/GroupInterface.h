@@ -99,6 +99,7 @@ private:
     struct SharedMemory;  ///< the mounted files; keeps their headers out of this one
 
     void takeUpAnnouncements();
+    bool takenUp();
     bool takeUpAcknowledged();
     bool hasRoomForWaiting();
     void takeUpConsumed();

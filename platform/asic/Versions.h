@@ -77,7 +77,8 @@ struct SwTableId {
     constexpr std::uint16_t agentAndGroupId() const {
         return static_cast<std::uint16_t>(agentId << 8U | groupId);
     }
-    auto operator<=>(const SwTableId&) const = default;
+    bool operator==(const SwTableId&) const = default;
+    auto operator<=>(const SwTableId& other) const { return whole() <=> other.whole(); }
     std::uint32_t hash(unsigned seed) const { return (whole() ^ seed) * 2654435761U; }
     bool isEq(const SwTableId& other) const { return whole() == other.whole(); }
     std::string toText() const {

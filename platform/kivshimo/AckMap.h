@@ -8,6 +8,7 @@
 //  3. A reader opens the file when it is there: it may come later than the agent, and go.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -28,6 +29,19 @@ constexpr std::uint64_t kNoAnnounceLog = ~std::uint64_t{1};
 struct Acknowledged {
     std::uint32_t tableId;
     std::uint64_t version;
+};
+
+/// What a map says of all tables at once; takes no memory from the heap.
+class Acknowledgements {
+public:
+    void add(Acknowledged row) { rows_[count_++] = row; }
+    std::size_t size() const { return count_; }
+    const Acknowledged* begin() const { return rows_.data(); }
+    const Acknowledged* end() const { return rows_.data() + count_; }
+
+private:
+    std::array<Acknowledged, kMostAckTables> rows_;  // as many as are counted are set
+    std::size_t count_ = 0;
 };
 
 class AckMapWriter {
@@ -98,7 +112,7 @@ public:
     /// Empty when the table was never acknowledged. Throws CorruptionError.
     std::optional<std::uint64_t> acknowledged(std::uint32_t tableId) const;
     /// What can be read; each row that cannot is reported, and holds no other up.
-    std::vector<Acknowledged> all(const std::function<void(const CorruptionError&)>& report) const;
+    Acknowledgements all(const std::function<void(const CorruptionError&)>& report) const;
     /// Throws CorruptionError.
     std::uint64_t consumed() const;
     /// Throws CorruptionError.
