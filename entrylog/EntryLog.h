@@ -38,6 +38,7 @@ public:
     using ConfigTable = ConfigShimo<Types>;
     using ChangeLog = EntryLogShimo<Types>;
     using ConfigValue = typename ConfigTable::Value;
+    using Spot = typename ConfigTable::Spot;
     using Record = typename ChangeLog::Record;
     using NeededPtr = Brumo::Ptr<const Asic::NeededEntry>;
 
@@ -86,6 +87,8 @@ public:
     /// Deletes all entries of a unit and returns the version of the deletion.
     Asic::LogVersion tableDel(const NeededPtr& neededEntry, Asic::UnitId unitId);
 
+    /// Says that a change of the key is about to come, so that its memory is there by then.
+    void prefetch(const Key& key, Asic::UnitId unitId) const;
     /// Whether a write of the key finds room: always, when the unit has a value for it already.
     bool entryHasRoom(const Key& key, Asic::UnitId unitId) const;
 
@@ -121,10 +124,12 @@ private:
 
     void beginSealed(KivShimo::JournalOperation operation, Asic::LogVersion version,
                      Asic::UnitId unitId, const NeededPtr& neededEntry);
-    void publishValue(const ConfigValue& value, Asic::UnitId unitId);
+    static Record recordOf(const LogEntry& logEntry, Asic::LogVersion version, Asic::UnitId unitId,
+                           LogOperation operation);
     void deleteAll(ConfigTable& config, Asic::LogVersion version, Asic::UnitId unitId);
     void publish(const Record& record);
-    void changeValue(ConfigTable& config, const ConfigValue& value, Asic::UnitId unitId,
+    void changeValue(ConfigTable& config, const Spot& spot,
+                     const KivShimo::detail::Summed<ConfigValue>& value, const Record& record,
                      const NeededPtr& neededEntry);
 
     // Cleanup; what drops the deletions of lost records needs no seal, as it finds them by value.

@@ -22,17 +22,18 @@ void EntryLog<B>::beginSealed(KivShimo::JournalOperation operation, Asic::LogVer
         journal.needs(needed.tableId.whole(), needed.version.value);
 }
 
-/// The record of one key's write or deletion, whose value is stored, then the version.
+/// The record of one key's write or deletion.
 template <class B>
-void EntryLog<B>::publishValue(const ConfigValue& value, Asic::UnitId unitId) {
+auto EntryLog<B>::recordOf(const LogEntry& logEntry, Asic::LogVersion version, Asic::UnitId unitId,
+                           LogOperation operation) -> Record {
     Record record;
-    record.version = value.version;
-    record.head = value.logEntry.head;
-    record.key = value.logEntry.key;
-    record.word = value.logEntry.word();
+    record.version = version;
+    record.head = logEntry.head;
+    record.key = logEntry.key;
+    record.word = logEntry.word();
     record.unitId = unitId;
-    record.operation = value.inDeletion ? LogOperation::entryDeleted : LogOperation::entryWritten;
-    publish(record);
+    record.operation = operation;
+    return record;
 }
 
 /// Values in deletion keep the version of theirs; so this can be repeated.
@@ -82,8 +83,10 @@ void EntryLog<B>::finish(const KivShimo::PendingChange& pending) {
         if (const auto value = pending.value<ConfigValue>(); value.has_value()) {
             const auto config = mountedConfig({unitId}, KivShimo::tornKeyOf(value->key()));
             config->swTableEntriesJournaledIs(config->swTableEntriesSpot(value->entryKey),
-                                              KivShimo::detail::Summed<ConfigValue>(*value));
-            return publishValue(*value, {unitId});
+                                              {KivShimo::detail::Words(*value)});
+            return publish(recordOf(
+                value->logEntry, value->version, {unitId},
+                value->inDeletion ? LogOperation::entryDeleted : LogOperation::entryWritten));
         }
     } else if (pending.operation == kSealedDeleteAll) {
         return deleteAll(*mountedConfig({unitId}), version, {unitId});
@@ -149,7 +152,8 @@ void EntryLog<B>::announceWhatWasNot(const std::optional<KivShimo::PendingChange
         if (pending.has_value() && pending->version == announced.value) {
             needed = Brumo::make<Asic::NeededEntry>();
             for (const KivShimo::JournalNeeded& each : pending->needed)
-                needed->add({Asic::SwTableId(each.tableId), {each.version}});
+                needed->add(
+                    {Asic::SwTableId(static_cast<std::uint32_t>(each.tableId)), {each.version}});
         }
         group->addLogEntry(tableId(), announced, needed);
     }

@@ -25,24 +25,31 @@ Asic::LogVersion EntryLog<B>::entryIs(const LogEntry& logEntry, const ResourceKe
     Traces<B>::entryLog(
         8, " logEntry: {} neededEntry: {} version: {} unitId: {} suppressIdenticalWrites: {}",
         logEntry, neededEntry, version, unitId, suppressIdenticalWrites);
-    changeValue(*config->second, {logEntry.key, logEntry, rsrcKeys, version, false}, unitId,
-                neededEntry);
+    const auto spot = config->second->swTableEntriesSpot(logEntry.key);
+    changeValue(*config->second, spot, {ConfigValue::wordsOf(logEntry, rsrcKeys, version)},
+                recordOf(logEntry, version, unitId, LogOperation::entryWritten), neededEntry);
     return version;
 }
 
 template <class B>
-void EntryLog<B>::changeValue(ConfigTable& config, const ConfigValue& value, Asic::UnitId unitId,
-                              const NeededPtr& neededEntry) {
-    const auto spot = config.swTableEntriesSpot(value.entryKey);
-    const KivShimo::detail::Summed<ConfigValue> summed(value);
+void EntryLog<B>::changeValue(ConfigTable& config, const Spot& spot,
+                              const KivShimo::detail::Summed<ConfigValue>& value,
+                              const Record& record, const NeededPtr& neededEntry) {
     KivShimo::JournalWriter& journal = tableEntryLog_->journal();
-    beginSealed(kSealedValue, value.version, unitId, neededEntry);
-    journal.valueIs(summed);
+    beginSealed(kSealedValue, record.version, record.unitId, neededEntry);
+    journal.valueIs(value);
     journal.seal();
-    config.swTableEntriesJournaledIs(spot, summed);
-    publishValue(value, unitId);
-    groupInterface()->addLogEntry(tableId(), value.version, neededEntry);
+    config.swTableEntriesJournaledIs(spot, value);
+    publish(record);
+    groupInterface()->addLogEntry(tableId(), record.version, neededEntry);
     journal.done();
+}
+
+template <class B>
+void EntryLog<B>::prefetch(const Key& key, Asic::UnitId unitId) const {
+    const auto config = tableConfigShimo_.find(unitId);
+    if (config != tableConfigShimo_.end())
+        config->second->swTableEntriesPrefetch(key);
 }
 
 template <class B>
@@ -94,7 +101,10 @@ Asic::LogVersion EntryLog<B>::entryDel(const Key& key, const NeededPtr& neededEn
     const Asic::LogVersion version = tableVersionInc(1);
     stored->version = version;
     stored->inDeletion = true;
-    changeValue(*tableConfigShimo(unitId), *stored, unitId, neededEntry);
+    ConfigTable& config = *tableConfigShimo(unitId);
+    changeValue(config, config.swTableEntriesSpot(key), {KivShimo::detail::Words(*stored)},
+                recordOf(stored->logEntry, version, unitId, LogOperation::entryDeleted),
+                neededEntry);
     return version;
 }
 

@@ -14,6 +14,8 @@ auto OrderedSwTableAccessor<B>::entryWriteGeneric(Table& table, const Key& key, 
                                                   const ResponseHandler& handler,
                                                   const L&... linkages) -> ConstHandlePtr {
     Traces<B>::engine(8, "key: {}", key);
+    if (table.entryLog() != nullptr)
+        table.entryLog()->prefetch(key, table.unitId());
     const Asic::EntryVersion version = nextVersion(table, key);
     const HandlePtr handle = newHandle(table, version, key, handler);
     const WrapperPtr wrapper = Brumo::make<Wrapper>(entry, handle);

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <compare>
 #include <concepts>
 #include <cstddef>
@@ -19,6 +20,7 @@
 #include "platform/asic/Versions.h"
 #include "platform/brumo/Layout.h"
 #include "platform/brumo/Text.h"
+#include "platform/kivshimo/detail/Words.h"
 
 namespace VornPolicyCpu {
 
@@ -55,6 +57,13 @@ struct LogShimoEntry {
     LogOperation operation = LogOperation::entryWritten;
     std::uint8_t padding = 0;
 
+    /// As it lies in memory.
+    std::array<std::uint64_t, 4> words() const {
+        return {version.value, head.revision | std::uint64_t{head.origin} << 32U,
+                std::bit_cast<std::uint64_t>(key),
+                word | std::uint64_t{unitId.value} << 32U |
+                    static_cast<std::uint64_t>(operation) << 48U | std::uint64_t{padding} << 56U};
+    }
     bool operator==(const LogShimoEntry&) const = default;
     static constexpr std::uint64_t layout() {
         return Brumo::layoutOf({Brumo::layoutOf<Key>(), Brumo::layoutOf<LogEntryHead>(),
@@ -79,6 +88,18 @@ struct ConfigShimoEntry {
     bool inDeletion = false;   ///< deleted, but the hardware side may still hold it
 
     const Key& key() const { return entryKey; }
+    /// A live value as it lies in memory, made from its parts without one of the type.
+    static KivShimo::detail::Words<ConfigShimoEntry> wordsOf(const LogEntry& logEntry,
+                                                             const ResourceKeys& rsrcKeys,
+                                                             Asic::LogVersion version) {
+        KivShimo::detail::Words<ConfigShimoEntry> words;
+        words.template put<offsetof(ConfigShimoEntry, entryKey)>(Key(logEntry.key));
+        words.template put<offsetof(ConfigShimoEntry, logEntry)>(logEntry);
+        if constexpr (!std::is_empty_v<ResourceKeys>)
+            words.template put<offsetof(ConfigShimoEntry, rsrcKeys)>(rsrcKeys);
+        words.template put<offsetof(ConfigShimoEntry, version)>(version);
+        return words;
+    }
     static constexpr std::uint64_t layout() {
         return Brumo::layoutOf(
             {Brumo::layoutOf<Key>(), Brumo::layoutOf<LogEntry>(), Brumo::layoutOf<ResourceKeys>(),

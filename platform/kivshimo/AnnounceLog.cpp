@@ -100,9 +100,10 @@ void AnnounceLogWriter::store(std::uint64_t position, std::uint32_t tableId, std
     for (std::size_t i = 0; i < needed.size(); ++i) {
         slot.needed[i] = {needed[i].tableId, needed[i].version};
     }
-    slot.check = slot.sum(seed_);
+    const auto words = slot.words(slot.sum(seed_));
     const std::uint64_t* place = placeOf(mapping_.writableArea(0), position, slots_);
-    SlotWords(slot).storeTo(const_cast<std::uint64_t*>(place));
+    for (std::size_t i = 0; i < words.size(); ++i)
+        detail::word(place[i]).store(words[i], std::memory_order_relaxed);
 }
 
 bool AnnounceLogWriter::consumedIs(std::uint64_t position) {

@@ -30,8 +30,7 @@ namespace KivShimo {
 /// One table version that a change needs the hardware to hold first.
 struct JournalNeeded {
     std::uint64_t version;
-    std::uint32_t tableId;
-    std::uint32_t padding;
+    std::uint64_t tableId;
 };
 static_assert(sizeof(JournalNeeded) == 16);
 
@@ -43,17 +42,23 @@ struct Journal {
     static constexpr std::size_t kValueBytes = 256;
     static constexpr std::size_t kMostNeeded = 234;
 
+    struct Head {
+        std::uint64_t operation;
+        std::uint64_t unit;
+        std::uint64_t version;
+        std::uint64_t counts;  ///< bytes of the value; in the upper half, needed versions
+
+        std::uint32_t valueBytes() const { return static_cast<std::uint32_t>(counts); }
+        std::uint32_t neededCount() const { return static_cast<std::uint32_t>(counts >> 32U); }
+    };
+
     std::uint64_t seal;
-    std::uint64_t operation;
-    std::uint64_t unit;
-    std::uint64_t version;
-    std::uint32_t valueBytes;
-    std::uint32_t neededCount;
-    std::byte value[kValueBytes];
+    Head head;
+    std::uint64_t value[kValueBytes / 8];
     JournalNeeded needed[kMostNeeded];
 };
 static_assert(std::is_trivially_copyable_v<Journal>);
-static_assert(offsetof(Journal, operation) == 8 && offsetof(Journal, version) == 24);
+static_assert(offsetof(Journal, head) == 8 && offsetof(Journal::Head, version) == 16);
 static_assert(offsetof(Journal, value) == 40 && offsetof(Journal, needed) == 296);
 static_assert(sizeof(Journal) == 4040);
 
@@ -103,31 +108,30 @@ public:
         // A seal that this process did not store is rot, and must not stand above half a change.
         if (sealed() != 0)
             done();
-        place_->operation = operation;
-        place_->unit = unit;
-        place_->version = version;
-        place_->valueBytes = 0;
-        place_->neededCount = 0;
+        head_ = {operation, unit, version, 0};
         valueSum_ = 0;
     }
     template <class Value>
     void valueIs(const detail::Summed<Value>& value) {
         static_assert(sizeof(value.words) <= Journal::kValueBytes);
-        std::memcpy(place_->value, value.words.words, sizeof(value.words));
-        place_->valueBytes = sizeof(value.words);
+        value.words.storeTo(place_->value);
+        head_.counts |= sizeof(value.words);
         valueSum_ = value.sum;
     }
     template <class Value>
     void valueIs(const Value& value) {
-        valueIs(detail::Summed<Value>(value));
+        valueIs(detail::Summed<Value>{detail::Words(value)});
     }
     void needs(std::uint32_t tableId, std::uint64_t version) {
-        Brumo::require(place_->neededCount < Journal::kMostNeeded, "room for needed versions");
-        place_->needed[place_->neededCount++] = {version, tableId, 0};
+        const std::uint32_t count = head_.neededCount();
+        Brumo::require(count < Journal::kMostNeeded, "room for needed versions");
+        place_->needed[count] = {version, tableId};
+        head_.counts += std::uint64_t{1} << 32U;
     }
     void seal() {
         isSealed_ = true;
-        detail::word(place_->seal).store(sum(valueSum_), std::memory_order_release);
+        store(head_);
+        detail::word(place_->seal).store(sum(head_, valueSum_), std::memory_order_release);
         inOrder();
     }
     void done() {
@@ -139,14 +143,22 @@ public:
 
 private:
     std::uint64_t sealed() const { return detail::loaded(place_->seal); }
-    std::uint64_t sum(std::uint64_t valueSum) const;
+    std::uint64_t sum(const Journal::Head& head, std::uint64_t valueSum) const;
     bool verifies() const;
+    void store(const Journal::Head& head) {
+        detail::word(place_->head.operation).store(head.operation, std::memory_order_relaxed);
+        detail::word(place_->head.unit).store(head.unit, std::memory_order_relaxed);
+        detail::word(place_->head.version).store(head.version, std::memory_order_relaxed);
+        detail::word(place_->head.counts).store(head.counts, std::memory_order_relaxed);
+    }
     /// Stores on either side stay there. Only this process's own order counts, so it costs nothing.
     static void inOrder() { std::atomic_signal_fence(std::memory_order_seq_cst); }
 
     Journal* place_;
     std::uint64_t seed_;
-    std::uint64_t valueSum_ = 0;  ///< of what is being written; 0 without a value
+    // Of what is being written; in the file when it is sealed.
+    Journal::Head head_{};
+    std::uint64_t valueSum_ = 0;  ///< 0 without a value
     bool isSealed_;               ///< as this process knows it; the word in the file may rot
 };
 

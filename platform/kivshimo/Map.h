@@ -70,6 +70,8 @@ public:
         std::uint32_t at;      ///< slot that holds it, or stands behind it
     };
     Spot spotOf(const Key& key) const;
+    /// Asks for the memory that holds the key, most likely, and waits for nothing.
+    void prefetch(const Key& key) const;
     /// Inserts or replaces the value of the spot's key, for a caller in whose own journal it is
     /// until this has returned. False when the key is new and there is no room.
     bool journaledIs(const Spot& spot, const detail::Summed<Value>& value);
@@ -120,7 +122,7 @@ private:
         std::uint32_t at;
     };
     Place placeOf(const Kiv::KeyOrder<Key>& wanted) const;
-    void prefetch(std::uint32_t slot) const;
+    void prefetchSlot(std::uint32_t slot) const;
     bool isTaken(const Spot& spot) const {
         return matches(spot.at, Kiv::KeyOrder<Key>(spot.hash, spot.key));
     }

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
+#include <numeric>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -29,6 +31,22 @@ Number numberAt(const std::vector<std::uint8_t>& bytes, std::size_t at) {
     return number;
 }
 
+/// Bytes that all differ, so that none can stand in the place of another.
+template <class Value>
+Value counted() {
+    static_assert(std::is_trivially_copyable_v<Value>);
+    std::array<std::uint8_t, sizeof(Value)> bytes{};
+    std::iota(bytes.begin(), bytes.end(), std::uint8_t{1});
+    Value value;
+    std::memcpy(static_cast<void*>(&value), bytes.data(), sizeof(Value));
+    return value;
+}
+
+template <class Words>
+std::vector<std::uint64_t> wordsIn(const Words& words) {
+    return {std::begin(words), std::end(words)};
+}
+
 template <class B>
 class Records : public ::testing::Test {};
 TYPED_TEST_SUITE(Records, AllBindings, TableName);
@@ -44,6 +62,27 @@ TYPED_TEST(Records, KeyIsEightBytesOrderedAndHashedWithASeed) {
     EXPECT_EQ(low.hash(3U), keyOf<TypeParam>(1).hash(3U));
     EXPECT_NE(low.hash(3U), low.hash(4U));
     EXPECT_NE(fmt::format("{}", low), fmt::format("{}", high));
+}
+
+TYPED_TEST(Records, ChangeRecordGivesTheWordsThatItLiesInMemoryAs) {
+    const auto record = counted<LogShimoEntry<typename TypeParam::Key>>();
+    std::array<std::uint64_t, 4> inMemory{};
+    std::memcpy(inMemory.data(), &record, sizeof(record));
+    EXPECT_EQ(record.words(), inMemory);
+}
+
+TYPED_TEST(Records, ValueIsPutTogetherAsItLiesInMemory) {
+    using Types = typename TypeParam::Types;
+    using Value = ConfigShimoEntry<typename Types::Key, typename Types::LogEntry,
+                                   typename Types::ResourceKeys>;
+    Value value{};
+    value.logEntry = counted<typename Types::LogEntry>();
+    value.entryKey = value.logEntry.key;
+    if constexpr (!std::is_empty_v<typename Types::ResourceKeys>)
+        value.rsrcKeys = counted<typename Types::ResourceKeys>();
+    value.version = {0x1122334455667788};
+    const auto words = Value::wordsOf(value.logEntry, value.rsrcKeys, value.version);
+    EXPECT_EQ(wordsIn(words.words), wordsIn(KivShimo::detail::Words<Value>(value).words));
 }
 
 TYPED_TEST(Records, ChangeRecordIsThirtyTwoBytesWithEveryFieldInItsPlace) {

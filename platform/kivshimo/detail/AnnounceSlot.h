@@ -46,14 +46,30 @@ struct AnnounceSlot {
     std::uint32_t tableId = 0;
     std::array<AnnounceNeeded, kInlineNeeded> needed{};
 
-    /// REQUIRES: `check` is 0.
+    /// As it lies in memory, with another check.
+    std::array<std::uint64_t, 8> words(std::uint32_t ownCheck) const {
+        const std::uint64_t kinds = std::uint64_t{static_cast<std::uint8_t>(kind)} |
+                                    std::uint64_t{neededCount} << 8U |
+                                    std::uint64_t{padding} << 16U;
+        const auto& [first, second, third] = needed;
+        return {position,
+                ownCheck | kinds << 32U,
+                version,
+                tableId | std::uint64_t{first.tableId} << 32U,
+                first.version,
+                second.tableId | second.version.get() << 32U,
+                second.version.get() >> 32U | std::uint64_t{third.tableId} << 32U,
+                third.version};
+    }
+    std::array<std::uint64_t, 8> words() const { return words(check); }
+    /// What the check is to be.
     std::uint32_t sum(std::uint64_t seed) const {
-        return static_cast<std::uint32_t>(checksumOf(this, sizeof(*this), mixed(seed, position)));
+        const auto summed = words(0);
+        return static_cast<std::uint32_t>(
+            checksumOf(summed.data(), sizeof(summed), mixed(seed, position)));
     }
     bool verifies(std::uint64_t seed) const {
-        AnnounceSlot copy = *this;
-        copy.check = 0;
-        return position != 0 && check == copy.sum(seed) && neededCount <= kInlineNeeded &&
+        return position != 0 && check == sum(seed) && neededCount <= kInlineNeeded &&
                (kind == AnnounceKind::change || kind == AnnounceKind::continuation);
     }
 };

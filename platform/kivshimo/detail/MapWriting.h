@@ -52,7 +52,7 @@ void Map<Value>::finishPending(Table& table) {
         return;
     const std::optional<Value> value = pending->template value<Value>();
     if (value && pending->version < slots_) {
-        store(static_cast<std::uint32_t>(pending->version), detail::Summed<Value>(*value));
+        store(static_cast<std::uint32_t>(pending->version), {detail::Words(*value)});
     } else {
         table.doCorruptionDetected(
             CorruptionError(file_, "journal", 0, "value of no slot dropped").what());
@@ -63,7 +63,7 @@ void Map<Value>::finishPending(Table& table) {
 template <class Value>
 bool Map<Value>::insertOrReplace(const Value& value) {
     const Spot spot = spotOf(value.key());
-    const detail::Summed<Value> summed(value);
+    const detail::Summed<Value> summed{detail::Words(value)};
     if (!isTaken(spot))
         return insertNew(spot, summed);
     journal_->begin(kStoreValue, number_, spot.at);
@@ -77,9 +77,13 @@ bool Map<Value>::insertOrReplace(const Value& value) {
 template <class Value>
 auto Map<Value>::spotOf(const Key& key) const -> Spot {
     const Kiv::KeyOrder<Key> wanted(key);
+    // In two of three cases the key is the first of its chain: its slot comes while the key is
+    // looked at.
+    const std::uint32_t first = heads_[bucketOf(wanted.hash)];
+    prefetchSlot(first);
     const Place place = placeOf(wanted);
-    if (place.at != detail::Link::kNone)
-        prefetch(place.at);
+    if (place.at != first)
+        prefetchSlot(place.at);
     return {key, wanted.hash, place.before, place.at};
 }
 
@@ -91,13 +95,20 @@ bool Map<Value>::journaledIs(const Spot& spot, const detail::Summed<Value>& valu
     return true;
 }
 
+/// In two of three cases the key is the first of its chain.
 template <class Value>
-void Map<Value>::prefetch(std::uint32_t slot) const {
-    constexpr std::size_t kLineBytes = 64;
-    const auto* const bytes = reinterpret_cast<const std::byte*>(&slotAt(slot));
-    for (std::size_t at = 0; at < sizeof(Slot); at += kLineBytes)
-        __builtin_prefetch(bytes + at, 1);
-    __builtin_prefetch(bytes + sizeof(Slot) - 1, 1);
+void Map<Value>::prefetch(const Key& key) const {
+    const std::uint32_t first = heads_[bucketOf(key.hash(0))];
+    if (first == detail::Link::kNone)
+        return;
+    detail::prefetch(nodes_[first]);
+    prefetchSlot(first);
+}
+
+template <class Value>
+void Map<Value>::prefetchSlot(std::uint32_t slot) const {
+    if (slot != detail::Link::kNone)
+        detail::prefetch(slotAt(slot));
 }
 
 /// Needs no journal: until its checksum is stored, the last of the value, the slot counts as free.

@@ -9,7 +9,9 @@
 //     was stored last and has rotted is never passed over for the value before.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -52,14 +54,69 @@ constexpr std::size_t wordsOf(std::size_t bytes) {
     return (bytes + 7) / 8;
 }
 
+static_assert(std::endian::native == std::endian::little, "files are read as they are written");
+
+/// At most four bytes. What was stored a moment ago in one piece is read in pieces of it, and never
+/// in one that covers several: such a load waits until all stores before have reached the cache,
+/// also those that miss it, which takes longer than all else that a change does.
+template <std::size_t kBytes>
+std::uint64_t justStored(const std::byte* from) {
+    static_assert(kBytes >= 1 && kBytes <= 4);
+    if constexpr (kBytes == 3) {
+        return justStored<2>(from) | justStored<1>(from + 2) << 16U;
+    } else {
+        std::conditional_t<kBytes == 4, std::uint32_t,
+                           std::conditional_t<kBytes == 2, std::uint16_t, std::uint8_t>>
+            piece;
+        std::memcpy(&piece, from, kBytes);
+        asm("" : "+r"(piece));  // no load together with its neighbours
+        return piece;
+    }
+}
+
+/// Asks for the memory of an object that is about to be used, and waits for nothing.
+template <class T>
+void prefetch(const T& object) {
+    constexpr std::size_t kLineBytes = 64;
+    const auto* const bytes = reinterpret_cast<const std::byte*>(&object);
+    for (std::size_t at = 0; at < sizeof(T); at += kLineBytes)
+        __builtin_prefetch(bytes + at, 1);
+    __builtin_prefetch(bytes + sizeof(T) - 1, 1);
+    // Without it, g++ 12 takes whatever does no more than this for a function without effect, and
+    // drops its calls.
+    asm volatile("");
+}
+
 /// A value as words, the last one filled up with zeros: how it is copied and checksummed.
 template <class T>
 struct Words {
     static_assert(std::is_trivially_copyable_v<T>);
     static constexpr std::size_t kCount = wordsOf(sizeof(T));
 
-    Words() = default;
-    explicit Words(const T& value) { std::memcpy(words, &value, sizeof(T)); }
+    Words() : words{} {}
+    explicit Words(const T& value) : words{} {
+        if constexpr (requires { value.words(); }) {
+            const auto made = value.words();
+            static_assert(made.size() == kCount);
+            for (std::size_t i = 0; i < kCount; ++i)
+                words[i] = made[i];
+        } else {
+            std::memcpy(words, &value, sizeof(T));
+        }
+    }
+
+    /// Puts a part of a value at its offset, where there are only zeros so far.
+    template <std::size_t kAt, class Part>
+    void put(const Part& part) {
+        static_assert(std::is_trivially_copyable_v<Part> && kAt + sizeof(Part) <= sizeof(T));
+        const auto* const from = reinterpret_cast<const std::byte*>(&part);
+        [&]<std::size_t... kPiece>(std::index_sequence<kPiece...>) {
+            (putPiece<kAt + 4 * kPiece, std::min<std::size_t>(4, sizeof(Part) - 4 * kPiece)>(
+                 from + 4 * kPiece),
+             ...);
+        }
+        (std::make_index_sequence<(sizeof(Part) + 3) / 4>());
+    }
 
     T value() const {
         T result;
@@ -72,28 +129,47 @@ struct Words {
     std::uint64_t checksum(std::uint64_t seed) const { return placedSum(sum(), seed); }
     /// Relaxed stores; the caller orders them with its fences.
     void storeTo(std::uint64_t* place) const {
-        for (std::size_t i = 0; i < kCount; ++i) {
+        inEach([&](std::size_t i) __attribute__((always_inline)) {
             word(place[i]).store(words[i], std::memory_order_relaxed);
-        }
+        });
     }
     /// Relaxed loads; what comes back may be torn until the caller has verified it.
     static Words loadFrom(const std::uint64_t* place) {
-        Words result;
-        for (std::size_t i = 0; i < kCount; ++i)
-            result.words[i] = loaded(place[i]);
+        Words result{NotSet()};
+        inEach([&](std::size_t i)
+                   __attribute__((always_inline)) { result.words[i] = loaded(place[i]); });
         return result;
     }
 
-    std::uint64_t words[kCount]{};
+    std::uint64_t words[kCount];
+
+private:
+    struct NotSet {};
+    explicit Words(NotSet) {}
+
+    /// Unrolled, which the compiler does not do by itself.
+    template <class Action>
+    [[gnu::always_inline]] static void inEach(const Action& action) {
+        [&]<std::size_t... kIndex>(std::index_sequence<kIndex...>) {
+            (action(kIndex), ...);
+        }
+        (std::make_index_sequence<kCount>());
+    }
+    template <std::size_t kAt, std::size_t kBytes>
+    void putPiece(const std::byte* from) {
+        constexpr std::size_t kShift = kAt % 8 * 8;
+        const std::uint64_t piece = justStored<kBytes>(from);
+        words[kAt / 8] |= piece << kShift;
+        if constexpr (kShift + 8 * kBytes > 64)
+            words[kAt / 8 + 1] |= piece >> (64 - kShift);
+    }
 };
 
 /// A value and its sum, made once for all the places that take it.
 template <class T>
 struct Summed {
-    explicit Summed(const T& value) : words(value), sum(words.sum()) {}
-
     Words<T> words;
-    std::uint64_t sum;
+    std::uint64_t sum = words.sum();
 };
 
 /// One published number in two cells that take turns. A store writes the cell that holds the older
