@@ -164,10 +164,10 @@ void wait(const KivShimo::Doorbell& bell) {
     while (true) {
         if (work() || !sleeps)
             continue;
+        bell.drain();
         follower.sleeper().asleep();
         if (!work())
             wait(bell);
-        bell.drain();
         follower.sleeper().awake();
     }
 }
@@ -190,9 +190,9 @@ public:
             takeUp();
             if (!sleeps_ || written_ - answered_ <= most)
                 continue;
+            bell_.drain();
             if (group_->sleepPrepared())
                 wait(bell_);
-            bell_.drain();
             group_->awake();
         }
     }

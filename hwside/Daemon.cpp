@@ -85,12 +85,12 @@ Daemon::Daemon(asio::io_context& io, const std::string& stateDirectory)
 void Daemon::start() {
     // The agent may have looked for the acknowledgements before there were any.
     KivShimo::ring(group_.agentBell());
-    waitForBell();
     work();
 }
 
 /// Works until nothing is left, then says that it sleeps and looks once more: what is announced
-/// after that look rings.
+/// after that look rings. Rings are taken off the bell before that, and not before the work, which
+/// they must not hold up.
 void Daemon::work() {
     sleeper_.awake();
     again_.cancel();
@@ -99,10 +99,11 @@ void Daemon::work() {
         againAfter_ = kAgainAfter;
     if (progress == LogReader::Progress::idle) {
         const std::uint64_t position = reader_.position();
+        bell_.drain();
         sleeper_.asleep();
         progress = reader_.pump(kBudget);
         if (progress == LogReader::Progress::idle && reader_.position() == position)
-            return;
+            return waitForBell();
         sleeper_.awake();
     }
     if (progress == LogReader::Progress::again) {
@@ -120,11 +121,8 @@ void Daemon::work() {
 void Daemon::waitForBell() {
     rings_.async_wait(asio::posix::descriptor_base::wait_read,
                       [this](const asio::error_code& error) {
-                          if (error)
-                              return;
-                          bell_.drain();
-                          waitForBell();
-                          work();
+                          if (!error)
+                              work();
                       });
 }
 

@@ -45,19 +45,22 @@ std::optional<sockaddr_un> addressOf(const std::string& path) {
     return address;
 }
 
-/// The sender's socket of the process; unbound, so it needs no path.
-int senderSocket() {
-    static const detail::Descriptor sender(
-        socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    return sender.fd();
+/// Empty when nobody is there.
+detail::Descriptor connectedTo(const std::string& path) {
+    const std::optional<sockaddr_un> address = addressOf(path);
+    detail::Descriptor peer(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!address || !peer ||
+        connect(peer.fd(), reinterpret_cast<const sockaddr*>(&*address), sizeof(*address)) != 0) {
+        return {};
+    }
+    return peer;
 }
 
-bool ringAt(const sockaddr_un& address) {
+bool rang(const detail::Descriptor& peer) {
     const char ring = 1;
-    const ssize_t sent = sendto(senderSocket(), &ring, sizeof(ring), MSG_DONTWAIT | MSG_NOSIGNAL,
-                                reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     // A full socket is as good as a ring: the peer has something to wake up for.
-    return sent == sizeof(ring) || errno == EAGAIN || errno == ENOBUFS;
+    return send(peer.fd(), &ring, sizeof(ring), MSG_DONTWAIT | MSG_NOSIGNAL) == sizeof(ring) ||
+           errno == EAGAIN || errno == ENOBUFS;
 }
 
 }  // namespace
@@ -100,8 +103,8 @@ void removeDeadSocket(const std::string& path) {
 }
 
 bool ring(const std::string& path) {
-    const std::optional<sockaddr_un> address = addressOf(path);
-    return address && ringAt(*address);
+    const detail::Descriptor peer = connectedTo(path);
+    return peer && rang(peer);
 }
 
 Sleeper::Sleeper(detail::SleepWord word)
@@ -154,7 +157,16 @@ bool Waker::maybeRing() {
     if (epoch && *epoch == rungFor_)
         return false;
     rungFor_ = epoch.value_or(0);
-    return ring(path_);
+    return rung();
+}
+
+/// Stays connected, so that the kernel need not look the path up for each ring. A peer that has
+/// gone, or begun anew, refuses; then the path says who is there.
+bool Waker::rung() {
+    if (peer_ && rang(peer_))
+        return true;
+    peer_ = connectedTo(path_);
+    return peer_ && rang(peer_);
 }
 
 }  // namespace KivShimo

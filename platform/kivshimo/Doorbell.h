@@ -96,9 +96,11 @@ public:
 
 private:
     bool maybeRing();
+    bool rung();
 
     detail::SleepWord word_;
     std::string path_;
+    detail::Descriptor peer_;  ///< connected to the bell that was rung last
     bool isOrdered_;  ///< the kernel makes this process pass barriers for sleepers
     /// The word of a sleeper that is awake and orders for both; empty: none met yet.
     std::optional<std::uint64_t> awake_;

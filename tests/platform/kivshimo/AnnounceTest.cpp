@@ -1,14 +1,18 @@
 #include <poll.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <cstring>
+#include <numeric>
 #include <random>
 #include <thread>
 
 #include "platform/kivshimo/AckMap.h"
 #include "platform/kivshimo/AnnounceLog.h"
 #include "platform/kivshimo/Doorbell.h"
+#include "platform/kivshimo/detail/AnnounceSlot.h"
 #include "tests/platform/kivshimo/Fixture.h"
 #include "tests/support/TraceCapture.h"
 
@@ -62,6 +66,16 @@ TEST_F(AnnounceTest, ReaderGetsWhatWasAppendedInOrder) {
     }
     EXPECT_FALSE(reader->next(position).has_value());
     EXPECT_EQ(reader->tail(), log.tail());
+}
+
+TEST(AnnounceSlotTest, GivesTheWordsThatItLiesInMemoryAs) {
+    std::array<std::uint8_t, sizeof(detail::AnnounceSlot)> bytes{};
+    std::iota(bytes.begin(), bytes.end(), std::uint8_t{1});
+    detail::AnnounceSlot slot;
+    std::memcpy(static_cast<void*>(&slot), bytes.data(), sizeof(slot));
+    std::array<std::uint64_t, 8> inMemory{};
+    std::memcpy(inMemory.data(), bytes.data(), sizeof(slot));
+    EXPECT_EQ(slot.words(), inMemory);
 }
 
 TEST_F(AnnounceTest, FullLogRefusesUntilConsumed) {
@@ -192,7 +206,9 @@ TEST_F(AnnounceTest, MarkWithAWrongBitIsNoLossButCorruption) {
 
 /// REQUIRES: nothing is rotten.
 std::vector<Acknowledged> allOf(const AckMapReader& reader) {
-    return reader.all([](const CorruptionError& error) { ADD_FAILURE() << error.what(); });
+    const Acknowledgements all =
+        reader.all([](const CorruptionError& error) { ADD_FAILURE() << error.what(); });
+    return {all.begin(), all.end()};
 }
 
 TEST_F(AckTest, ReaderWaitsForTheFileAndFollowsTheWriter) {
@@ -363,6 +379,23 @@ TEST_F(AckTest, HoldsSixtyFourTables) {
     EXPECT_EQ(AckMapReader::open(file("acks"))->acknowledged(63), 63U);
 }
 
+TEST_F(AckTest, ReaderFindsEveryRowWhicheverOthersAreFree) {
+    for (std::uint32_t kept = 0; kept < kMostAckTables; ++kept) {
+        AckMapWriter writer(root_, "acks");
+        for (std::uint32_t table = 0; table < kMostAckTables; ++table)
+            writer.ackIs(table, table + 1);
+        for (std::uint32_t table = 0; table < kMostAckTables; ++table) {
+            if (table != kept)
+                writer.forget(table);
+        }
+        const auto all = allOf(*AckMapReader::open(file("acks")));
+        ASSERT_EQ(all.size(), 1U);
+        EXPECT_EQ(all[0].tableId, kept);
+        EXPECT_EQ(all[0].version, kept + 1);
+        writer.forget(kept);
+    }
+}
+
 TEST_F(AckTest, RottenRowsThrowAndAreDroppedAtTheMount) {
     {
         AckMapWriter writer(root_, "acks");
@@ -380,7 +413,7 @@ TEST_F(AckTest, RottenRowsThrowAndAreDroppedAtTheMount) {
     const auto readable = reader->all([&](const CorruptionError&) { ++reported; });
     EXPECT_EQ(reported, 2U);
     ASSERT_EQ(readable.size(), 1U);
-    EXPECT_EQ(readable.front().tableId, 3U);
+    EXPECT_EQ(readable.begin()->tableId, 3U);
     EXPECT_EQ(reader->acknowledged(3), 30U);
     const AckMapWriter writer(root_, "acks");
     EXPECT_EQ(writer.corruptions(), 2U);
@@ -404,6 +437,23 @@ TEST_F(DoorbellTest, RingsOnlyWhoSleepsAndOnceForAnEpoch) {
     EXPECT_TRUE(waker.published());
     EXPECT_EQ(bell.drain(), 1U);
     EXPECT_EQ(bell.drain(), 0U);
+}
+
+TEST_F(DoorbellTest, WakerRingsWhoeverIsThereAfterThePeerHasGone) {
+    Sleeper sleeper(sleepWord());
+    Waker waker(sleepWord(), root_ + "/bell");
+    sleeper.asleep();
+    EXPECT_FALSE(waker.published()) << "nobody is there yet";
+    for (int i = 0; i < 3; ++i) {
+        Doorbell bell(root_ + "/bell");
+        sleeper.awake();
+        sleeper.asleep();
+        EXPECT_TRUE(waker.published());
+        EXPECT_EQ(bell.drain(), 1U);
+    }
+    sleeper.awake();
+    sleeper.asleep();
+    EXPECT_FALSE(waker.published()) << "nobody is there any more";
 }
 
 TEST_F(DoorbellTest, MissingOrDeafPeerIsNoError) {
