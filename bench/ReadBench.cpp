@@ -4,6 +4,7 @@
 #include "bench/Floor.h"
 #include "bench/Rounds.h"
 #include "bench/WholeSystem.h"
+#include "entrylog/ShimoManager.h"
 
 namespace Bench {
 namespace {
@@ -98,9 +99,11 @@ BENCHMARK(floorOfIteration);
 void mount(benchmark::State& state) {
     VornPolicyCpu::EntryLog<B>& log = *fullTable().entryLog();
     const auto version = log.tableVersion();
+    const auto manager = VornPolicyCpu::shimoManagerOf(*log.entityManager());
     for (auto _ : state) {
         state.PauseTiming();
         log.tableConfigShimoDel(kUnit);
+        manager->entityDel(VornPolicyCpu::Constants<B::Types>::configShimoPath(kUnit));
         state.ResumeTiming();
         log.mountShimoConfig(kUnit, version);
     }
