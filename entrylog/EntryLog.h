@@ -96,7 +96,12 @@ public:
 
     /// The stored log entry; the default when absent or in deletion.
     LogEntry entry(const Key& key, Asic::UnitId unitId) const;
-    bool entryHas(const Key& key, Asic::UnitId unitId) const;
+    bool entryHas(const Key& key, Asic::UnitId unitId) const {
+        return liveEntry(key, unitId).has_value();
+    }
+    /// What entryHas asks for, and traces as entryHas: the stored value; nothing when absent or in
+    /// deletion.
+    std::optional<ConfigValue> liveEntry(const Key& key, Asic::UnitId unitId) const;
     /// Also of a key in deletion.
     ResourceKeys entryRsrcKeys(const Key& key, Asic::UnitId unitId) const;
     /// Also of a key in deletion: the version of its deletion. 0 when absent.

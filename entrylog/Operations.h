@@ -148,10 +148,13 @@ auto EntryLog<B>::entry(const Key& key, Asic::UnitId unitId) const -> LogEntry {
 }
 
 template <class B>
-bool EntryLog<B>::entryHas(const Key& key, Asic::UnitId unitId) const {
-    Traces<B>::entryLog(8, " key: {} unitId:{}", key, unitId);
-    const auto stored = configEntry(key, unitId);
-    return stored.has_value() && !stored->inDeletion;
+auto EntryLog<B>::liveEntry(const Key& key, Asic::UnitId unitId) const
+    -> std::optional<ConfigValue> {
+    Traces<B>::entryLog.in("entryHas", 8, " key: {} unitId:{}", key, unitId);
+    std::optional<ConfigValue> stored = configEntry(key, unitId);
+    if (stored.has_value() && stored->inDeletion)
+        stored.reset();
+    return stored;
 }
 
 template <class B>
@@ -193,10 +196,7 @@ template <class B>
 template <class Visit>
 bool EntryLog<B>::forEachValue(ConfigTable& config, Visit&& visit) const {
     try {
-        for (auto value = config.swTableEntriesFromStart(); value.has_value();
-             value = config.swTableEntriesAfter(value->key())) {
-            visit(*value);
-        }
+        config.swTableEntriesForEach(visit);
         return true;
     } catch (const KivShimo::CorruptionError& error) {
         config.doCorruptionDetected(error.what());

@@ -27,6 +27,7 @@ struct OrderedSwTableAccessor {
     using ResponseHandler = Asic::OrderedSwTable::ResponseHandler;
     using Resolver = ResolverEntry<B>;
     using NeededPtr = Brumo::Ptr<Asic::NeededEntry>;
+    using ConfigValue = typename EntryLog<B>::ConfigValue;
 
     // Staging a change.
 
@@ -76,6 +77,8 @@ struct OrderedSwTableAccessor {
 
 private:
     // Steps of the above, in the order of their use.
+
+    static Entry entryFromFound(const Key& key, const ConfigValue& stored);
 
     static Asic::EntryVersion nextVersion(Table& table, const Key& key,
                                           const char* function = __builtin_FUNCTION());

@@ -15,12 +15,21 @@ auto OrderedSwTableAccessor<B>::entryReadGeneric(const Table& table, const Key& 
     if (const WrapperPtr staged = table.transientAddEntry(key); staged != nullptr) {
         return staged->entry();
     }
-    if (table.transientRemoveEntry(key) == nullptr &&
-        table.entryLog()->entryHas(key, table.unitId())) {
-        return table.entryFromConfig(key);
+    if (table.transientRemoveEntry(key) == nullptr) {
+        if (const auto stored = table.entryLog()->liveEntry(key, table.unitId()))
+            return entryFromFound(key, *stored);
     }
     Traces<B>::engine(1, "Failed to find entry for key: {}", key);
     return Entry{};
+}
+
+/// The entry of a value that has been looked up already, traced as if entryFromConfig of the table
+/// had been asked for it.
+template <class B>
+auto OrderedSwTableAccessor<B>::entryFromFound(const Key& key, const ConfigValue& stored) -> Entry {
+    Traces<B>::swTable.in("entryFromConfig", 8, " key: {}", key);
+    Traces<B>::engine.in("entryFromConfig", 8, "key: {}", key);
+    return Entry::from(stored.logEntry, stored.rsrcKeys);
 }
 
 template <class B>
@@ -147,18 +156,21 @@ private:
         if (config == nullptr)
             return false;
         try {
-            auto element = state.has(State::kBookmarkSet)
-                               ? config->swTableEntriesFrom(state.bookmark())
-                               : config->swTableEntriesFromStart();
+            auto at = state.has(State::kBookmarkSet)
+                          ? config->swTableEntriesAtOrAfter(state.bookmark(), state.place())
+                          : config->swTableEntriesStart();
+            auto element = config->swTableEntriesAt(at);
             while (element.has_value() && hidden(table, *element)) {
-                element = config->swTableEntriesAfter(element->key());
+                at = config->swTableEntriesNext(at);
+                element = config->swTableEntriesAt(at);
             }
             if (!element.has_value())
                 return false;
+            const auto next = config->swTableEntriesNext(at);
             state.set(State::kCurrentEntryValid);
             entry = Entry::from(element->logEntry, element->rsrcKeys);
             trace("  found entry: {}", entry);
-            bookmarkNext(state, config->swTableEntriesKeyAfter(element->key()));
+            bookmarkNext(state, *config, next);
         } catch (const KivShimo::CorruptionError& error) {
             config->doCorruptionDetected(error.what());
             return false;
@@ -166,10 +178,10 @@ private:
         return true;
     }
 
-    template <class NextKey>
-    static void bookmarkNext(State& state, const NextKey& next) {
-        if (next.has_value()) {
-            state.bookmarkIs(*next);
+    template <class Config>
+    static void bookmarkNext(State& state, const Config& config, typename State::Place next) {
+        if (next) {
+            state.bookmarkIs(config.swTableEntriesKeyAt(next), next);
             return;
         }
         trace("  done with cfgShimo");

@@ -51,32 +51,42 @@ public:
 
     // Walks in the collection's order, which any change between two steps leaves whole.
     std::optional<Value> swTableEntriesFromStart() const { return swTableEntries_.first(); }
-    std::optional<Value> swTableEntriesFrom(const Key& key) const {
-        return swTableEntries_.lowerBound(key);
-    }
     std::optional<Value> swTableEntriesAfter(const Key& key) const {
         return swTableEntries_.next(key);
     }
-    std::optional<Key> swTableEntriesKeyAfter(const Key& key) const {
-        return swTableEntries_.nextKey(key);
+    /// Calls `visit` for each value; it may change everything.
+    template <class Visit>
+    void swTableEntriesForEach(Visit&& visit) const {
+        swTableEntries_.forEach(visit);
+    }
+
+    // The same, step by step; see Map::Position for how long one holds.
+    using Position = typename KivShimo::Map<Value>::Position;
+    Position swTableEntriesStart() const { return swTableEntries_.begin(); }
+    Position swTableEntriesAtOrAfter(const Key& key, Position guess) const {
+        return swTableEntries_.atOrAfter(key, guess);
+    }
+    Position swTableEntriesNext(Position position) const { return swTableEntries_.after(position); }
+    const Key& swTableEntriesKeyAt(Position position) const {
+        return swTableEntries_.keyAt(position);
+    }
+    std::optional<Value> swTableEntriesAt(Position position) const {
+        return swTableEntries_.valueAt(position);
     }
     /// Calls `visit` for each value that can be read; reports the others and goes on behind them.
     /// `visit` may change everything.
     template <class Visit>
     void swTableEntriesForEachWhole(Visit&& visit) {
-        std::optional<Key> passed;
-        for (;;) {
+        Key key{};
+        for (Position at = swTableEntries_.begin(); at; at = swTableEntries_.after(key, at)) {
+            key = swTableEntries_.keyAt(at);
             std::optional<Value> value;
             try {
-                value = passed ? swTableEntries_.next(*passed) : swTableEntries_.first();
+                value = swTableEntries_.valueAt(at);
             } catch (const KivShimo::CorruptionError& error) {
                 doCorruptionDetected(error.what());
-                passed = passed ? swTableEntries_.nextKey(*passed) : swTableEntries_.firstKey();
                 continue;
             }
-            if (!value)
-                return;
-            passed = value->key();
             visit(*value);
         }
     }

@@ -79,6 +79,8 @@ public:
 
     Value* find(const Key& key) { return const_cast<Value*>(std::as_const(*this).find(key)); }
     const Value* find(const Key& key) const {
+        if (empty())
+            return nullptr;  // nothing is hashed: most look-ups are in maps that hold nothing
         const KeyOrder<Key> wanted(key);
         const Node* node = atOrAfterInBucket(wanted);
         return node != nullptr && matches(*node, wanted) ? &node->value : nullptr;

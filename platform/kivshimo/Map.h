@@ -81,20 +81,47 @@ public:
     /// Throws CorruptionError.
     std::optional<Value> find(const Key& key) const;
 
+    /// Where a walk stands: at an element, or at the end. That holds until the next change of the
+    /// map; from then on it is a guess of where the element's key is, in any map and for good.
+    class Position {
+    public:
+        Position() = default;
+        explicit operator bool() const { return slot_ != detail::Link::kNone; }
+
+    private:
+        friend class Map;
+        explicit Position(std::uint32_t slot) : slot_(slot) {}
+
+        std::uint32_t slot_ = detail::Link::kNone;
+    };
+    Position begin() const { return Position(headOf(usedBuckets_.atOrAfter(0))); }
+    /// The first element at or after the key. Where the guess is right, nothing is looked up.
+    Position atOrAfter(const Key& key, Position guess = {}) const;
+    /// The first element after the key.
+    Position after(const Key& key, Position guess = {}) const;
+    /// The next element. REQUIRES: the map was not changed since the position was found.
+    Position after(Position position) const;
+    /// REQUIRES: the map was not changed since the position was found, which is not the end.
+    const Key& keyAt(Position position) const { return nodes_[position.slot_].key; }
+    /// Nothing at the end. Throws CorruptionError. REQUIRES: as `after`.
+    std::optional<Value> valueAt(Position position) const;
+
     /// Walks: the first element; the first at or after a key; the first after a key. Each throws
     /// CorruptionError when the element that comes is rotten; the key walks below do not.
-    std::optional<Value> first() const { return valueIn(slotFromBucket(0)); }
-    std::optional<Value> lowerBound(const Key& key) const { return valueIn(slotFrom(key, true)); }
-    std::optional<Value> next(const Key& key) const { return valueIn(slotFrom(key, false)); }
-    std::optional<Key> firstKey() const { return keyIn(slotFromBucket(0)); }
-    std::optional<Key> lowerBoundKey(const Key& key) const { return keyIn(slotFrom(key, true)); }
-    std::optional<Key> nextKey(const Key& key) const { return keyIn(slotFrom(key, false)); }
+    std::optional<Value> first() const { return valueAt(begin()); }
+    std::optional<Value> lowerBound(const Key& key) const { return valueAt(atOrAfter(key)); }
+    std::optional<Value> next(const Key& key) const { return valueAt(after(key)); }
+    std::optional<Key> firstKey() const { return keyOf(begin()); }
+    std::optional<Key> lowerBoundKey(const Key& key) const { return keyOf(atOrAfter(key)); }
+    std::optional<Key> nextKey(const Key& key) const { return keyOf(after(key)); }
 
     /// Calls `visit(value)` for each element in order; `visit` may change the map.
     template <class Visit>
     void forEach(Visit&& visit) const {
-        for (std::optional<Value> value = first(); value; value = next(value->key())) {
-            visit(*value);
+        Key key{};
+        for (Position at = begin(); at; at = after(key, at)) {
+            key = keyAt(at);
+            visit(*valueAt(at));
         }
     }
 
@@ -122,7 +149,11 @@ private:
         std::uint32_t at;
     };
     Place placeOf(const Kiv::KeyOrder<Key>& wanted) const;
-    void prefetchSlot(std::uint32_t slot) const;
+    void prefetchSlot(std::uint32_t slot) const {
+        if (slot != detail::Link::kNone)
+            detail::prefetch(slotAt(slot));
+    }
+    void prefetchAhead(std::size_t from, std::size_t to) const;
     bool isTaken(const Spot& spot) const {
         return matches(spot.at, Kiv::KeyOrder<Key>(spot.hash, spot.key));
     }
@@ -130,19 +161,12 @@ private:
         return slot != detail::Link::kNone && nodes_[slot].hash == wanted.hash &&
                nodes_[slot].key.isEq(wanted.key);
     }
-    std::uint32_t slotOf(const Key& key) const {
-        const Kiv::KeyOrder<Key> wanted(key);
-        const Place place = placeOf(wanted);
-        return matches(place.at, wanted) ? place.at : detail::Link::kNone;
+    std::uint32_t slotOf(const Key& key) const;
+    std::uint32_t headOf(std::optional<std::size_t> bucket) const {
+        return bucket ? heads_[*bucket] : detail::Link::kNone;
     }
-    std::uint32_t slotFrom(const Key& key, bool orAt) const;
-    std::uint32_t slotFromBucket(std::size_t bucket) const {
-        const std::optional<std::size_t> used = usedBuckets_.atOrAfter(bucket);
-        return used ? heads_[*used] : detail::Link::kNone;
-    }
-    std::optional<Value> valueIn(std::uint32_t slot) const;
-    std::optional<Key> keyIn(std::uint32_t slot) const {
-        return slot == detail::Link::kNone ? std::nullopt : std::optional<Key>(nodes_[slot].key);
+    std::optional<Key> keyOf(Position position) const {
+        return position ? std::optional<Key>(keyAt(position)) : std::nullopt;
     }
 
     bool insertNew(const Spot& spot, const detail::Summed<Value>& value);

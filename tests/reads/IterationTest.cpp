@@ -1,6 +1,7 @@
 // Walks over a table: layers, flags, bookmarks and traces of every step.
 #include <gtest/gtest.h>
 
+#include "entrylog/ShimoManager.h"
 #include "swtable/ReadPath.h"
 #include "tests/support/SwTableFixture.h"
 
@@ -253,6 +254,55 @@ TYPED_TEST(Iteration, GoesOnFromTheBookmarkWhereTheStagedWritesHaveGone) {
     this->agent.settle();
     EXPECT_EQ(this->step(state).key, keys[1]);
     EXPECT_EQ(this->step(state).key, keys[2]);
+    EXPECT_TRUE(this->step(state).isEq(typename TypeParam::Entry{}));
+}
+
+TYPED_TEST(Iteration, GoesOnBehindABookmarkWhoseValueHasGone) {
+    for (std::uint32_t number : {1U, 2U, 3U})
+        this->committed(number);
+    const auto keys = this->ordered({1, 2, 3});
+    const auto state = this->table->initIterState();
+    EXPECT_EQ(this->step(state).key, keys[0]);
+    this->config()->swTableEntriesDel(keys[1]);
+    EXPECT_EQ(this->step(state).key, keys[2]);
+    EXPECT_TRUE(this->step(state).isEq(typename TypeParam::Entry{}));
+}
+
+TYPED_TEST(Iteration, GivesWhatHasComeBetweenTwoStepsInItsOrder) {
+    const auto keys = this->ordered({1, 2, 3, 4, 5, 6});
+    const auto add = [&](std::size_t at) {
+        typename TypeParam::Entry entry;
+        entry.key = keys[at];
+        this->table->entryWrite(keys[at], entry, nullptr);
+        this->agent.settle();
+    };
+    for (const std::size_t at : {0U, 2U, 4U})
+        add(at);
+    const auto state = this->table->initIterState();
+    EXPECT_EQ(this->step(state).key, keys[0]);
+    this->config()->swTableEntriesDel(keys[2]);
+    add(3);  // takes the slot of the bookmark
+    EXPECT_EQ(this->step(state).key, keys[3]);
+    add(2);
+    EXPECT_EQ(this->step(state).key, keys[4]);
+    add(5);
+    EXPECT_TRUE(this->step(state).isEq(typename TypeParam::Entry{})) << "had no bookmark any more";
+}
+
+TYPED_TEST(Iteration, GoesOnInAConfigurationThatWasMountedAnew) {
+    for (std::uint32_t number = 1; number <= 6; ++number)
+        this->committed(number);
+    const auto keys = this->ordered({1, 2, 3, 4, 5, 6});
+    const auto log = this->table->entryLog();
+    const auto unit = this->table->unitId();
+    const auto state = this->table->initIterState();
+    for (const auto& key : keys) {
+        EXPECT_EQ(this->step(state).key, key);
+        log->tableConfigShimoDel(unit);
+        shimoManagerOf(*log->entityManager())
+            ->entityDel(Constants<typename TypeParam::Types>::configShimoPath(unit));
+        log->mountShimoConfig(unit, {});
+    }
     EXPECT_TRUE(this->step(state).isEq(typename TypeParam::Entry{}));
 }
 

@@ -107,6 +107,25 @@ TYPED_TEST(Operation, EntryReadAndEntryAreOne) {
     }
 }
 
+TYPED_TEST(Operation, EntryReadOfACommittedKeyTracesEachOfItsStepsInOrder) {
+    this->committed(1, 5);
+    const TraceCapture traces;
+    this->table->entryRead(this->key(1));
+    Texts lines;
+    for (const TraceLine& line : traces.lines()) {
+        EXPECT_EQ(line.level, 8);
+        lines.push_back(line.className + "::" + line.function + ":" + line.text);
+    }
+    const std::string name = this->name() + "::";
+    const std::string log = className<TypeParam>("EntryLog") + "::";
+    EXPECT_EQ(
+        lines,
+        (Texts{name + this->withKey("entryRead"), "OrderedSwTableAccessor::entryReadGeneric:",
+               log + this->withKey("entryHas") + fmt::format(" unitId:{}", this->table->unitId()),
+               name + this->withKey("entryFromConfig"),
+               "OrderedSwTableAccessor::entryFromConfig:key: " + this->text(1)}));
+}
+
 TYPED_TEST(Operation, EntryFromConfigTracesItsNameAndGoesToTheEngine) {
     const auto call = [this] { this->table->entryFromConfig(this->key(1)); };
     EXPECT_EQ(this->tableLines(call), Texts{this->withKey("entryFromConfig")});

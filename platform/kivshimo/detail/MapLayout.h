@@ -13,8 +13,12 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <new>  // allow: launder is declared there
 #include <optional>
+#include <type_traits>
 
+#include "platform/kivshimo/detail/FixedSum.h"
 #include "platform/kivshimo/detail/Words.h"
 
 namespace KivShimo::detail {
@@ -47,6 +51,23 @@ constexpr std::uint64_t mapBuckets(std::uint64_t slots) {
 constexpr std::uint64_t mapBytes(std::uint64_t slots, std::size_t valueBytes) {
     return 8 * mapBuckets(slots) + slots * mapSlotBytes(valueBytes);
 }
+
+/// A copy of a value, as only the one writer may take it: nobody stores into its words meanwhile.
+template <class Value>
+class Copy {
+    static_assert(std::is_trivially_copyable_v<Value> && alignof(Value) <= alignof(std::uint64_t));
+
+public:
+    // Nothing is stored before the copy is: that would be most of its cost.
+    explicit Copy(const std::uint64_t* words) { std::memcpy(words_, words, sizeof(words_)); }
+
+    /// As Words<Value>::sum.
+    std::uint64_t sum() const { return fixedSum<sizeof(words_)>(words_); }
+    const Value& value() const { return *std::launder(reinterpret_cast<const Value*>(words_)); }
+
+private:
+    std::uint64_t words_[Words<Value>::kCount];
+};
 
 /// A link to a slot, or to none, with a check of the place where it stands.
 struct Link {

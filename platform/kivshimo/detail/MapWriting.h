@@ -105,12 +105,6 @@ void Map<Value>::prefetch(const Key& key) const {
     prefetchSlot(first);
 }
 
-template <class Value>
-void Map<Value>::prefetchSlot(std::uint32_t slot) const {
-    if (slot != detail::Link::kNone)
-        detail::prefetch(slotAt(slot));
-}
-
 /// Needs no journal: until its checksum is stored, the last of the value, the slot counts as free.
 template <class Value>
 bool Map<Value>::insertNew(const Spot& spot, const detail::Summed<Value>& value) {
@@ -144,7 +138,7 @@ bool Map<Value>::erase(const Key& key) {
 
 template <class Value>
 std::optional<Value> Map<Value>::find(const Key& key) const {
-    return valueIn(slotOf(key));
+    return valueAt(Position(slotOf(key)));
 }
 
 template <class Value>
@@ -157,29 +151,82 @@ typename Map<Value>::Place Map<Value>::placeOf(const Kiv::KeyOrder<Key>& wanted)
     return place;
 }
 
+/// Most chains begin with the key that is looked for, so its value comes while its node is looked
+/// at.
 template <class Value>
-std::uint32_t Map<Value>::slotFrom(const Key& key, bool orAt) const {
+std::uint32_t Map<Value>::slotOf(const Key& key) const {
     const Kiv::KeyOrder<Key> wanted(key);
-    std::uint32_t slot = placeOf(wanted).at;
-    if (!orAt && matches(slot, wanted))
-        slot = nodes_[slot].next;
-    return slot != detail::Link::kNone ? slot : slotFromBucket(bucketOf(wanted.hash) + 1);
+    const std::uint32_t head = heads_[bucketOf(wanted.hash)];
+    if (head != detail::Link::kNone)
+        prefetchSlot(head);
+    const Place place = placeOf(wanted);
+    return matches(place.at, wanted) ? place.at : detail::Link::kNone;
 }
 
 template <class Value>
-std::optional<Value> Map<Value>::valueIn(std::uint32_t slot) const {
+auto Map<Value>::atOrAfter(const Key& key, Position guess) const -> Position {
+    // Keys are in the map once: a slot in use that has the key is where it is, whatever has changed
+    // since the guess.
+    if (guess.slot_ < slots_ && nodes_[guess.slot_].key.isEq(key) && !free_.has(guess.slot_))
+        return guess;
+    const Kiv::KeyOrder<Key> wanted(key);
+    const std::uint32_t slot = placeOf(wanted).at;
+    if (slot != detail::Link::kNone)
+        return Position(slot);
+    return Position(headOf(usedBuckets_.atOrAfter(bucketOf(wanted.hash) + 1)));
+}
+
+template <class Value>
+auto Map<Value>::after(const Key& key, Position guess) const -> Position {
+    const Position at = atOrAfter(key, guess);
+    return at && keyAt(at).isEq(key) ? after(at) : at;
+}
+
+template <class Value>
+auto Map<Value>::after(Position position) const -> Position {
+    const Node& node = nodes_[position.slot_];
+    if (node.next != detail::Link::kNone)
+        return Position(node.next);
+    const std::size_t bucket = bucketOf(node.hash);
+    const std::optional<std::size_t> next = usedBuckets_.atOrAfter(bucket + 1);
+    if (next)
+        prefetchAhead(bucket, *next);
+    return Position(headOf(next));
+}
+
+/// Fetches what a walk comes to soon when it goes from one bucket to another: first the nodes, then
+/// the slots of their chains, while the values before are verified.
+template <class Value>
+void Map<Value>::prefetchAhead(std::size_t from, std::size_t to) const {
+    constexpr std::size_t kNodesAhead = 16;
+    constexpr std::size_t kSlotsAhead = 8;
+    const std::size_t end = std::min(to + kNodesAhead, heads_.size() - 1);
+    for (std::size_t bucket = std::max(from, to - std::min(to, kNodesAhead)) + kNodesAhead + 1;
+         bucket <= end; ++bucket) {
+        const std::uint32_t far = heads_[bucket];
+        if (far != detail::Link::kNone)
+            detail::prefetch(nodes_[far]);
+        for (std::uint32_t near = heads_[bucket - (kNodesAhead - kSlotsAhead)];
+             near != detail::Link::kNone; near = nodes_[near].next) {
+            prefetchSlot(near);
+        }
+    }
+}
+
+template <class Value>
+std::optional<Value> Map<Value>::valueAt(Position position) const {
+    const std::uint32_t slot = position.slot_;
     if (slot == detail::Link::kNone)
         return std::nullopt;
     const Slot& stored = slotAt(slot);
-    const auto words = detail::Words<Value>::loadFrom(stored.value);
-    if (words.checksum(detail::slotSeed(seed_, slot)) != detail::loaded(stored.checksum)) {
+    const detail::Copy<Value> copy(stored.value);
+    if (detail::placedSum(copy.sum(), detail::slotSeed(seed_, slot)) !=
+        detail::loaded(stored.checksum)) [[unlikely]] {
         throw CorruptionError(file_, name_, slot, "value does not verify");
     }
-    const Value value = words.value();
-    if (!value.key().isEq(nodes_[slot].key)) {
+    if (!copy.value().key().isEq(nodes_[slot].key)) [[unlikely]]
         throw CorruptionError(file_, name_, slot, "value has another key");
-    }
-    return value;
+    return copy.value();
 }
 
 template <class Value>
@@ -431,7 +478,7 @@ void Map<Value>::assertConsistent() const {
                     "published link");
             const std::uint64_t sequence = detail::loaded(slotAt(slot).sequence);
             require((sequence & 3U) == detail::kHoldsValue && !free_.has(slot), "slot in use");
-            require(valueIn(slot).has_value(), "value");
+            require(valueAt(Position(slot)).has_value(), "value");
             before = &node;
             ++seen;
         }

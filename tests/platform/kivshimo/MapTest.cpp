@@ -44,6 +44,18 @@ std::vector<Item> valuesIn(const Collection& collection) {
     return result;
 }
 
+using Position = Map<Item>::Position;
+
+std::optional<Item> valueFrom(const Map<Item>& map, const ItemKey& key, Position guess) {
+    return map.valueAt(map.atOrAfter(key, guess));
+}
+std::optional<Item> valueBehind(const Map<Item>& map, const ItemKey& key, Position guess) {
+    return map.valueAt(map.after(key, guess));
+}
+std::optional<Item> firstIn(const Model& model, Model::const_iterator at) {
+    return at == model.end() ? std::nullopt : std::optional(at->second);
+}
+
 TEST_F(MapTest, StoresFindsReplacesAndErases) {
     const auto table = items();
     EXPECT_TRUE(table->items.insertOrReplace(item(1, 10)));
@@ -77,6 +89,7 @@ TEST_P(MapModelTest, BehavesAsAnOrderedMapOverRestarts) {
     std::mt19937 random(GetParam());
     Model model;
     auto table = items(kCapacity);
+    std::vector<std::pair<ItemKey, Position>> guesses;
     for (int step = 0; step < 1500; ++step) {
         const Item value = item(random() % 250, random());
         const auto action = random() % 100;
@@ -101,6 +114,13 @@ TEST_P(MapModelTest, BehavesAsAnOrderedMapOverRestarts) {
                   at == model.end() ? std::nullopt : std::optional(at->second));
         ASSERT_EQ(table->items.next(value.key()),
                   after == model.end() ? std::nullopt : std::optional(after->second));
+        guesses.emplace_back(value.key(), table->items.atOrAfter(value.key()));
+        for (int i = 0; i < 10; ++i) {
+            const auto& [key, guess] = guesses[random() % guesses.size()];
+            ASSERT_EQ(valueFrom(table->items, key, guess), firstIn(model, model.lower_bound(key)));
+            ASSERT_EQ(valueBehind(table->items, key, guess),
+                      firstIn(model, model.upper_bound(key)));
+        }
         if (step % 50 == 0) {
             const Reader reader(itemsFile(), kItemType, "items");
             ASSERT_EQ(valuesIn(reader), valuesOf(model));
@@ -129,6 +149,34 @@ TEST_F(MapTest, WalkSurvivesErasingTheBookmarkAndInserting) {
     });
     EXPECT_EQ(seen.size(), 20U);
     EXPECT_EQ(table->items.count(), 0U);
+}
+
+TEST_F(MapTest, PositionOfAKeyWhoseSlotAnotherKeyHasTakenLeadsToNeither) {
+    const auto table = items();
+    for (const std::uint32_t id : {1U, 2U, 3U})
+        table->items.insertOrReplace(item(id, id));
+    const ItemKey key = item(2, 0).key();
+    const Position guess = table->items.atOrAfter(key);
+    const auto behind = table->items.next(key);
+    table->items.erase(key);
+    EXPECT_EQ(valueFrom(table->items, key, guess), behind) << "its slot is free";
+    const Item other = item(2 + 97, 5);
+    table->items.insertOrReplace(other);
+    EXPECT_EQ(valueFrom(table->items, key, guess), table->items.lowerBound(key));
+    EXPECT_EQ(valueFrom(table->items, other.key(), guess), other);
+}
+
+TEST_F(MapTest, PositionInALargerMapIsNoneInASmallerOne) {
+    const auto larger = items(64);
+    for (std::uint32_t id = 0; id < 64; ++id)
+        larger->items.insertOrReplace(item(id, id));
+    const auto smaller = items(4, "items/2");
+    smaller->items.insertOrReplace(item(1, 7));
+    for (std::uint32_t id = 0; id < 64; ++id) {
+        const ItemKey key = item(id, 0).key();
+        EXPECT_EQ(valueFrom(smaller->items, key, larger->items.atOrAfter(key)),
+                  smaller->items.lowerBound(key));
+    }
 }
 
 TEST_F(MapTest, OtherProcessReadsWhileTheWriterGoesOn) {
