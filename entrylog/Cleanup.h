@@ -48,17 +48,18 @@ void EntryLog<B>::dropDeletedOfLostRecords(Asic::LogVersion version) {
     if (recordsLostUpTo_.value == 0 || version < recordsLostUpTo_)
         return;
     recordsLostUpTo_ = {};
-    for (const auto& [unit, config] : tableConfigShimo_)
-        dropDeleted(*config, version);
+    for (const auto& [unit, config] : tableConfigShimo_) {
+        config->swTableEntriesForEachWhole(
+            [&](const ConfigValue& value) { dropDeleted(*config, value, version); });
+    }
 }
 
-/// Drops the values that were deleted at or before `version`, which the hardware side has consumed.
+/// Drops a value that was deleted at or before `version`, which the hardware side has consumed.
 template <class B>
-void EntryLog<B>::dropDeleted(ConfigTable& config, Asic::LogVersion version) {
-    config.swTableEntriesForEachWhole([&](const ConfigValue& value) {
-        if (value.inDeletion && value.version <= version)
-            config.swTableEntriesDel(value.key());
-    });
+void EntryLog<B>::dropDeleted(ConfigTable& config, const ConfigValue& value,
+                              Asic::LogVersion version) {
+    if (value.inDeletion && value.version <= version)
+        config.swTableEntriesDel(value.key());
 }
 
 template <class B>

@@ -21,6 +21,7 @@
 
 #include <map>
 #include <optional>
+#include <type_traits>
 
 #include "catalogue/Binding.h"
 #include "platform/asic/EntryLogBase.h"
@@ -97,11 +98,13 @@ public:
     /// The stored log entry; the default when absent or in deletion.
     LogEntry entry(const Key& key, Asic::UnitId unitId) const;
     bool entryHas(const Key& key, Asic::UnitId unitId) const {
-        return liveEntry(key, unitId).has_value();
+        return liveEntry(key, unitId, [](const ConfigValue&) { return true; }).has_value();
     }
-    /// What entryHas asks for, and traces as entryHas: the stored value; nothing when absent or in
-    /// deletion.
-    std::optional<ConfigValue> liveEntry(const Key& key, Asic::UnitId unitId) const;
+    /// Asks as entryHas does, and traces as it does: what `use` makes of the stored value; nothing
+    /// when it is absent or in deletion.
+    template <class Use>
+    auto liveEntry(const Key& key, Asic::UnitId unitId, const Use& use) const
+        -> std::optional<std::invoke_result_t<Use, const ConfigValue&>>;
     /// Also of a key in deletion.
     ResourceKeys entryRsrcKeys(const Key& key, Asic::UnitId unitId) const;
     /// Also of a key in deletion: the version of its deletion. 0 when absent.
@@ -141,7 +144,7 @@ private:
 
     void cleanUp(const Record& record);
     void reclaim(const Record& record, ConfigTable& config);
-    void dropDeleted(ConfigTable& config, Asic::LogVersion version);
+    void dropDeleted(ConfigTable& config, const ConfigValue& value, Asic::LogVersion version);
     void dropDeletedOfLostRecords(Asic::LogVersion version);
 
     // What a process before has begun.

@@ -157,8 +157,10 @@ void EntryLog<B>::mountShimoConfig(Asic::UnitId unitId, Asic::LogVersion logVers
     Traces<B>::entryLog(2, " Mounted config for unitId: {} at {}", unitId, path);
     // The records of what was deleted up to the last cleanup are gone.
     const Asic::LogVersion consumed = std::max(logVersion, cleanedUpTo_);
-    if (consumed.value != 0)
-        dropDeleted(*cfgShimo, consumed);
+    if (consumed.value == 0)
+        return;
+    cfgShimo->swTableEntriesForEachInDeletion(
+        [&](const ConfigValue& value) { dropDeleted(*cfgShimo, value, consumed); });
 }
 
 template <class B>

@@ -148,13 +148,25 @@ auto EntryLog<B>::entry(const Key& key, Asic::UnitId unitId) const -> LogEntry {
 }
 
 template <class B>
-auto EntryLog<B>::liveEntry(const Key& key, Asic::UnitId unitId) const
-    -> std::optional<ConfigValue> {
+template <class Use>
+auto EntryLog<B>::liveEntry(const Key& key, Asic::UnitId unitId, const Use& use) const
+    -> std::optional<std::invoke_result_t<Use, const ConfigValue&>> {
+    using Used = std::optional<std::invoke_result_t<Use, const ConfigValue&>>;
     Traces<B>::entryLog.in("entryHas", 8, " key: {} unitId:{}", key, unitId);
-    std::optional<ConfigValue> stored = configEntry(key, unitId);
-    if (stored.has_value() && stored->inDeletion)
-        stored.reset();
-    return stored;
+    const auto found = tableConfigShimo_.find(unitId);
+    if (found == tableConfigShimo_.end())
+        return std::nullopt;
+    ConfigTable& config = *found->second;
+    try {
+        if (const auto at = config.swTableEntriesPosition(key)) {
+            return config.swTableEntriesAt(at, [&](const ConfigValue& stored) {
+                return stored.inDeletion ? Used() : Used(use(stored));
+            });
+        }
+    } catch (const KivShimo::CorruptionError& error) {
+        config.doCorruptionDetected(error.what());
+    }
+    return std::nullopt;
 }
 
 template <class B>

@@ -16,8 +16,11 @@ auto OrderedSwTableAccessor<B>::entryReadGeneric(const Table& table, const Key& 
         return staged->entry();
     }
     if (table.transientRemoveEntry(key) == nullptr) {
-        if (const auto stored = table.entryLog()->liveEntry(key, table.unitId()))
-            return entryFromFound(key, *stored);
+        const auto found = table.entryLog()->liveEntry(
+            key, table.unitId(),
+            [&key](const ConfigValue& stored) { return entryFromFound(key, stored); });
+        if (found.has_value())
+            return *found;
     }
     Traces<B>::engine(1, "Failed to find entry for key: {}", key);
     return Entry{};
@@ -159,16 +162,18 @@ private:
             auto at = state.has(State::kBookmarkSet)
                           ? config->swTableEntriesAtOrAfter(state.bookmark(), state.place())
                           : config->swTableEntriesStart();
-            auto element = config->swTableEntriesAt(at);
-            while (element.has_value() && hidden(table, *element)) {
+            const auto take = [&](const auto& value) {
+                if (hidden(table, value))
+                    return false;
+                entry = Entry::from(value.logEntry, value.rsrcKeys);
+                return true;
+            };
+            while (at && !config->swTableEntriesAt(at, take))
                 at = config->swTableEntriesNext(at);
-                element = config->swTableEntriesAt(at);
-            }
-            if (!element.has_value())
+            if (!at)
                 return false;
             const auto next = config->swTableEntriesNext(at);
             state.set(State::kCurrentEntryValid);
-            entry = Entry::from(element->logEntry, element->rsrcKeys);
             trace("  found entry: {}", entry);
             bookmarkNext(state, *config, next);
         } catch (const KivShimo::CorruptionError& error) {

@@ -30,6 +30,8 @@ public:
     explicit ConfigShimo(KivShimo::TableMount mount)
         : KivShimo::Table(std::move(mount)), swTableEntries_(*this, kSwTableEntries) {}
 
+    using Position = typename KivShimo::Map<Value>::Position;
+
     /// False when the key is new and there is no room.
     bool swTableEntriesIs(const Value& value) { return swTableEntries_.insertOrReplace(value); }
     using Spot = typename KivShimo::Map<Value>::Spot;
@@ -60,8 +62,10 @@ public:
         swTableEntries_.forEach(visit);
     }
 
-    // The same, step by step; see Map::Position for how long one holds.
-    using Position = typename KivShimo::Map<Value>::Position;
+    // Single steps; see Map::Position for how long one holds.
+    Position swTableEntriesPosition(const Key& key) const {
+        return swTableEntries_.positionOf(key);
+    }
     Position swTableEntriesStart() const { return swTableEntries_.begin(); }
     Position swTableEntriesAtOrAfter(const Key& key, Position guess) const {
         return swTableEntries_.atOrAfter(key, guess);
@@ -73,6 +77,11 @@ public:
     std::optional<Value> swTableEntriesAt(Position position) const {
         return swTableEntries_.valueAt(position);
     }
+    /// What `use` makes of the value.
+    template <class Use>
+    auto swTableEntriesAt(Position position, const Use& use) const {
+        return swTableEntries_.valueAt(position, use);
+    }
     /// Calls `visit` for each value that can be read; reports the others and goes on behind them.
     /// `visit` may change everything.
     template <class Visit>
@@ -80,18 +89,30 @@ public:
         Key key{};
         for (Position at = swTableEntries_.begin(); at; at = swTableEntries_.after(key, at)) {
             key = swTableEntries_.keyAt(at);
-            std::optional<Value> value;
-            try {
-                value = swTableEntries_.valueAt(at);
-            } catch (const KivShimo::CorruptionError& error) {
-                doCorruptionDetected(error.what());
-                continue;
-            }
-            visit(*value);
+            visitWhole(at, visit);
         }
+    }
+    /// The same for those in deletion, in no order. The others are passed over as they stand,
+    /// rotten or not. `visit` may delete the value that it is given.
+    template <class Visit>
+    void swTableEntriesForEachInDeletion(Visit&& visit) {
+        swTableEntries_.forEachMarked(offsetof(Value, inDeletion),
+                                      [&](Position at) { visitWhole(at, visit); });
     }
 
 private:
+    template <class Visit>
+    void visitWhole(Position at, const Visit& visit) {
+        std::optional<Value> value;
+        try {
+            value = swTableEntries_.valueAt(at);
+        } catch (const KivShimo::CorruptionError& error) {
+            doCorruptionDetected(error.what());
+            return;
+        }
+        visit(*value);
+    }
+
     KivShimo::Map<Value> swTableEntries_;
 };
 

@@ -7,10 +7,11 @@
 //  1. A value does not move while its key is in the map.
 //  2. Elements are ordered by (hash, key). A walk resumes at a key, whether or not it is still
 //     there, so it survives every change in between.
-//  3. The writer's own index (keys, chains, free slots) is in its private memory, rebuilt from the
-//     slots at each mount; what lies in the file for readers is written, never trusted. So a rotten
-//     value can be replaced and erased like any other. Before it is made again at a mount, it tells
-//     of values that are gone without a trace in their slots.
+//  3. The writer's own index (keys, chains, free slots) is in its private memory, made from the
+//     slots at each mount; what lies in the file for readers is written, and taken up by a mount
+//     only where it is what the slots, all of them whole, make of it. So a rotten value can be
+//     replaced and erased like any other. Before it is made again at a mount, it tells of values
+//     that are gone without a trace in their slots.
 //  4. Every value that is returned was verified; a rotten one throws CorruptionError.
 //  5. A full map refuses new keys and changes nothing then.
 //  6. Each change is all or nothing, also for a process that is killed: a value that replaces
@@ -77,10 +78,6 @@ public:
     bool journaledIs(const Spot& spot, const detail::Summed<Value>& value);
     /// False when the key was not there.
     bool erase(const Key& key);
-    bool has(const Key& key) const { return slotOf(key) != detail::Link::kNone; }
-    /// Throws CorruptionError.
-    std::optional<Value> find(const Key& key) const;
-
     /// Where a walk stands: at an element, or at the end. That holds until the next change of the
     /// map; from then on it is a guess of where the element's key is, in any map and for good.
     class Position {
@@ -94,6 +91,13 @@ public:
 
         std::uint32_t slot_ = detail::Link::kNone;
     };
+
+    bool has(const Key& key) const { return static_cast<bool>(positionOf(key)); }
+    /// Throws CorruptionError.
+    std::optional<Value> find(const Key& key) const { return valueAt(positionOf(key)); }
+    /// Where a key is; the end when it is not there.
+    Position positionOf(const Key& key) const;
+
     Position begin() const { return Position(headOf(usedBuckets_.atOrAfter(0))); }
     /// The first element at or after the key. Where the guess is right, nothing is looked up.
     Position atOrAfter(const Key& key, Position guess = {}) const;
@@ -103,8 +107,16 @@ public:
     Position after(Position position) const;
     /// REQUIRES: the map was not changed since the position was found, which is not the end.
     const Key& keyAt(Position position) const { return nodes_[position.slot_].key; }
-    /// Nothing at the end. Throws CorruptionError. REQUIRES: as `after`.
-    std::optional<Value> valueAt(Position position) const;
+    /// What `use` makes of the value; it is not called when the value is rotten. Throws
+    /// CorruptionError. REQUIRES: as `keyAt`.
+    template <class Use>
+    auto valueAt(Position position, const Use& use) const;
+    /// The value; nothing at the end. Throws CorruptionError. REQUIRES: as `after`.
+    std::optional<Value> valueAt(Position position) const {
+        if (!position)
+            return std::nullopt;
+        return valueAt(position, [](const Value& value) { return std::optional<Value>(value); });
+    }
 
     /// Walks: the first element; the first at or after a key; the first after a key. Each throws
     /// CorruptionError when the element that comes is rotten; the key walks below do not.
@@ -122,6 +134,17 @@ public:
         for (Position at = begin(); at; at = after(key, at)) {
             key = keyAt(at);
             visit(*valueAt(at));
+        }
+    }
+
+    /// Calls `visit(position)` for each element whose value has a byte other than 0 at `offset`, as
+    /// it stands there: nothing is verified, nor is there an order. `visit` may erase the element.
+    template <class Visit>
+    void forEachMarked(std::size_t offset, Visit&& visit) const {
+        for (std::uint32_t slot = 0; slot < slots_; ++slot) {
+            const auto* const bytes = reinterpret_cast<const std::byte*>(slotAt(slot).value);
+            if (bytes[offset] != std::byte{0} && !free_.has(slot))
+                visit(Position(slot));
         }
     }
 
@@ -161,7 +184,6 @@ private:
         return slot != detail::Link::kNone && nodes_[slot].hash == wanted.hash &&
                nodes_[slot].key.isEq(wanted.key);
     }
-    std::uint32_t slotOf(const Key& key) const;
     std::uint32_t headOf(std::optional<std::size_t> bucket) const {
         return bucket ? heads_[*bucket] : detail::Link::kNone;
     }
@@ -182,9 +204,13 @@ private:
 
     // Mount
     void finishPending(Table& table);
+    bool takeUpStructure(Table& table);
+    void forgetIndex();
+    bool takeUpWhole();
+    bool takeUpWholeSlot(std::uint32_t slot);
+    bool takeUpWholeIndex();
     void checkIndex(Table& table) const;
     void rebuild(Table& table);
-    void takeUpStructure(Table& table);
     bool takeUp(Table& table, std::uint32_t slot);
     void keepTorn(Table& table, std::uint32_t slot);
     bool isTorn(std::uint32_t slot) const {
@@ -203,7 +229,7 @@ private:
     Slot* slotArea_;            ///< in the file
     std::uint64_t* structure_;  ///< in the file
 
-    // The writer's own, rebuilt at each mount
+    // The writer's own, made at each mount
     std::vector<Node> nodes_;
     std::vector<std::uint32_t> heads_;
     detail::SlotSet usedBuckets_;

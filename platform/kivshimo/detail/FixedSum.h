@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#define XXH_INLINE_ALL
+#define XXH_INLINE_ALL  // allow: how its header is asked for bodies
 #include <xxhash.h>
 
 namespace KivShimo::detail {

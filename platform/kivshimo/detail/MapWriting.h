@@ -36,11 +36,13 @@ Map<Value>::Map(Table& table, std::string_view name)
     slotArea_ = reinterpret_cast<Slot*>(headArea_ + buckets);
     structure_ = &mapping.dynamicHeader().structure[number_];
     nodes_.resize(slots_);
-    heads_.assign(buckets, detail::Link::kNone);
-    usedBuckets_ = detail::SlotSet(buckets);
-    free_ = detail::SlotSet(slots_);
+    heads_.resize(buckets);
     finishPending(table);
-    takeUpStructure(table);
+    const bool isKnown = takeUpStructure(table);
+    if (isKnown && takeUpWhole())
+        return;
+    if (isKnown)
+        checkIndex(table);
     rebuild(table);
 }
 
@@ -137,11 +139,6 @@ bool Map<Value>::erase(const Key& key) {
 }
 
 template <class Value>
-std::optional<Value> Map<Value>::find(const Key& key) const {
-    return valueAt(Position(slotOf(key)));
-}
-
-template <class Value>
 typename Map<Value>::Place Map<Value>::placeOf(const Kiv::KeyOrder<Key>& wanted) const {
     Place place{detail::Link::kNone, heads_[bucketOf(wanted.hash)]};
     while (place.at != detail::Link::kNone &&
@@ -154,13 +151,20 @@ typename Map<Value>::Place Map<Value>::placeOf(const Kiv::KeyOrder<Key>& wanted)
 /// Most chains begin with the key that is looked for, so its value comes while its node is looked
 /// at.
 template <class Value>
-std::uint32_t Map<Value>::slotOf(const Key& key) const {
-    const Kiv::KeyOrder<Key> wanted(key);
-    const std::uint32_t head = heads_[bucketOf(wanted.hash)];
-    if (head != detail::Link::kNone)
-        prefetchSlot(head);
-    const Place place = placeOf(wanted);
-    return matches(place.at, wanted) ? place.at : detail::Link::kNone;
+auto Map<Value>::positionOf(const Key& key) const -> Position {
+    const std::uint32_t hash = key.hash(0);
+    std::uint32_t slot = heads_[bucketOf(hash)];
+    if (slot == detail::Link::kNone)
+        return Position();
+    prefetchSlot(slot);
+    const Kiv::KeyOrder<Key> wanted(hash, key);
+    while (!matches(slot, wanted)) {
+        if (slot == detail::Link::kNone ||
+            wanted < Kiv::KeyOrder<Key>(nodes_[slot].hash, nodes_[slot].key))
+            return Position();
+        slot = nodes_[slot].next;
+    }
+    return Position(slot);
 }
 
 template <class Value>
@@ -214,19 +218,17 @@ void Map<Value>::prefetchAhead(std::size_t from, std::size_t to) const {
 }
 
 template <class Value>
-std::optional<Value> Map<Value>::valueAt(Position position) const {
+template <class Use>
+auto Map<Value>::valueAt(Position position, const Use& use) const {
     const std::uint32_t slot = position.slot_;
-    if (slot == detail::Link::kNone)
-        return std::nullopt;
     const Slot& stored = slotAt(slot);
     const detail::Copy<Value> copy(stored.value);
     if (detail::placedSum(copy.sum(), detail::slotSeed(seed_, slot)) !=
-        detail::loaded(stored.checksum)) [[unlikely]] {
+        detail::loaded(stored.checksum)) [[unlikely]]
         throw CorruptionError(file_, name_, slot, "value does not verify");
-    }
     if (!copy.value().key().isEq(nodes_[slot].key)) [[unlikely]]
         throw CorruptionError(file_, name_, slot, "value has another key");
-    return copy.value();
+    return use(copy.value());
 }
 
 template <class Value>
@@ -356,24 +358,97 @@ void Map<Value>::keepTorn(Table& table, std::uint32_t slot) {
     nodes_[slot] = {key.hash(0), detail::Link::kNone, key};
     table.tornDetected({CorruptionError(file_, name_, slot, "torn value dropped").what(),
                         [this, slot, key] {
-                            if (slotOf(key) == slot)
+                            if (positionOf(key).slot_ == slot)
                                 erase(key);
                         }},
                        tornKeyOf(key));
 }
 
-/// What cannot be read does not say whether the links were whole, so they are not checked. Its next
-/// value is none that a reader may have seen.
+/// False when the sequence cannot be read: it does not say whether the links were whole, so they
+/// are not checked. Its next value is none that a reader may have seen.
 template <class Value>
-void Map<Value>::takeUpStructure(Table& table) {
+bool Map<Value>::takeUpStructure(Table& table) {
     if (const auto sequence = detail::Structure::decoded(detail::loaded(*structure_), seed_)) {
         structureSequence_ = *sequence;
-        checkIndex(table);
-        return;
+        return true;
     }
     structureSequence_ = std::random_device()();
     table.doCorruptionDetected(
         CorruptionError(file_, name_, 0, "sequence of the links does not verify").what());
+    return false;
+}
+
+template <class Value>
+void Map<Value>::forgetIndex() {
+    heads_.assign(heads_.size(), detail::Link::kNone);
+    usedBuckets_ = detail::SlotSet(heads_.size());
+    free_ = detail::SlotSet(slots_);
+}
+
+/// Takes up what was left whole, as most files are: each slot is free or has a value that verifies,
+/// and what readers follow leads to every value, in the map's order. Then nothing is stored. False
+/// when anything is otherwise: it is for checkIndex and rebuild to say what, from the start.
+template <class Value>
+bool Map<Value>::takeUpWhole() {
+    forgetIndex();
+    if (structureSequence_ < 2 || (structureSequence_ & 1U) != 0)
+        return false;
+    for (std::uint32_t slot = 0; slot < slots_; ++slot) {
+        if (!takeUpWholeSlot(slot))
+            return false;
+    }
+    return takeUpWholeIndex();
+}
+
+/// The link is kept in the node, to be followed by takeUpWholeIndex.
+template <class Value>
+bool Map<Value>::takeUpWholeSlot(std::uint32_t slot) {
+    const Slot& place = slotAt(slot);
+    const std::uint64_t state = detail::loaded(place.sequence) & (detail::kSequenceStep - 1);
+    const std::uint64_t checksum = detail::loaded(place.checksum);
+    if (state == 0 && checksum == 0) {
+        free_.add(slot);
+        return true;
+    }
+    const auto next =
+        detail::Link::decoded(detail::loaded(place.link), detail::Link::slotPlace(seed_, slot));
+    const detail::Copy<Value> copy(place.value);
+    if (state != detail::kHoldsValue || !next ||
+        detail::placedSum(copy.sum(), detail::slotSeed(seed_, slot)) != checksum)
+        return false;
+    const Key key = copy.value().key();
+    nodes_[slot] = {key.hash(0), *next, key};
+    return true;
+}
+
+/// Chains that ascend, each with hashes of its own bucket, lead to no slot twice: when they lead to
+/// as many as there are, they lead to all.
+template <class Value>
+bool Map<Value>::takeUpWholeIndex() {
+    using detail::Link;
+    std::uint64_t seen = 0;
+    for (std::size_t bucket = 0; bucket < heads_.size(); ++bucket) {
+        const auto head =
+            Link::decoded(detail::loaded(headArea_[bucket]), Link::headPlace(seed_, bucket));
+        if (!head)
+            return false;
+        const Node* before = nullptr;
+        for (std::uint32_t at = *head; at != Link::kNone; at = nodes_[at].next) {
+            if (at >= slots_ || free_.has(at))
+                return false;
+            const Node& node = nodes_[at];
+            if (bucketOf(node.hash) != bucket ||
+                (before != nullptr && !(Kiv::KeyOrder<Key>(before->hash, before->key) <
+                                        Kiv::KeyOrder<Key>(node.hash, node.key))))
+                return false;
+            before = &node;
+            ++seen;
+        }
+        heads_[bucket] = *head;
+        if (*head != Link::kNone)
+            usedBuckets_.add(bucket);
+    }
+    return seen == count();
 }
 
 /// What readers follow leads to every value. So it tells of slots that are empty and should not be,
@@ -411,6 +486,7 @@ void Map<Value>::checkIndex(Table& table) const {
 
 template <class Value>
 void Map<Value>::rebuild(Table& table) {
+    forgetIndex();
     std::vector<std::uint32_t> taken;
     structureChanges();
     for (std::uint32_t slot = 0; slot < slots_; ++slot) {
