@@ -48,9 +48,10 @@ void EntryLog<B>::dropDeletedOfLostRecords(Asic::LogVersion version) {
     if (recordsLostUpTo_.value == 0 || version < recordsLostUpTo_)
         return;
     recordsLostUpTo_ = {};
-    for (const auto& [unit, config] : tableConfigShimo_) {
-        config->swTableEntriesForEachWhole(
-            [&](const ConfigValue& value) { dropDeleted(*config, value, version); });
+    for (const auto& unit : tableConfigShimo_) {
+        ConfigTable& config = *unit.second;
+        config.swTableEntriesForEachWhole(
+            [&](const ConfigValue& value) { dropDeleted(config, value, version); });
     }
 }
 

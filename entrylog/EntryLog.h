@@ -97,9 +97,7 @@ public:
 
     /// The stored log entry; the default when absent or in deletion.
     LogEntry entry(const Key& key, Asic::UnitId unitId) const;
-    bool entryHas(const Key& key, Asic::UnitId unitId) const {
-        return liveEntry(key, unitId, [](const ConfigValue&) { return true; }).has_value();
-    }
+    bool entryHas(const Key& key, Asic::UnitId unitId) const;
     /// Asks as entryHas does, and traces as it does: what `use` makes of the stored value; nothing
     /// when it is absent or in deletion.
     template <class Use>

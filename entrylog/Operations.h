@@ -170,6 +170,11 @@ auto EntryLog<B>::liveEntry(const Key& key, Asic::UnitId unitId, const Use& use)
 }
 
 template <class B>
+bool EntryLog<B>::entryHas(const Key& key, Asic::UnitId unitId) const {
+    return liveEntry(key, unitId, [](const ConfigValue&) { return true; }).has_value();
+}
+
+template <class B>
 auto EntryLog<B>::entryRsrcKeys(const Key& key, Asic::UnitId unitId) const -> ResourceKeys {
     Traces<B>::entryLog(8, " key: {} unitId:{}", key, unitId);
     const auto stored = configEntry(key, unitId);
