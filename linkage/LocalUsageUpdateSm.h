@@ -10,7 +10,7 @@
 #pragma once
 
 #include "catalogue/Binding.h"
-#include "platform/kiv/HashMap2018.h"
+#include "platform/kiv/KeySet.h"
 #include "platform/kiv/Publisher.h"
 
 namespace VornPolicyCpu {
@@ -47,8 +47,8 @@ public:
     }
 
     /// The keys of the software table, in their order.
-    const Kiv::HashMap2018<Key, bool>& entryUsage() const { return entryUsage_; }
-    void entryUsageIs(const Key& key) { entryUsage_.insertOrReplace(key, true); }
+    const Kiv::KeySet<Key>& entryUsage() const { return entryUsage_; }
+    void entryUsageIs(const Key& key) { entryUsage_.insert(key); }
     void entryUsageDel(const Key& key) { entryUsage_.erase(key); }
     void entryUsageDelAll() { entryUsage_.clear(); }
 
@@ -75,7 +75,7 @@ private:
 
     HandlePtr resPtr_;
     Linkage<B, L>* parent_;
-    Kiv::HashMap2018<Key, bool> entryUsage_;
+    Kiv::KeySet<Key> entryUsage_;
     Kiv::Subscription subscription_;
     bool hasNotificationActive_ = false;
     bool zombie_ = false;

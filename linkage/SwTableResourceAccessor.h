@@ -103,13 +103,10 @@ struct SwTableResourceAccessor {
         DependencyPtr last;
         const auto& users = machine->entryUsage();
         // A hook may change the set under the walk, so each step looks its place up again.
-        for (const auto* user = users.first(); user != nullptr;) {
-            const Key swKey = user->key;
-            Traces::accessor(3, "Updating sw table entry for key: {}", swKey);
-            if (const auto handle = linkage.swTable()->updateEntry(swKey); handle != nullptr) {
-                last = handle;
-            }
-            user = users.after(swKey);
+        for (auto swKey = users.first(); swKey; swKey = users.after(*swKey)) {
+            Traces::accessor(3, "Updating sw table entry for key: {}", *swKey);
+            if (auto handle = linkage.swTable()->updateEntry(*swKey); handle != nullptr)
+                last = std::move(handle);
         }
         linkage.resTblClient()->ackUpdate(machine->resPtr(), machine->resPtr()->updateVersion(),
                                           last);

@@ -199,7 +199,7 @@ TYPED_TEST(RestoreEntry, RecordsTheUseWithoutAWordToTheResourceTable) {
     const TraceCapture traces;
     this->linkage().restoreEntry(wrapper);
     ASSERT_NE(this->machine(5), nullptr);
-    EXPECT_NE(this->machine(5)->entryUsage().find(this->key(1)), nullptr);
+    EXPECT_TRUE(this->machine(5)->entryUsage().contains(this->key(1)));
     EXPECT_TRUE(this->messages(traces).empty());
     EXPECT_EQ(this->calls(traces, "request"), 0U);
 }

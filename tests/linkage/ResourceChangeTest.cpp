@@ -37,7 +37,7 @@ TYPED_TEST(ResourceChange, UpdatesAllUsersInOrderThenAcknowledgesOnce) {
     for (std::uint32_t number : {1U, 2U, 3U})
         this->committedAction(number, 5);
     std::vector<std::string> expected;
-    this->machine(5)->entryUsage().forEach([&](const auto& swKey, bool) {
+    this->machine(5)->entryUsage().forEach([&](const auto& swKey) {
         expected.push_back("Updating sw table entry for key: " + swKey.toText());
     });
     expected.push_back("acknowledged");
@@ -118,7 +118,7 @@ TYPED_TEST(ResourceChange, IsAcknowledgedWithTheLastUserThatIsStillThere) {
     for (;; ++absent) {
         ASSERT_LT(absent, 100U);
         machine->entryUsageIs(this->key(absent));
-        if (machine->entryUsage().after(this->key(absent)) == nullptr)
+        if (machine->entryUsage().after(this->key(absent)) == std::nullopt)
             break;
         machine->entryUsageDel(this->key(absent));
     }

@@ -23,7 +23,7 @@ protected:
     }
     bool uses(std::uint32_t number, std::uint32_t id) {
         const auto machine = this->machine(id);
-        return machine != nullptr && machine->entryUsage().find(this->key(number)) != nullptr;
+        return machine != nullptr && machine->entryUsage().contains(this->key(number));
     }
 };
 TYPED_TEST_SUITE(Usage, BothSides, SideName);

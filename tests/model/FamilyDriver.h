@@ -538,7 +538,7 @@ private:
             if (machine == nullptr)
                 continue;
             std::set<Key, WalkOrder<Key>> users;
-            machine->entryUsage().forEach([&](const Key& user, bool) { users.insert(user); });
+            machine->entryUsage().forEach([&](const Key& user) { users.insert(user); });
             verdict().expect(users == keys, "the users of a resource");
         }
     }

@@ -53,8 +53,8 @@ TEST_F(Restore, RequestsOncePerLiveEntryAndAcknowledgesOncePerResource) {
     ASSERT_EQ(table->crpsIndexRequestLinkage()->entryUsageSms(), 1U);
     const auto& users = counterMachine(5)->entryUsage();
     EXPECT_EQ(users.size(), 2U);
-    EXPECT_NE(users.find(actionKey(1)), nullptr);
-    EXPECT_NE(users.find(actionKey(2)), nullptr);
+    EXPECT_TRUE(users.contains(actionKey(1)));
+    EXPECT_TRUE(users.contains(actionKey(2)));
 }
 
 TEST_F(Restore, AcknowledgesWhenAllUsersOfTheResourceAreUpdated) {

@@ -1,0 +1,162 @@
+// A set of keys in the order of keyed collections, for little memory: no node and no link a key.
+//
+// Event thread only. Keys are plain values that offer `hash(unsigned seed)`, `isEq` and
+// `operator<=>`; the set is as fast as their hashes are spread.
+//
+// What always holds:
+//  1. Keys are iterated by (hash, key), like the elements of a HashMap2018.
+//  2. A walk goes on behind a key (after), whether or not that is still there. So it may be
+//     interrupted by any change.
+//  3. Keys stand in the slots in their order, each at its home or behind it, and every slot from
+//     the home to the key is taken. Homes divide the hashes evenly, so they rise with the order.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <type_traits>
+#include <vector>
+
+#include "platform/brumo/Assert.h"
+#include "platform/kiv/HashMap2018.h"
+
+namespace Kiv {
+
+template <class Key>
+class KeySet {
+    static_assert(std::is_trivially_copyable_v<Key>);
+
+public:
+    std::size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+
+    bool contains(const Key& key) const { return holds(placeOf(KeyOrder<Key>(key)), key); }
+
+    /// False when the key was there already.
+    bool insert(const Key& key) {
+        std::size_t at = placeOf(KeyOrder<Key>(key));
+        if (holds(at, key))
+            return false;
+        if ((size_ + 1) * 4 > homes_ * 3) {
+            grow();
+            at = placeOf(KeyOrder<Key>(key));
+        }
+        std::size_t free = at;
+        while (isTaken(free))
+            ++free;
+        if (free == slots_.size())
+            addSlot();
+        std::copy_backward(slots_.begin() + offset(at), slots_.begin() + offset(free),
+                           slots_.begin() + offset(free + 1));
+        slots_[at] = key;
+        taken_[free] = true;
+        ++size_;
+        return true;
+    }
+
+    /// True when the key was there.
+    bool erase(const Key& key) {
+        std::size_t at = placeOf(KeyOrder<Key>(key));
+        if (!holds(at, key))
+            return false;
+        // What stands behind its home moves up, up to the next gap.
+        for (; isTaken(at + 1) && homeOf(slots_[at + 1].hash(0)) <= at; ++at)
+            slots_[at] = slots_[at + 1];
+        taken_[at] = false;
+        --size_;
+        return true;
+    }
+
+    void clear() { *this = KeySet(); }
+
+    /// First key in the set's order.
+    std::optional<Key> first() const { return keyFrom(0); }
+    /// First key after `key`, which need not be in the set.
+    std::optional<Key> after(const Key& key) const {
+        const std::size_t at = placeOf(KeyOrder<Key>(key));
+        return keyFrom(holds(at, key) ? at + 1 : at);
+    }
+
+    /// Calls `visit(key)` for each key, in order. `visit` must not change the set.
+    template <class Visit>
+    void forEach(Visit&& visit) const {
+        for (std::size_t at = 0; at < slots_.size(); ++at) {
+            if (taken_[at])
+                visit(slots_[at]);
+        }
+    }
+
+    /// Ends the process unless what always holds does.
+    void assertConsistent() const {
+        std::size_t seen = 0;
+        const Key* before = nullptr;
+        for (std::size_t at = 0; at < slots_.size(); ++at) {
+            if (!taken_[at])
+                continue;
+            const KeyOrder<Key> here(slots_[at]);
+            Brumo::require(before == nullptr || KeyOrder<Key>(*before) < here, "sorted");
+            Brumo::require(homeOf(here.hash) <= at, "at its home or behind it");
+            for (std::size_t slot = homeOf(here.hash); slot < at; ++slot)
+                Brumo::require(taken_[slot], "no gap between the home and the key");
+            before = &slots_[at];
+            ++seen;
+        }
+        Brumo::require(seen == size_, "size");
+    }
+
+private:
+    static constexpr std::size_t kFewestHomes = 4;
+
+    static std::ptrdiff_t offset(std::size_t at) { return static_cast<std::ptrdiff_t>(at); }
+    std::size_t homeOf(std::uint32_t hash) const {
+        return static_cast<std::size_t>(std::uint64_t{hash} * homes_ >> 32U);
+    }
+    bool isTaken(std::size_t at) const { return at < slots_.size() && taken_[at]; }
+    bool holds(std::size_t at, const Key& key) const { return isTaken(at) && slots_[at].isEq(key); }
+    /// Where the key is or belongs.
+    std::size_t placeOf(const KeyOrder<Key>& wanted) const {
+        std::size_t at = homeOf(wanted.hash);
+        while (isTaken(at) && KeyOrder<Key>(slots_[at]) < wanted)
+            ++at;
+        return at;
+    }
+    std::optional<Key> keyFrom(std::size_t at) const {
+        while (at < slots_.size() && !taken_[at])
+            ++at;
+        return at < slots_.size() ? std::optional<Key>(slots_[at]) : std::nullopt;
+    }
+    /// A few more are added at once, and not as many again: hardly any are needed.
+    void addSlot() {
+        constexpr std::size_t kFew = 8;
+        if (slots_.size() == slots_.capacity())
+            slots_.reserve(slots_.size() + kFew);
+        slots_.emplace_back();
+        taken_.push_back(false);
+    }
+
+    void grow() {
+        KeySet larger;
+        larger.homes_ = std::max(kFewestHomes, homes_ + homes_ / 2);
+        larger.slots_.resize(larger.homes_);
+        larger.taken_.resize(larger.homes_);
+        std::size_t next = 0;  // keys come in their order
+        forEach([&](const Key& key) {
+            next = std::max(next, larger.homeOf(key.hash(0)));
+            if (next == larger.slots_.size())
+                larger.addSlot();
+            larger.slots_[next] = key;
+            larger.taken_[next] = true;
+            ++next;
+        });
+        larger.size_ = size_;
+        *this = std::move(larger);
+    }
+
+    std::size_t homes_ = 0;
+    std::vector<Key> slots_;   ///< one a home, and what stands behind the last of them
+    std::vector<bool> taken_;  ///< by slot
+    std::size_t size_ = 0;
+};
+
+}  // namespace Kiv
