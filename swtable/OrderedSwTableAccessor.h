@@ -7,6 +7,7 @@
 // The bodies stand by subject: WritePath.h, CommitPath.h, RemovePath.h, ReadPath.h, RestorePath.h.
 #pragma once
 
+#include "entrylog/StoredValue.h"
 #include "swtable/EntryWrapper.h"
 #include "swtable/SwTable.h"
 
@@ -28,6 +29,7 @@ struct OrderedSwTableAccessor {
     using Resolver = ResolverEntry<B>;
     using NeededPtr = Brumo::Ptr<Asic::NeededEntry>;
     using ConfigValue = typename EntryLog<B>::ConfigValue;
+    using Stored = StoredValue<B>;
 
     // Staging a change.
 
@@ -62,7 +64,7 @@ struct OrderedSwTableAccessor {
 
     template <class... L>
     static void setRsrcPtrs(const WrapperPtr& wrapper, bool refresh, const L&... linkages);
-    static WrapperPtr entryWrapperFromConfig(Table& table, const Key& key, bool refreshRsrcPtrs,
+    static WrapperPtr entryWrapperFromConfig(Table& table, Stored& stored, bool refreshRsrcPtrs,
                                              HandlePtr& handle);
     template <class... L>
     static NeededPtr getNeededEntrySet(const ConstWrapperPtr& wrapper, const L&... linkages);
@@ -111,6 +113,7 @@ private:
     static void queueInLog(Table& table, const HandlePtr& handle);
     static void answer(const HandlePtr& handle, Asic::EntryState state);
 
+    static Entry entryFromConfig(Stored& stored);
     template <class Visit>
     static void forEachCommitted(Table& table, Visit&& visit);
 };

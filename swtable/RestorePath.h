@@ -23,19 +23,28 @@ void OrderedSwTableAccessor<B>::setRsrcPtrs(const WrapperPtr& wrapper, bool refr
 }
 
 template <class B>
-auto OrderedSwTableAccessor<B>::entryWrapperFromConfig(Table& table, const Key& key,
+auto OrderedSwTableAccessor<B>::entryWrapperFromConfig(Table& table, Stored& stored,
                                                        bool refreshRsrcPtrs, HandlePtr& handle)
     -> WrapperPtr {
-    Traces<B>::engine(8, "key: {}, refreshRsrcPtrs: {}", key, refreshRsrcPtrs);
-    const Entry committed = table.entryFromConfig(key);
+    Traces<B>::engine(8, "key: {}, refreshRsrcPtrs: {}", stored.key(), refreshRsrcPtrs);
+    const Entry committed = entryFromConfig(stored);
     if (handle == nullptr) {
-        const Asic::LogVersion version = table.entryLog()->entryLogVersion(key, table.unitId());
-        handle = entryHandleFactory<B>(Asic::EntryVersion{version.value, 0}, key, &table);
+        handle = entryHandleFactory<B>(Asic::EntryVersion{stored.entryLogVersion().value, 0},
+                                       stored.key(), &table);
     }
     const WrapperPtr wrapper = Brumo::make<Wrapper>(committed, handle);
     table.setRsrcPtrs(wrapper, refreshRsrcPtrs);
     wrapper->retrieveClientData();
     return wrapper;
+}
+
+/// Traced as the table's operation of that name.
+template <class B>
+auto OrderedSwTableAccessor<B>::entryFromConfig(Stored& stored) -> Entry {
+    Traces<B>::swTable(8, " key: {}", stored.key());
+    Traces<B>::engine(8, "key: {}", stored.key());
+    const auto* value = stored.live();
+    return value == nullptr ? Entry{} : Entry::from(value->logEntry, value->rsrcKeys);
 }
 
 template <class B>
@@ -49,7 +58,7 @@ auto OrderedSwTableAccessor<B>::getNeededEntrySet(const ConstWrapperPtr& wrapper
     return needed;
 }
 
-/// Visits the keys of the committed entries that are not in deletion. `visit` may change the table.
+/// Visits the committed entries that are not in deletion. `visit` may change the table.
 /// A value that cannot be read is reported and passed over; what `visit` throws passes through.
 template <class B>
 template <class Visit>
@@ -58,8 +67,10 @@ void OrderedSwTableAccessor<B>::forEachCommitted(Table& table, Visit&& visit) {
     if (config == nullptr)
         return;
     config->swTableEntriesForEachWhole([&](const auto& value) {
-        if (!value.inDeletion)
-            visit(value.key());
+        if (value.inDeletion)
+            return;
+        Stored stored(*table.entryLog(), value, table.unitId());
+        visit(stored);
     });
 }
 
@@ -70,9 +81,9 @@ void OrderedSwTableAccessor<B>::restoreEntries(Table& table, const L&... linkage
         Traces<B>::engine(8, "");
         if (table.entryLog() == nullptr)
             return;
-        forEachCommitted(table, [&](const Key& key) {
+        forEachCommitted(table, [&](Stored& stored) {
             HandlePtr handle;
-            const WrapperPtr wrapper = entryWrapperFromConfig(table, key, true, handle);
+            const WrapperPtr wrapper = entryWrapperFromConfig(table, stored, true, handle);
             runOnAllResourceLinkages([&](auto& linkage) { linkage.restoreEntry(wrapper); },
                                      linkages...);
         });
@@ -86,12 +97,13 @@ template <class... L>
 auto OrderedSwTableAccessor<B>::updateEntry(Table& table, const Key& key, const L&... linkages)
     -> ConstHandlePtr {
     EntryLog<B>& log = *table.entryLog();
-    if (!log.entryHas(key, table.unitId())) {
+    Stored stored(log, key, table.unitId());
+    if (!stored.entryHas()) {
         Traces<B>::engine(3, " key: {} entry does not exist ", key);
         return nullptr;
     }
     HandlePtr handle;
-    const WrapperPtr wrapper = entryWrapperFromConfig(table, key, false, handle);
+    const WrapperPtr wrapper = entryWrapperFromConfig(table, stored, false, handle);
     wrapper->setResolvedFields();
     const bool failed = !checkResolveSuccess(wrapper, linkages...);
     const Brumo::Ptr<SwTableHelperBase<B>> helper = table.swTableHelper();
@@ -102,7 +114,7 @@ auto OrderedSwTableAccessor<B>::updateEntry(Table& table, const Key& key, const 
         table.stats()->updateWithFailedResourceCntInc(1);
     }
     const auto logEntry = wrapper->logEntry();
-    const bool differs = !logEntry.isEq(log.entry(key, table.unitId()));
+    const bool differs = !stored.entryIsEq(logEntry);
     if (differs && commitToLog) {
         const NeededPtr needed = table.getNeededEntrySet(wrapper);
         const Asic::LogVersion version = log.entryIs(logEntry, wrapper->rsrcKeys(), needed,
@@ -113,7 +125,7 @@ auto OrderedSwTableAccessor<B>::updateEntry(Table& table, const Key& key, const 
         Traces<B>::engine(3, " key: {}, neededEntry: {}, entryLogVersion: {} ", key, needed,
                           version);
     } else {
-        handle->logVersionIs(log.entryLogVersion(key, table.unitId()));
+        handle->logVersionIs(stored.entryLogVersion());
         handle->entryStateIs(Asic::EntryState::written);
         Traces<B>::engine(3,
                           " key: {}, commitToLog: {}, no change in logEntry or don't commit to log",
@@ -132,8 +144,8 @@ void OrderedSwTableAccessor<B>::delAllEntries(Table& table, bool releaseResource
     if (config == nullptr || config->swTableEntriesCount() == 0)
         return;
     if (releaseResources) {
-        forEachCommitted(table, [&](const Key& key) {
-            const WrapperPtr wrapper = entryWrapperFromConfig(table, key, false, handle);
+        forEachCommitted(table, [&](Stored& stored) {
+            const WrapperPtr wrapper = entryWrapperFromConfig(table, stored, false, handle);
             runOnAllResourceLinkages(
                 [&](auto& linkage) { linkage.updateLocalUsage(wrapper, wrapper->entry(), true); },
                 linkages...);

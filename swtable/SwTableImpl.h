@@ -259,7 +259,9 @@ void SwTable<B>::setRsrcPtrs(const WrapperPtr& wrapper, bool refresh) {
 template <class B>
 auto SwTable<B>::entryWrapperFromConfig(const Key& key, bool refreshRsrcPtrs,
                                         Brumo::Ptr<EntryHandle>& handle) -> WrapperPtr {
-    return OrderedSwTableAccessor<B>::entryWrapperFromConfig(self(), key, refreshRsrcPtrs, handle);
+    StoredValue<B> stored(*entryLog_, key, this->unitId());
+    return OrderedSwTableAccessor<B>::entryWrapperFromConfig(self(), stored, refreshRsrcPtrs,
+                                                             handle);
 }
 
 template <class B>
