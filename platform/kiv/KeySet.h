@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <optional>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "platform/brumo/Assert.h"
@@ -28,6 +29,10 @@ class KeySet {
     static_assert(std::is_trivially_copyable_v<Key>);
 
 public:
+    KeySet() = default;
+    KeySet(const KeySet&) = delete;
+    KeySet& operator=(const KeySet&) = delete;
+
     std::size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
 
@@ -35,20 +40,20 @@ public:
 
     /// False when the key was there already.
     bool insert(const Key& key) {
-        std::size_t at = placeOf(KeyOrder<Key>(key));
+        const KeyOrder<Key> wanted(key);
+        std::size_t at = placeOf(wanted);
         if (holds(at, key))
             return false;
         if ((size_ + 1) * 4 > homes_ * 3) {
             grow();
-            at = placeOf(KeyOrder<Key>(key));
+            at = placeOf(wanted);
         }
         std::size_t free = at;
-        while (isTaken(free))
+        while (taken_[free])
             ++free;
         if (free == slots_.size())
             addSlot();
-        std::copy_backward(slots_.begin() + offset(at), slots_.begin() + offset(free),
-                           slots_.begin() + offset(free + 1));
+        std::copy_backward(&slots_[at], &slots_[free], &slots_[free] + 1);
         slots_[at] = key;
         taken_[free] = true;
         ++size_;
@@ -61,14 +66,19 @@ public:
         if (!holds(at, key))
             return false;
         // What stands behind its home moves up, up to the next gap.
-        for (; isTaken(at + 1) && homeOf(slots_[at + 1].hash(0)) <= at; ++at)
+        for (; taken_[at + 1] && homeOf(slots_[at + 1].hash(0)) <= at; ++at)
             slots_[at] = slots_[at + 1];
         taken_[at] = false;
         --size_;
         return true;
     }
 
-    void clear() { *this = KeySet(); }
+    void clear() {
+        homes_ = kFewestHomes;
+        slots_ = std::vector<Key>(kFewestHomes);
+        taken_ = std::vector<std::uint8_t>(kFewestHomes + 1);
+        size_ = 0;
+    }
 
     /// First key in the set's order.
     std::optional<Key> first() const { return keyFrom(0); }
@@ -98,26 +108,25 @@ public:
             Brumo::require(before == nullptr || KeyOrder<Key>(*before) < here, "sorted");
             Brumo::require(homeOf(here.hash) <= at, "at its home or behind it");
             for (std::size_t slot = homeOf(here.hash); slot < at; ++slot)
-                Brumo::require(taken_[slot], "no gap between the home and the key");
+                Brumo::require(taken_[slot] != 0, "no gap between the home and the key");
             before = &slots_[at];
             ++seen;
         }
         Brumo::require(seen == size_, "size");
+        Brumo::require(taken_.size() == slots_.size() + 1 && !taken_.back(), "the end is free");
     }
 
 private:
     static constexpr std::size_t kFewestHomes = 4;
 
-    static std::ptrdiff_t offset(std::size_t at) { return static_cast<std::ptrdiff_t>(at); }
     std::size_t homeOf(std::uint32_t hash) const {
         return static_cast<std::size_t>(std::uint64_t{hash} * homes_ >> 32U);
     }
-    bool isTaken(std::size_t at) const { return at < slots_.size() && taken_[at]; }
-    bool holds(std::size_t at, const Key& key) const { return isTaken(at) && slots_[at].isEq(key); }
+    bool holds(std::size_t at, const Key& key) const { return taken_[at] && slots_[at].isEq(key); }
     /// Where the key is or belongs.
     std::size_t placeOf(const KeyOrder<Key>& wanted) const {
         std::size_t at = homeOf(wanted.hash);
-        while (isTaken(at) && KeyOrder<Key>(slots_[at]) < wanted)
+        while (taken_[at] && KeyOrder<Key>(slots_[at]) < wanted)
             ++at;
         return at;
     }
@@ -136,26 +145,27 @@ private:
     }
 
     void grow() {
-        KeySet larger;
-        larger.homes_ = std::max(kFewestHomes, homes_ + homes_ / 2);
-        larger.slots_.resize(larger.homes_);
-        larger.taken_.resize(larger.homes_);
+        const std::vector<Key> keys = std::exchange(slots_, std::vector<Key>(homes_ * 2));
+        const std::vector<std::uint8_t> held =
+            std::exchange(taken_, std::vector<std::uint8_t>(homes_ * 2 + 1));
+        homes_ *= 2;
         std::size_t next = 0;  // keys come in their order
-        forEach([&](const Key& key) {
-            next = std::max(next, larger.homeOf(key.hash(0)));
-            if (next == larger.slots_.size())
-                larger.addSlot();
-            larger.slots_[next] = key;
-            larger.taken_[next] = true;
-            ++next;
-        });
-        larger.size_ = size_;
-        *this = std::move(larger);
+        for (std::size_t at = 0; at < keys.size(); ++at) {
+            if (!held[at])
+                continue;
+            next = std::max(next, homeOf(keys[at].hash(0)));
+            if (next == slots_.size())
+                addSlot();
+            slots_[next] = keys[at];
+            taken_[next++] = true;
+        }
     }
 
-    std::size_t homes_ = 0;
-    std::vector<Key> slots_;   ///< one a home, and what stands behind the last of them
-    std::vector<bool> taken_;  ///< by slot
+    std::size_t homes_ = kFewestHomes;
+    /// One a home, and what stands behind the last of them.
+    std::vector<Key> slots_ = std::vector<Key>(kFewestHomes);
+    /// By slot, and one more that never is, at which every search ends.
+    std::vector<std::uint8_t> taken_ = std::vector<std::uint8_t>(kFewestHomes + 1);
     std::size_t size_ = 0;
 };
 
