@@ -88,7 +88,7 @@ public:
     /// Deletes all entries of a unit and returns the version of the deletion.
     Asic::LogVersion tableDel(const NeededPtr& neededEntry, Asic::UnitId unitId);
 
-    /// Says that a change of the key is about to come, so that its memory is there by then.
+    /// Says that the key is about to be read or changed, so that its memory is there by then.
     void prefetch(const Key& key, Asic::UnitId unitId) const;
     /// Whether a write of the key finds room: always, when the unit has a value for it already.
     bool entryHasRoom(const Key& key, Asic::UnitId unitId) const;

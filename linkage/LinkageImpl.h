@@ -37,9 +37,9 @@ Asic::EntryState Linkage<B, L>::entryResolutionState(const ConstWrapperPtr& wrap
 
 template <class B, class L>
 void Linkage<B, L>::setResourceHandle(const WrapperPtr& wrapper) {
-    const UsageSmPtr machine = entryUsageSm(resourceKeyFromEntry(wrapper->entry()));
+    const UsageSmPtr* machine = entryUsageSm_.find(L::resourceKeyFromEntry(wrapper->entry()));
     if (machine != nullptr)
-        wrapper->template resourceIs<L>(machine->resPtr());
+        wrapper->template resourceIs<L>((*machine)->resPtr());
 }
 
 template <class B, class L>

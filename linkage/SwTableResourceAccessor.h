@@ -62,16 +62,17 @@ struct SwTableResourceAccessor {
             Traces::accessor(3, "Null resKey: {}", resKey);
             return;
         }
-        if (linkage.entryUsageSm(resKey) == nullptr) {
-            const auto machine = linkage.entryUsageSmIs(linkage.resourceOf(*wrapper));
+        auto machine = linkage.entryUsageSm(resKey);
+        if (machine == nullptr) {
+            machine = linkage.entryUsageSmIs(linkage.resourceOf(*wrapper));
             if (publish) {
                 linkage.resTblClient()->ackUpdate(
                     machine->resPtr(), machine->resPtr()->updateVersion(), wrapper->entryHandle());
             }
+            machine = linkage.entryUsageSm(resKey);  // an observer may have changed the collection
         }
-        if (const auto machine = linkage.entryUsageSm(resKey); machine != nullptr) {
+        if (machine != nullptr)
             machine->entryUsageIs(swKey);
-        }
     }
 
     static void deleteResKeyMapping(LinkageType& linkage,
@@ -104,6 +105,8 @@ struct SwTableResourceAccessor {
         const auto& users = machine->entryUsage();
         // A hook may change the set under the walk, so each step looks its place up again.
         for (auto swKey = users.first(); swKey; swKey = users.after(*swKey)) {
+            if (const auto following = users.after(*swKey))
+                linkage.swTable()->entryWillBeUpdated(*following);
             Traces::accessor(3, "Updating sw table entry for key: {}", *swKey);
             if (auto handle = linkage.swTable()->updateEntry(*swKey); handle != nullptr)
                 last = std::move(handle);
