@@ -103,12 +103,12 @@ struct SwTableResourceAccessor {
         const Brumo::Ptr<typename B::SwTable> keepTable(linkage.swTable());
         DependencyPtr last;
         const auto& users = machine->entryUsage();
-        // A hook may change the set under the walk, so each step looks its place up again.
-        for (auto swKey = users.first(); swKey; swKey = users.after(*swKey)) {
-            if (const auto following = users.after(*swKey))
-                linkage.swTable()->entryWillBeUpdated(*following);
-            Traces::accessor(3, "Updating sw table entry for key: {}", *swKey);
-            if (auto handle = linkage.swTable()->updateEntry(*swKey); handle != nullptr)
+        // A hook may change the set under the walk, so each step is taken when its time has come.
+        for (auto user = users.first(); user; user = users.after(*user)) {
+            if (const auto following = users.after(*user))
+                linkage.swTable()->entryWillBeUpdated(following->key);
+            Traces::accessor(3, "Updating sw table entry for key: {}", user->key);
+            if (auto handle = linkage.swTable()->updateEntry(user->key); handle != nullptr)
                 last = std::move(handle);
         }
         linkage.resTblClient()->ackUpdate(machine->resPtr(), machine->resPtr()->updateVersion(),

@@ -80,13 +80,20 @@ public:
         size_ = 0;
     }
 
+    /// Where a walk stands: at a key, which may have gone since.
+    struct Step {
+        Key key{};
+        std::size_t guess = 0;  ///< where the key was: looked up again only when it is not there
+    };
     /// First key in the set's order.
-    std::optional<Key> first() const { return keyFrom(0); }
-    /// First key after `key`, which need not be in the set.
-    std::optional<Key> after(const Key& key) const {
-        const std::size_t at = placeOf(KeyOrder<Key>(key));
-        return keyFrom(holds(at, key) ? at + 1 : at);
+    std::optional<Step> first() const { return stepFrom(0); }
+    /// First key after that of `step`.
+    std::optional<Step> after(const Step& step) const {
+        const bool isThere = step.guess < slots_.size() && holds(step.guess, step.key);
+        const std::size_t at = isThere ? step.guess : placeOf(KeyOrder<Key>(step.key));
+        return stepFrom(holds(at, step.key) ? at + 1 : at);
     }
+    std::optional<Step> after(const Key& key) const { return after(Step{key, slots_.size()}); }
 
     /// Calls `visit(key)` for each key, in order. `visit` must not change the set.
     template <class Visit>
@@ -130,10 +137,10 @@ private:
             ++at;
         return at;
     }
-    std::optional<Key> keyFrom(std::size_t at) const {
+    std::optional<Step> stepFrom(std::size_t at) const {
         while (at < slots_.size() && !taken_[at])
             ++at;
-        return at < slots_.size() ? std::optional<Key>(slots_[at]) : std::nullopt;
+        return at < slots_.size() ? std::optional<Step>({slots_[at], at}) : std::nullopt;
     }
     /// A few more are added at once, and not as many again: hardly any are needed.
     void addSlot() {

@@ -145,6 +145,19 @@ TEST_F(FourthTable, ComesBackAfterARestartAndWritesNothing) {
     table_->assertConsistent();
 }
 
+TEST_F(FourthTable, LooksAnEntryUpOnceToUpdateIt) {
+    write(1, 1);
+    agent_.settle();
+    const QueueShareKey key{1, 1};
+    const auto usesOf = [](const auto& work) {
+        const std::uint64_t before = QueueShareKey::uses;
+        work();
+        return QueueShareKey::uses - before;
+    };
+    const std::uint64_t read = usesOf([&] { table_->entryFromConfig(key); });
+    EXPECT_EQ(usesOf([&] { table_->updateEntry(key); }), read);
+}
+
 class ManyEntries : public FourthTable {
 protected:
     ManyEntries() : FourthTable({.capacityCeiling = 16384, .counters = 8192, .policers = 4}) {}

@@ -118,7 +118,7 @@ TYPED_TEST(ResourceChange, IsAcknowledgedWithTheLastUserThatIsStillThere) {
     for (;; ++absent) {
         ASSERT_LT(absent, 100U);
         machine->entryUsageIs(this->key(absent));
-        if (machine->entryUsage().after(this->key(absent)) == std::nullopt)
+        if (!machine->entryUsage().after(this->key(absent)))
             break;
         machine->entryUsageDel(this->key(absent));
     }

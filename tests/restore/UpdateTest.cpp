@@ -101,6 +101,33 @@ TYPED_TEST(Update, ComparesWithTheLogWhateverTheHookSays) {
     EXPECT_EQ(callsOf(traces, std::string(TypeParam::Types::kName) + "EntryLog", "entry"), 1U);
 }
 
+/// A hook that writes the log itself, what the update is about to write.
+template <class B>
+class WritingHelper final : public SwTableHelperBase<B> {
+public:
+    using Base = SwTableHelperBase<B>;
+
+    bool finalizeOnResourceUpdate(const typename Base::WrapperPtr& wrapper,
+                                  const typename Base::TablePtr& swTable,
+                                  bool /*failed*/) override {
+        swTable->entryLog()->entryIs(wrapper->logEntry(), wrapper->rsrcKeys(),
+                                     Brumo::make<Asic::NeededEntry>(), swTable->unitId(),
+                                     swTable->stats(), false);
+        return true;
+    }
+};
+
+TYPED_TEST(Update, ComparesWithWhatTheLogHoldsAfterTheHook) {
+    this->committed(1);
+    this->differs(1);
+    this->table->swTableHelperIs(Brumo::make<WritingHelper<TypeParam>>());
+    const auto handle = this->table->updateEntry(this->key(1));
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(this->version(), 2U) << "of the hook";
+    EXPECT_EQ(handle->logVersion().value, 2U);
+    EXPECT_EQ(this->table->stats()->updateCnt(), 0U);
+}
+
 TYPED_TEST(Update, MakesItsWrapperWithoutARequest) {
     this->committed(1);
     const TraceCapture traces;
