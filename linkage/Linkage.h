@@ -59,6 +59,8 @@ public:
     void setResourceHandle(const WrapperPtr& wrapper);
     /// The versions that the hardware must hold before an entry that uses the resource.
     Brumo::Ptr<Asic::NeededEntry> getNeededEntrySet(const ConstWrapperPtr& wrapper) const;
+    /// Adds them to others.
+    void addNeeded(const ConstWrapperPtr& wrapper, Asic::NeededEntry& to) const;
     ResourceKey resourceKeyFromEntry(const Entry& entry) const {
         return L::resourceKeyFromEntry(entry);
     }

@@ -49,6 +49,11 @@ Brumo::Ptr<Asic::NeededEntry> Linkage<B, L>::getNeededEntrySet(
 }
 
 template <class B, class L>
+void Linkage<B, L>::addNeeded(const ConstWrapperPtr& wrapper, Asic::NeededEntry& to) const {
+    SwTableResourceAccessor<Linkage>::addNeeded(*this, wrapper, to);
+}
+
+template <class B, class L>
 void Linkage<B, L>::restoreEntry(const WrapperPtr& wrapper) {
     if (wrapper == nullptr)
         return;

@@ -41,15 +41,22 @@ struct SwTableResourceAccessor {
     static Brumo::Ptr<Asic::NeededEntry> getNeededEntrySet(
         const LinkageType& linkage, const typename LinkageType::ConstWrapperPtr& wrapper) {
         const auto needed = Brumo::make<Asic::NeededEntry>();
-        if (wrapper == nullptr || linkage.resourceOf(*wrapper) == nullptr)
-            return needed;
-        for (const Asic::TableVersion& version : linkage.resourceOf(*wrapper)->neededVersions()) {
-            needed->add(version);
-        }
-        for (const Asic::TableVersion& version : *needed) {
-            Traces::accessor(9, "neededVersion: {}", version);
-        }
+        addNeeded(linkage, wrapper, *needed);
         return needed;
+    }
+
+    /// Adds what getNeededEntrySet() gives, and traces as it does.
+    static void addNeeded(const LinkageType& linkage,
+                          const typename LinkageType::ConstWrapperPtr& wrapper,
+                          Asic::NeededEntry& to) {
+        if (wrapper == nullptr || linkage.resourceOf(*wrapper) == nullptr)
+            return;
+        Asic::NeededEntry needed;
+        for (const Asic::TableVersion& version : linkage.resourceOf(*wrapper)->neededVersions())
+            needed.add(version);
+        for (const Asic::TableVersion& version : needed)
+            Traces::accessor.in("getNeededEntrySet", 9, "neededVersion: {}", version);
+        to.add(needed);
     }
 
     /// With `publish`, the first user of a resource tells the resource table.

@@ -52,9 +52,8 @@ template <class... L>
 auto OrderedSwTableAccessor<B>::getNeededEntrySet(const ConstWrapperPtr& wrapper,
                                                   const L&... linkages) -> NeededPtr {
     const NeededPtr needed = Brumo::make<Asic::NeededEntry>();
-    runOnAllResourceLinkages(
-        [&](const auto& linkage) { needed->add(*linkage.getNeededEntrySet(wrapper)); },
-        linkages...);
+    runOnAllResourceLinkages([&](const auto& linkage) { linkage.addNeeded(wrapper, *needed); },
+                             linkages...);
     return needed;
 }
 

@@ -74,6 +74,24 @@ TEST(NeededEntryTest, KeepsNoVersionZero) {
     EXPECT_EQ(needed.toText(), "{}");
 }
 
+TEST(NeededEntryTest, KeepsHoweverManyTablesAreNeeded) {
+    constexpr std::uint16_t kTables = 10;
+    NeededEntry needed;
+    for (std::uint16_t table = 1; table <= kTables; ++table) {
+        needed.add({SwTableId(0x2C, 8, table), {table}});
+        needed.add({SwTableId(0x2C, 8, 1), {table}});
+        EXPECT_EQ(needed.size(), table);
+        EXPECT_EQ(needed.begin()->version.value, table);
+    }
+    std::uint64_t seen = 1;
+    for (const TableVersion& version : needed) {
+        EXPECT_EQ(version.tableId, SwTableId(0x2C, 8, static_cast<std::uint16_t>(seen)));
+        EXPECT_EQ(version.version.value, seen == 1 ? kTables : seen);
+        ++seen;
+    }
+    EXPECT_EQ(seen, kTables + 1U);
+}
+
 TEST(NeededEntryTest, MergesAnotherSetInTheOrderOfAddition) {
     NeededEntry first;
     first.add({kOther, {1}});
