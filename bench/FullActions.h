@@ -1,4 +1,4 @@
-// A full table of actions, each with a counter and a policer.
+// A table of actions, each with a counter and a policer: empty, or filled.
 #pragma once
 
 #include "bench/Keys.h"
@@ -6,21 +6,18 @@
 
 namespace Bench {
 
-class FullActions {
+class Actions {
 public:
     using B = VornPolicyCpu::PolicyCpuTcamActionBinding;
 
-    /// `sharing`: actions that have one counter and one policer together.
-    explicit FullActions(std::uint32_t sharing, bool isFilled = true, std::uint32_t keys = kKeys)
+    /// `sharing`: actions that have one counter and one policer together. `keys`: of a full table.
+    explicit Actions(std::uint32_t sharing, std::uint32_t keys = kKeys)
         : sharing_(sharing),
           keys_(keys),
           system_({.capacityCeiling = std::uint64_t{1} << 20U,
                    .counters = kKeys / sharing + 1,
                    .policers = kKeys / sharing + 1},
-                  [](auto& agent) { return agent.actionTable(kUnit.value); }) {
-        if (isFilled)
-            fill();
-    }
+                  [](auto& agent) { return agent.actionTable(kUnit.value); }) {}
     void fill() {
         for (std::uint32_t number = 0; number < keys_; ++number)
             system_.change(entryOf(number));
@@ -41,6 +38,14 @@ private:
     std::uint32_t keys_;
     WholeSystem<B> system_;
     VornPolicyCpu::PolicyCpuTcamActionEntry entry_ = TestSupport::actionEntry(1, 1, 1);
+};
+
+class FullActions : public Actions {
+public:
+    explicit FullActions(std::uint32_t sharing, std::uint32_t keys = kKeys)
+        : Actions(sharing, keys) {
+        fill();
+    }
 };
 
 }  // namespace Bench

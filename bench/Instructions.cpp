@@ -55,7 +55,7 @@ void wholeChange() {
 
 void wholeActionChange() {
     constexpr std::uint32_t kSharing = 64;
-    FullActions actions(kSharing, true, kFewKeys);
+    FullActions actions(kSharing, kFewKeys);
     counted([&](std::uint32_t i) { actions.system().change(actions.entryOf(i % kFewKeys)); });
 }
 

@@ -45,7 +45,7 @@ void memoryOfMatch(benchmark::State& state) {
 BENCHMARK(memoryOfMatch)->Iterations(1);
 
 void memoryOfAction(benchmark::State& state) {
-    FullActions actions(1024, false);
+    Actions actions(1024);
     measure(state, [&] { actions.fill(); });
 }
 BENCHMARK(memoryOfAction)->Iterations(1);
