@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,8 +15,11 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <functional>
 #include <memory>
+#include <stdexcept>
+#include <string>
 #include <system_error>
 #include <vector>
 
@@ -38,6 +42,32 @@ void check(bool holds, const char* what) {
         throw std::system_error(errno, std::generic_category(), what);
 }
 
+constexpr std::chrono::seconds kPatience{10};
+
+/// A wait for the other process by looking again and again. Ends it when it takes too long: the
+/// other process has failed, and the measurement must not hang.
+class Waiting {
+public:
+    explicit Waiting(const char* what) : what_(what) {}
+
+    /// In each turn. Few of them look at the clock, so that this is not what is measured.
+    void goesOn() {
+        constexpr std::uint64_t kTurnsByClock = std::uint64_t{1} << 16U;
+        if (++turns_ % kTurnsByClock != 0)
+            return;
+        if (turns_ == kTurnsByClock) {
+            end_ = Clock::now() + kPatience;
+        } else if (Clock::now() > end_) {
+            throw std::runtime_error(std::string("waited in vain for ") + what_);
+        }
+    }
+
+private:
+    const char* what_;
+    std::uint64_t turns_ = 0;
+    Clock::time_point end_;
+};
+
 /// Does what it is told in another process, until the object ends.
 class OtherProcess {
 public:
@@ -46,8 +76,12 @@ public:
         if (pid_ != 0)
             return;
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        work();
-        _exit(0);
+        try {
+            work();
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "the other process: %s\n", error.what());
+        }
+        _exit(1);
     }
     OtherProcess(const OtherProcess&) = delete;
     OtherProcess& operator=(const OtherProcess&) = delete;
@@ -109,8 +143,9 @@ void sharedMemoryPingPong(benchmark::State& state) {
     for (auto _ : state) {
         const std::int64_t start = now_ns();
         shared->ping.store(++number, std::memory_order_release);
-        while (shared->pong.load(std::memory_order_acquire) != number) {
-        }
+        Waiting answer("the answer to a ping");
+        while (shared->pong.load(std::memory_order_acquire) != number)
+            answer.goesOn();
         latencies.add(now_ns() - start);
     }
     latencies.report(state, "");
@@ -122,6 +157,9 @@ void datagramPingPong(benchmark::State& state) {
     check(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends.data()) == 0, "socketpair");
     const KivShimo::detail::Descriptor own(ends[0]);
     const KivShimo::detail::Descriptor others(ends[1]);
+    const timeval patience{kPatience.count(), 0};
+    check(setsockopt(own.fd(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience)) == 0,
+          "setsockopt");
     const OtherProcess other([&] {
         char byte = 0;
         while (recv(others.fd(), &byte, 1, 0) == 1 && send(others.fd(), &byte, 1, 0) == 1) {
@@ -131,7 +169,8 @@ void datagramPingPong(benchmark::State& state) {
     char byte = 0;
     for (auto _ : state) {
         const std::int64_t start = now_ns();
-        check(send(own.fd(), &byte, 1, 0) == 1 && recv(own.fd(), &byte, 1, 0) == 1, "exchange");
+        check(send(own.fd(), &byte, 1, 0) == 1 && recv(own.fd(), &byte, 1, 0) == 1,
+              "waiting for the answer to a datagram");
         latencies.add(now_ns() - start);
     }
     latencies.report(state, "");
@@ -140,9 +179,14 @@ BENCHMARK(datagramPingPong)->Iterations(20000);
 
 // The whole way of changes.
 
-void wait(const KivShimo::Doorbell& bell) {
+constexpr std::chrono::milliseconds kForEver{-1};
+
+/// False when nobody has rung in time.
+bool wait(const KivShimo::Doorbell& bell, std::chrono::milliseconds patience) {
     pollfd ring{bell.fd(), POLLIN, 0};
-    check(poll(&ring, 1, -1) >= 0 || errno == EINTR, "poll");
+    const int rung = poll(&ring, 1, static_cast<int>(patience.count()));
+    check(rung >= 0 || errno == EINTR, "poll");
+    return rung != 0;
 }
 
 /// The other process: follows, and notes when it has read something.
@@ -167,7 +211,7 @@ void wait(const KivShimo::Doorbell& bell) {
         bell.drain();
         follower.sleeper().asleep();
         if (!work())
-            wait(bell);
+            wait(bell, kForEver);
         follower.sleeper().awake();
     }
 }
@@ -179,20 +223,23 @@ public:
         : bell_(Asic::Constants::agentDoorbell(agent_.root())),
           other_([&] { followForEver(agent_.root(), *shared_, sleeps); }),
           sleeps_(sleeps) {
-        while (shared_->ping.load() == 0) {
-        }
+        Waiting start("the other process to start");
+        while (shared_->ping.load() == 0)
+            start.goesOn();
         group_->acknowledgementsArrived();
     }
     /// Waits for answers until no more than `most` are to come.
     void waitForAnswers(std::uint64_t most) {
         agent_.settle();
+        Waiting answers("the answers to changes");
         while (written_ - answered_ > most) {
             takeUp();
+            answers.goesOn();
             if (!sleeps_ || written_ - answered_ <= most)
                 continue;
             bell_.drain();
-            if (group_->sleepPrepared())
-                wait(bell_);
+            if (group_->sleepPrepared() && !wait(bell_, kPatience))
+                throw std::runtime_error("waited in vain for the hardware side's bell");
             group_->awake();
         }
     }
