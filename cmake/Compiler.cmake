@@ -35,7 +35,8 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
 endif()
 
 # One code model for libraries and programs: they share precompiled headers.
-# Nobody replaces our functions at load time, so calls may be inlined.
+# Nobody replaces our functions at load time, nor compares their addresses: calls within a library
+# may be inlined, and are bound when it is linked.
 add_compile_options(-fPIC -fno-semantic-interposition -fvisibility=default
     -fvisibility-inlines-hidden -pthread)
 add_link_options(-pthread

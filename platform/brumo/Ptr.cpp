@@ -4,6 +4,4 @@ namespace Brumo {
 
 std::atomic<bool> ThreadControl::multiThreaded_{false};
 
-std::array<Recycled::SizeClass, Recycled::kClasses> Recycled::classes_;
-
 }  // namespace Brumo

@@ -50,15 +50,14 @@ private:
         }
     }
     [[gnu::always_inline]] void userGone() const {
-        if (usersLeft() == 0)
+        std::uint32_t left = users() - 1;
+        if (ThreadControl::multiThreaded()) [[unlikely]] {
+            left = users_.fetch_sub(1, std::memory_order_acq_rel) - 1;
+        } else {
+            users_.store(left, std::memory_order_relaxed);
+        }
+        if (left == 0)
             lastUserGone();
-    }
-    [[gnu::always_inline]] std::uint32_t usersLeft() const {
-        if (ThreadControl::multiThreaded()) [[unlikely]]
-            return users_.fetch_sub(1, std::memory_order_acq_rel) - 1;
-        const std::uint32_t left = users() - 1;
-        users_.store(left, std::memory_order_relaxed);
-        return left;
     }
 
     mutable std::atomic<std::uint32_t> users_{1};

@@ -1,12 +1,13 @@
 // Memory of what comes and goes with every change: blocks that were freed are given out again.
 //
-// While ThreadControl says that more than one thread runs, all blocks come from the heap and go
-// there.
+// REQUIRES: one thread, or ThreadControl says that there are more; then all blocks come from the
+// heap and go there.
 //
 // What always holds:
 //  1. Blocks are of whole classes of sizes, wherever they come from, so a kept one fits whatever
 //     asks for its class.
-//  2. No more than kMostKept blocks of a class are kept: what a burst took goes back to the heap.
+//  2. No more than kMostKept blocks of a class are kept, for good; what a burst took beyond that
+//     goes back to the heap.
 #pragma once
 
 #include <array>
@@ -21,15 +22,25 @@ namespace Brumo {
 /// Base of classes whose objects are made and ended by the thousand.
 class Recycled {
 public:
+    /// Sanitizers know what was freed only where it goes back to the heap.
+#ifdef VORN_SANITIZED
+    static constexpr bool kKeepsBlocks = false;
+#else
+    static constexpr bool kKeepsBlocks = true;
+#endif
     static constexpr std::uint32_t kMostKept = 4096;
+    /// Blocks begin at multiples of it, and are of multiples of it.
+    static constexpr std::size_t kStep = 16;
 
     static void* operator new(std::size_t bytes) {
         const std::size_t number = classOf(bytes);
         if (number >= kClasses) [[unlikely]]
             return ::operator new(bytes);
         SizeClass& blocks = classes_[number];
-        if (blocks.first == nullptr || !keeps()) [[unlikely]]
-            return ::operator new(number* kStep);
+        if (!keeps() || blocks.first == nullptr) [[unlikely]] {
+            const std::size_t whole = number * kStep;
+            return ::operator new(whole);
+        }
         Block* const block = blocks.first;
         blocks.first = block->next;
         --blocks.count;
@@ -58,17 +69,14 @@ private:
         Block* first = nullptr;
         std::uint32_t count = 0;
     };
-    static constexpr std::size_t kStep = 16;  ///< bytes from one class to the next
-    static constexpr std::size_t kClasses = 33;
+    static constexpr std::size_t kLargest = 512;
+    static constexpr std::size_t kClasses = kLargest / kStep + 1;
 
-    static std::size_t classOf(std::size_t bytes) { return (bytes + kStep - 1) / kStep; }
-    /// Sanitizers know what was freed only where it goes back to the heap.
+    static std::size_t classOf(std::size_t bytes) {
+        return (bytes + kStep - 1) / kStep;
+    }
     static bool keeps() {
-#ifdef VORN_SANITIZED
-        return false;
-#else
-        return !ThreadControl::multiThreaded();
-#endif
+        return kKeepsBlocks && !ThreadControl::multiThreaded();
     }
 
     static std::array<SizeClass, kClasses> classes_;
@@ -77,6 +85,7 @@ private:
 /// The same for the elements of containers.
 template <class T>
 struct RecyclingAllocator {
+    static_assert(alignof(T) <= Recycled::kStep);
     using value_type = T;
 
     RecyclingAllocator() = default;

@@ -1,12 +1,12 @@
-// Whether more than one thread uses what is shared: reference counts and kept memory are plain
-// then.
+// Whether more than one thread runs. While it says no, reference counts are plain (Ptr.h) and freed
+// blocks are kept (Recycled.h).
 #pragma once
 
 #include <atomic>
 
 namespace Brumo {
 
-/// Says whether more than one thread may touch reference counts. Set before a second thread starts.
+/// Set before a second thread starts; set back only when there is one again.
 class ThreadControl {
 public:
     static bool multiThreaded() { return multiThreaded_.load(std::memory_order_relaxed); }
