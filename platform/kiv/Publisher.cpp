@@ -39,11 +39,15 @@ void Observers::notify(const Change& change) {
         Observers& observers;
     };
     const Notifying guard(*this);
-    const std::size_t present = slots_.size();
-    for (std::size_t i = 0; i < present; ++i) {
-        // A call may add observers, which moves none of those that are there, and remove any.
-        if (const Slot& slot = slots_[i]; slot.id != 0)
+    if (slots_.empty())
+        return;
+    // A call may add observers, behind those that are there now, and remove any.
+    const Slot& last = slots_.back();
+    for (const Slot& slot : slots_) {
+        if (slot.id != 0)
             slot.observer(change);
+        if (&slot == &last)
+            return;
     }
 }
 

@@ -10,8 +10,8 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <list>
 
 #include "platform/brumo/Ptr.h"
 
@@ -49,7 +49,7 @@ private:
         Observer observer;
     };
 
-    std::deque<Slot> slots_;  ///< slots stay where they are when others are added
+    std::list<Slot> slots_;  ///< slots stay where they are when others are added
     std::uint64_t nextId_ = 1;
     int notifying_ = 0;
     bool hasRemoved_ = false;  ///< during a notification; erased when it is over
