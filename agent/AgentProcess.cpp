@@ -1,5 +1,6 @@
 #include "agent/AgentProcess.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -58,7 +59,7 @@ AgentProcess::AgentProcess(const Options& options)
     loader_ = std::make_unique<PolicyLoader>(tables_->units(), reportFinished);
     bell_ = std::make_unique<KivShimo::Doorbell>(
         Asic::Constants::agentDoorbell(options.stateDirectory));
-    const int descriptor = ::dup(bell_->fd());
+    const int descriptor = ::fcntl(bell_->fd(), F_DUPFD_CLOEXEC, 0);
     if (descriptor < 0)
         throw std::system_error(errno, std::generic_category(), bell_->path());
     bellDescriptor_.emplace(loop_.io(), descriptor);

@@ -1,10 +1,12 @@
 #include "hwside/Daemon.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 #include <fmt/format.h>
 #include <asio/post.hpp>
@@ -29,7 +31,7 @@ std::string checkedDirectory(std::string path) {
 
 /// A second descriptor of the bell, for Asio to own.
 int descriptorOf(const KivShimo::Doorbell& bell) {
-    const int descriptor = ::dup(bell.fd());
+    const int descriptor = ::fcntl(bell.fd(), F_DUPFD_CLOEXEC, 0);
     if (descriptor < 0)
         throw std::system_error(errno, std::generic_category(), bell.path());
     return descriptor;
@@ -113,14 +115,19 @@ void Daemon::work() {
             if (!error)
                 work();
         });
-        return;
+        // A ring may be of an agent that has put right what this waits for.
+        bell_.drain();
+        return waitForBell();
     }
     asio::post(io_, [this] { work(); });
 }
 
 void Daemon::waitForBell() {
+    if (std::exchange(waitsForBell_, true))
+        return;
     rings_.async_wait(asio::posix::descriptor_base::wait_read,
                       [this](const asio::error_code& error) {
+                          waitsForBell_ = false;
                           if (!error)
                               work();
                       });

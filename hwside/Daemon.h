@@ -51,6 +51,7 @@ private:
     LogReader reader_;
     Process::ControlServer control_;
     asio::posix::stream_descriptor rings_;
+    bool waitsForBell_ = false;  ///< one wait at a time
     asio::steady_timer again_;
     std::chrono::milliseconds againAfter_ = kAgainAfter;
 };

@@ -56,11 +56,16 @@ detail::Descriptor connectedTo(const std::string& path) {
     return peer;
 }
 
-bool rang(const detail::Descriptor& peer) {
+bool sendRing(const detail::Descriptor& peer) {
     const char ring = 1;
-    // A full socket is as good as a ring: the peer has something to wake up for.
-    return send(peer.fd(), &ring, sizeof(ring), MSG_DONTWAIT | MSG_NOSIGNAL) == sizeof(ring) ||
-           errno == EAGAIN || errno == ENOBUFS;
+    return send(peer.fd(), &ring, sizeof(ring), MSG_DONTWAIT | MSG_NOSIGNAL) == sizeof(ring);
+}
+
+/// Whether the bell at the path was rung; `peer` is connected to it then.
+bool ringAt(const std::string& path, detail::Descriptor& peer) {
+    peer = connectedTo(path);
+    // A full socket is as good as a ring: its owner has something to wake up for.
+    return peer && (sendRing(peer) || errno == EAGAIN || errno == ENOBUFS);
 }
 
 }  // namespace
@@ -103,8 +108,8 @@ void removeDeadSocket(const std::string& path) {
 }
 
 bool ring(const std::string& path) {
-    const detail::Descriptor peer = connectedTo(path);
-    return peer && rang(peer);
+    detail::Descriptor peer;
+    return ringAt(path, peer);
 }
 
 Sleeper::Sleeper(detail::SleepWord word)
@@ -157,16 +162,14 @@ bool Waker::maybeRing() {
     if (epoch && *epoch == rungFor_)
         return false;
     rungFor_ = epoch.value_or(0);
-    return rung();
+    return ringPeer();
 }
 
-/// Stays connected, so that the kernel need not look the path up for each ring. A peer that has
-/// gone, or begun anew, refuses; then the path says who is there.
-bool Waker::rung() {
-    if (peer_ && rang(peer_))
-        return true;
-    peer_ = connectedTo(path_);
-    return peer_ && rang(peer_);
+/// Stays connected, so that the kernel need not look the path up for each ring. Whoever has gone,
+/// or begun anew, refuses, and one that takes no more may not be the one who sleeps: then the path
+/// says who is there.
+bool Waker::ringPeer() {
+    return (peer_ && sendRing(peer_)) || ringAt(path_, peer_);
 }
 
 }  // namespace KivShimo

@@ -96,12 +96,12 @@ public:
 
 private:
     bool maybeRing();
-    bool rung();
+    bool ringPeer();
 
     detail::SleepWord word_;
     std::string path_;
     detail::Descriptor peer_;  ///< connected to the bell that was rung last
-    bool isOrdered_;  ///< the kernel makes this process pass barriers for sleepers
+    bool isOrdered_;           ///< the kernel makes this process pass barriers for sleepers
     /// The word of a sleeper that is awake and orders for both; empty: none met yet.
     std::optional<std::uint64_t> awake_;
     std::uint32_t rungFor_ = 0;  ///< 0: for none, as it is even
