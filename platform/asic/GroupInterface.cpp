@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/asic/Constants.h"
+#include "platform/brumo/Recycled.h"
 #include "platform/brumo/Trace.h"
 #include "platform/kivshimo/AckMap.h"
 #include "platform/kivshimo/AnnounceLog.h"
@@ -54,13 +55,14 @@ struct GroupInterface::SharedMemory {
     KivShimo::AckMapReader* map() {
         if (reader.has_value() && !reader->stale())
             return &*reader;
-        return opened();
+        return reopened();
     }
     /// The same, without the system call that finds a map that was replaced: for whoever asks again
     /// when nothing in it has moved.
-    KivShimo::AckMapReader* openMap() { return reader.has_value() ? &*reader : opened(); }
+    KivShimo::AckMapReader* openMap() { return reader.has_value() ? &*reader : reopened(); }
 
-    KivShimo::AckMapReader* opened() {
+    /// The waker goes with the map whose word it reads.
+    KivShimo::AckMapReader* reopened() {
         waker.reset();
         reader.reset();
         try {
@@ -122,7 +124,7 @@ GroupInterface::~GroupInterface() {
 /// consumed counts, as far as it is not overwritten.
 void GroupInterface::takeUpAnnouncements() {
     const std::uint64_t overwritten = shm_->announcements.consumed();
-    const bool isWhole = takeUpAcknowledged();
+    const bool isWhole = takeUpAtStart();
     const auto log = KivShimo::AnnounceLogReader::open(shm_->announcements.file());
     if (!log.has_value())
         return;
@@ -142,7 +144,7 @@ void GroupInterface::takeUpAnnouncements() {
 }
 
 /// Takes up what the hardware side says at the start; false when not all of it can be read.
-bool GroupInterface::takeUpAcknowledged() {
+bool GroupInterface::takeUpAtStart() {
     KivShimo::AckMapReader* map = shm_->map();
     if (map == nullptr)
         return true;
@@ -299,21 +301,24 @@ LogVersion GroupInterface::acknowledgedVersion(SwTableId tableId) const {
     return versionIn(acknowledged_, tableId);
 }
 
-/// A map that was replaced does not move any more, so it is looked for only when nothing has.
+/// A map that was replaced does not move any more, so it is looked for only when nothing has; what
+/// the new one says is taken up at once.
 void GroupInterface::acknowledgementsArrived() {
+    const Brumo::Ptr<GroupInterface> keep(this);  // a handler may drop the group
     const KivShimo::AckMapReader* map = shm_->openMap();
     if (map == nullptr)
         return;
     const std::uint64_t identity = map->identity();
-    if (takenUp())
+    if (takeUpMap())
         return;
     map = shm_->map();
     if (map != nullptr && map->identity() != identity)
-        takenUp();
+        takeUpMap();
 }
 
-/// Takes up what the open map says; false when nothing in it has moved, or cannot be read.
-bool GroupInterface::takenUp() try {
+/// Takes up what the open map says. Returns whether anything in it has moved; false also where that
+/// cannot be read.
+bool GroupInterface::takeUpMap() try {
     const auto report = [this](const auto& error) { doCorruptionDetected(error.what()); };
     const auto acknowledgements =
         shm_->isOfLostLog() ? KivShimo::Acknowledgements() : shm_->reader->all(report);
@@ -393,10 +398,13 @@ bool GroupInterface::acknowledge(SwTableId tableId, LogVersion version) {
     const Brumo::Ptr<OrderedSwTableSet> set = swTableSet(tableId);
     if (set == nullptr)
         return true;
-    for (Brumo::Ptr<OrderedSwTable> table = set->firstSwTable(); table != nullptr;
-         table = set->swTableAfter(table->unitId())) {
+    using TablePtr = Brumo::Ptr<OrderedSwTable>;
+    std::vector<TablePtr, Brumo::RecyclingAllocator<TablePtr>> tables;
+    tables.reserve(set->swTables().size());
+    for (const auto& [unit, table] : set->swTables())
+        tables.push_back(table);
+    for (const TablePtr& table : tables)
         table->tableStatusVersion(version);
-    }
     return true;
 }
 

@@ -84,7 +84,9 @@ public:
 
     /// The acknowledged version as it was taken over; version 0 when there is none.
     LogVersion acknowledgedVersion(SwTableId tableId) const;
-    /// Reads the hardware side's map and hands what has moved to the tables; takes up pauses.
+    /// Reads the hardware side's map and hands what has moved to the tables; takes up pauses. Where
+    /// something has moved, a map that has replaced this one is left to the next call: call it
+    /// until sleepPrepared().
     void acknowledgementsArrived();
 
     /// Prepares to sleep: from the return on, the hardware side rings. False when there is work,
@@ -99,8 +101,8 @@ private:
     struct SharedMemory;  ///< the mounted files; keeps their headers out of this one
 
     void takeUpAnnouncements();
-    bool takenUp();
-    bool takeUpAcknowledged();
+    bool takeUpMap();
+    bool takeUpAtStart();
     bool hasRoomForWaiting();
     void takeUpConsumed();
     void takeUpPauseRequest();

@@ -19,7 +19,7 @@ public:
     void add(const TableVersion& needed) {
         if (needed.version.value == 0)
             return;
-        for (TableVersion* held = all_; held != all_ + size_; ++held) {
+        for (TableVersion* held = all(); held != all() + size_; ++held) {
             if (held->tableId != needed.tableId)
                 continue;
             if (held->version < needed.version)
@@ -35,8 +35,8 @@ public:
 
     bool empty() const { return size_ == 0; }
     std::size_t size() const { return size_; }
-    const TableVersion* begin() const { return all_; }
-    const TableVersion* end() const { return all_ + size_; }
+    const TableVersion* begin() const { return many_.empty() ? few_.data() : many_.data(); }
+    const TableVersion* end() const { return begin() + size_; }
 
     std::string toText() const {
         std::string text = "{";
@@ -49,6 +49,7 @@ public:
     }
 
 private:
+    TableVersion* all() { return many_.empty() ? few_.data() : many_.data(); }
     void append(const TableVersion& needed) {
         if (size_ < few_.size()) {
             few_[size_++] = needed;
@@ -57,14 +58,12 @@ private:
         if (many_.empty())
             many_.assign(few_.begin(), few_.end());
         many_.push_back(needed);
-        all_ = many_.data();
         ++size_;
     }
 
     /// As many as most changes need, which then take no memory of their own.
     std::array<TableVersion, 3> few_{};
     std::vector<TableVersion> many_;  ///< all of them, once they are more
-    TableVersion* all_ = few_.data();
     std::size_t size_ = 0;
 };
 

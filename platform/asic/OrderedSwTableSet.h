@@ -30,11 +30,6 @@ public:
     void swTableIs(const Brumo::Ptr<OrderedSwTable>& table) { tables_[table->unitId()] = table; }
     void swTableDel(UnitId unit) { tables_.erase(unit); }
     const std::map<UnitId, Brumo::Ptr<OrderedSwTable>>& swTables() const { return tables_; }
-    /// Walks that tables may come and go under. Null at the end.
-    Brumo::Ptr<OrderedSwTable> firstSwTable() const { return tableAt(tables_.begin()); }
-    Brumo::Ptr<OrderedSwTable> swTableAfter(UnitId unit) const {
-        return tableAt(tables_.upper_bound(unit));
-    }
 
     /// Recomputes the family's pending-writes status.
     void maybeUpdatePendingHwWrites() {
@@ -51,15 +46,9 @@ public:
     }
 
 private:
-    using Tables = std::map<UnitId, Brumo::Ptr<OrderedSwTable>>;
-
-    Brumo::Ptr<OrderedSwTable> tableAt(Tables::const_iterator at) const {
-        return at == tables_.end() ? nullptr : at->second;
-    }
-
     SwTableId tableId_;
     Brumo::Ptr<OrderedSwTableStatus> status_;
-    Tables tables_;
+    std::map<UnitId, Brumo::Ptr<OrderedSwTable>> tables_;
 };
 
 }  // namespace Asic
