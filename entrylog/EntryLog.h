@@ -88,7 +88,7 @@ public:
     /// Deletes all entries of a unit and returns the version of the deletion.
     Asic::LogVersion tableDel(const NeededPtr& neededEntry, Asic::UnitId unitId);
 
-    /// Says that the key is about to be read or changed, so that its memory is there by then.
+    /// As KivShimo::Map::prefetch, of the unit's value, if the unit is mounted.
     void prefetch(const Key& key, Asic::UnitId unitId) const;
     /// Whether a write of the key finds room: always, when the unit has a value for it already.
     bool entryHasRoom(const Key& key, Asic::UnitId unitId) const;
@@ -135,7 +135,7 @@ private:
     void deleteAll(ConfigTable& config, Asic::LogVersion version, Asic::UnitId unitId);
     void publish(const Record& record);
     void changeValue(ConfigTable& config, const Spot& spot,
-                     const KivShimo::detail::Summed<ConfigValue>& value, const Record& record,
+                     const KivShimo::Summed<ConfigValue>& value, const Record& record,
                      const NeededPtr& neededEntry);
 
     // Cleanup; what drops the deletions of lost records needs no seal, as it finds them by value.

@@ -83,7 +83,7 @@ void EntryLog<B>::finish(const KivShimo::PendingChange& pending) {
         if (const auto value = pending.value<ConfigValue>(); value.has_value()) {
             const auto config = mountedConfig({unitId}, KivShimo::tornKeyOf(value->key()));
             config->swTableEntriesJournaledIs(config->swTableEntriesSpot(value->entryKey),
-                                              {KivShimo::detail::Words(*value)});
+                                              {KivShimo::Words(*value)});
             return publish(recordOf(
                 value->logEntry, value->version, {unitId},
                 value->inDeletion ? LogOperation::entryDeleted : LogOperation::entryWritten));

@@ -33,8 +33,8 @@ Asic::LogVersion EntryLog<B>::entryIs(const LogEntry& logEntry, const ResourceKe
 
 template <class B>
 void EntryLog<B>::changeValue(ConfigTable& config, const Spot& spot,
-                              const KivShimo::detail::Summed<ConfigValue>& value,
-                              const Record& record, const NeededPtr& neededEntry) {
+                              const KivShimo::Summed<ConfigValue>& value, const Record& record,
+                              const NeededPtr& neededEntry) {
     KivShimo::JournalWriter& journal = tableEntryLog_->journal();
     beginSealed(kSealedValue, record.version, record.unitId, neededEntry);
     journal.valueIs(value);
@@ -102,7 +102,7 @@ Asic::LogVersion EntryLog<B>::entryDel(const Key& key, const NeededPtr& neededEn
     stored->version = version;
     stored->inDeletion = true;
     ConfigTable& config = *tableConfigShimo(unitId);
-    changeValue(config, config.swTableEntriesSpot(key), {KivShimo::detail::Words(*stored)},
+    changeValue(config, config.swTableEntriesSpot(key), {KivShimo::Words(*stored)},
                 recordOf(stored->logEntry, version, unitId, LogOperation::entryDeleted),
                 neededEntry);
     return version;

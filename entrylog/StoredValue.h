@@ -6,7 +6,7 @@
 // What always holds:
 //  1. Each question is answered, and traced, as by the log's own operation of that name.
 //  2. A value that was read stands for what the log holds until the log hands out its next version:
-//     without one, a value that lives does not change.
+//     without one, a value that lives does not change. REQUIRES: its unit stays mounted meanwhile.
 #pragma once
 
 #include <optional>

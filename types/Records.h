@@ -20,7 +20,7 @@
 #include "platform/asic/Versions.h"
 #include "platform/brumo/Layout.h"
 #include "platform/brumo/Text.h"
-#include "platform/kivshimo/detail/Words.h"
+#include "platform/kivshimo/Words.h"
 
 namespace VornPolicyCpu {
 
@@ -57,7 +57,8 @@ struct LogShimoEntry {
     LogOperation operation = LogOperation::entryWritten;
     std::uint8_t padding = 0;
 
-    /// As it lies in memory.
+    /// As it lies in memory, each word put together in registers: see detail::justStored for what a
+    /// copy of a record that was just made would cost.
     std::array<std::uint64_t, 4> words() const {
         return {version.value, head.revision | std::uint64_t{head.origin} << 32U,
                 std::bit_cast<std::uint64_t>(key),
@@ -88,11 +89,11 @@ struct ConfigShimoEntry {
     bool inDeletion = false;   ///< deleted, but the hardware side may still hold it
 
     const Key& key() const { return entryKey; }
-    /// A live value as it lies in memory, made from its parts without one of the type.
-    static KivShimo::detail::Words<ConfigShimoEntry> wordsOf(const LogEntry& logEntry,
-                                                             const ResourceKeys& rsrcKeys,
-                                                             Asic::LogVersion version) {
-        KivShimo::detail::Words<ConfigShimoEntry> words;
+    /// A live value as it lies in memory, put together from its parts for the same reason.
+    static KivShimo::Words<ConfigShimoEntry> wordsOf(const LogEntry& logEntry,
+                                                     const ResourceKeys& rsrcKeys,
+                                                     Asic::LogVersion version) {
+        KivShimo::Words<ConfigShimoEntry> words;
         words.template put<offsetof(ConfigShimoEntry, entryKey)>(Key(logEntry.key));
         words.template put<offsetof(ConfigShimoEntry, logEntry)>(logEntry);
         if constexpr (!std::is_empty_v<ResourceKeys>)

@@ -36,11 +36,11 @@ public:
     bool swTableEntriesIs(const Value& value) { return swTableEntries_.insertOrReplace(value); }
     using Spot = typename KivShimo::Map<Value>::Spot;
     Spot swTableEntriesSpot(const Key& key) const { return swTableEntries_.spotOf(key); }
-    /// Says that the key is going to be used.
+    /// As KivShimo::Map::prefetch.
     void swTableEntriesPrefetch(const Key& key) const { swTableEntries_.prefetch(key); }
     /// The same as swTableEntriesIs, for a caller in whose own journal the value is until this has
     /// returned.
-    bool swTableEntriesJournaledIs(const Spot& spot, const KivShimo::detail::Summed<Value>& value) {
+    bool swTableEntriesJournaledIs(const Spot& spot, const KivShimo::Summed<Value>& value) {
         return swTableEntries_.journaledIs(spot, value);
     }
     void swTableEntriesDel(const Key& key) { swTableEntries_.erase(key); }

@@ -90,7 +90,11 @@ RowReading readingOf(const Row& row, const detail::MappedFile& mapping) {
     return {};  // its table changes all the time, so none is known to be acknowledged here
 }
 
-bool areFourFree(const Row* rows) {
+constexpr std::size_t kRowsALook = 4;
+static_assert(kMostAckTables % kRowsALook == 0);
+
+/// A check of 0 alone makes a row free: nothing else of it is read, so no order is needed.
+bool areFree(const Row* rows) {
     return (detail::loaded(rows[0].check) | detail::loaded(rows[1].check) |
             detail::loaded(rows[2].check) | detail::loaded(rows[3].check)) == 0;
 }
@@ -273,16 +277,16 @@ Acknowledgements AckMapReader::all(
     const std::function<void(const CorruptionError&)>& report) const {
     Acknowledgements result;
     const Row* const rows = rowsIn(mapping_);
-    for (std::size_t i = 0; i < kMostAckTables; ++i) {
-        if (i % 4 == 0 && areFourFree(rows + i)) [[likely]] {
-            i += 3;
+    for (std::size_t group = 0; group < kMostAckTables; group += kRowsALook) {
+        if (areFree(rows + group)) [[likely]]
             continue;
-        }
-        const RowReading row = readingOf(rows[i], mapping_);
-        if (row.table && row.version) {
-            result.add({*row.table, *row.version});
-        } else if (row.table || row.isLabelRotten) {
-            report(CorruptionError(file(), kCollection, i, "does not verify"));
+        for (std::size_t i = group; i < group + kRowsALook; ++i) {
+            const RowReading row = readingOf(rows[i], mapping_);
+            if (row.table && row.version) {
+                result.add({*row.table, *row.version});
+            } else if (row.table || row.isLabelRotten) {
+                report(CorruptionError(file(), kCollection, i, "does not verify"));
+            }
         }
     }
     return result;

@@ -34,13 +34,14 @@ struct Acknowledged {
 /// What a map says of all tables at once; takes no memory from the heap.
 class Acknowledgements {
 public:
+    /// REQUIRES: there are fewer than kMostAckTables.
     void add(Acknowledged row) { rows_[count_++] = row; }
     std::size_t size() const { return count_; }
     const Acknowledged* begin() const { return rows_.data(); }
     const Acknowledged* end() const { return rows_.data() + count_; }
 
 private:
-    std::array<Acknowledged, kMostAckTables> rows_;  // as many as are counted are set
+    std::array<Acknowledged, kMostAckTables> rows_;  ///< as many as are counted are set
     std::size_t count_ = 0;
 };
 

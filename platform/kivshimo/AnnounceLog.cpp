@@ -13,7 +13,7 @@ namespace {
 
 using detail::AnnounceKind;
 using detail::AnnounceSlot;
-using SlotWords = detail::Words<AnnounceSlot>;
+using SlotWords = Words<AnnounceSlot>;
 
 std::vector<detail::CollectionPlan> planFor(std::uint64_t slots) {
     return {{detail::kAnnounceCollection, detail::CollectionKind::announceLog, sizeof(AnnounceSlot),
@@ -32,6 +32,9 @@ detail::MountFindings mounted(const std::string& root, const std::string& path,
     return detail::mountedAndTraced(root, path, detail::kAnnounceType, planFor(slots),
                                     announcementsTrace());
 }
+
+/// Slots whose pages are made at once: 16 pages.
+constexpr std::uint64_t kSlotsAhead = 1024;
 
 /// The words of the slot of a position.
 const std::uint64_t* placeOf(const std::byte* area, std::uint64_t position, std::uint64_t slots) {
@@ -86,7 +89,16 @@ bool AnnounceLogWriter::append(std::uint32_t tableId, std::uint64_t version,
         needed = needed.subspan(count);
     }
     tail_.valueIs(tail() + slots);
+    if ((tail() & (kSlotsAhead - 1)) < slots)
+        makeNextPages();
     return true;
+}
+
+/// Those of the block of slots that comes after this one.
+void AnnounceLogWriter::makeNextPages() {
+    const std::uint64_t first = (tail() + kSlotsAhead) & (slots_ - 1) & ~(kSlotsAhead - 1);
+    const std::uint64_t count = std::min(kSlotsAhead, slots_ - first);
+    detail::makePages(placeOf(mapping_.area(0), first, slots_), count * sizeof(AnnounceSlot));
 }
 
 void AnnounceLogWriter::store(std::uint64_t position, std::uint32_t tableId, std::uint64_t version,
@@ -100,6 +112,8 @@ void AnnounceLogWriter::store(std::uint64_t position, std::uint32_t tableId, std
     for (std::size_t i = 0; i < needed.size(); ++i) {
         slot.needed[i] = {needed[i].tableId, needed[i].version};
     }
+    // Each word is stored as it was made: in a copy of them all, it would be loaded together with
+    // another one, and wait (see detail::justStored).
     const auto words = slot.words(slot.sum(seed_));
     const std::uint64_t* place = placeOf(mapping_.writableArea(0), position, slots_);
     for (std::size_t i = 0; i < words.size(); ++i)

@@ -79,6 +79,7 @@ public:
 private:
     explicit AnnounceLogWriter(detail::MountFindings found);
     void findTail();
+    void makeNextPages();
     void store(std::uint64_t position, std::uint32_t tableId, std::uint64_t version, bool last,
                std::span<const NeededVersion> needed);
 

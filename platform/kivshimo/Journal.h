@@ -80,7 +80,7 @@ struct PendingChange {
     template <class Value>
     std::optional<Value> value() const {
         static_assert(std::is_trivially_copyable_v<Value>);
-        if (valueBytes != sizeof(detail::Words<Value>))
+        if (valueBytes != sizeof(Words<Value>))
             return std::nullopt;
         Value result;
         std::memcpy(static_cast<void*>(&result), bytes.data(), sizeof(Value));
@@ -112,7 +112,7 @@ public:
         valueSum_ = 0;
     }
     template <class Value>
-    void valueIs(const detail::Summed<Value>& value) {
+    void valueIs(const Summed<Value>& value) {
         static_assert(sizeof(value.words) <= Journal::kValueBytes);
         value.words.storeTo(place_->value);
         head_.counts |= sizeof(value.words);
@@ -120,7 +120,7 @@ public:
     }
     template <class Value>
     void valueIs(const Value& value) {
-        valueIs(detail::Summed<Value>{detail::Words(value)});
+        valueIs(Summed<Value>{Words(value)});
     }
     void needs(std::uint32_t tableId, std::uint64_t version) {
         const std::uint32_t count = head_.neededCount();

@@ -71,15 +71,16 @@ public:
         std::uint32_t at;      ///< slot that holds it, or stands behind it
     };
     Spot spotOf(const Key& key) const;
-    /// Asks for the memory that holds the key, most likely, and waits for nothing.
+    /// Asks for the memory that holds the key, most likely, so that it is there when the key is
+    /// read or changed soon; waits for nothing.
     void prefetch(const Key& key) const;
     /// Inserts or replaces the value of the spot's key, for a caller in whose own journal it is
     /// until this has returned. False when the key is new and there is no room.
-    bool journaledIs(const Spot& spot, const detail::Summed<Value>& value);
+    bool journaledIs(const Spot& spot, const Summed<Value>& value);
     /// False when the key was not there.
     bool erase(const Key& key);
-    /// Where a walk stands: at an element, or at the end. That holds until the next change of the
-    /// map; from then on it is a guess of where the element's key is, in any map and for good.
+    /// Where an element is, or the end. Holds until the map changes; later it may still be given as
+    /// a guess of where the element's key is, to any map.
     class Position {
     public:
         Position() = default;
@@ -103,7 +104,7 @@ public:
     Position atOrAfter(const Key& key, Position guess = {}) const;
     /// The first element after the key.
     Position after(const Key& key, Position guess = {}) const;
-    /// The next element. REQUIRES: the map was not changed since the position was found.
+    /// The next element. REQUIRES: as `keyAt`.
     Position after(Position position) const;
     /// REQUIRES: the map was not changed since the position was found, which is not the end.
     const Key& keyAt(Position position) const { return nodes_[position.slot_].key; }
@@ -191,8 +192,8 @@ private:
         return position ? std::optional<Key>(keyAt(position)) : std::nullopt;
     }
 
-    bool insertNew(const Spot& spot, const detail::Summed<Value>& value);
-    void store(std::uint32_t slot, const detail::Summed<Value>& value);
+    bool insertNew(const Spot& spot, const Summed<Value>& value);
+    void store(std::uint32_t slot, const Summed<Value>& value);
     void setFree(std::uint32_t slot);
     void linkIs(std::uint32_t before, std::size_t bucket, std::uint32_t target);
     void publishHead(std::size_t bucket);

@@ -107,13 +107,16 @@ public:
     void assertConsistent() const;
 
 private:
-    static constexpr std::size_t kWords = detail::Words<Record>::kCount;
+    static constexpr std::size_t kWords = Words<Record>::kCount;
 
     std::size_t slotOf(std::uint64_t version) const {
         return static_cast<std::size_t>(version & (slots_ - 1));
     }
     std::uint64_t* recordAt(std::size_t slot) const { return records_ + slot * kWords; }
     void takeUp(Table& table, std::size_t slot);
+    /// Slots whose pages are made at once: 8 pages of records.
+    static constexpr std::uint64_t kRecordsAhead = 1024;
+    void makePagesAfter(std::size_t slot) const;
     std::optional<std::uint64_t> lowestAfterEpochOf(std::uint64_t version) const;
 
     std::string file_;

@@ -71,7 +71,7 @@ public:
     std::uint64_t count() const;
 
 private:
-    static constexpr std::size_t kWords = detail::Words<Record>::kCount;
+    static constexpr std::size_t kWords = Words<Record>::kCount;
     static constexpr unsigned kTries = 10000;
 
     std::size_t slotOf(std::uint64_t version) const {

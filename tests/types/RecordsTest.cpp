@@ -82,7 +82,7 @@ TYPED_TEST(Records, ValueIsPutTogetherAsItLiesInMemory) {
         value.rsrcKeys = counted<typename Types::ResourceKeys>();
     value.version = {0x1122334455667788};
     const auto words = Value::wordsOf(value.logEntry, value.rsrcKeys, value.version);
-    EXPECT_EQ(wordsIn(words.words), wordsIn(KivShimo::detail::Words<Value>(value).words));
+    EXPECT_EQ(wordsIn(words.words), wordsIn(KivShimo::Words<Value>(value).words));
 }
 
 TYPED_TEST(Records, ChangeRecordIsThirtyTwoBytesWithEveryFieldInItsPlace) {

@@ -46,7 +46,7 @@ struct AnnounceSlot {
     std::uint32_t tableId = 0;
     std::array<AnnounceNeeded, kInlineNeeded> needed{};
 
-    /// As it lies in memory, with another check.
+    /// As it lies in memory, with that check.
     std::array<std::uint64_t, 8> words(std::uint32_t ownCheck) const {
         const std::uint64_t kinds = std::uint64_t{static_cast<std::uint8_t>(kind)} |
                                     std::uint64_t{neededCount} << 8U |
@@ -61,7 +61,6 @@ struct AnnounceSlot {
                 second.version.get() >> 32U | std::uint64_t{third.tableId} << 32U,
                 third.version};
     }
-    std::array<std::uint64_t, 8> words() const { return words(check); }
     /// What the check is to be.
     std::uint32_t sum(std::uint64_t seed) const {
         const auto summed = words(0);

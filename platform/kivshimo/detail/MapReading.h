@@ -27,7 +27,7 @@ typename MapReader<Value>::Reading MapReader<Value>::read(std::uint64_t slot,
                                                           bool isLastTry) const {
     const Slot& place = slotAt(slot);
     const std::uint64_t before = detail::word(place.sequence).load(std::memory_order_acquire);
-    const auto words = detail::Words<Value>::loadFrom(place.value);
+    const auto words = Words<Value>::loadFrom(place.value);
     const std::uint64_t checksum = detail::loaded(place.checksum);
     // A load above that saw a later store makes the load below see its odd sequence, or a later
     // one.

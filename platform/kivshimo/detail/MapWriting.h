@@ -38,10 +38,10 @@ Map<Value>::Map(Table& table, std::string_view name)
     nodes_.resize(slots_);
     heads_.resize(buckets);
     finishPending(table);
-    const bool isKnown = takeUpStructure(table);
-    if (isKnown && takeUpWhole())
+    const bool wereLinked = takeUpStructure(table);
+    if (wereLinked && takeUpWhole())
         return;
-    if (isKnown)
+    if (wereLinked)
         checkIndex(table);
     rebuild(table);
 }
@@ -54,7 +54,7 @@ void Map<Value>::finishPending(Table& table) {
         return;
     const std::optional<Value> value = pending->template value<Value>();
     if (value && pending->version < slots_) {
-        store(static_cast<std::uint32_t>(pending->version), {detail::Words(*value)});
+        store(static_cast<std::uint32_t>(pending->version), {Words(*value)});
     } else {
         table.doCorruptionDetected(
             CorruptionError(file_, "journal", 0, "value of no slot dropped").what());
@@ -65,7 +65,7 @@ void Map<Value>::finishPending(Table& table) {
 template <class Value>
 bool Map<Value>::insertOrReplace(const Value& value) {
     const Spot spot = spotOf(value.key());
-    const detail::Summed<Value> summed{detail::Words(value)};
+    const Summed<Value> summed{Words(value)};
     if (!isTaken(spot))
         return insertNew(spot, summed);
     journal_->begin(kStoreValue, number_, spot.at);
@@ -90,7 +90,7 @@ auto Map<Value>::spotOf(const Key& key) const -> Spot {
 }
 
 template <class Value>
-bool Map<Value>::journaledIs(const Spot& spot, const detail::Summed<Value>& value) {
+bool Map<Value>::journaledIs(const Spot& spot, const Summed<Value>& value) {
     if (!isTaken(spot))
         return insertNew(spot, value);
     store(spot.at, value);
@@ -109,7 +109,7 @@ void Map<Value>::prefetch(const Key& key) const {
 
 /// Needs no journal: until its checksum is stored, the last of the value, the slot counts as free.
 template <class Value>
-bool Map<Value>::insertNew(const Spot& spot, const detail::Summed<Value>& value) {
+bool Map<Value>::insertNew(const Spot& spot, const Summed<Value>& value) {
     const std::optional<std::size_t> room = free_.atOrAfter(0);
     if (!room)
         return false;
@@ -205,11 +205,13 @@ void Map<Value>::prefetchAhead(std::size_t from, std::size_t to) const {
     constexpr std::size_t kNodesAhead = 16;
     constexpr std::size_t kSlotsAhead = 8;
     const std::size_t end = std::min(to + kNodesAhead, heads_.size() - 1);
-    for (std::size_t bucket = std::max(from, to - std::min(to, kNodesAhead)) + kNodesAhead + 1;
-         bucket <= end; ++bucket) {
+    // By the steps before, unless this one goes far.
+    const std::size_t fetchedUpTo = std::max(from, to - std::min(to, kNodesAhead)) + kNodesAhead;
+    for (std::size_t bucket = fetchedUpTo + 1; bucket <= end; ++bucket) {
         const std::uint32_t far = heads_[bucket];
         if (far != detail::Link::kNone)
             detail::prefetch(nodes_[far]);
+        // Its nodes were asked for when it was as far away as that one.
         for (std::uint32_t near = heads_[bucket - (kNodesAhead - kSlotsAhead)];
              near != detail::Link::kNone; near = nodes_[near].next) {
             prefetchSlot(near);
@@ -232,7 +234,7 @@ auto Map<Value>::valueAt(Position position, const Use& use) const {
 }
 
 template <class Value>
-void Map<Value>::store(std::uint32_t slot, const detail::Summed<Value>& value) {
+void Map<Value>::store(std::uint32_t slot, const Summed<Value>& value) {
     Slot& place = slotAt(slot);
     const std::uint64_t checksum = detail::placedSum(value.sum, detail::slotSeed(seed_, slot));
     const std::uint64_t before = detail::loaded(place.sequence) & ~detail::kMidStore;
@@ -325,7 +327,7 @@ bool Map<Value>::takeUp(Table& table, std::uint32_t slot) {
     if (checksum == 0 && !odd && !holdsValue)
         return false;
     if (checksum != 0) {
-        const auto words = detail::Words<Value>::loadFrom(place.value);
+        const auto words = Words<Value>::loadFrom(place.value);
         if (words.checksum(detail::slotSeed(seed_, slot)) == checksum) {
             if (odd || !holdsValue) {
                 detail::word(place.sequence)
@@ -354,7 +356,7 @@ bool Map<Value>::takeUp(Table& table, std::uint32_t slot) {
 /// and find neither an absent key nor another value before it is stored again.
 template <class Value>
 void Map<Value>::keepTorn(Table& table, std::uint32_t slot) {
-    const Key key = detail::Words<Value>::loadFrom(slotAt(slot).value).value().key();
+    const Key key = Words<Value>::loadFrom(slotAt(slot).value).value().key();
     nodes_[slot] = {key.hash(0), detail::Link::kNone, key};
     table.tornDetected({CorruptionError(file_, name_, slot, "torn value dropped").what(),
                         [this, slot, key] {
@@ -364,13 +366,15 @@ void Map<Value>::keepTorn(Table& table, std::uint32_t slot) {
                        tornKeyOf(key));
 }
 
-/// False when the sequence cannot be read: it does not say whether the links were whole, so they
-/// are not checked. Its next value is none that a reader may have seen.
+/// Returns whether the links were left whole. They were not where a first mount was cut off, which
+/// has not made them yet; nor where a change or a later mount was, which may have emptied slots
+/// before they were followed; and it is not known where the sequence cannot be read: its next value
+/// is none then that a reader may have seen.
 template <class Value>
 bool Map<Value>::takeUpStructure(Table& table) {
     if (const auto sequence = detail::Structure::decoded(detail::loaded(*structure_), seed_)) {
         structureSequence_ = *sequence;
-        return true;
+        return structureSequence_ >= 2 && (structureSequence_ & 1U) == 0;
     }
     structureSequence_ = std::random_device()();
     table.doCorruptionDetected(
@@ -391,8 +395,6 @@ void Map<Value>::forgetIndex() {
 template <class Value>
 bool Map<Value>::takeUpWhole() {
     forgetIndex();
-    if (structureSequence_ < 2 || (structureSequence_ & 1U) != 0)
-        return false;
     for (std::uint32_t slot = 0; slot < slots_; ++slot) {
         if (!takeUpWholeSlot(slot))
             return false;
@@ -452,14 +454,10 @@ bool Map<Value>::takeUpWholeIndex() {
 }
 
 /// What readers follow leads to every value. So it tells of slots that are empty and should not be,
-/// as after a page was lost. A first mount that was cut off has not made it yet; a change or a
-/// later mount that was cut off, which the sequence tells, may have emptied slots before it was
-/// followed.
+/// as after a page was lost. REQUIRES: the links were left whole.
 template <class Value>
 void Map<Value>::checkIndex(Table& table) const {
     using detail::Link;
-    if (structureSequence_ < 2 || (structureSequence_ & 1U) != 0)
-        return;
     bool linksVerify = true;
     const auto report = [&](std::uint64_t slot, std::string_view what) {
         table.doCorruptionDetected(CorruptionError(file_, name_, slot, what).what());

@@ -26,7 +26,7 @@ std::optional<Record> VersionLogReader<Record, VersionOf>::read(std::size_t slot
         const std::uint64_t check = detail::word(checks_[slot]).load(std::memory_order_acquire);
         if (check == 0)
             return std::nullopt;
-        const auto words = detail::Words<Record>::loadFrom(records_ + slot * kWords);
+        const auto words = Words<Record>::loadFrom(records_ + slot * kWords);
         std::atomic_thread_fence(std::memory_order_acquire);
         if (detail::loaded(checks_[slot]) != check)
             continue;

@@ -42,7 +42,7 @@ VersionLog<Record, VersionOf>::VersionLog(Table& table, std::string_view name)
 
 template <class Record, class VersionOf>
 void VersionLog<Record, VersionOf>::takeUp(Table& table, std::size_t slot) {
-    const auto words = detail::Words<Record>::loadFrom(recordAt(slot));
+    const auto words = Words<Record>::loadFrom(recordAt(slot));
     const std::uint64_t version = VersionOf()(words.value());
     if (words.checksum(detail::slotSeed(seed_, slot)) != detail::loaded(checks_[slot]) ||
         version == 0 || slotOf(version) != slot) {
@@ -63,7 +63,7 @@ bool VersionLog<Record, VersionOf>::insert(const Record& record) {
     if (!hasRoomFor(version))
         return false;
     const std::size_t slot = slotOf(version);
-    const detail::Words<Record> words(record);
+    const Words<Record> words(record);
     const std::uint64_t check = words.checksum(detail::slotSeed(seed_, slot));
     if (versions_[slot] == version) {
         if (detail::loaded(checks_[slot]) == check &&
@@ -81,7 +81,18 @@ bool VersionLog<Record, VersionOf>::insert(const Record& record) {
     present_.add(slot);
     lowest_ = lowest_ == 0 ? version : std::min(lowest_, version);
     highestBound_ = std::max(highestBound_, version);
+    if ((version & (kRecordsAhead - 1)) == 0)
+        makePagesAfter(slot);
     return true;
+}
+
+template <class Record, class VersionOf>
+void VersionLog<Record, VersionOf>::makePagesAfter(std::size_t slot) const {
+    const std::size_t first = (slot + kRecordsAhead) & (slots_ - 1);
+    const std::size_t count = std::min<std::size_t>(kRecordsAhead, slots_ - first);
+    detail::makePages(recordAt(first), count * sizeof(Record));
+    detail::makePages(checks_ + first, count * sizeof(*checks_));
+    detail::makePages(&versions_[first], count * sizeof(versions_[first]));
 }
 
 template <class Record, class VersionOf>
@@ -105,7 +116,7 @@ std::optional<Record> VersionLog<Record, VersionOf>::find(std::uint64_t version)
     if (!has(version))
         return std::nullopt;
     const std::size_t slot = slotOf(version);
-    const auto words = detail::Words<Record>::loadFrom(recordAt(slot));
+    const auto words = Words<Record>::loadFrom(recordAt(slot));
     if (words.checksum(detail::slotSeed(seed_, slot)) != detail::loaded(checks_[slot])) {
         throw CorruptionError(file_, name_, slot, "record does not verify");
     }

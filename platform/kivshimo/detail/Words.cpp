@@ -4,7 +4,11 @@
 #define XXH_INLINE_ALL
 #include <xxhash.h>
 
+#include <sys/mman.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 #include <new>  // allow: bad_alloc is declared there
 
 #include "platform/kivshimo/detail/LogLayout.h"
@@ -44,9 +48,10 @@ bool isOlder(const Cell& rotten, std::uint64_t serial, std::uint64_t seed) {
            rotten.check != Cell::checkOf(rotten.value, serial + 1, seed);
 }
 
-/// The newer value when both cells are whole, were stored one after the other, and no store is
-/// under way: what nearly every look finds.
-std::optional<std::uint64_t> atRest(const VerifiedWord& stored, std::uint64_t seed) {
+/// The value, when it is known with one look at each word, as it nearly always is: both cells are
+/// whole and were stored one after the other; or one is whole, and the other is being stored or
+/// never was.
+std::optional<std::uint64_t> atOneLook(const VerifiedWord& stored, std::uint64_t seed) {
     const Cell& first = stored.cells[0];
     const Cell& second = stored.cells[1];
     const std::uint64_t check = word(first.check).load(std::memory_order_acquire);
@@ -58,13 +63,14 @@ std::optional<std::uint64_t> atRest(const VerifiedWord& stored, std::uint64_t se
     std::atomic_thread_fence(std::memory_order_acquire);
     if (loaded(first.check) != check || loaded(second.check) != otherCheck)
         return std::nullopt;
-    if (serial == 0 || otherSerial == 0 || check != Cell::checkOf(value, serial, seed) ||
-        otherCheck != Cell::checkOf(otherValue, otherSerial, seed)) {
-        return std::nullopt;
-    }
-    if (serial == otherSerial + 1)
+    const bool isWhole = serial != 0 && check == Cell::checkOf(value, serial, seed);
+    const bool isOtherWhole =
+        otherSerial != 0 && otherCheck == Cell::checkOf(otherValue, otherSerial, seed);
+    if (isWhole && (otherCheck == 0 || (isOtherWhole && serial == otherSerial + 1)))
         return value;
-    return otherSerial == serial + 1 ? std::optional(otherValue) : std::nullopt;
+    if (isOtherWhole && (check == 0 || (isWhole && otherSerial == serial + 1)))
+        return otherValue;
+    return std::nullopt;
 }
 
 }  // namespace
@@ -85,7 +91,7 @@ VerifiedWord::Reading VerifiedWord::reading(std::uint64_t seed) const {
 }
 
 std::optional<std::uint64_t> VerifiedWord::read(std::uint64_t seed) const {
-    if (const std::optional<std::uint64_t> value = atRest(*this, seed)) [[likely]]
+    if (const std::optional<std::uint64_t> value = atOneLook(*this, seed)) [[likely]]
         return value;
     // What seems rotten, or older than what was read before, may be what the writer's stores have
     // overtaken: then a cell has changed meanwhile.
@@ -110,6 +116,15 @@ VerifiedWordWriter::VerifiedWordWriter(VerifiedWord& place, std::uint64_t seed)
     value_ = stored.value;
     serial_ = stored.serial;
     rotten_ = clears_ = stored.rotten;
+}
+
+void makePages(const void* place, std::size_t bytes) {
+    constexpr std::uintptr_t kPageMask = 4095;
+    const auto first = reinterpret_cast<std::uintptr_t>(place) & ~kPageMask;
+    const auto end = reinterpret_cast<std::uintptr_t>(place) + bytes;
+    const int error = errno;
+    madvise(reinterpret_cast<void*>(first), end - first, MADV_POPULATE_WRITE);
+    errno = error;
 }
 
 ZeroedWords::ZeroedWords(std::size_t count)

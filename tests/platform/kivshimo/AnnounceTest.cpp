@@ -75,7 +75,7 @@ TEST(AnnounceSlotTest, GivesTheWordsThatItLiesInMemoryAs) {
     std::memcpy(static_cast<void*>(&slot), bytes.data(), sizeof(slot));
     std::array<std::uint64_t, 8> inMemory{};
     std::memcpy(inMemory.data(), bytes.data(), sizeof(slot));
-    EXPECT_EQ(slot.words(), inMemory);
+    EXPECT_EQ(slot.words(slot.check), inMemory);
 }
 
 TEST_F(AnnounceTest, FullLogRefusesUntilConsumed) {
@@ -454,6 +454,24 @@ TEST_F(DoorbellTest, WakerRingsWhoeverIsThereAfterThePeerHasGone) {
     sleeper.awake();
     sleeper.asleep();
     EXPECT_FALSE(waker.published()) << "nobody is there any more";
+}
+
+TEST_F(DoorbellTest, WakerLeavesABellThatIsFullForTheOneThatIsThereNow) {
+    Doorbell forgotten(root_ + "/bell");
+    Sleeper sleeper(sleepWord());
+    Waker waker(sleepWord(), root_ + "/bell");
+    sleeper.asleep();
+    EXPECT_TRUE(waker.published());
+    for (int i = 0; i < 5000; ++i)
+        ASSERT_TRUE(ring(forgotten.path()));
+    sleeper.awake();
+    sleeper.asleep();
+    EXPECT_TRUE(waker.published()) << "a full bell needs no ring";
+    Doorbell bell(root_ + "/bell");
+    sleeper.awake();
+    sleeper.asleep();
+    EXPECT_TRUE(waker.published());
+    EXPECT_EQ(bell.drain(), 1U);
 }
 
 TEST_F(DoorbellTest, MissingOrDeafPeerIsNoError) {
