@@ -1,4 +1,5 @@
-# What `./dev instructions` runs, built on demand and with the libraries as they are released.
+# What `./dev instructions` runs, and the rig that measurements (Bench.cmake) share with it; built on
+# demand and with the libraries as they are released.
 
 # The rig that tests use as well, compiled like the product here: what the compiler makes of a
 # template in one program stands for all of it.

@@ -113,7 +113,7 @@ struct SwTableResourceAccessor {
         // A hook may change the set under the walk, so each step is taken when its time has come.
         for (auto user = users.first(); user; user = users.after(*user)) {
             if (const auto following = users.after(*user))
-                linkage.swTable()->entryWillBeUpdated(following->key);
+                linkage.swTable()->entryPrefetch(following->key);
             Traces::accessor(3, "Updating sw table entry for key: {}", user->key);
             if (auto handle = linkage.swTable()->updateEntry(user->key); handle != nullptr)
                 last = std::move(handle);

@@ -14,7 +14,7 @@ namespace VornPolicyCpu {
 template <class B>
 class SwTableIteratorState final : public Asic::SwTableIteratorStateBase {
 public:
-    using Place = typename ConfigShimo<typename B::Types>::Position;
+    using Position = typename ConfigShimo<typename B::Types>::Position;
 
     explicit SwTableIteratorState(Brumo::Ptr<const typename B::SwTable> swTable)
         : swTable_(std::move(swTable)) {}
@@ -22,19 +22,19 @@ public:
     const Brumo::Ptr<const typename B::SwTable>& swTable() const { return swTable_; }
     /// REQUIRES: has(kBookmarkSet)
     const typename B::Key& bookmark() const { return bookmark_; }
-    void bookmarkIs(const typename B::Key& key, Place place = {}) {
+    void bookmarkIs(const typename B::Key& key, Position guess = {}) {
         bookmark_ = key;
-        place_ = place;
+        guess_ = guess;
         set(kBookmarkSet);
     }
     /// Where the bookmark is in the committed configuration, if nothing has changed since.
-    Place place() const { return place_; }
+    Position guess() const { return guess_; }
     void bookmarkDel() { clear(kBookmarkSet); }
 
 private:
     Brumo::Ptr<const typename B::SwTable> swTable_;
     typename B::Key bookmark_{};
-    Place place_;
+    Position guess_;
 };
 
 }  // namespace VornPolicyCpu

@@ -160,7 +160,7 @@ private:
             return false;
         try {
             auto at = state.has(State::kBookmarkSet)
-                          ? config->swTableEntriesAtOrAfter(state.bookmark(), state.place())
+                          ? config->swTableEntriesAtOrAfter(state.bookmark(), state.guess())
                           : config->swTableEntriesStart();
             const auto take = [&](const auto& value) {
                 if (hidden(table, value))
@@ -184,7 +184,7 @@ private:
     }
 
     template <class Config>
-    static void bookmarkNext(State& state, const Config& config, typename State::Place next) {
+    static void bookmarkNext(State& state, const Config& config, typename State::Position next) {
         if (next) {
             state.bookmarkIs(config.swTableEntriesKeyAt(next), next);
             return;

@@ -101,8 +101,8 @@ public:
 
     void restoreEntries();
     Brumo::Ptr<const EntryHandle> updateEntry(const Key& key);
-    /// Has the memory of a committed value fetched that is updated soon; does nothing else.
-    void entryWillBeUpdated(const Key& key) const { entryLog_->prefetch(key, this->unitId()); }
+    /// As KivShimo::Map::prefetch, of the committed value.
+    void entryPrefetch(const Key& key) const { entryLog_->prefetch(key, this->unitId()); }
     Brumo::Ptr<Asic::NeededEntry> getNeededEntrySet(const Brumo::Ptr<const Wrapper>& wrapper) const;
     void setRsrcPtrs(const WrapperPtr& wrapper, bool refresh);
     WrapperPtr entryWrapperFromConfig(const Key& key, bool refreshRsrcPtrs,
