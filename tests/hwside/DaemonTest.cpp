@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +20,7 @@
 #include "platform/kivshimo/Doorbell.h"
 #include "process/ControlServer.h"
 #include "tests/hwside/AgentSide.h"
+#include "tests/hwside/Damage.h"
 
 namespace HwSide::Test {
 namespace {
@@ -202,6 +205,35 @@ TEST_F(DaemonTest, FollowsAnAgentThatComesLaterAndRingsForIt) {
         agent.announcements().consumedIs(acks->consumed());
     }
     EXPECT_EQ(process.end(SIGTERM), 0);
+}
+
+/// Rings until the bell is full; false when it is full already.
+bool ringUntilFull(const std::string& bell) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    bell.copy(static_cast<char*>(address.sun_path), sizeof(address.sun_path) - 1);
+    const KivShimo::detail::Descriptor ringer(
+        ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const char ring = 1;
+    bool isRung = false;
+    while (::sendto(ringer.fd(), &ring, 1, 0, reinterpret_cast<const sockaddr*>(&address),
+                    sizeof(address)) == 1) {
+        isRung = true;
+    }
+    return isRung;
+}
+
+TEST_F(DaemonTest, HearsItsBellWhileItWaitsForAStoreHalfDone) {
+    AgentSide agent(folder_.path());
+    agent.write<V4Types>(kUnit, matchEntry<V4Types>(1, 1));
+    const std::string file = group_.configFile<V4Types>(kUnit);
+    tearOrMend(file, "rule 1");
+    Process process = daemon();
+    waitUntilReady(process);
+    for (int round = 0; round < 3; ++round)
+        eventually([&] { return ringUntilFull(group_.ownBell()); });
+    tearOrMend(file, "rule 1");
+    eventually([&] { return acknowledged() == 1; });
 }
 
 TEST_F(DaemonTest, AKilledOnesSuccessorHoldsTheSameEntries) {

@@ -10,6 +10,7 @@
 #include "platform/brumo/Trace.h"
 #include "platform/kivshimo/detail/MapLayout.h"
 #include "tests/hwside/AgentSide.h"
+#include "tests/hwside/Damage.h"
 
 namespace HwSide::Test {
 namespace {
@@ -41,23 +42,6 @@ protected:
     }
     std::uint64_t acked(std::uint32_t tableId) const {
         return acks_->acknowledged(tableId).value_or(0);
-    }
-    /// Flips bits of a byte that a running system holds.
-    static void spoil(const std::string& file, std::size_t offset, int bits = 0x5A) {
-        std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
-        ASSERT_TRUE(stream) << file;
-        stream.seekg(static_cast<std::streamoff>(offset));
-        const int byte = stream.get();
-        stream.seekp(static_cast<std::streamoff>(offset));
-        stream.put(static_cast<char>(byte ^ bits));
-    }
-    /// Where the file holds these bytes behind its headers; the first place.
-    static std::size_t placeOf(const std::string& file, const std::string& bytes) {
-        std::ifstream stream(file, std::ios::binary);
-        const std::string all((std::istreambuf_iterator<char>(stream)), {});
-        const std::size_t at = all.find(bytes, KivShimo::detail::kAreasOffset);
-        EXPECT_NE(at, std::string::npos) << file;
-        return at;
     }
     /// What the agent holds as live, compared with what hardware holds.
     template <class Types>
@@ -686,16 +670,8 @@ TEST_F(LogReaderTest, ASnapshotOfAUnitWithARottenValueRemovesNothingThere) {
 }
 
 TEST_F(LogReaderTest, CountsASnapshotOnceHoweverOftenItFindsAStoreHalfDone) {
-    using Value = TableWriter<V4Types>::ConfigTable::Value;
     agent_->write<V4Types>(kUnit, matchEntry<V4Types>(1, 1));
-    const std::string file = group_.configFile<V4Types>(kUnit);
-    const std::size_t label = offsetof(Value, logEntry) + offsetof(V4Types::LogEntry, label);
-    const std::size_t slot =
-        placeOf(file, "rule 1") - label - offsetof(KivShimo::detail::MapSlot<Value>, value);
-    const auto tear = [&] {
-        spoil(file, slot + offsetof(KivShimo::detail::MapSlot<Value>, value) + label, 1);
-        spoil(file, slot, KivShimo::detail::kMidStore);
-    };
+    const auto tear = [&] { tearOrMend(group_.configFile<V4Types>(kUnit), "rule 1"); };
     tear();
     EXPECT_EQ(reader_->pump(), Progress::again);
     EXPECT_EQ(reader_->pump(), Progress::again);
