@@ -32,6 +32,8 @@ public:
     /// Blocks begin at multiples of it, and are of multiples of it.
     static constexpr std::size_t kStep = 16;
 
+    // The sized delete below is its counterpart; beside an unsized one, the compiler would not take
+    // it. NOLINTNEXTLINE(misc-new-delete-overloads)
     static void* operator new(std::size_t bytes) {
         const std::size_t number = classOf(bytes);
         if (number >= kClasses) [[unlikely]]
@@ -93,12 +95,18 @@ struct RecyclingAllocator {
     explicit RecyclingAllocator(const RecyclingAllocator<U>&) {}
 
     T* allocate(std::size_t count) {
-        return static_cast<T*>(Recycled::operator new(count * sizeof(T)));
+        const std::size_t bytes = count * kBytes;
+        return static_cast<T*>(Recycled::operator new(bytes));
     }
     void deallocate(T* memory, std::size_t count) noexcept {
-        Recycled::operator delete(memory, count * sizeof(T));
+        const std::size_t bytes = count * kBytes;
+        Recycled::operator delete(memory, bytes);
     }
     bool operator==(const RecyclingAllocator&) const = default;
+
+private:
+    /// A container may keep pointers: NOLINTNEXTLINE(bugprone-sizeof-expression)
+    static constexpr std::size_t kBytes = sizeof(T);
 };
 
 }  // namespace Brumo
