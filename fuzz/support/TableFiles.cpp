@@ -162,12 +162,12 @@ private:
                 return;
             if (kind_ == FileKind::items) {
                 const auto stored = partAt<MapSlot<Item>>(content_, at);
-                const Words<Item> words(
+                const KivShimo::Words<Item> words(
                     partAt<Item>(content_, at + offsetof(MapSlot<Item>, value)));
                 if ((stored.sequence & kHoldsValue) != 0)
                     partIs(content_, at + 8, words.checksum(slotSeed(seed(), slot)));
             } else if (kind_ == FileKind::changes) {
-                const Words<ChangeRecord> words(partAt<ChangeRecord>(content_, at));
+                const KivShimo::Words<ChangeRecord> words(partAt<ChangeRecord>(content_, at));
                 partIs(content_, kAreasOffset + 8 * slot, words.checksum(slotSeed(seed(), slot)));
             } else if (kind_ == FileKind::announcements) {
                 auto stored = partAt<AnnounceSlot>(content_, at);
