@@ -7,6 +7,7 @@
 #include "platform/brumo/Assert.h"
 #include "platform/brumo/Trace.h"
 #include "platform/kivshimo/detail/AnnounceSlot.h"
+#include "platform/kivshimo/detail/Memory.h"
 
 namespace KivShimo {
 namespace {

@@ -34,6 +34,7 @@
 #include "platform/kiv/HashMap2018.h"
 #include "platform/kivshimo/Table.h"
 #include "platform/kivshimo/detail/MapLayout.h"
+#include "platform/kivshimo/detail/Memory.h"
 #include "platform/kivshimo/detail/SlotSet.h"
 
 namespace KivShimo {

@@ -28,6 +28,7 @@
 #include "platform/brumo/Assert.h"
 #include "platform/kivshimo/Table.h"
 #include "platform/kivshimo/detail/LogLayout.h"
+#include "platform/kivshimo/detail/Memory.h"
 #include "platform/kivshimo/detail/SlotSet.h"
 
 namespace KivShimo {

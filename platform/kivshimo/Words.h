@@ -72,24 +72,6 @@ std::uint64_t justStored(const std::byte* from) {
     }
 }
 
-/// Asks for the memory of an object that is about to be used, and waits for nothing.
-template <class T>
-void prefetch(const T& object) {
-    constexpr std::size_t kLineBytes = 64;
-    const auto* const bytes = reinterpret_cast<const std::byte*>(&object);
-    for (std::size_t at = 0; at < sizeof(T); at += kLineBytes)
-        __builtin_prefetch(bytes + at, 1);
-    __builtin_prefetch(bytes + sizeof(T) - 1, 1);
-    // Without it, g++ 12 takes whatever does no more than this for a function without effect, and
-    // drops its calls.
-    asm volatile("");
-}
-
-/// Has the pages from `place` on made now: a store into one that is not there yet waits for the
-/// kernel, which takes longer than a change. For logs, which go through their file page by page;
-/// called behind what is published. Kernels before 5.14 do not know it, and nothing is lost then.
-void makePages(const void* place, std::size_t bytes);
-
 }  // namespace detail
 
 /// A value as words, the last one filled up with zeros: how it is copied and checksummed.

@@ -4,10 +4,7 @@
 #define XXH_INLINE_ALL
 #include <xxhash.h>
 
-#include <sys/mman.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <new>  // allow: bad_alloc is declared there
 
@@ -116,15 +113,6 @@ VerifiedWordWriter::VerifiedWordWriter(VerifiedWord& place, std::uint64_t seed)
     value_ = stored.value;
     serial_ = stored.serial;
     rotten_ = clears_ = stored.rotten;
-}
-
-void makePages(const void* place, std::size_t bytes) {
-    constexpr std::uintptr_t kPageMask = 4095;
-    const auto first = reinterpret_cast<std::uintptr_t>(place) & ~kPageMask;
-    const auto end = reinterpret_cast<std::uintptr_t>(place) + bytes;
-    const int error = errno;
-    madvise(reinterpret_cast<void*>(first), end - first, MADV_POPULATE_WRITE);
-    errno = error;
 }
 
 ZeroedWords::ZeroedWords(std::size_t count)

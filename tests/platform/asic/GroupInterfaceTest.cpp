@@ -230,6 +230,48 @@ TEST_F(GroupInterfaceTest, LetsAnAcknowledgedTableEndItself) {
     EXPECT_EQ(acknowledged(), 1U);
 }
 
+TEST_F(GroupInterfaceTest, TellsEachTableThatWasThereWhenTheAcknowledgementCame) {
+    const auto first = familyWithTable();
+    const auto unit = [&](std::uint16_t number) {
+        return Brumo::make<FakeTable>(nullptr, kTable, number, set_.get());
+    };
+    const auto removed = unit(2);
+    const auto added = unit(3);
+    set_->swTableIs(removed);
+    first->onTold = [&] {
+        set_->swTableDel({2});
+        set_->swTableIs(added);
+    };
+    group_->addLogEntry(kTable, {1}, nullptr);
+    acknowledge(kTable, 1);
+    EXPECT_THAT(removed->told, ElementsAre(1)) << "its changes are done";
+    EXPECT_THAT(added->told, IsEmpty()) << "it has made none";
+}
+
+TEST_F(GroupInterfaceTest, LivesUntilAnAcknowledgementIsTakenUpThatEndsIt) {
+    const auto table = familyWithTable();
+    table->onTold = [&] { group_ = nullptr; };
+    group_->addLogEntry(kTable, {1}, nullptr);
+    acknowledge(kTable, 1);
+    EXPECT_EQ(group_, nullptr);
+    EXPECT_THAT(table->told, ElementsAre(1));
+}
+
+TEST_F(GroupInterfaceTest, TakesUpAMapThatHasReplacedOneThatMovedBeforeItSleeps) {
+    group_->addLogEntry(kTable, {2}, nullptr);
+    acknowledge(kTable, 1);
+    ASSERT_TRUE(hardware().ackIs(kTable.whole(), 2));
+    const std::string file = hardware().file();
+    hardware_.reset();
+    std::filesystem::remove(file);
+    hardware().pauseRequestedIs(true);
+    group_->acknowledgementsArrived();
+    EXPECT_EQ(acknowledged(), 2U) << "what the old map said last";
+    EXPECT_FALSE(group_->sleepPrepared()) << "the new one is found";
+    group_->acknowledgementsArrived();
+    EXPECT_TRUE(group_->groupResolver()->suspended());
+}
+
 TEST_F(GroupInterfaceTest, RefusesAnAcknowledgementBeyondTheLastVersionOnce) {
     TraceCapture traces;
     const auto table = familyWithTable();
