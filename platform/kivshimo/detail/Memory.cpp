@@ -1,3 +1,4 @@
+// Pages made ahead of their use.
 #include "platform/kivshimo/detail/Memory.h"
 
 #include <sys/mman.h>
