@@ -2,11 +2,11 @@
 
 #include <unistd.h>
 
-#include <charconv>
-#include <optional>
 #include <stdexcept>
 
 #include <fmt/format.h>
+
+#include "process/KeyText.h"
 
 namespace Agent {
 
@@ -77,27 +77,9 @@ Json poolJson(const Table& table) {
             {"keys", std::move(keys)}};
 }
 
-/// From "0000002a/1": the request in hexadecimal, the unit in decimal.
-template <class Key>
-std::optional<Key> keyFromText(std::string_view text) {
-    const std::size_t slash = text.find('/');
-    if (slash == std::string_view::npos)
-        return std::nullopt;
-    const auto read = [](std::string_view part, int base, auto& number) {
-        const char* end = part.data() + part.size();
-        const auto [rest, error] = std::from_chars(part.data(), end, number, base);
-        return error == std::errc{} && rest == end;
-    };
-    Key key;
-    if (!read(text.substr(0, slash), 16, key.requestId) ||
-        !read(text.substr(slash + 1), 10, key.unit))
-        return std::nullopt;
-    return key;
-}
-
 template <class Table>
 void changeIn(Table& table, const std::string& command, const std::string& text) {
-    const auto key = keyFromText<typename Table::Key>(text);
+    const auto key = Process::keyFromText<typename Table::Key>(text);
     if (!key)
         throw std::runtime_error(
             fmt::format("expected a key such as 0000002a/1 instead of '{}'", text));

@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "process/HeaderText.h"
 #include "types/Protocols.h"
 
 namespace Agent {
@@ -49,7 +50,8 @@ std::optional<std::uint32_t> v4FromText(std::string_view text) {
     return ntohl(address.s_addr);
 }
 
-using V6Bytes = std::array<std::uint8_t, 16>;
+using Process::V6Bytes;
+using Process::v6Text;
 
 std::optional<V6Bytes> v6FromText(std::string_view text) {
     V6Bytes bytes{};
@@ -58,12 +60,6 @@ std::optional<V6Bytes> v6FromText(std::string_view text) {
     if (inet_pton(AF_INET6, std::string(text).c_str(), bytes.data()) != 1)
         return std::nullopt;
     return bytes;
-}
-
-std::string v6Text(const V6Bytes& bytes) {
-    std::array<char, INET6_ADDRSTRLEN> text{};
-    inet_ntop(AF_INET6, bytes.data(), text.data(), text.size());
-    return text.data();
 }
 
 constexpr std::uint32_t v4Mask(std::uint64_t length) {

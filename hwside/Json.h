@@ -1,6 +1,6 @@
-// The control socket's values as JSON: packets, entries, actions and verdicts.
+// The control socket's values as JSON: packets and verdicts; entries are Process::entryJson.
 //
-// Any thread. Fields of an entry that match anything are left out.
+// Any thread.
 #pragma once
 
 #include <stdexcept>
@@ -10,10 +10,12 @@
 
 #include "hwside/Packet.h"
 #include "hwside/Tcam.h"
+#include "process/EntryJson.h"
 
 namespace HwSide {
 
 using Json = nlohmann::ordered_json;
+using Process::entryJson;
 
 /// A request that cannot be answered; the text says which member is wrong and what was expected.
 class RequestError : public std::runtime_error {
@@ -29,9 +31,6 @@ public:
 Packet packetFromJson(const Json& object);
 Json packetToJson(const Packet& packet);
 
-Json entryJson(const ActionTypes::LogEntry& action);
-Json entryJson(const V4Types::LogEntry& entry);
-Json entryJson(const V6Types::LogEntry& entry);
 /// Null where nothing matched.
 Json verdictJson(const std::optional<Verdict>& verdict);
 

@@ -27,11 +27,6 @@ std::string fragmentText(std::uint8_t bits) {
 
 }  // namespace
 
-std::string protocolText(std::uint8_t protocol) {
-    const auto name = VornPolicyCpu::nameOfProtocol(protocol);
-    return name ? std::string(*name) : std::to_string(protocol);
-}
-
 std::optional<std::uint8_t> protocolFromText(std::string_view text) {
     if (const auto named = VornPolicyCpu::protocolByName(text))
         return named;
@@ -41,17 +36,6 @@ std::optional<std::uint8_t> protocolFromText(std::string_view text) {
     if (error != std::errc{} || rest != end)
         return std::nullopt;
     return number;
-}
-
-std::string v4Text(std::uint32_t address) {
-    return fmt::format("{}.{}.{}.{}", address >> 24U, address >> 16U & 0xFFU, address >> 8U & 0xFFU,
-                       address & 0xFFU);
-}
-
-std::string v6Text(const V6Address& address) {
-    std::array<char, INET6_ADDRSTRLEN> text{};
-    inet_ntop(AF_INET6, address.data(), text.data(), text.size());
-    return text.data();
 }
 
 std::optional<std::uint32_t> v4FromText(const std::string& text) {

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <variant>
 
+#include "process/HeaderText.h"
 #include "types/Protocols.h"
 
 namespace HwSide {
@@ -24,7 +25,7 @@ struct V4Addresses {
     bool operator==(const V4Addresses&) const = default;
 };
 
-using V6Address = std::array<std::uint8_t, 16>;
+using V6Address = Process::V6Bytes;
 
 /// IPv6 addresses as they stand on the wire.
 struct V6Addresses {
@@ -65,15 +66,14 @@ struct Packet {
 };
 
 using enum VornPolicyCpu::Protocol;
+using Process::protocolText;
+using Process::v4Text;
+using Process::v6Text;
 using VornPolicyCpu::protocolHasPorts;
 
-/// "tcp", or the number where the protocol has no name here.
-std::string protocolText(std::uint8_t protocol);
 /// From a name or a decimal number up to 255; nothing for other text.
 std::optional<std::uint8_t> protocolFromText(std::string_view text);
 
-std::string v4Text(std::uint32_t address);
-std::string v6Text(const V6Address& address);
 /// Nothing where the text is no address of the family.
 std::optional<std::uint32_t> v4FromText(const std::string& text);
 std::optional<V6Address> v6FromText(const std::string& text);
