@@ -3,15 +3,20 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <map>
 #include <system_error>
 
 #include <fmt/format.h>
 
 #include "agent/ControlCommands.h"
+#include "agent/PolicyDifference.h"
+#include "agent/WallClock.h"
 #include "platform/asic/Constants.h"
 #include "platform/brumo/Trace.h"
 #include "process/StateDirectory.h"
@@ -26,6 +31,25 @@ constexpr const char* kTraceFilter = "*/1;*Interface/1-2";
 /// Where the agent answers requests.
 std::string controlSocketIn(const std::string& stateDirectory) {
     return stateDirectory + "/agent.sock";
+}
+
+/// Looks at the ages of changes are this far apart at the most.
+constexpr std::chrono::milliseconds kLookInterval{1000};
+
+/// A quarter of the shortest limit, so that an alarm is late by no more than that.
+std::chrono::milliseconds lookIntervalFor(const AlarmLimits& limits) {
+    const double shortest_s = std::min(limits.unacknowledged_s, limits.waiting_s);
+    const auto quarter = std::chrono::milliseconds(static_cast<long>(shortest_s * 250) + 1);
+    return std::min(kLookInterval, quarter);
+}
+
+/// Whether some change is not committed, or not acknowledged: then ages move by themselves.
+bool isAnythingUnderWay(const Tables& tables) {
+    const Asic::GroupInterface& group = tables.group();
+    return group.groupResolver()->queued() != 0 ||
+           std::any_of(kTableIds.begin(), kTableIds.end(), [&](Asic::SwTableId table) {
+               return group.acknowledgedVersion(table) < tables.log(table).published;
+           });
 }
 
 void reportFinished(const LoadFigures& figures) {
@@ -48,7 +72,11 @@ void logLine(const std::string& text) {
 }
 
 AgentProcess::AgentProcess(const Options& options)
-    : signals_(loop_.io(), SIGHUP, SIGTERM, SIGINT), policyPath_(options.policy) {
+    : signals_(loop_.io(), SIGHUP, SIGTERM, SIGINT),
+      policyPath_(options.policy),
+      startTime_(secondsSince1970()),
+      alarms_(options.alarms),
+      lookInterval_(lookIntervalFor(options.alarms)) {
     if (std::getenv("VORN_TRACE") == nullptr)
         Brumo::traceFilterIs(kTraceFilter);
     Process::checkStateDirectory(options.stateDirectory, controlSocketIn(options.stateDirectory));
@@ -67,6 +95,11 @@ AgentProcess::AgentProcess(const Options& options)
     control_ = std::make_unique<Process::ControlServer>(
         loop_.io(), controlSocketIn(options.stateDirectory),
         [this](const Json& request) { return answer(request); });
+    if (options.metricsPort != 0) {
+        metrics_.emplace(loop_.io(), options.metricsPort, [this](MetricsFormat format) {
+            return metricsText(*tables_, backlog_, alarms_, startTime_, format);
+        });
+    }
     load(policy);
     tables_->counters().sweepUnclaimed();
     tables_->policers().sweepUnclaimed();
@@ -86,15 +119,34 @@ void AgentProcess::run() {
                    [&] {
                        group.awake();
                        group.acknowledgementsArrived();
+                       lookLater();
                    }});
     logLine("ends");
 }
 
 bool AgentProcess::mayBlock() {
+    lookLater();
     if (tables_->group().sleepPrepared())
         return true;
     tables_->group().acknowledgementsArrived();
     return false;
+}
+
+void AgentProcess::lookLater() {
+    if (looksLater_ || !isAnythingUnderWay(*tables_))
+        return;
+    looksLater_ = true;
+    lookTimer_.expires_after(lookInterval_);
+    lookTimer_.async_wait([this](const asio::error_code& error) {
+        looksLater_ = false;
+        if (!error)
+            look();
+    });
+}
+
+void AgentProcess::look() {
+    backlog_.look(*tables_);
+    alarms_.look(*tables_, backlog_);
 }
 
 void AgentProcess::waitForSignal() {
@@ -144,21 +196,41 @@ void AgentProcess::reload(const std::string& path) {
     policyPath_ = path;
 }
 
+Json AgentProcess::answerReload(const Json& request) {
+    const std::string path =
+        request.contains("policy") ? textMember(request, "policy") : policyPath_;
+    if (request.value("dryRun", false))
+        return policyDifferenceJson(loadPolicy(path), tables_->units());
+    reload(path);
+    return {{"load", loadJson(loader_->figures())}};
+}
+
 Json AgentProcess::answer(const Json& request) {
+    const Asked asked{*tables_, *loader_, backlog_, alarms_, traces_, startTime_};
+    using Answer = std::function<Json()>;
+    const std::map<std::string_view, Answer> answers{
+        {"status", [&] { return statusJson(asked); }},
+        {"changes", [&] { return changesJson(asked, request); }},
+        {"explain", [&] { return explanationJson(asked, request); }},
+        {"resources", [&] { return resourcesJson(*tables_); }},
+        {"alarms",
+         [&] {
+             look();
+             return alarms_.json();
+         }},
+        {"metrics", [&] { return metricsJson(asked, request); }},
+        {"traces", [&] { return tracesJson(asked, request); }},
+        {"traceFilter", [&] { return traceFilterJson(request); }},
+        {"reload", [&] { return answerReload(request); }},
+        {"sweep", [&] { return sweepJson(*tables_); }},
+    };
     const std::string command = textMember(request, "cmd");
-    if (command == "status")
-        return statusJson(*tables_, *loader_);
-    if (command == "resources")
-        return resourcesJson(*tables_);
-    if (command == "reload") {
-        reload(request.contains("policy") ? textMember(request, "policy") : policyPath_);
-        return {{"load", loadJson(loader_->figures())}};
-    }
-    if (command == "move" || command == "fail" || command == "restore") {
-        changeResource(*tables_, command, request);
-        return Json::object();
-    }
-    throw std::runtime_error(fmt::format("there is no command \"{}\"", command));
+    if (const auto found = answers.find(command); found != answers.end())
+        return found->second();
+    if (command != "move" && command != "fail" && command != "restore")
+        throw std::runtime_error(fmt::format("there is no command \"{}\"", command));
+    changeResource(*tables_, command, request);
+    return Json::object();
 }
 
 }  // namespace Agent

@@ -4,17 +4,23 @@
 // Event thread only, which is the thread that makes it and calls run().
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/signal_set.hpp>
+#include <asio/steady_timer.hpp>
 
+#include "agent/Alarms.h"
 #include "agent/AsioEventLoop.h"
+#include "agent/Backlog.h"
+#include "agent/MetricsServer.h"
 #include "agent/Options.h"
 #include "agent/PolicyLoader.h"
 #include "agent/Tables.h"
+#include "agent/TraceTail.h"
 #include "platform/kivshimo/Doorbell.h"
 #include "process/ControlServer.h"
 
@@ -38,20 +44,32 @@ public:
 private:
     void waitForSignal();
     void waitForBell();
+    /// Looks at ages and fills every now and then while something is under way.
+    void lookLater();
+    void look();
     void load(const std::shared_ptr<const CompiledPolicy>& policy);
     /// Loads a policy file; throws PolicyError, and then nothing has changed.
     void reload(const std::string& path);
     Json answer(const Json& request);
+    Json answerReload(const Json& request);
     bool mayBlock();
 
     AsioEventLoop loop_;
     asio::signal_set signals_;
     std::string policyPath_;
+    TraceTail traces_;
+    double startTime_;
     std::unique_ptr<Tables> tables_;
     std::unique_ptr<PolicyLoader> loader_;
+    Backlog backlog_;
+    Alarms alarms_;
+    std::chrono::milliseconds lookInterval_;
+    asio::steady_timer lookTimer_{loop_.io()};
+    bool looksLater_ = false;
     std::unique_ptr<KivShimo::Doorbell> bell_;
     std::optional<asio::posix::stream_descriptor> bellDescriptor_;
     std::unique_ptr<Process::ControlServer> control_;
+    std::optional<MetricsServer> metrics_;
 };
 
 /// Writes a line to standard error.

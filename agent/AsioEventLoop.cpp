@@ -10,6 +10,7 @@ void AsioEventLoop::post(std::function<void()> work) {
 
 void AsioEventLoop::run(const Hooks& hooks) {
     while (!stopped_) {
+        turnBegins();
         if (io_.poll_one() != 0) {
             hooks.worked();
             continue;
@@ -17,6 +18,7 @@ void AsioEventLoop::run(const Hooks& hooks) {
         if (!hooks.mayBlock())
             continue;
         io_.run_one();
+        turnBegins();
         hooks.awake();
     }
 }

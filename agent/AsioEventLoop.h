@@ -3,6 +3,7 @@
 // Event thread only; one thread runs it.
 #pragma once
 
+#include <chrono>
 #include <functional>
 
 #include <asio/executor_work_guard.hpp>
@@ -14,6 +15,7 @@ namespace Agent {
 
 class AsioEventLoop final : public Kiv::EventLoop {
 public:
+    AsioEventLoop() { turnBegins(); }
     void post(std::function<void()> work) override;
 
     asio::io_context& io() { return io_; }
@@ -31,6 +33,8 @@ public:
     void stop() { stopped_ = true; }
 
 private:
+    void turnBegins() { turnTimeIs(std::chrono::steady_clock::now().time_since_epoch()); }
+
     asio::io_context io_{1};
     asio::executor_work_guard<asio::io_context::executor_type> work_{io_.get_executor()};
     bool stopped_ = false;

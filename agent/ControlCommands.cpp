@@ -2,10 +2,17 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <limits>
+#include <optional>
 #include <stdexcept>
 
 #include <fmt/format.h>
 
+#include "agent/ChangesUnderWay.h"
+#include "agent/Metrics.h"
+#include "platform/brumo/Trace.h"
+#include "process/EntryJson.h"
 #include "process/KeyText.h"
 
 namespace Agent {
@@ -25,25 +32,57 @@ Json statsJson(const Asic::SwTableStats& stats) {
             {"lastCommitTime", stats.lastCommitTime()}};
 }
 
+Json unacknowledgedJson(const Unacknowledged& figures) {
+    Json json{{"count", figures.count}, {"oldestVersion", nullptr}, {"oldest_s", nullptr}};
+    if (figures.oldestVersion)
+        json["oldestVersion"] = *figures.oldestVersion;
+    if (figures.oldest_s)
+        json["oldest_s"] = *figures.oldest_s;
+    return json;
+}
+
+/// By what the changes wait for; those that wait for nothing but their turn count as well.
+Json waitingJson(const QueueFigures& figures, Asic::SwTableId table) {
+    Json json = Json::object();
+    const auto found = figures.waiting.find(table);
+    for (std::size_t cause = 0; cause < kWaitCauses.size(); ++cause) {
+        if (static_cast<WaitCause>(cause) == WaitCause::hardware)
+            continue;  // these are committed
+        json[std::string(kWaitCauses[cause])] =
+            found == figures.waiting.end() ? 0 : found->second[cause];
+    }
+    return json;
+}
+
 template <class Types, class Pick>
-Json familyJson(const Tables& tables, const Tables::Family<Types>& family, const Pick& pick) {
+Json familyJson(const Asked& asked, const QueueFigures& queue, const Pick& pick) {
     Json units = Json::array();
-    Asic::SwTableId id;
-    for (const UnitTables& unit : tables.units()) {
+    const Asic::SwTableId id = Types::kTableId;
+    for (const UnitTables& unit : asked.tables.units()) {
         const auto& table = pick(unit);
-        id = table->tableId();
         Json one{{"unit", unit.unit.value},
                  {"entries", table->count()},
+                 {"staged", table->stagedCount()},
+                 {"inLog", table->inLogCount()},
                  {"pendingHwWrites", table->hasPendingHwWrites()}};
         if (table->stats() != nullptr)
             one["stats"] = statsJson(*table->stats());
         units.push_back(std::move(one));
     }
+    const Tables::LogFigures log = asked.tables.log(id);
     return {{"table", Types::kName},
             {"id", id.toText()},
-            {"logVersion", family->logVersion().value},
-            {"acknowledgedVersion", tables.group().acknowledgedVersion(id).value},
+            {"logVersion", log.published.value},
+            {"acknowledgedVersion", asked.tables.group().acknowledgedVersion(id).value},
+            {"logUsed", log.records},
+            {"logCapacity", log.capacity},
+            {"unacknowledged", unacknowledgedJson(asked.backlog.of(asked.tables, id))},
+            {"waiting", waitingJson(queue, id)},
             {"units", std::move(units)}};
+}
+
+Json poolFiguresJson(const Asic::ResourcePoolFigures& pool) {
+    return {{"size", pool.size}, {"used", pool.used}, {"returning", pool.returning}};
 }
 
 std::string_view stateText(Asic::EntryState state) {
@@ -113,23 +152,153 @@ Json loadJson(const LoadFigures& figures) {
             {"waiting", figures.waiting}};
 }
 
-Json statusJson(const Tables& tables, const PolicyLoader& loader) {
+Json statusJson(const Asked& asked) {
+    const Tables& tables = asked.tables;
     const Asic::GroupInterface& group = tables.group();
+    const QueueFigures queue = queueFigures(tables);
+    const auto announcements = group.announcementFill();
     Json families = Json::array();
-    families.push_back(familyJson<ActionTypes>(tables, tables.actions(),
-                                               [](const UnitTables& u) { return u.actions; }));
     families.push_back(
-        familyJson<V4Types>(tables, tables.ipv4(), [](const UnitTables& u) { return u.ipv4; }));
+        familyJson<ActionTypes>(asked, queue, [](const UnitTables& u) { return u.actions; }));
     families.push_back(
-        familyJson<V6Types>(tables, tables.ipv6(), [](const UnitTables& u) { return u.ipv6; }));
+        familyJson<V4Types>(asked, queue, [](const UnitTables& u) { return u.ipv4; }));
+    families.push_back(
+        familyJson<V6Types>(asked, queue, [](const UnitTables& u) { return u.ipv6; }));
     return {{"pid", ::getpid()},
+            {"startTime", asked.startTime},
             {"tables", std::move(families)},
             {"queued", group.groupResolver()->queued()},
             {"suspended", group.groupResolver()->suspended()},
             {"announcementsWaiting", group.announcementsWaiting()},
+            {"announcements",
+             {{"waiting", group.announcementsWaiting()},
+              {"used", announcements.used},
+              {"capacity", announcements.capacity}}},
+            {"pools",
+             {{"counter", poolFiguresJson(tables.counters().pool())},
+              {"policer", poolFiguresJson(tables.policers().pool())}}},
+            {"alarms", asked.alarms.raised()},
             {"corruptions", group.corruptions()},
             {"relaunches", tables.relaunches()},
-            {"load", loadJson(loader.figures())}};
+            {"load", loadJson(asked.loader.figures())}};
+}
+
+namespace {
+
+template <class Value>
+std::optional<Value> optionalMember(const Json& request, const char* name) {
+    const auto found = request.find(name);
+    if (found == request.end() || found->is_null())
+        return std::nullopt;
+    if constexpr (std::is_same_v<Value, std::string>) {
+        if (found->is_string())
+            return found->get<std::string>();
+        throw std::runtime_error(fmt::format("expected \"{}\" as text", name));
+    } else {
+        if (found->is_number_unsigned() &&
+            found->get<std::uint64_t>() <= std::numeric_limits<Value>::max())
+            return found->get<Value>();
+        throw std::runtime_error(fmt::format("expected \"{}\" as a number up to {}", name,
+                                             std::numeric_limits<Value>::max()));
+    }
+}
+
+constexpr std::uint64_t kMostChanges = 10000;
+constexpr std::uint64_t kMostLines = 1000;
+
+/// Calls `use` with the unit's table of that name, and with the key in its own type.
+template <class Use>
+void withTable(const Tables& tables, const std::string& table, std::uint16_t unit,
+               const std::string& key, const Use& use) {
+    const auto found = std::find_if(tables.units().begin(), tables.units().end(),
+                                    [&](const UnitTables& one) { return one.unit.value == unit; });
+    if (found == tables.units().end())
+        throw std::runtime_error(fmt::format("there is no unit {}", unit));
+    const auto useOf = [&]<class Types>(const VornPolicyCpu::TableOperations<Types>& one) {
+        const auto typed = Process::keyFromText<typename Types::Key>(key);
+        if (!typed)
+            throw std::runtime_error(fmt::format("'{}' is no key of {}", key, table));
+        use(one, *typed);
+    };
+    if (table == ActionTypes::kName)
+        useOf(*found->actions);
+    else if (table == V4Types::kName)
+        useOf(*found->ipv4);
+    else if (table == V6Types::kName)
+        useOf(*found->ipv6);
+    else
+        throw std::runtime_error(fmt::format("there is no table \"{}\"", table));
+}
+
+}  // namespace
+
+Json changesJson(const Asked& asked, const Json& request) {
+    const ChangeFilter filter{optionalMember<std::string>(request, "table"),
+                              optionalMember<std::uint16_t>(request, "unit"),
+                              optionalMember<std::string>(request, "key")};
+    const std::uint64_t limit = optionalMember<std::uint64_t>(request, "limit").value_or(1000);
+    return ChangesUnderWay(asked.tables).list(filter, std::min(limit, kMostChanges));
+}
+
+Json explanationJson(const Asked& asked, const Json& request) {
+    const std::string table = textMember(request, "table");
+    const auto unit = optionalMember<std::uint16_t>(request, "unit");
+    if (!unit)
+        throw std::runtime_error("expected \"unit\" as a number");
+    Json json;
+    withTable(asked.tables, table, *unit, textMember(request, "key"),
+              [&](const auto& one, const auto& key) {
+                  json = {{"table", table}, {"unit", *unit}, {"key", key.toText()}};
+                  json["staged"] = nullptr;
+                  if (const auto staged = one.staged(key)) {
+                      json["staged"] = {
+                          {"operation", staged->entry ? "write" : "remove"},
+                          {"entryVersion", staged->handle->entryVersion().toText()},
+                          {"failed", staged->handle->failed()},
+                          {"entry", staged->entry ? Process::entryJson(staged->entry->toLogEntry())
+                                                  : Json(nullptr)}};
+                  }
+                  json["published"] = one.logVersion().value;
+                  json["acknowledged"] =
+                      asked.tables.group().acknowledgedVersion(one.tableId()).value;
+                  json["unacknowledged"] =
+                      unacknowledgedJson(asked.backlog.of(asked.tables, one.tableId()));
+              });
+    json.update(
+        ChangesUnderWay(asked.tables).explain(table, *unit, json["key"].get<std::string>()));
+    return json;
+}
+
+Json metricsJson(const Asked& asked, const Json& request) {
+    const std::string format =
+        optionalMember<std::string>(request, "format").value_or("openmetrics");
+    if (format != "openmetrics" && format != "prometheus")
+        throw std::runtime_error("expected format \"openmetrics\" or \"prometheus\"");
+    return {{"text", metricsText(asked.tables, asked.backlog, asked.alarms, asked.startTime,
+                                 format == "openmetrics" ? MetricsFormat::openMetrics
+                                                         : MetricsFormat::prometheus)}};
+}
+
+Json tracesJson(const Asked& asked, const Json& request) {
+    const std::uint64_t limit = optionalMember<std::uint64_t>(request, "limit").value_or(1000);
+    return asked.traces.json(optionalMember<std::uint64_t>(request, "after").value_or(0),
+                             std::min(limit, kMostLines));
+}
+
+Json traceFilterJson(const Json& request) {
+    if (const auto filter = optionalMember<std::string>(request, "filter"))
+        Brumo::traceFilterIs(*filter);
+    return {{"filter", Brumo::traceFilter()}, {"handles", Brumo::traceHandleNames()}};
+}
+
+Json sweepJson(const Tables& tables) {
+    const auto used = [&] {
+        return std::size_t{tables.counters().pool().used} + tables.policers().pool().used;
+    };
+    const std::size_t before = used();
+    tables.counters().sweepUnclaimed();
+    tables.policers().sweepUnclaimed();
+    return {{"returned", before - used()}};
 }
 
 Json resourcesJson(const Tables& tables) {

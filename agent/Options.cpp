@@ -75,6 +75,16 @@ Options optionsFrom(int argc, const char* const* argv) {
     app.add_option("--capacity", options.capacity,
                    "most slots of any table in shared memory, for small machines; 0: no limit")
         ->capture_default_str();
+    app.add_option("--metrics-port", options.metricsPort,
+                   "serve metrics at http://127.0.0.1:PORT/metrics");
+    app.add_option("--alarm-unacknowledged", options.alarms.unacknowledged_s,
+                   "seconds after which a change not acknowledged raises an alarm")
+        ->check(CLI::Range(0.01, 1e6))
+        ->capture_default_str();
+    app.add_option("--alarm-waiting", options.alarms.waiting_s,
+                   "seconds after which a change not committed raises an alarm")
+        ->check(CLI::Range(0.01, 1e6))
+        ->capture_default_str();
     app.add_flag("--check", options.check,
                  "only read the policy and print its entries as JSON; needs no other option");
     try {

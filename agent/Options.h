@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/AlarmLimits.h"
 #include "platform/asic/Versions.h"
 
 namespace Agent {
@@ -27,8 +28,10 @@ struct Options {
     std::uint32_t counters = 65536;
     std::uint32_t policers = 16384;
     std::uint64_t capacity = 0;  ///< most slots of a shared-memory collection; 0: as declared
-    bool check = false;          ///< print the policy's entries and end
-    std::string help;            ///< not empty: print it and end
+    AlarmLimits alarms;
+    std::uint16_t metricsPort = 0;  ///< on loopback; 0: metrics are not served over HTTP
+    bool check = false;             ///< print the policy's entries and end
+    std::string help;               ///< not empty: print it and end
 };
 
 /// Throws UsageError.

@@ -73,6 +73,24 @@ void Tables::makeResourceTables(const Options& options, Kiv::EventLoop& loop) {
     make.operator()<VornPolicyCpu::PolicerIndexRequestBinding>(policers_, options.policers);
 }
 
+void Tables::forEachTable(const std::function<void(const Asic::OrderedSwTable&)>& visit) const {
+    for (const UnitTables& unit : units_) {
+        visit(*unit.actions);
+        visit(*unit.ipv4);
+        visit(*unit.ipv6);
+    }
+}
+
+Tables::LogFigures Tables::log(Asic::SwTableId table) const {
+    const auto figures = [](const auto& family) {
+        const auto fill = family->logFill();
+        return LogFigures{family->logVersion(), fill.records, fill.capacity};
+    };
+    if (table == ActionTypes::kTableId)
+        return figures(actions_);
+    return table == V4Types::kTableId ? figures(ipv4_) : figures(ipv6_);
+}
+
 Tables::~Tables() {
     RingTrace::processRingIs(nullptr);
     units_.clear();

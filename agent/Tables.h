@@ -10,6 +10,8 @@
 //     those the match entries are cleared before the actions.
 #pragma once
 
+#include <array>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,6 +23,10 @@
 #include "platform/resources/PolicerIndexRequestResourceTable.h"
 
 namespace Agent {
+
+/// The tables of the group.
+inline constexpr std::array<Asic::SwTableId, 3> kTableIds{ActionTypes::kTableId, V4Types::kTableId,
+                                                          V6Types::kTableId};
 
 class Tables {
 public:
@@ -42,6 +48,16 @@ public:
     const Family<V4Types>& ipv4() const { return ipv4_; }
     const Family<V6Types>& ipv6() const { return ipv6_; }
     const std::vector<UnitTables>& units() const { return units_; }
+    /// All tables of all units; those of a unit in the order actions, IPv4, IPv6.
+    void forEachTable(const std::function<void(const Asic::OrderedSwTable&)>& visit) const;
+    /// A family's change log. REQUIRES: `table` is one of the three.
+    struct LogFigures {
+        Asic::LogVersion published;  ///< the last version handed out
+        std::size_t records = 0;
+        std::size_t capacity = 0;
+    };
+    LogFigures log(Asic::SwTableId table) const;
+
     /// How often lost shared memory was made anew.
     std::uint64_t relaunches() const { return relaunch_->majorId(); }
 

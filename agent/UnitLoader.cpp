@@ -6,28 +6,11 @@
 #include <fmt/format.h>
 
 #include "agent/StableHash.h"
+#include "agent/TableDifference.h"
 
 namespace Agent {
 
 namespace {
-
-/// What the table holds or is about to hold, by packed key.
-template <class Types>
-std::unordered_map<std::uint64_t, typename Types::Entry> heldBy(
-    const VornPolicyCpu::TableOperations<Types>& table) {
-    std::unordered_map<std::uint64_t, typename Types::Entry> held;
-    table.forEach(
-        [&](const typename Types::Entry& entry) { held.try_emplace(packed(entry.key), entry); });
-    return held;
-}
-
-/// Whether feature code would write the same; the resolved indexes are the linkages' business.
-bool sameRequest(ActionEntry held, const ActionEntry& wanted) {
-    held.counterIndex = wanted.counterIndex;
-    held.policerIndex = wanted.policerIndex;
-    held.featureId = wanted.featureId;
-    return held.isEq(wanted);
-}
 
 template <class Entry>
 std::string nameOf(const std::vector<Named<Entry>>& entries, std::uint64_t key) {
@@ -64,20 +47,12 @@ void PolicyLoader::UnitLoader::dropWhatHasNotBegun() {
 }
 
 void PolicyLoader::UnitLoader::loadActions() {
-    auto held = heldBy(*tables_.actions);
-    for (const Named<ActionEntry>& named : policy_->actions) {
-        const ActionEntry wanted = forUnit(named.entry, tables_.unit);
-        const auto found = held.find(packed(wanted.key));
-        if (found != held.end() && sameRequest(found->second, wanted))
-            ++figures_->unchanged;
-        else
-            writeAction(wanted);
-        if (found != held.end())
-            held.erase(found);
-    }
-    for (const auto& [key, entry] : held)
-        staleActions_.push_back(entry.key);
-    std::sort(staleActions_.begin(), staleActions_.end());
+    auto difference = differenceOf(*tables_.actions, policy_->actions, tables_.unit,
+                                   [](std::uint64_t) { return false; });
+    figures_->unchanged += difference.unchanged;
+    for (const auto& write : difference.writes)
+        writeAction(write.entry);
+    staleActions_ = std::move(difference.stale);
     figures_->removed += staleActions_.size();
     figures_->inProgress += staleActions_.size();
 }
@@ -105,36 +80,26 @@ void PolicyLoader::UnitLoader::loadMatches(VornPolicyCpu::TableOperations<Types>
                                            const std::vector<Named<typename Types::Entry>>& wanted,
                                            FailedKeys& failed) {
     using Entry = typename Types::Entry;
-    auto held = heldBy(table);
+    // A write that failed with its action is still staged, but will never be committed.
+    const auto difference = differenceOf(table, wanted, tables_.unit,
+                                         [&](std::uint64_t key) { return failed.contains(key); });
+    figures_->unchanged += difference.unchanged;
     // What is removed makes room only when it is acknowledged.
-    const std::size_t taken = held.size() + matchesInProgress_;
+    const std::size_t taken = difference.held + matchesInProgress_;
     struct Write {
         const Entry* entry;
         std::optional<std::uint64_t> actionBefore;
     };
     std::vector<Write> writes;
-    for (const Named<Entry>& named : wanted) {
-        const std::uint64_t key = packed(named.entry.key);
-        const auto found = held.find(key);
-        // A write that failed with its action is still staged, but will never be committed.
-        if (found != held.end() && found->second.isEq(named.entry) && !failed.contains(key))
-            ++figures_->unchanged;
-        else
-            writes.push_back({&named.entry, found == held.end()
-                                                ? std::nullopt
-                                                : std::optional(packed(found->second.actionKey))});
-        if (found != held.end())
-            held.erase(found);
+    for (const auto& write : difference.writes) {
+        writes.push_back({&write.wanted->entry, write.before
+                                                    ? std::optional(packed(write.before->actionKey))
+                                                    : std::nullopt});
     }
     // The highest priority first: no entry comes into force before those that go before it.
     std::stable_sort(writes.begin(), writes.end(), [](const Write& a, const Write& b) {
         return a.entry->priority > b.entry->priority;
     });
-    std::vector<typename Types::Key> stale;
-    stale.reserve(held.size());
-    for (const auto& [key, entry] : held)
-        stale.push_back(entry.key);
-    std::sort(stale.begin(), stale.end());
 
     std::size_t room = taken < kMaxEntries ? kMaxEntries - taken : 0;
     for (const Write& write : writes) {
@@ -148,7 +113,7 @@ void PolicyLoader::UnitLoader::loadMatches(VornPolicyCpu::TableOperations<Types>
             deferred_.emplace_back(make);
         }
     }
-    for (const typename Types::Key& key : stale)
+    for (const typename Types::Key& key : difference.stale)
         removeMatch(table, key, failed);
 }
 

@@ -6,10 +6,18 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 
 #include "platform/asic/SwTable.h"
 
 namespace VornPolicyCpu {
+
+/// The latest change of a key, while it is staged.
+template <class Entry>
+struct StagedChange {
+    Brumo::Ptr<const Asic::OrderedSwTable::EntryHandle> handle;
+    std::optional<Entry> entry;  ///< nothing for a remove
+};
 
 /// The operations of one table of one unit. `Types` is the table's type library.
 template <class Types>
@@ -38,6 +46,9 @@ public:
     virtual Entry read(const Key& key) const = 0;
     virtual bool has(const Key& key) const = 0;
     virtual std::uint32_t count() const = 0;
+    /// For inspection: the key's change that is not committed, if there is one. One that failed
+    /// with the change that it depended on stays staged until the key is changed again.
+    virtual std::optional<StagedChange<Entry>> staged(const Key& key) const = 0;
     /// Visits staged writes, then committed entries. `visit` may change the table.
     virtual void forEach(const std::function<void(const Entry&)>& visit) const = 0;
 };

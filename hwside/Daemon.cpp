@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 #include <asio/post.hpp>
 
+#include "process/KeyText.h"
 #include "process/StateDirectory.h"
 
 namespace HwSide {
@@ -46,6 +47,26 @@ Asic::UnitId unitOf(const Json& request) {
                                        Asic::UnitId{}.value - 1, at->dump()));
     }
     return {at->get<std::uint16_t>()};
+}
+
+std::string textMember(const Json& request, const char* name) {
+    const auto at = request.find(name);
+    if (at == request.end() || !at->is_string())
+        throw RequestError(fmt::format("{}: expected text", name));
+    return at->get<std::string>();
+}
+
+template <class Types>
+Json heldJson(const Tcam& tcam, Asic::UnitId unit, const std::string& text) {
+    const auto key = Process::keyFromText<typename Types::Key>(text);
+    if (!key)
+        throw RequestError(fmt::format("key: \"{}\" is no key of {}", text, Types::kName));
+    const auto at = tcam.units().find(unit);
+    const auto* const held =
+        at == tcam.units().end() ? nullptr : at->second.template table<Types>().find(*key);
+    if (held == nullptr)
+        return {{"entry", nullptr}, {"version", nullptr}};
+    return {{"entry", entryJson(held->entry)}, {"version", held->version.value}};
 }
 
 template <class Types>
@@ -141,13 +162,19 @@ Json Daemon::answer(const Json& request) {
         return status();
     if (command == "tcam")
         return programmed(request);
+    if (command == "entry")
+        return held(request);
     if (command == "classify")
         return classified(request);
     if (command == "pause")
         return pauseRequested(true);
     if (command == "resume")
         return pauseRequested(false);
-    throw RequestError("cmd: expected \"status\", \"tcam\", \"classify\", \"pause\" or \"resume\"");
+    if (command == "resync")
+        return resync();
+    throw RequestError(
+        "cmd: expected \"status\", \"tcam\", \"entry\", \"classify\", \"pause\", \"resume\" or "
+        "\"resync\"");
 }
 
 Json Daemon::status() const {
@@ -193,6 +220,19 @@ Json Daemon::programmed(const Json& request) const {
     return {{"units", std::move(units)}};
 }
 
+Json Daemon::held(const Json& request) const {
+    const Asic::UnitId unit = unitOf(request);
+    const std::string table = textMember(request, "table");
+    const std::string key = textMember(request, "key");
+    if (table == ActionTypes::kName)
+        return heldJson<ActionTypes>(tcam_, unit, key);
+    if (table == V4Types::kName)
+        return heldJson<V4Types>(tcam_, unit, key);
+    if (table == V6Types::kName)
+        return heldJson<V6Types>(tcam_, unit, key);
+    throw RequestError(fmt::format("table: there is no \"{}\"", table));
+}
+
 Json Daemon::classified(const Json& request) const {
     const Asic::UnitId unit = unitOf(request);
     const auto at = request.find("packet");
@@ -209,6 +249,12 @@ Json Daemon::pauseRequested(bool requested) {
     acks_.pauseRequestedIs(requested);
     reader_.tellAgent();
     return {{"pauseRequested", requested}};
+}
+
+Json Daemon::resync() {
+    reader_.snapshotIsDue();
+    asio::post(io_, [this] { work(); });
+    return Json::object();
 }
 
 }  // namespace HwSide

@@ -39,8 +39,11 @@ private:
     Json answer(const Json& request);
     Json status() const;
     Json programmed(const Json& request) const;
+    Json held(const Json& request) const;
     Json classified(const Json& request) const;
     Json pauseRequested(bool requested);
+    /// The answer comes before the work, which is posted.
+    Json resync();
 
     asio::io_context& io_;
     Group group_;

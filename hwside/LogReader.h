@@ -67,6 +67,8 @@ public:
     /// Does what there is to do, at most `budget` announcements, and rings for the agent where it
     /// sleeps. Files that are not there yet are looked for at each call.
     Progress pump(std::size_t budget = SIZE_MAX);
+    /// Has the next pump() take everything from the values, and remove what they do not have.
+    void snapshotIsDue() { snapshotDue_ = true; }
     /// Rings for the agent where it sleeps: something was stored for it.
     void tellAgent();
 

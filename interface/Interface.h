@@ -44,6 +44,9 @@ public:
         return makeSwTable(unit, nullptr, reset);
     }
     Asic::LogVersion logVersion() const override { return entryLog_->tableVersion(); }
+    typename TableFamily<typename B::Types>::LogFill logFill() const override {
+        return {entryLog_->entryLogConfigs(), kFullChangeLog + 1};
+    }
 
     Asic::SwTableId tableId() const { return B::kTableId; }
     const Brumo::String& tableName() const { return tableName_; }

@@ -11,9 +11,6 @@
 
 namespace VornPolicyCpu {
 
-/// The most records that the change log holds while changes may still be committed to it.
-inline constexpr std::size_t kFullChangeLog = kEntryLogConfigCapacity - 1;
-
 template <class B>
 template <class... L>
 bool OrderedSwTableAccessor<B>::isResolverEntryResolved(Table& table, Resolver& resolverEntry,
@@ -249,6 +246,9 @@ void OrderedSwTableAccessor<B>::clearTransient(Table& table, const Key& key,
 
 template <class B>
 void OrderedSwTableAccessor<B>::queueInLog(Table& table, const HandlePtr& handle) {
+    handle->committedAtIs(table.groupResolver()->turnTime());
+    if (handle->stagedAt().count() != 0)
+        table.stats()->stagedTimes().add(handle->committedAt() - handle->stagedAt());
     handle->entryStateIs(Asic::EntryState::written);
     table.entryHandleInLogEnq(handle);
 }

@@ -121,6 +121,20 @@ public:
                !serialAtOrAfter(number, back_->next());
     }
 
+    /// Visits the elements from front to back, until `visit` says false; it must not change the
+    /// queue.
+    template <class Visit>
+    void forEachWhile(Visit&& visit) const {
+        const std::uint32_t first = frontNumber();
+        const Segment* segment = &front();
+        for (std::uint32_t i = 0; i < size_; ++i) {
+            if (first + i == segment->next())
+                segment = segment->successor;
+            if (!visit(*segment->slots[first + i - segment->firstNumber]))
+                return;
+        }
+    }
+
     void clear() {
         while (!empty())
             dequeue();

@@ -85,6 +85,8 @@ void OrderedSwTableAccessor<B>::tableStatusVersion(Table& table, Asic::LogVersio
             break;
         table.entryHandleInLogDeq();
         Traces<B>::engine(3, "Processing version: {}, key: {}", front->logVersion(), front->key());
+        table.stats()->hardwareTimes().add(table.groupResolver()->turnTime() -
+                                           front->committedAt());
         answer(front, Asic::EntryState::complete);
     }
     updateFamily(table);

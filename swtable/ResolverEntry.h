@@ -31,6 +31,9 @@ public:
         const Brumo::Ptr<typename B::SwTable> keep(swTable_);  // a handler may drop the table
         swTable_->commitEntry(resolverEntry);
     }
+    const Asic::OrderedSwTable::EntryHandle* changeHandle() const override {
+        return entryWrapper_->entryHandle().get();
+    }
     const Asic::OrderedSwTable* orderingTable() const override { return swTable_; }
     std::uint64_t orderingKey() const override {
         return std::bit_cast<std::uint64_t>(entryWrapper_->key());

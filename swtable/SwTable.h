@@ -134,6 +134,7 @@ public:
     Entry read(const Key& key) const override { return entryRead(key); }
     bool has(const Key& key) const override { return entryHas(key); }
     std::uint32_t count() const override { return entrys(); }
+    std::optional<StagedChange<Entry>> staged(const Key& key) const override;
     void forEach(const std::function<void(const Entry&)>& visit) const override;
 
     // Members. Setters publish the change to the table's observers.
@@ -194,6 +195,13 @@ public:
     bool entryHandleInLogHas(std::uint32_t index) const { return entryHandleInLog_.has(index); }
     void entryHandleInLogDelAll() { entryHandleInLog_.clear(); }
     const HandleQueue<EntryHandle>& entryHandlesInLog() const { return entryHandleInLog_; }
+    std::size_t inLogCount() const override { return entryHandleInLog_.size(); }
+    std::size_t stagedCount() const override {
+        return transientAddEntry_.size() + transientRemoveEntry_.size() +
+               (transientRemoveAllVersion_.valid() ? transientRemoveAllVersion_.value + 1 : 0);
+    }
+    void forEachHandleInLog(
+        const std::function<bool(const Asic::OrderedSwTable::EntryHandle&)>& visit) const override;
 
     /// Null until it is installed.
     template <class L>
@@ -262,6 +270,7 @@ public:
     const Kiv::TypeData& typeData() const override;
 
     const Key& key() const { return key_; }
+    std::string keyText() const override { return key_.toText(); }
     /// Must not be used after the table has gone.
     typename B::SwTable* swTable() const { return swTable_; }
     void swTableIs(typename B::SwTable* swTable) {

@@ -281,6 +281,21 @@ bool SwTable<B>::hasPendingHwWrites() const {
     return pending;
 }
 
+template <class B>
+auto SwTable<B>::staged(const Key& key) const -> std::optional<StagedChange<Entry>> {
+    if (const WrapperPtr write = transientAddEntry(key); write != nullptr)
+        return StagedChange<Entry>{write->entryHandle(), write->entry()};
+    if (const WrapperPtr remove = transientRemoveEntry(key); remove != nullptr)
+        return StagedChange<Entry>{remove->entryHandle(), std::nullopt};
+    return std::nullopt;
+}
+
+template <class B>
+void SwTable<B>::forEachHandleInLog(
+    const std::function<bool(const Asic::OrderedSwTable::EntryHandle&)>& visit) const {
+    entryHandleInLog_.forEachWhile(visit);
+}
+
 // Members.
 
 template <class B>

@@ -59,6 +59,9 @@ auto OrderedSwTableAccessor<B>::newHandle(Table& table, Asic::EntryVersion versi
 template <class B>
 void OrderedSwTableAccessor<B>::enqueue(Table& table, const DependencyPtr& dependency,
                                         Asic::EntryFlags flags, const WrapperPtr& wrapper) {
+    const HandlePtr& handle = wrapper->entryHandle();
+    handle->isRemoveIs(flags != Asic::EntryFlags::write);
+    handle->stagedAtIs(table.groupResolver()->turnTime());
     table.groupResolver()->resolverQueueEnq(
         Brumo::make<Resolver>(dependency, flags, &table, wrapper));
     table.groupResolver()->updateGenId();

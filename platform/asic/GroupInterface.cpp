@@ -212,6 +212,11 @@ void GroupInterface::appendWaiting() {
         shm_->waker->published();
 }
 
+GroupInterface::AnnouncementFill GroupInterface::announcementFill() const {
+    const auto& announcements = shm_->announcements;
+    return {announcements.slots() - announcements.free(), announcements.slots()};
+}
+
 bool GroupInterface::hasRoom() const {
     const auto& announcements = shm_->announcements;
     return waiting_.empty() && announcements.free() > announcements.slots() / kReserveShare;

@@ -52,6 +52,12 @@ public:
     void addLatestVersion(SwTableId tableId, LogVersion version);
     /// What a change needs that must come after everything announced so far.
     Brumo::Ptr<NeededEntry> everythingAnnounced() const;
+    /// Slots of the announcement log that the hardware side has not consumed, of how many.
+    struct AnnouncementFill {
+        std::uint64_t used = 0;
+        std::uint64_t capacity = 0;
+    };
+    AnnouncementFill announcementFill() const;
     /// Whether the announcement log takes further changes that can wait.
     bool hasRoom() const;
 

@@ -245,14 +245,30 @@ void GroupResolver::resolverQueueDel(const OrderedSwTable* table) {
     }
 }
 
-void GroupResolver::forEachWaiting(const std::function<void(const ResolverEntry&)>& visit) const {
+void GroupResolver::visitWithFollowing(const Entry& first, Hold hold,
+                                       const std::function<void(const QueuedChange&)>& visit) {
+    visit({first.get(), hold, nullptr});
+    const ResolverEntry* before = first.get();
+    for (; before->nextOfKey_ != nullptr; before = before->nextOfKey_.get())
+        visit({before->nextOfKey_.get(), Hold::earlierChange, before});
+}
+
+void GroupResolver::forEachQueued(const std::function<void(const QueuedChange&)>& visit) const {
+    for (const Entry& entry : ready_)
+        visitWithFollowing(entry, Hold::turn, visit);
     for (const auto& [entity, list] : waiting_) {
         for (const Entry& entry : list.entries)
-            visit(*entry);
+            visitWithFollowing(entry, Hold::blocker, visit);
     }
     for (const auto& [table, entries] : waitingForLog_) {
         for (const Entry& entry : entries)
-            visit(*entry);
+            visitWithFollowing(entry, Hold::blocker, visit);
+    }
+    for (const auto& [table, lane] : lanes_) {
+        if (lane.barrier != nullptr && lane.unfinished != 0)
+            visit({lane.barrier.get(), Hold::earlierChanges, nullptr});
+        for (const Entry& entry : lane.held)
+            visit({entry.get(), Hold::removeAll, lane.barrier.get()});
     }
 }
 

@@ -13,6 +13,7 @@
 //  5. Each change is committed once, right after it has answered that it is resolved.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -59,6 +60,9 @@ public:
     bool isEntryDeleted() const { return (static_cast<unsigned>(flags_) & 1U) != 0; }
     bool isTableDeleted() const { return (static_cast<unsigned>(flags_) & 2U) != 0; }
 
+    /// The handle of the change; for inspection, null where there is none.
+    virtual const OrderedSwTable::EntryHandle* changeHandle() const { return nullptr; }
+
     const Blocker& blocker() const { return blocker_; }
     void blockerIs(Blocker blocker) { blocker_ = std::move(blocker); }
 
@@ -71,6 +75,22 @@ private:
     EntryFlags flags_;
     Blocker blocker_;
     Brumo::Ptr<ResolverEntry> nextOfKey_;  ///< the key's next change, while this one is not done
+};
+
+/// What holds a queued change up.
+enum class Hold : std::uint8_t {
+    turn,            ///< nothing of its own: it is asked at the resolver's next turn
+    blocker,         ///< what it named when it was asked: ResolverEntry::blocker()
+    earlierChange,   ///< the change of its key before it
+    earlierChanges,  ///< of a remove-all: changes of its table before it
+    removeAll,       ///< a remove-all of its table before it
+};
+
+/// A queued change as inspection sees it.
+struct QueuedChange {
+    const ResolverEntry* entry;
+    Hold hold = Hold::turn;
+    const ResolverEntry* behind = nullptr;  ///< the one before it: earlierChange, removeAll
 };
 
 class GroupResolver final : public Kiv::Entity {
@@ -100,8 +120,11 @@ public:
 
     /// Changes enqueued and not yet committed.
     std::size_t queued() const { return queued_; }
-    /// Calls `visit` for each queued change that has been asked and waits.
-    void forEachWaiting(const std::function<void(const ResolverEntry&)>& visit) const;
+    /// Calls `visit` for each queued change, those of one key in their order. It must not change
+    /// the queue.
+    void forEachQueued(const std::function<void(const QueuedChange&)>& visit) const;
+    /// When the turn under way began.
+    std::chrono::nanoseconds turnTime() const { return loop_.turnTime(); }
 
     /// Asked before each commit; while it says no, nothing is committed. updateGenId() asks anew.
     void hasRoomIs(std::function<bool()> hasRoom) { hasRoom_ = std::move(hasRoom); }
@@ -126,6 +149,8 @@ private:
         std::vector<Entry> entries;
     };
 
+    static void visitWithFollowing(const Entry& first, Hold hold,
+                                   const std::function<void(const QueuedChange&)>& visit);
     void admit(Lane& lane, const Entry& entry);
     void readyIs(const Entry& entry);
     void schedule();

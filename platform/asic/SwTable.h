@@ -7,8 +7,10 @@
 //  2. An entry state leaves `created` exactly once for good; observers of the handle learn it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <string>
 
 #include "platform/asic/CanonicalTableName.h"
 #include "platform/asic/SwTableStats.h"
@@ -138,6 +140,15 @@ public:
     /// The last version that the table's log has handed out.
     virtual LogVersion logVersion() const = 0;
 
+    /// For inspection: changes that are staged, not committed; and committed ones whose handle has
+    /// not been answered.
+    virtual std::size_t stagedCount() const { return 0; }
+    virtual std::size_t inLogCount() const { return 0; }
+    /// Visits the handles of committed changes that the hardware side has not acknowledged, oldest
+    /// first, until `visit` says false. It must not change the table.
+    virtual void forEachHandleInLog(
+        const std::function<bool(const EntryHandle&)>& /*visit*/) const {}
+
     SwTableId tableId() const { return tableId_; }
     UnitId unitId() const { return unitId_; }
     /// The family's set that this table belongs to; null once that has gone.
@@ -180,9 +191,22 @@ public:
     }
     TableVersion entryTableVersion() const override { return {tableId(), logVersion_}; }
 
+    /// For inspection: the key of the change, and what it does.
+    virtual std::string keyText() const { return {}; }
+    bool isRemove() const { return isRemove_; }
+    void isRemoveIs(bool isRemove) { isRemove_ = isRemove; }
+    /// The turns in which the change was staged and committed; 0 where it was not.
+    std::chrono::nanoseconds stagedAt() const { return stagedAt_; }
+    void stagedAtIs(std::chrono::nanoseconds time) { stagedAt_ = time; }
+    std::chrono::nanoseconds committedAt() const { return committedAt_; }
+    void committedAtIs(std::chrono::nanoseconds time) { committedAt_ = time; }
+
 private:
     EntryVersion entryVersion_;
     LogVersion logVersion_;
+    std::chrono::nanoseconds stagedAt_{0};
+    std::chrono::nanoseconds committedAt_{0};
+    bool isRemove_ = false;
 };
 
 }  // namespace Asic

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "platform/asic/StageTimes.h"
 #include "platform/brumo/Ptr.h"
 
 namespace Asic {
@@ -20,6 +21,12 @@ public:
     std::uint64_t tableClearCnt() const { return tableClearCnt_; }
     /// UTC, seconds since the epoch; 0 before the first commit.
     double lastCommitTime() const { return lastCommitTime_; }
+
+    /// From staged to committed, and from committed to acknowledged; of changes that came so far.
+    StageTimes& stagedTimes() { return stagedTimes_; }
+    const StageTimes& stagedTimes() const { return stagedTimes_; }
+    StageTimes& hardwareTimes() { return hardwareTimes_; }
+    const StageTimes& hardwareTimes() const { return hardwareTimes_; }
 
     void entryWriteCntInc(std::uint64_t n) { entryWriteCnt_ += n; }
     void entryRemoveCntInc(std::uint64_t n) { entryRemoveCnt_ += n; }
@@ -43,6 +50,8 @@ private:
     std::uint64_t updateWithFailedResourceCnt_ = 0;
     std::uint64_t tableClearCnt_ = 0;
     double lastCommitTime_ = 0;
+    StageTimes stagedTimes_;
+    StageTimes hardwareTimes_;
 };
 
 }  // namespace Asic

@@ -1,6 +1,7 @@
 // The event loop as the platform sees it: work is handed to a later turn of the one event thread.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -12,12 +13,24 @@ public:
     virtual ~EventLoop() = default;
     /// Runs `work` on a later turn, in the order posted. Event thread only.
     virtual void post(std::function<void()> work) = 0;
+
+    /// When the turn under way began, by a clock that never goes back: what is done in one turn is
+    /// done at one time, so that nothing on the path of a change reads a clock.
+    std::chrono::nanoseconds turnTime() const { return turnTime_; }
+
+protected:
+    void turnTimeIs(std::chrono::nanoseconds time) { turnTime_ = time; }
+
+private:
+    std::chrono::nanoseconds turnTime_{0};
 };
 
 /// A loop that turns when told to: for simulations and tests.
 class ManualEventLoop final : public EventLoop {
 public:
     void post(std::function<void()> work) override { queue_.push_back(std::move(work)); }
+    /// Time stands still but for this.
+    using EventLoop::turnTimeIs;
 
     bool idle() const { return queue_.empty(); }
     /// Drops what is posted, as the end of a process does.

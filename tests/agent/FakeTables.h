@@ -103,6 +103,9 @@ public:
         for (const auto& [key, entry] : entries)
             visit(entry);
     }
+    std::optional<VornPolicyCpu::StagedChange<Entry>> staged(const Key&) const override {
+        return std::nullopt;
+    }
     void tableStatusVersion(Asic::LogVersion) override {}
     bool hasPendingHwWrites() const override { return false; }
     Asic::LogVersion logVersion() const override { return {}; }

@@ -266,6 +266,46 @@ TEST_F(DaemonTest, TellsTheAgentThatItShallPause) {
     EXPECT_FALSE(acks->pauseRequested());
 }
 
+TEST_F(DaemonTest, ShowsWhatItHoldsForOneKey) {
+    AgentSide agent(folder_.path());
+    agent.write<V4Types>(kUnit, matchEntry<V4Types>(1, 1));
+    Process process = daemon();
+    waitUntilReady(process);
+    eventually([&] { return acknowledged() == 1; });
+    const Json tcam = ask({{"cmd", "tcam"}});
+    Json request{{"cmd", "entry"},
+                 {"table", "PolicyCpuV4TcamEntry"},
+                 {"unit", kUnit.value},
+                 {"key", tcam["units"][0]["v4"][0]["key"]}};
+    const Json held = ask(request);
+    EXPECT_EQ(held["entry"]["label"], "rule 1");
+    EXPECT_EQ(held["version"], 1);
+    request["key"] = "00000077.00000001";
+    EXPECT_TRUE(ask(request)["entry"].is_null());
+    request["unit"] = 77;
+    EXPECT_TRUE(ask(request)["entry"].is_null()) << "a unit that was never programmed";
+    request["key"] = "abc";
+    EXPECT_EQ(ask(request)["error"], "key: \"abc\" is no key of PolicyCpuV4TcamEntry");
+    request["table"] = "Nothing";
+    EXPECT_EQ(ask(request)["error"], "table: there is no \"Nothing\"");
+}
+
+TEST_F(DaemonTest, TakesASnapshotWhenItIsTold) {
+    AgentSide agent(folder_.path());
+    agent.write<V4Types>(kUnit, matchEntry<V4Types>(1, 1));
+    Process process = daemon();
+    waitUntilReady(process);
+    eventually([&] { return acknowledged() == 1; });
+    const auto snapshots = [&] { return ask({{"cmd", "status"}})["snapshots"].get<int>(); };
+    const int before = snapshots();
+    EXPECT_TRUE(ask({{"cmd", "resync"}})["ok"]);
+    eventually([&] { return snapshots() == before + 1; });
+    EXPECT_EQ(acknowledged(), 1U);
+    agent.write<V4Types>(kUnit, matchEntry<V4Types>(2, 1));
+    KivShimo::ring(group_.ownBell());
+    eventually([&] { return acknowledged() == 2; });
+}
+
 TEST_F(DaemonTest, RefusesRequestsItDoesNotKnow) {
     Process process = daemon();
     waitUntilReady(process);

@@ -286,7 +286,8 @@ TYPED_TEST(RemoveAll, IsQueuedWithAHandleOfTheFirstVersionAndNoKey) {
     EXPECT_EQ(this->table->groupResolver()->genId(), genId + 1);
     this->agent.settle();
     int waiting = 0;
-    this->table->groupResolver()->forEachWaiting([&](const Asic::ResolverEntry& entry) {
+    this->table->groupResolver()->forEachQueued([&](const Asic::QueuedChange& queued) {
+        const Asic::ResolverEntry& entry = *queued.entry;
         ++waiting;
         EXPECT_TRUE(entry.isTableDeleted());
         EXPECT_FALSE(entry.isEntryDeleted());
@@ -307,7 +308,8 @@ TYPED_TEST(RemoveAll, WithoutAHandlerLeavesTheHandlesEmpty) {
     this->table->entryRemoveAll(dependency);
     this->agent.settle();
     int waiting = 0;
-    this->table->groupResolver()->forEachWaiting([&](const Asic::ResolverEntry& entry) {
+    this->table->groupResolver()->forEachQueued([&](const Asic::QueuedChange& queued) {
+        const Asic::ResolverEntry& entry = *queued.entry;
         ++waiting;
         const auto& change = static_cast<const ResolverEntry<TypeParam>&>(entry);
         EXPECT_FALSE(change.entryWrapper()->entryHandle()->responseHandler());

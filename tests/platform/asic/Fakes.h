@@ -45,11 +45,18 @@ struct Journal {
     std::size_t questions = 0;
 };
 
+class FakeHandle final : public Asic::OrderedSwTable::EntryHandle {
+public:
+    FakeHandle() : EntryHandle({0, 0}) {}
+    Asic::SwTableId tableId() const override { return kTable; }
+};
+
 class FakeChange final : public Asic::ResolverEntry {
 public:
     FakeChange(Journal& journal, FakeTable* table, std::uint64_t key, std::string name,
-               Asic::EntryFlags flags = Asic::EntryFlags::write)
-        : ResolverEntry(nullptr, flags),
+               Asic::EntryFlags flags = Asic::EntryFlags::write,
+               const Brumo::Ptr<const Asic::DependencyEntryHandle>& dependency = nullptr)
+        : ResolverEntry(dependency, flags),
           journal_(journal),
           table_(table),
           key_(key),
@@ -69,10 +76,12 @@ public:
         if (onCommit)
             onCommit();
     }
+    const Asic::OrderedSwTable::EntryHandle* changeHandle() const override { return handle.get(); }
     const Asic::OrderedSwTable* orderingTable() const override { return table_; }
     std::uint64_t orderingKey() const override { return key_; }
 
     Asic::Blocker waitsFor;
+    Brumo::Ptr<FakeHandle> handle = Brumo::make<FakeHandle>();
     std::function<void()> onCommit;
     int asked = 0;
 

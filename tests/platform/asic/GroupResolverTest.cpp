@@ -124,7 +124,10 @@ TEST_F(GroupResolverTest, AsksAWaitingChangeAgainOnlyWhenItsBlockerMoves) {
     EXPECT_EQ(changes[4711]->asked, 2);
     EXPECT_EQ(resolver_->queued(), kWaiting);
     std::size_t visited = 0;
-    resolver_->forEachWaiting([&](const Asic::ResolverEntry&) { ++visited; });
+    resolver_->forEachQueued([&](const Asic::QueuedChange& change) {
+        EXPECT_EQ(change.hold, Asic::Hold::blocker);
+        ++visited;
+    });
     EXPECT_EQ(visited, kWaiting);
 }
 
