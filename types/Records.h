@@ -89,6 +89,8 @@ struct ConfigShimoEntry {
     bool inDeletion = false;   ///< deleted, but the hardware side may still hold it
 
     const Key& key() const { return entryKey; }
+    /// As KivShimo::Map::forEachMarked asks for it.
+    static constexpr std::size_t markAt() { return offsetof(ConfigShimoEntry, inDeletion); }
     /// A live value as it lies in memory, put together from its parts for the same reason.
     static KivShimo::Words<ConfigShimoEntry> wordsOf(const LogEntry& logEntry,
                                                      const ResourceKeys& rsrcKeys,
