@@ -31,10 +31,10 @@
 #include <vector>
 
 #include "platform/brumo/Assert.h"
+#include "platform/brumo/Prefetch.h"
 #include "platform/kiv/HashMap2018.h"
 #include "platform/kivshimo/Table.h"
 #include "platform/kivshimo/detail/MapLayout.h"
-#include "platform/kivshimo/detail/Memory.h"
 #include "platform/kivshimo/detail/SlotSet.h"
 
 namespace KivShimo {
@@ -183,14 +183,14 @@ private:
     Place placeOf(const Kiv::KeyOrder<Key>& wanted) const;
     void prefetchSlot(std::uint32_t slot) const {
         if (slot != detail::Link::kNone)
-            detail::prefetch(slotAt(slot));
+            Brumo::prefetch(slotAt(slot));
     }
     /// Asks for the node that a slot's leads to, if there are both.
     void prefetchNext(std::uint32_t slot) const {
         if (slot >= slots_)
             return;
         const std::uint32_t next = nodes_[slot].next;
-        detail::prefetch(nodes_[next < slots_ ? next : slot]);
+        Brumo::prefetch(nodes_[next < slots_ ? next : slot]);
     }
     void prefetchAhead(std::size_t from, std::size_t to) const;
     bool isTaken(const Spot& spot) const {

@@ -103,7 +103,7 @@ void Map<Value>::prefetch(const Key& key) const {
     const std::uint32_t first = heads_[bucketOf(key.hash(0))];
     if (first == detail::Link::kNone)
         return;
-    detail::prefetch(nodes_[first]);
+    Brumo::prefetch(nodes_[first]);
     prefetchSlot(first);
 }
 
@@ -210,7 +210,7 @@ void Map<Value>::prefetchAhead(std::size_t from, std::size_t to) const {
     for (std::size_t bucket = fetchedUpTo + 1; bucket <= end; ++bucket) {
         const std::uint32_t far = heads_[bucket];
         if (far != detail::Link::kNone)
-            detail::prefetch(nodes_[far]);
+            Brumo::prefetch(nodes_[far]);
         // Its nodes were asked for when it was as far away as that one.
         for (std::uint32_t near = heads_[bucket - (kNodesAhead - kSlotsAhead)];
              near != detail::Link::kNone; near = nodes_[near].next) {
