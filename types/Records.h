@@ -130,8 +130,8 @@ std::string textOf(const std::array<char, Size>& field) {
 /// entry as shared memory holds it, and the keys of the resources that the entry needs.
 template <class T>
 concept TableTypes = requires(const typename T::Entry& entry, const typename T::LogEntry& logEntry,
-                              const typename T::ResourceKeys& rsrcKeys,
-                              const typename T::Key& key) {
+                              const typename T::ResourceKeys& rsrcKeys, const typename T::Key& key,
+                              typename T::Entry& written) {
     requires sizeof(typename T::Key) == 8;
     requires std::is_trivially_copyable_v<typename T::Key>;
     { logEntry.head } -> std::convertible_to<LogEntryHead>;
@@ -151,6 +151,7 @@ concept TableTypes = requires(const typename T::Entry& entry, const typename T::
     { entry.toLogEntry() } -> std::same_as<typename T::LogEntry>;
     { entry.resourceKeys() } -> std::same_as<typename T::ResourceKeys>;
     { T::Entry::from(logEntry, rsrcKeys) } -> std::same_as<typename T::Entry>;
+    written.logEntryIs(logEntry, rsrcKeys);
     { T::kName } -> std::convertible_to<std::string_view>;
     { T::kTableId } -> std::convertible_to<Asic::SwTableId>;
 };
