@@ -99,20 +99,20 @@ public:
     using Entry = typename B::Entry;
     using State = SwTableIteratorState<B>;
 
-    /// Moves the state to the next entry and returns it; the default entry at the end, where the
-    /// state no longer has a valid current entry.
-    static Entry maybeUpdateCurrentEntry(State& state) {
+    /// Moves the state to the next entry, which `entry` becomes; the default entry at the end,
+    /// where the state no longer has a valid current entry. It is written in its place: a copy of
+    /// what was just put together from parts waits until the parts are in the cache.
+    static void maybeUpdateCurrentEntry(State& state, Entry& entry) {
         Traces<B>::iterator(8, "");
-        Entry entry{};
         if (state.inAddColl() && stepTransientAdd(state, entry))
-            return entry;
+            return;
         if (state.inTblCfg() && stepConfiguration(state, entry))
-            return entry;
+            return;
         trace("  no more entries");
         state.clear(State::kCurrentEntryValid);
         state.clear(State::kInAddCollection);
         state.clear(State::kInConfiguration);
-        return entry;
+        entry = Entry{};
     }
 
 private:
@@ -167,7 +167,7 @@ private:
             const auto take = [&](const auto& value) {
                 if (hidden(table, value))
                     return false;
-                entry = Entry::from(value.logEntry, value.rsrcKeys);
+                entry.logEntryIs(value.logEntry, value.rsrcKeys);
                 return true;
             };
             while (at && !config->swTableEntriesAt(at, take))
@@ -206,7 +206,7 @@ private:
 
 template <class B>
 auto SwTable<B>::EntryIteratorConst::operator++() -> EntryIteratorConst& {
-    current_ = IterStateAccessor<B>::maybeUpdateCurrentEntry(*state_);
+    IterStateAccessor<B>::maybeUpdateCurrentEntry(*state_, current_);
     return *this;
 }
 

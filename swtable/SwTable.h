@@ -165,6 +165,11 @@ public:
         transientRemoveEntry_.forEach([&](const Key& key, const WrapperPtr&) { visit(key); });
     }
 
+    /// Asks for the memory that holds what is staged for the key, most likely.
+    void transientPrefetch(const Key& key) const {
+        transientAddEntry_.prefetch(key);
+        transientVersionForKey_.prefetch(key);
+    }
     /// The invalid version when the key is absent.
     Asic::EntryVersion transientVersionForKey(const Key& key) const;
     /// Null when the key is absent.

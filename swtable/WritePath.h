@@ -14,6 +14,7 @@ auto OrderedSwTableAccessor<B>::entryWriteGeneric(Table& table, const Key& key, 
                                                   const ResponseHandler& handler,
                                                   const L&... linkages) -> ConstHandlePtr {
     Traces<B>::engine(8, "key: {}", key);
+    table.transientPrefetch(key);
     if (table.entryLog() != nullptr)
         table.entryLog()->prefetch(key, table.unitId());
     const Asic::EntryVersion version = nextVersion(table, key);

@@ -111,6 +111,7 @@ struct MatchCommon {
     template <class LogEntry>
     void copyFrom(const LogEntry& log) {
         key = log.key;
+        actionKey = {};
         actionKey.id = log.actionId;
         actionKey.sub = log.actionSub;
         priority = log.priority;

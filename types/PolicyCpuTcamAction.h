@@ -141,17 +141,22 @@ struct PolicyCpuTcamActionEntry {
     static PolicyCpuTcamActionEntry from(const PolicyCpuTcamActionLogEntry& log,
                                          const PolicyCpuTcamActionResourceKeys& rsrcKeys) {
         PolicyCpuTcamActionEntry entry;
-        entry.key = log.key;
-        entry.counterRequestKey = rsrcKeys.counterRequestKey;
-        entry.policerRequestKey = rsrcKeys.policerRequestKey;
-        entry.counterIndex = log.counterIndex;
-        entry.policerIndex = log.policerIndex;
-        entry.featureId = log.featureId;
-        entry.policerClientData = log.policerClientData;
-        entry.disposition = log.disposition;
-        entry.redirect = log.redirect;
-        entry.name = log.name;
+        entry.logEntryIs(log, rsrcKeys);
         return entry;
+    }
+    /// Becomes what `from` returns.
+    void logEntryIs(const PolicyCpuTcamActionLogEntry& log,
+                    const PolicyCpuTcamActionResourceKeys& rsrcKeys) {
+        key = log.key;
+        counterRequestKey = rsrcKeys.counterRequestKey;
+        policerRequestKey = rsrcKeys.policerRequestKey;
+        counterIndex = log.counterIndex;
+        policerIndex = log.policerIndex;
+        featureId = log.featureId;
+        policerClientData = log.policerClientData;
+        disposition = log.disposition;
+        redirect = log.redirect;
+        name = log.name;
     }
     std::string toText() const {
         return fmt::format("key {} {} counter {}:{} policer {}:{} {}", key, textOf(name),

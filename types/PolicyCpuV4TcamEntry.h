@@ -90,9 +90,13 @@ struct PolicyCpuV4TcamEntryEntry : MatchCommon {
     static PolicyCpuV4TcamEntryEntry from(const PolicyCpuV4TcamEntryLogEntry& log,
                                           const NoResourceKeys& /*rsrcKeys*/) {
         PolicyCpuV4TcamEntryEntry entry;
-        entry.copyFrom(log);
-        entry.addresses = log.addresses;
+        entry.logEntryIs(log, {});
         return entry;
+    }
+    /// Becomes what `from` returns.
+    void logEntryIs(const PolicyCpuV4TcamEntryLogEntry& log, const NoResourceKeys& /*rsrcKeys*/) {
+        copyFrom(log);
+        addresses = log.addresses;
     }
 };
 

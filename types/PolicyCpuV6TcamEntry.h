@@ -94,10 +94,14 @@ struct PolicyCpuV6TcamEntryEntry : MatchCommon {
     static PolicyCpuV6TcamEntryEntry from(const PolicyCpuV6TcamEntryLogEntry& log,
                                           const NoResourceKeys& /*rsrcKeys*/) {
         PolicyCpuV6TcamEntryEntry entry;
-        entry.copyFrom(log);
-        entry.source = log.source;
-        entry.destination = log.destination;
+        entry.logEntryIs(log, {});
         return entry;
+    }
+    /// Becomes what `from` returns.
+    void logEntryIs(const PolicyCpuV6TcamEntryLogEntry& log, const NoResourceKeys& /*rsrcKeys*/) {
+        copyFrom(log);
+        source = log.source;
+        destination = log.destination;
     }
 };
 

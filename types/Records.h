@@ -89,6 +89,8 @@ struct ConfigShimoEntry {
     bool inDeletion = false;   ///< deleted, but the hardware side may still hold it
 
     const Key& key() const { return entryKey; }
+    /// As KivShimo::Map::forEachMarked asks for it.
+    static constexpr std::size_t markAt() { return offsetof(ConfigShimoEntry, inDeletion); }
     /// A live value as it lies in memory, put together from its parts for the same reason.
     static KivShimo::Words<ConfigShimoEntry> wordsOf(const LogEntry& logEntry,
                                                      const ResourceKeys& rsrcKeys,
@@ -128,8 +130,8 @@ std::string textOf(const std::array<char, Size>& field) {
 /// entry as shared memory holds it, and the keys of the resources that the entry needs.
 template <class T>
 concept TableTypes = requires(const typename T::Entry& entry, const typename T::LogEntry& logEntry,
-                              const typename T::ResourceKeys& rsrcKeys,
-                              const typename T::Key& key) {
+                              const typename T::ResourceKeys& rsrcKeys, const typename T::Key& key,
+                              typename T::Entry& written) {
     requires sizeof(typename T::Key) == 8;
     requires std::is_trivially_copyable_v<typename T::Key>;
     { logEntry.head } -> std::convertible_to<LogEntryHead>;
@@ -149,6 +151,7 @@ concept TableTypes = requires(const typename T::Entry& entry, const typename T::
     { entry.toLogEntry() } -> std::same_as<typename T::LogEntry>;
     { entry.resourceKeys() } -> std::same_as<typename T::ResourceKeys>;
     { T::Entry::from(logEntry, rsrcKeys) } -> std::same_as<typename T::Entry>;
+    written.logEntryIs(logEntry, rsrcKeys);
     { T::kName } -> std::convertible_to<std::string_view>;
     { T::kTableId } -> std::convertible_to<Asic::SwTableId>;
 };

@@ -96,8 +96,7 @@ public:
     /// rotten or not. `visit` may delete the value that it is given.
     template <class Visit>
     void swTableEntriesForEachInDeletion(Visit&& visit) {
-        swTableEntries_.forEachMarked(offsetof(Value, inDeletion),
-                                      [&](Position at) { visitWhole(at, visit); });
+        swTableEntries_.forEachMarked([&](Position at) { visitWhole(at, visit); });
     }
 
 private:

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/brumo/Prefetch.h"
 #include "platform/brumo/Recycled.h"
 
 namespace Kiv {
@@ -84,6 +85,15 @@ public:
         const KeyOrder<Key> wanted(key);
         const Node* node = atOrAfterInBucket(wanted);
         return node != nullptr && matches(*node, wanted) ? &node->value : nullptr;
+    }
+
+    /// Asks for the memory that holds the key, most likely, so that it is there when the key is
+    /// looked up soon; waits for nothing.
+    void prefetch(const Key& key) const {
+        if (empty())
+            return;
+        if (const Node* const first = buckets_[bucketOf(key.hash(0))].get())
+            Brumo::prefetch(*first);
     }
 
     /// True when the key was there.

@@ -31,10 +31,10 @@
 #include <vector>
 
 #include "platform/brumo/Assert.h"
+#include "platform/brumo/Prefetch.h"
 #include "platform/kiv/HashMap2018.h"
 #include "platform/kivshimo/Table.h"
 #include "platform/kivshimo/detail/MapLayout.h"
-#include "platform/kivshimo/detail/Memory.h"
 #include "platform/kivshimo/detail/SlotSet.h"
 
 namespace KivShimo {
@@ -139,13 +139,14 @@ public:
         }
     }
 
-    /// Calls `visit(position)` for each element whose value has a byte other than 0 at `offset`, as
-    /// it stands there: nothing is verified, nor is there an order. `visit` may erase the element.
+    /// Calls `visit(position)` for each element whose value is marked, which it is when it has a
+    /// byte other than 0 at `Value::markAt()`, as it stands there: nothing is verified, nor is
+    /// there an order. `visit` may erase the element. Where no value was marked since the mount,
+    /// nothing is looked at.
     template <class Visit>
-    void forEachMarked(std::size_t offset, Visit&& visit) const {
-        for (std::uint32_t slot = 0; slot < slots_; ++slot) {
-            const auto* const bytes = reinterpret_cast<const std::byte*>(slotAt(slot).value);
-            if (bytes[offset] != std::byte{0} && !free_.has(slot))
+    void forEachMarked(Visit&& visit) const {
+        for (std::uint32_t slot = 0; mayHaveMarks_ && slot < slots_; ++slot) {
+            if (isMarked(slotAt(slot).value) && !free_.has(slot))
                 visit(Position(slot));
         }
     }
@@ -157,6 +158,12 @@ public:
 private:
     using Slot = detail::MapSlot<Value>;
     static_assert(sizeof(Slot) == detail::mapSlotBytes(sizeof(Value)));
+
+    static bool isMarked(const std::uint64_t* words) {
+        if constexpr (requires { Value::markAt(); })
+            return reinterpret_cast<const std::byte*>(words)[Value::markAt()] != std::byte{0};
+        return false;
+    }
 
     struct Node {
         std::uint32_t hash = 0;
@@ -176,7 +183,14 @@ private:
     Place placeOf(const Kiv::KeyOrder<Key>& wanted) const;
     void prefetchSlot(std::uint32_t slot) const {
         if (slot != detail::Link::kNone)
-            detail::prefetch(slotAt(slot));
+            Brumo::prefetch(slotAt(slot));
+    }
+    /// Asks for the node that a slot's leads to, if there are both.
+    void prefetchNext(std::uint32_t slot) const {
+        if (slot >= slots_)
+            return;
+        const std::uint32_t next = nodes_[slot].next;
+        Brumo::prefetch(nodes_[next < slots_ ? next : slot]);
     }
     void prefetchAhead(std::size_t from, std::size_t to) const;
     bool isTaken(const Spot& spot) const {
@@ -210,6 +224,7 @@ private:
     void forgetIndex();
     bool takeUpWhole();
     bool takeUpWholeSlot(std::uint32_t slot);
+    bool takeUpWholeHeads();
     bool takeUpWholeIndex();
     void checkIndex(Table& table) const;
     void rebuild(Table& table);
@@ -237,6 +252,7 @@ private:
     detail::SlotSet usedBuckets_;
     detail::SlotSet free_;
     std::uint32_t structureSequence_ = 0;
+    bool mayHaveMarks_ = false;  ///< a value was marked when it was taken up or stored
 };
 
 }  // namespace KivShimo

@@ -133,6 +133,13 @@ TYPED_TEST(Mounting, ConfigurationAtVersionZeroKeepsAllValuesInDeletion) {
     EXPECT_EQ(log->entrys(kUnit), 1U);
 }
 
+TYPED_TEST(Mounting, ConfigurationDropsWhatWasDeletedSinceItsFileWasMounted) {
+    const auto log = this->mountedLog();
+    this->store(*log, 1, 5, true);
+    log->mountShimoConfig(kUnit, {7});
+    EXPECT_FALSE(log->configEntry(this->key(1), kUnit).has_value());
+}
+
 TYPED_TEST(Mounting, ConfigurationAtAVersionDropsWhatWasDeletedUpToIt) {
     auto log = this->mountedLog();
     this->store(*log, 1, 5, true);

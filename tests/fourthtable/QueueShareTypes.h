@@ -77,6 +77,9 @@ struct QueueShareEntry {
                                 const QueueShareResourceKeys& rsrcKeys) {
         return {log.key, rsrcKeys.counterRequestKey, log.share, log.counterIndex};
     }
+    void logEntryIs(const QueueShareLogEntry& log, const QueueShareResourceKeys& rsrcKeys) {
+        *this = from(log, rsrcKeys);
+    }
     std::string toText() const { return toLogEntry().toText(); }
 };
 

@@ -44,7 +44,9 @@ protected:
     /// Step by step: the next entry of a state.
     template <class State>
     static Entry step(const State& state) {
-        return IterStateAccessor<B>::maybeUpdateCurrentEntry(*state);
+        Entry entry;
+        IterStateAccessor<B>::maybeUpdateCurrentEntry(*state, entry);
+        return entry;
     }
     static std::vector<std::string> steps(const TraceCapture& traces) {
         return traces.texts("SwTableIter", 9);

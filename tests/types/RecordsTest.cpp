@@ -156,6 +156,9 @@ TYPED_TEST(Records, EntrySurvivesTheWayThroughItsLogEntryAndResourceKeys) {
     const auto restored = TypeParam::Entry::from(entry.toLogEntry(), entry.resourceKeys());
     EXPECT_TRUE(restored.isEq(entry));
     EXPECT_TRUE(entry.toLogEntry().key.get().isEq(entry.key));
+    auto overwritten = counted<typename TypeParam::Entry>();
+    overwritten.logEntryIs(entry.toLogEntry(), entry.resourceKeys());
+    EXPECT_TRUE(overwritten.isEq(entry));
 }
 
 TYPED_TEST(Records, PathsDifferByTableAndByUnit) {

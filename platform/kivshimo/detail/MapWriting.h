@@ -103,7 +103,7 @@ void Map<Value>::prefetch(const Key& key) const {
     const std::uint32_t first = heads_[bucketOf(key.hash(0))];
     if (first == detail::Link::kNone)
         return;
-    detail::prefetch(nodes_[first]);
+    Brumo::prefetch(nodes_[first]);
     prefetchSlot(first);
 }
 
@@ -210,7 +210,7 @@ void Map<Value>::prefetchAhead(std::size_t from, std::size_t to) const {
     for (std::size_t bucket = fetchedUpTo + 1; bucket <= end; ++bucket) {
         const std::uint32_t far = heads_[bucket];
         if (far != detail::Link::kNone)
-            detail::prefetch(nodes_[far]);
+            Brumo::prefetch(nodes_[far]);
         // Its nodes were asked for when it was as far away as that one.
         for (std::uint32_t near = heads_[bucket - (kNodesAhead - kSlotsAhead)];
              near != detail::Link::kNone; near = nodes_[near].next) {
@@ -238,6 +238,7 @@ void Map<Value>::store(std::uint32_t slot, const Summed<Value>& value) {
     Slot& place = slotAt(slot);
     const std::uint64_t checksum = detail::placedSum(value.sum, detail::slotSeed(seed_, slot));
     const std::uint64_t before = detail::loaded(place.sequence) & ~detail::kMidStore;
+    mayHaveMarks_ |= isMarked(value.words.words);
     detail::word(place.sequence).store(before | detail::kMidStore, std::memory_order_relaxed);
     // No store below is seen before the odd sequence by a reader whose fence stands after its
     // loads.
@@ -337,6 +338,7 @@ bool Map<Value>::takeUp(Table& table, std::uint32_t slot) {
             }
             const Key key = words.value().key();
             nodes_[slot] = {key.hash(0), detail::Link::kNone, key};
+            mayHaveMarks_ |= isMarked(words.words);
             return true;
         }
     }
@@ -420,37 +422,59 @@ bool Map<Value>::takeUpWholeSlot(std::uint32_t slot) {
         return false;
     const Key key = copy.value().key();
     nodes_[slot] = {key.hash(0), *next, key};
+    mayHaveMarks_ |= isMarked(place.value);
     return true;
 }
 
-/// Chains that ascend, each with hashes of its own bucket, lead to no slot twice: when they lead to
-/// as many as there are, they lead to all.
 template <class Value>
-bool Map<Value>::takeUpWholeIndex() {
+bool Map<Value>::takeUpWholeHeads() {
     using detail::Link;
-    std::uint64_t seen = 0;
     for (std::size_t bucket = 0; bucket < heads_.size(); ++bucket) {
         const auto head =
             Link::decoded(detail::loaded(headArea_[bucket]), Link::headPlace(seed_, bucket));
         if (!head)
             return false;
-        const Node* before = nullptr;
-        for (std::uint32_t at = *head; at != Link::kNone; at = nodes_[at].next) {
-            if (at >= slots_ || free_.has(at))
-                return false;
-            const Node& node = nodes_[at];
-            if (bucketOf(node.hash) != bucket ||
-                (before != nullptr && !(Kiv::KeyOrder<Key>(before->hash, before->key) <
-                                        Kiv::KeyOrder<Key>(node.hash, node.key))))
-                return false;
-            before = &node;
-            ++seen;
-        }
         heads_[bucket] = *head;
-        if (*head != Link::kNone)
-            usedBuckets_.add(bucket);
+        usedBuckets_.addNewIf(*head != Link::kNone, bucket);
     }
-    return seen == count();
+    return true;
+}
+
+/// Links that ascend, and stay among the hashes of a bucket, lead in no circle. So the chains have
+/// all values, in order, when each value is either the head of its bucket or led to by a link, and
+/// there are no other heads. That is looked at slot by slot, as they lie: along a chain, each look
+/// would wait for the one before. What differs from slot to slot is worked out, and not branched
+/// on, as half of the branches would be foreseen wrongly.
+template <class Value>
+bool Map<Value>::takeUpWholeIndex() {
+    if (!takeUpWholeHeads())
+        return false;
+    // One more, for what the last of each chain leads to.
+    std::vector<std::uint8_t> linked(slots_ + 1);
+    for (std::uint32_t slot = 0; slot < slots_; ++slot) {
+        constexpr std::uint32_t kAhead = 16;
+        prefetchNext(slot + kAhead);
+        const Node& node = nodes_[slot];
+        if (node.next + 1 > slots_)  // for none, that is 0
+            return false;
+        const bool isLast = node.next == detail::Link::kNone;
+        const Node& next = nodes_[isLast ? slot : node.next];
+        const bool ascends = isLast | (node.hash < next.hash);
+        if (!ascends && !(Kiv::KeyOrder<Key>(node.hash, node.key) <
+                          Kiv::KeyOrder<Key>(next.hash, next.key))) [[unlikely]]
+            return false;
+        if (bucketOf(node.hash) != bucketOf(next.hash)) [[unlikely]]
+            return false;
+        linked[isLast ? slots_ : node.next] = 1;
+    }
+    std::uint64_t heads = 0;
+    for (std::uint32_t slot = 0; slot < slots_; ++slot) {
+        const bool isHead = heads_[bucketOf(nodes_[slot].hash)] == slot;
+        if ((isHead != (linked[slot] != 0)) == free_.has(slot))
+            return false;
+        heads += isHead ? 1 : 0;
+    }
+    return heads == usedBuckets_.count();
 }
 
 /// What readers follow leads to every value. So it tells of slots that are empty and should not be,

@@ -71,8 +71,12 @@ Descriptor lockedManifest(const Target& target, Manifest& content) {
     return manifest;
 }
 
-/// So that no store into the mapping meets the end of memory. Throws MountError.
+/// So that no store into the mapping meets the end of memory. Throws MountError. A file without
+/// holes, as each that was used is, has its memory: to look for one takes the kernel much less than
+/// to allocate again.
 void allocate(const Descriptor& descriptor, const std::string& file, std::uint64_t bytes) {
+    if (lseek(descriptor.fd(), 0, SEEK_HOLE) >= static_cast<off_t>(bytes))
+        return;
     const int error = posix_fallocate(descriptor.fd(), 0, static_cast<off_t>(bytes));
     if (error == 0)
         return;

@@ -1,25 +1,11 @@
-// Memory that is asked for before it is used, so that nobody waits for it on the path of a change.
+// Pages that are made before they are used, so that nobody waits for them on the path of a change.
 //
-// Any thread. Both change what is waited for, and nothing else.
+// Any thread. Changes what is waited for, and nothing else.
 #pragma once
 
 #include <cstddef>
 
 namespace KivShimo::detail {
-
-/// Asks for the cache lines of an object that is about to be read or changed, as its writer's own;
-/// waits for nothing.
-template <class T>
-void prefetch(const T& object) {
-    constexpr std::size_t kLineBytes = 64;
-    const auto* const bytes = reinterpret_cast<const std::byte*>(&object);
-    for (std::size_t at = 0; at < sizeof(T); at += kLineBytes)
-        __builtin_prefetch(bytes + at, 1);
-    __builtin_prefetch(bytes + sizeof(T) - 1, 1);
-    // Without it, g++ 12 takes whatever does no more than this for a function without effect, and
-    // drops its calls.
-    asm volatile("");
-}
 
 /// Has the pages from `place` on made now: a store into one that is not there yet waits for the
 /// kernel, which takes longer than a change. For logs, which go through their file page by page;

@@ -30,6 +30,13 @@ public:
         summaries_[slot / 4096] |= std::uint64_t{1} << (slot / 64 % 64);
         ++count_;
     }
+    /// Adds the slot, which is no member yet, if it is to be one; without a branch, for slots of
+    /// which nobody can foresee it.
+    void addNewIf(bool isMember, std::size_t slot) {
+        words_[slot / 64] |= std::uint64_t{isMember} << (slot % 64);
+        summaries_[slot / 4096] |= std::uint64_t{isMember} << (slot / 64 % 64);
+        count_ += isMember ? 1 : 0;
+    }
     void remove(std::size_t slot) {
         if (!has(slot))
             return;
