@@ -13,8 +13,6 @@ namespace Agent {
 
 namespace {
 
-constexpr std::string_view kSystemName = "vorn";
-
 /// Messages that the ring trace keeps, 64 bytes each.
 constexpr std::size_t kRingSlots = 1024;
 
@@ -27,8 +25,8 @@ void startRing(const std::string& file) {
 
 }  // namespace
 
-Tables::Tables(const Options& options, const Plugin& plugin, Kiv::EventLoop& loop) {
-    const std::string system(kSystemName);
+Tables::Tables(const Options& options, const Plugin& plugin, Kiv::EventLoop& loop,
+               const std::string& system) {
     // Both: which of them is used depends on the environment.
     KivShimo::EntityManager::rootIs(system, true, options.stateDirectory);
     KivShimo::EntityManager::rootIs(system, false, options.stateDirectory);

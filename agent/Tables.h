@@ -35,8 +35,11 @@ public:
     template <class Types>
     using Family = Brumo::Ptr<VornPolicyCpu::TableFamily<Types>>;
 
-    /// `loop` outlives this object. Throws KivShimo::MountError, DuplicateWriterError among them.
-    Tables(const Options& options, const Plugin& plugin, Kiv::EventLoop& loop);
+    /// `loop` outlives this object. A process knows a system under one root, so tests that use
+    /// several roots name a system each. Throws KivShimo::MountError, DuplicateWriterError among
+    /// them.
+    Tables(const Options& options, const Plugin& plugin, Kiv::EventLoop& loop,
+           const std::string& system = "vorn");
     Tables(const Tables&) = delete;
     Tables& operator=(const Tables&) = delete;
     ~Tables();

@@ -19,7 +19,7 @@ public:
     virtual Brumo::Ptr<TableOperations<Types>> makeTable(Asic::UnitId unit, bool reset) = 0;
     /// The last version that the family's entry log has handed out; 0 when none was.
     virtual Asic::LogVersion logVersion() const = 0;
-    /// Records in the change log, and how many it takes before changes wait.
+    /// Records in the change log, and how many it is made for.
     struct LogFill {
         std::size_t records = 0;
         std::size_t capacity = 0;

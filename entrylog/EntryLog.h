@@ -73,6 +73,11 @@ public:
         return tableEntryLog_ == nullptr ? 0 : tableEntryLog_->entryLogConfigs();
     }
 
+    /// How many of them it is made for; 0 when it could not be mounted.
+    std::size_t entryLogCapacity() const {
+        return tableEntryLog_ == nullptr ? 0 : tableEntryLog_->capacity();
+    }
+
     // Changes. REQUIRES: the unit's configuration is mounted; no more than
     // KivShimo::Journal::kMostNeeded tables are needed.
 
