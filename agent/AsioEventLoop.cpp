@@ -17,8 +17,8 @@ void AsioEventLoop::run(const Hooks& hooks) {
         }
         if (!hooks.mayBlock())
             continue;
-        io_.run_one();
         turnBegins();
+        io_.run_one();
         hooks.awake();
     }
 }

@@ -3,7 +3,6 @@
 // Event thread only; one thread runs it.
 #pragma once
 
-#include <chrono>
 #include <functional>
 
 #include <asio/executor_work_guard.hpp>
@@ -33,8 +32,6 @@ public:
     void stop() { stopped_ = true; }
 
 private:
-    void turnBegins() { turnTimeIs(std::chrono::steady_clock::now().time_since_epoch()); }
-
     asio::io_context io_{1};
     asio::executor_work_guard<asio::io_context::executor_type> work_{io_.get_executor()};
     bool stopped_ = false;

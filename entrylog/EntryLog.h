@@ -74,8 +74,8 @@ public:
     }
 
     /// How many of them it is made for; 0 when it could not be mounted.
-    std::size_t entryLogCapacity() const {
-        return tableEntryLog_ == nullptr ? 0 : tableEntryLog_->capacity();
+    std::size_t entryLogConfigCapacity() const {
+        return tableEntryLog_ == nullptr ? 0 : tableEntryLog_->entryLogConfigCapacity();
     }
 
     // Changes. REQUIRES: the unit's configuration is mounted; no more than

@@ -45,7 +45,7 @@ public:
     }
     Asic::LogVersion logVersion() const override { return entryLog_->tableVersion(); }
     typename TableFamily<typename B::Types>::LogFill logFill() const override {
-        return {entryLog_->entryLogConfigs(), entryLog_->entryLogCapacity()};
+        return {entryLog_->entryLogConfigs(), entryLog_->entryLogConfigCapacity()};
     }
 
     Asic::SwTableId tableId() const { return B::kTableId; }

@@ -11,6 +11,9 @@
 
 namespace VornPolicyCpu {
 
+/// The most records that the change log holds while changes may still be committed to it.
+inline constexpr std::size_t kFullChangeLog = kEntryLogConfigCapacity - 1;
+
 template <class B>
 template <class... L>
 bool OrderedSwTableAccessor<B>::isResolverEntryResolved(Table& table, Resolver& resolverEntry,

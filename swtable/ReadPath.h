@@ -100,8 +100,7 @@ public:
     using State = SwTableIteratorState<B>;
 
     /// Moves the state to the next entry, which `entry` becomes; the default entry at the end,
-    /// where the state no longer has a valid current entry. It is written in its place: a copy of
-    /// what was just put together from parts waits until the parts are in the cache.
+    /// where the state no longer has a valid current entry. It is written in its place.
     static void maybeUpdateCurrentEntry(State& state, Entry& entry) {
         Traces<B>::iterator(8, "");
         if (state.inAddColl() && stepTransientAdd(state, entry))

@@ -165,7 +165,8 @@ public:
         transientRemoveEntry_.forEach([&](const Key& key, const WrapperPtr&) { visit(key); });
     }
 
-    /// Asks for the memory that holds what is staged for the key, most likely.
+    /// Asks for the memory of a staged write of the key and of its version, most likely; a staged
+    /// remove is rare.
     void transientPrefetch(const Key& key) const {
         transientAddEntry_.prefetch(key);
         transientVersionForKey_.prefetch(key);

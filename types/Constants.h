@@ -34,8 +34,6 @@ inline constexpr const char* kSwTableEntries = "swTableEntries";
 inline constexpr std::uint64_t kSwTableEntriesCapacity = 65536;
 inline constexpr const char* kEntryLogConfig = "entryLogConfig";
 inline constexpr std::uint64_t kEntryLogConfigCapacity = 1000000;
-/// The most records that the change log holds while changes may still be committed to it.
-inline constexpr std::size_t kFullChangeLog = kEntryLogConfigCapacity - 1;
 
 template <TableTypes Types>
 struct Constants {

@@ -141,7 +141,7 @@ public:
         return entryLogConfig_.find(version.value);
     }
     std::size_t entryLogConfigs() const { return entryLogConfig_.count(); }
-    std::size_t capacity() const { return entryLogConfig_.capacity(); }
+    std::size_t entryLogConfigCapacity() const { return entryLogConfig_.capacity(); }
     /// The lowest version at or after `version` of which there is a record; nothing is read.
     std::optional<Asic::LogVersion> entryLogConfigVersionAtOrAfter(Asic::LogVersion version) const {
         const auto found = entryLogConfig_.versionAtOrAfter(version.value);

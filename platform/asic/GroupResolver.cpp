@@ -253,6 +253,19 @@ void GroupResolver::visitWithFollowing(const Entry& first, Hold hold,
         visit({before->nextOfKey_.get(), Hold::earlierChange, before});
 }
 
+void GroupResolver::forEachFirst(const std::function<void(const ResolverEntry&)>& visit) const {
+    if (!ready_.empty())
+        visit(*ready_.front());
+    for (const auto& [entity, list] : waiting_)
+        visit(*list.entries.front());
+    for (const auto& [table, entries] : waitingForLog_)
+        visit(*entries.front());
+    for (const auto& [table, lane] : lanes_) {
+        if (lane.barrier != nullptr)
+            visit(*lane.barrier);
+    }
+}
+
 void GroupResolver::forEachQueued(const std::function<void(const QueuedChange&)>& visit) const {
     for (const Entry& entry : ready_)
         visitWithFollowing(entry, Hold::turn, visit);

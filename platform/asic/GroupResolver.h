@@ -123,7 +123,10 @@ public:
     /// Calls `visit` for each queued change, those of one key in their order. It must not change
     /// the queue.
     void forEachQueued(const std::function<void(const QueuedChange&)>& visit) const;
-    /// When the turn under way began.
+    /// The same for the first of each queue: an older change is in none but behind one of them, or
+    /// where it is asked next. Costs by the number of things that are waited for.
+    void forEachFirst(const std::function<void(const ResolverEntry&)>& visit) const;
+    /// As Kiv::EventLoop::turnTime().
     std::chrono::nanoseconds turnTime() const { return loop_.turnTime(); }
 
     /// Asked before each commit; while it says no, nothing is committed. updateGenId() asks anew.

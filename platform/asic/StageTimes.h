@@ -14,12 +14,13 @@ namespace Asic {
 class StageTimes {
 public:
     /// Bucket n holds what took less than bound(n), and not less than the bound before; the last
-    /// one holds the rest. Bounds grow by four: 1 microsecond to 67 seconds are 14.
+    /// one holds the rest. Bounds grow by four: 1.024 microseconds to 68.7 seconds are 14.
     static constexpr std::size_t kBounds = 14;
     static constexpr std::chrono::nanoseconds bound(std::size_t bucket) {
         return std::chrono::nanoseconds(std::int64_t{1024} << 2 * bucket);
     }
 
+    /// REQUIRES: `time` is not negative.
     void add(std::chrono::nanoseconds time) {
         const auto units = static_cast<std::uint64_t>(time.count()) / 1024;
         const auto bucket = (static_cast<std::size_t>(std::bit_width(units)) + 1) / 2;

@@ -140,8 +140,8 @@ public:
     /// The last version that the table's log has handed out.
     virtual LogVersion logVersion() const = 0;
 
-    /// For inspection: changes that are staged, not committed; and committed ones whose handle has
-    /// not been answered.
+    /// For inspection: keys with a staged change (also one that failed with what it depended on)
+    /// and remove-alls; and committed changes whose handle has not been answered.
     virtual std::size_t stagedCount() const { return 0; }
     virtual std::size_t inLogCount() const { return 0; }
     /// Visits the handles of committed changes that the hardware side has not acknowledged, oldest

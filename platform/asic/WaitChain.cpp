@@ -4,6 +4,19 @@
 
 namespace Asic {
 
+namespace {
+
+/// What waits for something comes before what only waits for its turn, of the same time.
+bool isBefore(const QueuedChange& a, const QueuedChange& b) {
+    const auto* const first = a.entry->changeHandle();
+    const auto* const second = b.entry->changeHandle();
+    if (first == nullptr || second == nullptr || first->stagedAt() == second->stagedAt())
+        return a.hold == Hold::blocker && b.hold == Hold::turn;
+    return first->stagedAt() < second->stagedAt();
+}
+
+}  // namespace
+
 QueueView::QueueView(const GroupResolver& resolver) {
     changes_.reserve(resolver.queued());
     resolver.forEachQueued([&](const QueuedChange& change) {
@@ -16,9 +29,7 @@ QueueView::QueueView(const GroupResolver& resolver) {
         if (change.hold == Hold::earlierChanges || change.hold == Hold::removeAll)
             return;
         const auto [oldest, isFirst] = oldestOfTable_.emplace(change.entry->orderingTable(), at);
-        const auto* const before = changes_[oldest->second].entry->changeHandle();
-        if (!isFirst && handle != nullptr && before != nullptr &&
-            handle->stagedAt() < before->stagedAt())
+        if (!isFirst && isBefore(change, changes_[oldest->second]))
             oldest->second = at;
     });
 }

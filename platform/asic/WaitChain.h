@@ -20,7 +20,7 @@ namespace Asic {
 enum class ChainEnd : std::uint8_t {
     root,   ///< the last link waits for no other change
     cycle,  ///< the last link waits for a change that is part of the chain
-    lost,   ///< the last link waits for a change that is not under way: it was dropped
+    lost,   ///< the last link waits for a change that will not end: not queued, and not committed
 };
 
 struct WaitChain {
@@ -48,7 +48,7 @@ private:
     std::vector<QueuedChange> changes_;
     std::unordered_map<const DependencyEntryHandle*, std::size_t> byHandle_;
     std::unordered_map<const ResolverEntry*, std::size_t> byEntry_;
-    /// The first change of each table, for its remove-all to wait for.
+    /// The oldest change of each table, for its remove-all to wait for.
     std::unordered_map<const OrderedSwTable*, std::size_t> oldestOfTable_;
 };
 

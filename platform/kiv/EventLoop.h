@@ -14,15 +14,21 @@ public:
     /// Runs `work` on a later turn, in the order posted. Event thread only.
     virtual void post(std::function<void()> work) = 0;
 
-    /// When the turn under way began, by a clock that never goes back: what is done in one turn is
-    /// done at one time, so that nothing on the path of a change reads a clock.
-    std::chrono::nanoseconds turnTime() const { return turnTime_; }
+    /// The time of the turn under way, by a clock that never goes back: that of the first call in
+    /// the turn. What is done in one turn is done at one time, so that a change costs no clock.
+    std::chrono::nanoseconds turnTime() const {
+        if (turnTime_ == kNotRead)
+            turnTime_ = std::chrono::steady_clock::now().time_since_epoch();
+        return turnTime_;
+    }
 
 protected:
+    void turnBegins() { turnTime_ = kNotRead; }
     void turnTimeIs(std::chrono::nanoseconds time) { turnTime_ = time; }
 
 private:
-    std::chrono::nanoseconds turnTime_{0};
+    static constexpr std::chrono::nanoseconds kNotRead{-1};
+    mutable std::chrono::nanoseconds turnTime_{0};
 };
 
 /// A loop that turns when told to: for simulations and tests.

@@ -145,6 +145,7 @@ public:
     /// nothing is looked at.
     template <class Visit>
     void forEachMarked(Visit&& visit) const {
+        static_assert(requires { Value::markAt(); });
         for (std::uint32_t slot = 0; mayHaveMarks_ && slot < slots_; ++slot) {
             if (isMarked(slotAt(slot).value) && !free_.has(slot))
                 visit(Position(slot));

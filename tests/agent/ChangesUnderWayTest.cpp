@@ -51,8 +51,8 @@ protected:
         options.units = {{1}};
         options.stateDirectory = directory_.path();
         options.capacity = capacity;
-        tables_ =
-            std::make_unique<Agent::Tables>(options, Agent::loadPlugin(VORN_PLUGIN_PATH), loop_);
+        tables_ = std::make_unique<Agent::Tables>(options, Agent::loadPlugin(VORN_PLUGIN_PATH),
+                                                  loop_, directory_.path());
     }
     auto& v4() { return *tables_->units()[0].ipv4; }
     void write(std::uint32_t rule,

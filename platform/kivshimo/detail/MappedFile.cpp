@@ -73,7 +73,7 @@ Descriptor lockedManifest(const Target& target, Manifest& content) {
 
 /// So that no store into the mapping meets the end of memory. Throws MountError. A file without
 /// holes, as each that was used is, has its memory: to look for one takes the kernel much less than
-/// to allocate again.
+/// to allocate again. State directories are on file systems that know their holes, as tmpfs does.
 void allocate(const Descriptor& descriptor, const std::string& file, std::uint64_t bytes) {
     if (lseek(descriptor.fd(), 0, SEEK_HOLE) >= static_cast<off_t>(bytes))
         return;
