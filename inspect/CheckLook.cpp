@@ -126,8 +126,7 @@ void Look::compareTable(Table table, std::uint16_t unit, const HeldEntries& held
     if (!result_.hardwareCompared)
         return;
     std::vector<Difference> found;
-    result_.onTheirWay +=
-        compareWithHardware(values, held, table, acks_.of(table).value_or(0), found);
+    compareWithHardware(values, held, table, acks_.of(table).value_or(0), found);
     std::erase_if(found, [&](const Difference& difference) {
         // Hardware keeps what it has of a value that cannot be read.
         return difference.kind == Kind::strayInHardware &&
@@ -195,6 +194,7 @@ void Look::compareLog(Table table) {
                                                    acknowledged, log.published)});
         return;
     }
+    result_.onTheirWay += log.published - acknowledged;
     std::map<EntryId, Change> last;
     std::uint64_t found = 0;
     system_.state.changes(
@@ -249,10 +249,8 @@ void Look::comparePools() {
 
 }  // namespace
 
-std::uint64_t compareWithHardware(const std::vector<Entry>& values, const HeldEntries& held,
-                                  Table table, std::uint64_t acknowledged,
-                                  std::vector<Difference>& differences) {
-    std::uint64_t onTheirWay = 0;
+void compareWithHardware(const std::vector<Entry>& values, const HeldEntries& held, Table table,
+                         std::uint64_t acknowledged, std::vector<Difference>& differences) {
     std::set<EntryId> known;
     const auto differs = [&](Kind kind, const Entry& value, std::string detail) {
         differences.push_back(of(kind, value.id, std::move(detail)));
@@ -261,9 +259,9 @@ std::uint64_t compareWithHardware(const std::vector<Entry>& values, const HeldEn
         known.insert(value.id);
         const auto found = held.find(value.id);
         const bool isHeld = found != held.end();
-        if (value.version > acknowledged) {
-            ++onTheirWay;
-        } else if (value.inDeletion) {
+        if (value.version > acknowledged)
+            continue;  // on its way
+        if (value.inDeletion) {
             if (isHeld)
                 differs(Kind::strayInHardware, value,
                         fmt::format("removed at version {}, held as version {}", value.version,
@@ -284,7 +282,6 @@ std::uint64_t compareWithHardware(const std::vector<Entry>& values, const HeldEn
             differences.push_back(
                 of(Kind::strayInHardware, id, fmt::format("held as version {}", entry.version)));
     }
-    return onTheirWay;
 }
 
 void compareIndexes(const std::vector<Entry>& actions, const std::vector<ResourceRow>& records,

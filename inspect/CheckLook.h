@@ -15,10 +15,9 @@ void compareIndexes(const std::vector<Entry>& actions, const std::vector<Resourc
                     Pool pool, std::uint64_t acknowledged, bool quiet,
                     std::vector<Difference>& differences);
 
-/// Committed values and hardware content of one table of one unit, values of which hardware has
-/// acknowledged up to a version. Returns how many changes are on their way.
-std::uint64_t compareWithHardware(const std::vector<Entry>& values, const HeldEntries& held,
-                                  Table table, std::uint64_t acknowledged,
-                                  std::vector<Difference>& differences);
+/// Committed values and hardware content of one table of one unit, which has
+/// acknowledged up to a version. What is above that is on its way, and no difference.
+void compareWithHardware(const std::vector<Entry>& values, const HeldEntries& held, Table table,
+                         std::uint64_t acknowledged, std::vector<Difference>& differences);
 
 }  // namespace Inspect

@@ -148,8 +148,10 @@ std::string underWayText(const Explanation& story) {
     std::string text =
         fmt::format("{} as version {}, not acknowledged yet: ",
                     entry.inDeletion ? "its removal is committed" : "committed", entry.version);
-    if (!story.hardwareRuns)
-        return text + "the hardware side does not run";
+    if (!story.hardwareRuns) {
+        text += "the hardware side does not run";
+        return story.before == 0 ? text : fmt::format("{}, {} before it", text, story.before);
+    }
     if (!story.needs.empty())
         return text + fmt::format("hardware needs {} first", fmt::join(story.needs, ", "));
     if (story.before != 0) {

@@ -3,6 +3,7 @@
 // One thread an object. A process that does not run is no failure until it is needed.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,6 +12,9 @@
 #include "process/ControlServer.h"
 
 namespace Inspect {
+
+/// A process that is at work answers within milliseconds; one that was stopped never does.
+constexpr std::chrono::seconds kAnswerTime{30};
 
 /// One process that may run.
 class Peer {
@@ -23,7 +27,8 @@ public:
     /// Why it cannot be asked; empty where it can.
     const std::string& reason() const { return reason_; }
 
-    /// The answer. Throws NotRunningError, also when the process ends meanwhile, and RefusedError.
+    /// The answer. Throws NotRunningError, also when the process ends meanwhile or does not answer
+    /// within kAnswerTime, and RefusedError.
     Json ask(const Json& request);
     /// Nothing where it does not run or refuses; the reason goes to `why`.
     std::optional<Json> tryAsk(const Json& request, std::string* why = nullptr);
@@ -32,7 +37,7 @@ private:
     std::string name_;
     std::string socket_;
     std::string reason_;
-    std::unique_ptr<Process::ControlClient> client_;
+    std::shared_ptr<Process::ControlClient> client_;
 };
 
 /// A state directory with who may run on it.
@@ -47,5 +52,9 @@ struct System {
     /// "agent" or "files": who says what is told.
     std::string_view source() const { return agent.runs() ? "agent" : "files"; }
 };
+
+/// The unit's key that text means: a key, or the label or name of one entry that is committed or
+/// staged. Throws QuestionError where it means none or several.
+EntryId find(System& system, Table table, std::uint16_t unit, const std::string& text);
 
 }  // namespace Inspect

@@ -350,23 +350,4 @@ std::vector<ResourceRow> State::resources(Pool pool, const Report& report) const
     return rows;
 }
 
-EntryId State::find(Table table, std::uint16_t unit, const std::string& text) const {
-    if (const auto key = keyText(table, text))
-        return {table, unit, *key};
-    std::vector<Entry> named = entries(table, unit, [](const Damage& /*shown elsewhere*/) {});
-    std::erase_if(named, [&](const Entry& entry) { return entry.name() != text; });
-    if (named.size() == 1)
-        return named.front().id;
-    if (named.empty()) {
-        throw QuestionError(
-            fmt::format("'{}' is neither a key of table {} nor the name of an entry on unit {}",
-                        text, shortName(table), unit));
-    }
-    std::string keys;
-    for (std::size_t i = 0; i < named.size() && i < 5; ++i)
-        keys += (i == 0 ? "" : ", ") + named[i].id.key;
-    throw QuestionError(fmt::format("'{}' is the name of {} entries on unit {}: {}{}", text,
-                                    named.size(), unit, keys, named.size() > 5 ? ", …" : ""));
-}
-
 }  // namespace Inspect

@@ -133,10 +133,6 @@ public:
     AnnouncementFigures announcements(const Report& report) const;
     std::vector<ResourceRow> resources(Pool pool, const Report& report) const;
 
-    /// The one unit and key that text means: a key, or the label or name of an entry, where that is
-    /// unique on the unit. Throws QuestionError.
-    EntryId find(Table table, std::uint16_t unit, const std::string& text) const;
-
 private:
     void requireReadable() const;
 

@@ -35,7 +35,8 @@ public:
     Story(const Output& out, const Explanation& story) : out_(out), story_(story) {}
 
     void print() const {
-        out_.line(out_.painted(colourOf(story_.standing), story_.verdict));
+        for (const std::string& line : wrapped(story_.verdict, roomBehind(0)))
+            out_.line(out_.painted(colourOf(story_.standing), line));
         out_.line();
         const std::string name = story_.name.empty() ? "" : " (" + story_.name + ")";
         part("entry", story_.id.toText() + name);
@@ -52,21 +53,18 @@ public:
     }
 
 private:
+    /// Width of the text behind so many columns; without end in a pipe.
+    std::size_t roomBehind(std::size_t indent) const {
+        return out_.isTerminal() && out_.width() > 2 * indent ? out_.width() - indent : SIZE_MAX;
+    }
+
     /// A name in front of its first line; long lines are wrapped below it on a terminal.
     void part(std::string_view name, const std::string& text) const {
         constexpr std::size_t kIndent = 14;
-        const std::size_t room =
-            out_.isTerminal() && out_.width() > 2 * kIndent ? out_.width() - kIndent : SIZE_MAX;
-        std::string rest = text;
-        std::string head = fmt::format("  {:<12}", name);
-        while (columnsOf(rest) > room) {
-            std::size_t at = rest.rfind(' ', room);
-            at = at == std::string::npos || at == 0 ? room : at;
-            out_.line(head + rest.substr(0, at));
-            rest.erase(0, at + 1);
-            head = std::string(kIndent, ' ');
+        for (const std::string& line : wrapped(text, roomBehind(kIndent))) {
+            out_.line(fmt::format("  {:<12}{}", name, line));
+            name = {};
         }
-        out_.line(head + rest);
     }
 
     static std::string waitsText(const Json& change) {
@@ -162,7 +160,7 @@ private:
 
 int explainEntry(Session& session, const Question& question) {
     const Inspect::Table table = tableNamed(question.table);
-    const Inspect::EntryId id = session.system().state.find(table, question.unit, question.key);
+    const Inspect::EntryId id = find(session.system(), table, question.unit, question.key);
     const Explanation story = explain(session.system(), id);
     const int code = isGood(story.standing) ? kDone : kFound;
     if (session.json) {

@@ -9,7 +9,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <numeric>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -95,6 +95,22 @@ std::string cutTo(std::string_view text, std::size_t columns) {
     return std::string(text.substr(0, bytes)) + "…";
 }
 
+std::vector<std::string> wrapped(std::string_view text, std::size_t columns) {
+    std::vector<std::string> lines;
+    std::string line;
+    while (!text.empty()) {
+        const std::size_t space = std::min(text.find(' '), text.size());
+        const std::string word = cutTo(text.substr(0, space), columns);
+        text.remove_prefix(std::min(space + 1, text.size()));
+        const bool fits = columnsOf(line) + 1 + columnsOf(word) <= columns;
+        if (!line.empty() && !fits)
+            lines.push_back(std::exchange(line, {}));
+        line += (line.empty() ? "" : " ") + word;
+    }
+    lines.push_back(line);
+    return lines;
+}
+
 std::vector<std::size_t> TextTable::naturalWidths() const {
     std::vector<std::size_t> widths;
     for (const Column& column : columns_)
@@ -140,20 +156,33 @@ std::string TextTable::fit(std::vector<std::size_t>& widths, std::size_t width) 
     return leftOut;
 }
 
-std::string TextTable::lineOf(const std::vector<Cell>& row, const std::vector<std::size_t>& widths,
-                              const Output& out) const {
-    std::string line;
-    std::string gap;
+void TextTable::printRow(const std::vector<Cell>& row, const std::vector<std::size_t>& widths,
+                         const Output& out) const {
+    std::vector<std::vector<std::string>> cells;
+    std::size_t lines = 1;
     for (std::size_t i = 0; i < row.size(); ++i) {
-        if (widths[i] == 0)
-            continue;
-        const std::string text = cutTo(row[i].text, widths[i]);
-        const std::string padding(widths[i] - columnsOf(text), ' ');
-        const bool isRight = columns_[i].kind == Column::Kind::right;
-        line += gap + (isRight ? padding : "") + out.painted(row[i].colour, text);
-        gap = std::string(kGap, ' ') + (isRight ? "" : padding);
+        cells.push_back(wrapped(row[i].text, widths[i]));
+        if (widths[i] != 0)
+            lines = std::max(lines, cells.back().size());
     }
-    return line;
+    for (std::size_t number = 0; number < lines; ++number) {
+        std::string line;
+        std::string gap;  // written only when something comes behind it
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            if (widths[i] == 0)
+                continue;
+            const std::string text = number < cells[i].size() ? cells[i][number] : std::string();
+            const std::string padding(widths[i] - columnsOf(text), ' ');
+            const bool isRight = columns_[i].kind == Column::Kind::right;
+            if (text.empty()) {
+                gap += padding + std::string(kGap, ' ');
+                continue;
+            }
+            line += gap + (isRight ? padding : "") + out.painted(row[i].colour, text);
+            gap = (isRight ? "" : padding) + std::string(kGap, ' ');
+        }
+        out.line(line);
+    }
 }
 
 void TextTable::print(const Output& out) const {
@@ -162,13 +191,13 @@ void TextTable::print(const Output& out) const {
     std::vector<Cell> head;
     for (const Column& column : columns_)
         head.emplace_back(column.name, Colour::bold);
-    out.line(lineOf(head, widths, out));
+    printRow(head, widths, out);
     for (const auto& row : rows_)
-        out.line(lineOf(row, widths, out));
+        printRow(row, widths, out);
     if (!leftOut.empty()) {
-        out.line(out.painted(Colour::dim, fmt::format("(no room for {}: use a wider terminal, a "
-                                                      "pipe or --json)",
-                                                      leftOut)));
+        out.line(out.painted(
+            Colour::dim,
+            fmt::format("(no room for {}: use a wider terminal, a pipe or --json)", leftOut)));
     }
 }
 

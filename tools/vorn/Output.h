@@ -45,8 +45,11 @@ std::size_t columnsOf(std::string_view text);
 /// Cut to that many columns, the last being "…".
 std::string cutTo(std::string_view text, std::size_t columns);
 
-/// Rows of cells in columns. What does not fit a terminal's width is cut, or left out with a note;
-/// a pipe gets everything.
+/// Lines of at most so many columns, broken between words; a longer word is cut.
+std::vector<std::string> wrapped(std::string_view text, std::size_t columns);
+
+/// Rows of cells in columns. What does not fit a terminal's width goes on in the next line, or is
+/// left out with a note; a pipe gets everything in one line a row.
 class TextTable {
 public:
     struct Column {
@@ -64,7 +67,7 @@ public:
         Colour colour = Colour::none;
     };
 
-    /// Flexible columns are cut, optional ones left out from the right, where room is short.
+    /// Flexible columns are wrapped, optional ones left out from the right, where room is short.
     explicit TextTable(std::vector<Column> columns) : columns_(std::move(columns)) {}
 
     void add(std::vector<Cell> row) { rows_.push_back(std::move(row)); }
@@ -73,8 +76,8 @@ public:
 
 private:
     std::vector<std::size_t> naturalWidths() const;
-    std::string lineOf(const std::vector<Cell>& row, const std::vector<std::size_t>& widths,
-                       const Output& out) const;
+    void printRow(const std::vector<Cell>& row, const std::vector<std::size_t>& widths,
+                  const Output& out) const;
     /// Columns left out get width 0; returns their names.
     std::string fit(std::vector<std::size_t>& widths, std::size_t width) const;
 

@@ -69,8 +69,12 @@ Json changeListJson(const std::vector<Inspect::PolicyChange>& changes) {
 Json dryRun(Session& session, const std::string& file) {
     Inspect::System& system = session.system();
     const std::string path = std::filesystem::absolute(file).string();
-    if (system.agent.runs())
+    if (system.agent.runs()) {
+        // One that knows no dry run would load the policy; those that do tell since when they run.
+        if (!system.agent.ask({{"cmd", "status"}}).contains("startTime"))
+            throw Inspect::RefusedError("the agent is too old for a dry run");
         return system.agent.ask({{"cmd", "reload"}, {"policy", path}, {"dryRun", true}});
+    }
     const Inspect::PolicyDiff diff =
         policyDiff(system.state, compiledPolicy(file), system.state.units(), session.report());
     return {{"unchanged", diff.unchanged},

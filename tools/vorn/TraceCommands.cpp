@@ -124,7 +124,7 @@ void addTraceCommands(CLI::App& app, Session& session) {
     CLI::App* const ring =
         app.add_subcommand("ring", "the last messages of an agent, also of a dead one");
     ring->require_subcommand(1)->fallthrough()->group("Tracing");
-    addCommand(*ring, session, "dump", "oldest first, times since the machine started", [&session] {
+    addCommand(*ring, session, "dump", "oldest first, times in seconds since 1970", [&session] {
         return dumpRing(session, wishes.before);
     })->add_flag("--before", wishes.before, "of the agent before");
 }

@@ -49,9 +49,10 @@ void addCommonOptions(CLI::App& app, Session& session) {
                                                     {"never", Vorn::ColourMode::never}}))
         ->option_text("WHEN");
     app.set_version_flag("--version", std::string("vorn ") + VORN_VERSION);
-    app.footer(std::string(kExamples) + Vorn::kExitCodes);
     app.require_subcommand(1);
     app.get_formatter()->column_width(28);
+    // The commands take it over as they are added; vorn's own page has another.
+    app.footer("Everywhere: --state-dir, --json, --color; see vorn --help, also for exit status.");
 }
 
 int failed(const Session& session, int code, std::string_view reason) {
@@ -90,6 +91,7 @@ void addCommands(CLI::App& app, Session& session) {
     addTraceCommands(app, session);
     addBundleCommand(app, session);
     addCompletionCommand(app, session);
+    app.footer(std::string(kExamples) + Vorn::kExitCodes);
 }
 
 int start(int argc, char** argv) {
