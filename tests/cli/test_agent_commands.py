@@ -125,10 +125,13 @@ def test_a_real_agent_tells_and_loads_the_difference(own):
 def test_a_resource_is_moved_failed_and_restored(own):
     own.start_agent().start_hardware().settle()
 
+    def rows():
+        return own.vorn.json("show-resources", "show", "resources")["resources"]
+
     def counter():
-        rows = own.vorn.json("show-resources", "show", "resources")["resources"]
-        return next(r for r in rows if r["users"] == ["ssh"] and r["state"] != "returning")
-    request, before = counter()["request"], counter()["index"]
+        return next(r for r in rows() if r["request"] == request and r["state"] != "returning")
+    request = next(r["request"] for r in rows() if r["users"] == ["ssh"])
+    before = counter()["index"]
     own.vorn.json("resource", "resource", "move", "counter", request)
     own.settle()
     assert counter()["index"] != before

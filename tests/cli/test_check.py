@@ -2,6 +2,8 @@
 
 import pytest
 
+from conftest import OTHER_POLICY, POLICY
+
 V4 = "PolicyCpuV4TcamEntry"
 LIST = {"PolicyCpuTcamAction": "actions", V4: "v4", "PolicyCpuV6TcamEntry": "v6"}
 
@@ -57,7 +59,6 @@ def test_changes_under_way_are_no_differences(own):
 
 
 def test_a_busy_system_has_no_differences(own):
-    from conftest import OTHER_POLICY, POLICY
     own.start_agent().start_hardware().settle()
     for policy in (OTHER_POLICY, POLICY, OTHER_POLICY):
         own.load(policy)

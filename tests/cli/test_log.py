@@ -1,6 +1,6 @@
 """vorn log and vorn state: what was done, and what was."""
 
-from conftest import OTHER_POLICY, POLICY
+from conftest import OTHER_POLICY, POLICY, FakePeer, wait_until
 
 V4 = "PolicyCpuV4TcamEntry"
 ACTION = "PolicyCpuTcamAction"
@@ -10,8 +10,14 @@ def changed_without_hardware(own):
     """Everything is in hardware, then changes that it does not get."""
     own.start_agent().start_hardware().settle()
     own.hardware.kill()
-    own.load(OTHER_POLICY)
+    load(own, OTHER_POLICY)
     return own
+
+
+def load(own, policy):
+    """Waits until all that needs no hardware is committed."""
+    own.load(policy)
+    wait_until(lambda: own.agent.ask("status")["queued"] == 0, "changes to be committed")
 
 
 def test_where_all_is_acknowledged_no_records_are_kept(live):
@@ -33,7 +39,7 @@ def test_records_are_decoded_with_the_entry_that_they_wrote(own):
 
 def test_removals_and_replaced_values_are_told(own):
     changed_without_hardware(own)
-    own.load(OTHER_POLICY.replace("priority: 95", "priority: 96"))
+    load(own, OTHER_POLICY.replace("priority: 95", "priority: 96"))
     changes = own.vorn.json("log", "log", "--table", "v4", "--unit", 1)["changes"]
     assert {change["operation"] for change in changes} >= {"write", "remove"}
     replaced = [change for change in changes if change["supersededBy"]]
@@ -46,10 +52,9 @@ def test_the_difference_to_what_hardware_holds_is_told(own):
     own.start_agent().start_hardware().settle()
     held = own.hardware.ask("tcam")
     own.hardware.kill()
-    own.load(POLICY.replace("priority: 90", "priority: 95"))
+    load(own, POLICY.replace("priority: 90", "priority: 95"))
     # A hardware side that has stopped to follow still tells what it holds.
     (own.state / "hwd.sock").unlink()
-    from conftest import FakePeer
     peer = FakePeer(own.state / "hwd.sock", {"tcam": lambda request: {
         "units": [unit for unit in held["units"] if unit["unit"] == request["unit"]]}})
     document = own.vorn.json("log", "log", "--table", "v4", "--unit", 1)

@@ -1,8 +1,5 @@
 // vorn: looks at the tables of an agent, alive or dead, says why an entry is or is not in hardware,
 // and asks the processes to put right what is not.
-#include <csignal>
-#include <cstdlib>
-#include <new>
 
 #include <fmt/format.h>
 
