@@ -152,6 +152,9 @@ void Look::nameRottenValues(Table table, std::uint16_t unit, const HeldEntries& 
             }
         },
         ignored);
+    State::Lookup lookup;
+    if (!reporting(ignored, [&] { lookup = system_.state.lookup(table, unit); }))
+        return;
     for (const EntryId& id : candidates) {
         reporting(
             [&](const Damage& damage) {
@@ -162,7 +165,7 @@ void Look::nameRottenValues(Table table, std::uint16_t unit, const HeldEntries& 
                 rotten_.insert(id);
                 result_.differences.push_back(of(Kind::rottenValue, id, damage.what));
             },
-            [&] { (void)system_.state.entry(id); });
+            [&] { (void)lookup(id.key); });
     }
     const auto isOfUnit = [&](const Damage& damage) {
         const std::string file = withTypes(table, [&]<class Types>() {

@@ -57,13 +57,21 @@ std::vector<std::string> changesBetween(const Json& before, const Json& after) {
 
 void tellChanges(System& system, Table table, std::uint64_t from, std::uint64_t to,
                  const std::function<void(const ToldChange&)>& visit, const Report& report) {
-    std::map<std::uint16_t, HeldEntries> held;
-    const auto heldOf = [&](const EntryId& id) -> std::optional<Held> {
-        auto unit = held.find(id.unit);
-        if (unit == held.end())
-            unit = held.emplace(id.unit, heldIfRuns(system, id.unit)).first;
-        const auto found = unit->second.find(id);
-        return found == unit->second.end() ? std::nullopt : std::optional(found->second);
+    struct Unit {
+        State::Lookup values;
+        HeldEntries held;
+    };
+    std::map<std::uint16_t, Unit> units;
+    const auto unitOf = [&](std::uint16_t number) -> const Unit& {
+        auto unit = units.find(number);
+        if (unit == units.end()) {
+            unit = units
+                       .emplace(number, Unit{[](const std::string&) { return std::nullopt; },
+                                             heldIfRuns(system, number)})
+                       .first;
+            reporting(report, [&] { unit->second.values = system.state.lookup(table, number); });
+        }
+        return unit->second;
     };
     system.state.changes(
         table, from, to,
@@ -73,15 +81,16 @@ void tellChanges(System& system, Table table, std::uint64_t from, std::uint64_t 
             if (change.operation == Change::Operation::allRemoved)
                 return visit(told);
             const EntryId id{table, change.unit, change.key};
+            const Unit& unit = unitOf(change.unit);
             std::optional<Entry> value;
-            reporting(report, [&] { value = system.state.entry(id); });
+            reporting(report, [&] { value = unit.values(change.key); });
             if (value && value->version > change.version)
                 told.supersededBy = value->version;
             if (value && value->version == change.version && !value->inDeletion)
                 told.entry = std::move(value);
-            told.before = heldOf(id);
-            if (told.before && told.before->version >= change.version)
-                told.before.reset();
+            const auto held = unit.held.find(id);
+            if (held != unit.held.end() && held->second.version < change.version)
+                told.before = held->second;
             if (told.before && told.entry)
                 told.differences = changesBetween(told.before->content, told.entry->content);
             visit(told);

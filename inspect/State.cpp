@@ -228,18 +228,21 @@ std::vector<Entry> State::entries(Table table, std::uint16_t unit, const Report&
     });
 }
 
-std::optional<Entry> State::entry(const EntryId& id) const {
-    return withTypes(id.table, [&]<class Types>() -> std::optional<Entry> {
-        const auto key = Process::keyFromText<typename Types::Key>(id.key);
-        const auto config = openConfig<Types>(group_, id.unit);
-        if (!key || !config)
-            return std::nullopt;
-        const auto value = patiently([&] { return config->find(*key); });
-        if (!value)
-            return std::nullopt;
-        Entry entry = entryOf<Types>(id.unit, *value);
-        entry.id.table = id.table;
-        return entry;
+State::Lookup State::lookup(Table table, std::uint16_t unit) const {
+    return withTypes(table, [&]<class Types>() -> Lookup {
+        const auto config =
+            std::make_shared<std::optional<Config<Types>>>(openConfig<Types>(group_, unit));
+        return [config, table, unit](const std::string& text) -> std::optional<Entry> {
+            const auto key = Process::keyFromText<typename Types::Key>(text);
+            if (!key || !*config)
+                return std::nullopt;
+            const auto value = patiently([&] { return (*config)->find(*key); });
+            if (!value)
+                return std::nullopt;
+            Entry entry = entryOf<Types>(unit, *value);
+            entry.id.table = table;
+            return entry;
+        };
     });
 }
 

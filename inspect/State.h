@@ -117,7 +117,13 @@ public:
     /// The unit's values in the order in which hardware tries them; actions by name.
     std::vector<Entry> entries(Table table, std::uint16_t unit, const Report& report) const;
     /// Nothing where there is none. Throws KivShimo errors.
-    std::optional<Entry> entry(const EntryId& id) const;
+    std::optional<Entry> entry(const EntryId& id) const {
+        return lookup(id.table, id.unit)(id.key);
+    }
+    /// The same for many keys of a unit, whose file it keeps open. Throws KivShimo errors, now and
+    /// when it is called.
+    using Lookup = std::function<std::optional<Entry>(const std::string& key)>;
+    Lookup lookup(Table table, std::uint16_t unit) const;
     /// Live values and values in deletion.
     struct Count {
         std::uint64_t live = 0;
