@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "inspect/Errors.h"
+#include "inspect/Find.h"
 #include "inspect/Readers.h"
 #include "platform/kivshimo/AnnounceLog.h"
 
@@ -29,14 +30,11 @@ void askAgent(System& system, Explanation& story) {
     story.isCycle = answer->value("cycle", false);
     if (const auto root = answer->find("root"); root != answer->end() && root->is_string())
         story.root = root->get<std::string>();
-    const auto status = system.agent.tryAsk({{"cmd", "status"}});
-    for (const Json& table : status ? status->value("tables", Json::array()) : Json::array()) {
-        if (table.value("table", std::string()) != fullName(id.table))
-            continue;
-        const Json age = table.value("unacknowledged", Json::object()).value("oldest_s", Json());
-        if (age.is_number())
-            story.oldest_s = age.get<double>();
-    }
+    story.staged = answer->value("staged", Json());
+    story.name = stagedName(*answer);
+    const Json age = answer->value("unacknowledged", Json::object()).value("oldest_s", Json());
+    if (age.is_number())
+        story.oldest_s = age.get<double>();
 }
 
 void askHardware(System& system, Explanation& story) {
@@ -92,7 +90,8 @@ void readFiles(const System& system, Explanation& story) {
     story.published = system.state.log(story.id.table, report).published;
     if (!story.committed)
         return;
-    story.name = story.committed->name();
+    if (story.name.empty())
+        story.name = story.committed->name();
     const std::uint64_t version = story.committed->version;
     const std::uint64_t from = story.acknowledged.value_or(0) + 1;
     if (version < from)
@@ -259,6 +258,7 @@ Json toJson(const Explanation& story) {
             {"standing", standingText(story.standing)},
             {"verdict", story.verdict},
             {"agentRuns", story.agentRuns},
+            {"staged", story.staged},
             {"changes", story.changes},
             {"chain", story.chain},
             {"root", orNull(story.root)},

@@ -36,6 +36,7 @@ struct Explanation {
     bool agentRuns = false;
     std::string agentSilence;         ///< why the agent did not tell; empty where it did
     Json changes = Json::array();     ///< of the key, as the agent tells them
+    Json staged;                      ///< the newest change that is not committed; null: none
     Json chain = Json::array();       ///< from the oldest of them to the root
     std::optional<std::string> root;  ///< what all wait for
     bool isCycle = false;

@@ -1,9 +1,7 @@
 // Asking agent and hardware side.
 #include "inspect/Processes.h"
 
-#include <algorithm>
 #include <future>
-#include <set>
 #include <system_error>
 #include <thread>
 
@@ -72,55 +70,5 @@ System::System(const std::string& root)
     : state(root),
       agent("the agent", root + "/agent.sock"),
       hardware("the hardware side", root + "/hwd.sock") {}
-
-namespace {
-
-/// Keys of the unit that a change of the agent is about and that may be of that name.
-std::set<std::string> stagedNamed(System& system, Table table, std::uint16_t unit,
-                                  const std::string& name) {
-    std::set<std::string> keys;
-    const auto changes =
-        system.agent.tryAsk({{"cmd", "changes"}, {"table", fullName(table)}, {"unit", unit}});
-    for (const Json& change : changes ? changes->value("changes", Json::array()) : Json::array())
-        keys.insert(change.value("key", std::string()));
-    std::erase_if(keys, [&](const std::string& key) {
-        const auto story = system.agent.tryAsk(
-            {{"cmd", "explain"}, {"table", fullName(table)}, {"unit", unit}, {"key", key}});
-        const Json told = story ? story->value("changes", Json::array()) : Json::array();
-        return std::ranges::none_of(told, [&](const Json& change) {
-            const Json entry = change.value("entry", Json());
-            return entry.is_object() && (entry.value("name", std::string()) == name ||
-                                         entry.value("label", std::string()) == name);
-        });
-    });
-    return keys;
-}
-
-}  // namespace
-
-EntryId find(System& system, Table table, std::uint16_t unit, const std::string& text) {
-    if (const auto key = keyText(table, text))
-        return {table, unit, *key};
-    std::set<std::string> keys = stagedNamed(system, table, unit, text);
-    for (const Entry& entry :
-         system.state.entries(table, unit, [](const Damage& /*shown elsewhere*/) {})) {
-        if (entry.name() == text)
-            keys.insert(entry.id.key);
-    }
-    if (keys.size() == 1)
-        return {table, unit, *keys.begin()};
-    if (keys.empty()) {
-        throw QuestionError(
-            fmt::format("'{}' is neither a key of table {} nor the name of an entry on unit {}",
-                        text, shortName(table), unit));
-    }
-    constexpr std::size_t kShown = 5;
-    const std::vector<std::string> shown(
-        keys.begin(),
-        std::next(keys.begin(), static_cast<std::ptrdiff_t>(std::min(kShown, keys.size()))));
-    throw QuestionError(fmt::format("'{}' is the name of {} entries on unit {}: {}{}", text,
-                                    keys.size(), unit, fmt::join(shown, ", "),
-                                    keys.size() > kShown ? ", …" : ""));
-}
 
 }  // namespace Inspect

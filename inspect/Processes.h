@@ -53,8 +53,4 @@ struct System {
     std::string_view source() const { return agent.runs() ? "agent" : "files"; }
 };
 
-/// The unit's key that text means: a key, or the label or name of one entry that is committed or
-/// staged. Throws QuestionError where it means none or several.
-EntryId find(System& system, Table table, std::uint16_t unit, const std::string& text);
-
 }  // namespace Inspect

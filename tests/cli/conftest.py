@@ -82,7 +82,10 @@ class Vorn:
 
 def conforms(document, schema):
     with open(SOURCE / "docs" / "schema" / (schema + ".json"), encoding="utf-8") as file:
-        jsonschema.validate(document, json.load(file))
+        validator = jsonschema.Draft202012Validator(json.load(file))
+    wrong = [f"{list(error.absolute_path)}: {error.message}"[:300]
+             for error in validator.iter_errors(document)]
+    assert wrong == []
 
 
 class System:

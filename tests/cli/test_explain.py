@@ -1,5 +1,7 @@
 """vorn explain: the verdict first, then how it came to that."""
 
+from conftest import OTHER_POLICY, wait_until
+
 V4 = "PolicyCpuV4TcamEntry"
 KEY = "0000002a.00000001"
 
@@ -91,6 +93,22 @@ def test_a_staged_change_waits_for_the_root_of_its_chain(fake, dead):
     assert story["standing"] == "waits" and len(story["chain"]) == 2
 
 
+def test_an_entry_whose_value_has_rotted_is_found_by_the_name_that_hardware_knows(fake, dead):
+    held = dead.vorn.json("show-entries", "show", "entry", "ssh", "--table", "v4",
+                          "--unit", 1)["entries"][0]["entry"]
+    file = next(dead.state.glob(f"asic/*/tableConfig/{V4}/1.table"))
+    content = bytearray(file.read_bytes())
+    content[content.index(b"ssh\0")] ^= 1
+    file.write_bytes(content)
+    fake("hwd.sock", {"entry": {"entry": held, "version": 2},
+                      "tcam": {"units": [{"unit": 1, "actions": [], "v6": [],
+                                          "v4": [{**held, "version": 2}]}]}})
+    result = dead.vorn("explain", "v4", 1, "ssh")
+    assert result.code == 1
+    assert result.lines[0].startswith("its committed value cannot be read")
+    assert "holds version 2" in result.out
+
+
 def test_a_cycle_is_named_as_such(fake, dead):
     waits = {"cause": "cycle", "text": "write v4 0000002b.00000001, which waits for it"}
     fake("agent.sock", {"explain": explanation(
@@ -101,14 +119,30 @@ def test_a_cycle_is_named_as_such(fake, dead):
 
 
 def test_a_staged_entry_is_found_by_its_label(fake, dead):
-    staged = change(KEY, {"cause": "turn", "text": "its turn"},
-                    entry={"key": KEY, "label": "fresh", "priority": 5, "action": "00000007.0",
-                           "fields": {"dport": "80"}})
+    staged = {"operation": "write", "entryVersion": "3.1", "failed": False,
+              "entry": {"key": KEY, "label": "fresh", "priority": 5, "action": "00000007.0",
+                        "fields": {"dport": "80"}}}
+    told = explanation(change(KEY, {"cause": "turn", "text": "its turn"}))
     fake("agent.sock", {"changes": {"total": 1, "changes": [change(KEY)]},
-                        "explain": explanation(staged)})
+                        "explain": {**told, "staged": staged}})
     result = dead.vorn("explain", "v4", 1, "fresh")
     assert result.lines[0] == "waits for: its turn"
     assert "fresh priority 5: dport 80" in result.out
+
+
+def test_a_real_pause_is_the_root_of_what_waits(own):
+    own.start_agent().start_hardware().settle()
+    own.hardware.ask("pause")
+    wait_until(lambda: own.agent.ask("status")["suspended"], "the pause to be known")
+    own.load(OTHER_POLICY)
+    story = own.vorn.json("explain", "explain", "v4", 1, "new", code=1)
+    assert story["standing"] == "waits" and not story["cycle"]
+    assert [c["waitsFor"]["cause"] for c in story["chain"]] == ["dependency", "pause"]
+    assert story["verdict"] == "waits for: " + story["root"]
+    assert own.vorn.json("show-handles", "show", "handles")["total"] > 0
+    own.hardware.ask("resume")
+    own.settle()
+    assert own.vorn("explain", "v4", 1, "new").code == 0
 
 
 def test_hardware_that_lacks_an_acknowledged_entry_is_missing_it(fake, dead):

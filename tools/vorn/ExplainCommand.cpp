@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include "inspect/Explain.h"
+#include "inspect/Find.h"
 #include "tools/vorn/Session.h"
 #include "tools/vorn/ShowText.h"
 
@@ -89,10 +90,13 @@ private:
             part("staged", fmt::format("{}, change {}, since {}{}", stringIn(change, "operation"),
                                        stringIn(change, "entryVersion"),
                                        ageText(change.value("age_s", 0.0)), waitsText(change)));
-            const Json entry = change.value("entry", Json());
-            if (entry.is_object())
-                part("", entryText(entry));
         }
+        const Json entry =
+            story_.staged.is_object() ? story_.staged.value("entry", Json()) : Json();
+        if (entry.is_object())
+            part("", entryText(entry));
+        if (story_.staged.is_object() && story_.staged.value("failed", false))
+            part("", "it has failed");
         if (!isAny)
             part("staged", "nothing");
     }
