@@ -77,6 +77,22 @@ def test_a_rotten_value_is_named_with_file_slot_and_key(fake, dead):
     assert "slot" in document["differences"][0]["detail"]
 
 
+def test_a_value_that_rots_beside_a_live_agent_is_mended_by_a_reload(own):
+    own.start_agent().start_hardware().settle()
+    file = config(own, V4)
+    content = file.read_bytes()
+    at = content.index(b"ssh\0")
+    with open(file, "r+b") as stored:  # in place: the agent has the file mapped
+        stored.seek(at)
+        stored.write(bytes([content[at] ^ 1]))
+    assert kinds(own.vorn.json("check", "check", "--settle", 1, code=1)) == [
+        "value does not verify"]
+    mended = own.vorn.json("check", "check", "--repair", "--yes")
+    assert [repair["mend"] for repair in mended["repairs"]] == ["reload"]
+    own.settle()
+    assert own.vorn("explain", "v4", 1, "ssh").lines[0].startswith("in hardware since")
+
+
 def test_a_rotten_value_that_nobody_knows_is_named_without_key(dead):
     flip(config(dead, V4), b"ssh\0")
     document = dead.vorn.json("check", "check", code=1)

@@ -39,7 +39,7 @@ void printResult(const Output& out, const CheckResult& result, std::size_t most)
                                 : count == 1 ? "1 difference"
                                              : fmt::format("{} differences", count);
     out.line(out.painted(count == 0 ? Colour::green : Colour::red, verdict));
-    out.line(fmt::format("compared: {} entries{}, {} change records, {} indexes; on their way: {}",
+    out.line(fmt::format("compared: {} entries{}, {} change records, {} indexes; {} on their way",
                          result.entries,
                          result.hardwareCompared ? " with hardware" : " (hardware not)",
                          result.records, result.indexes, result.onTheirWay));
