@@ -95,7 +95,7 @@ find_program(VORN_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH)
 find_program(VORN_PYTHON python3 REQUIRED)
 if(TARGET vorn AND TARGET vorn-agent AND TARGET vorn-hwd)
     add_test(NAME test_cli COMMAND ${VORN_PYTHON} -m pytest -q -p no:cacheprovider
-        --build ${CMAKE_BINARY_DIR} --junit-xml=${VORN_REPORTS}/test_cli.xml
+        --build=${CMAKE_BINARY_DIR} --junit-xml=${VORN_REPORTS}/test_cli.xml
         ${CMAKE_SOURCE_DIR}/tests/cli)
     set_tests_properties(test_cli PROPERTIES
         TIMEOUT ${VORN_TEST_TIMEOUT_S} ENVIRONMENT "${VORN_TEST_ENVIRONMENT}")
