@@ -210,7 +210,7 @@ std::vector<std::uint16_t> State::units() const {
         all.insert(all.end(), some.begin(), some.end());
     }
     std::ranges::sort(all);
-    all.erase(std::ranges::unique(all).begin(), all.end());
+    all.erase(std::unique(all.begin(), all.end()), all.end());
     return all;
 }
 

@@ -203,7 +203,7 @@ int completeWords(const CLI::App& app, const std::vector<std::string>& words) {
             candidates = namesOfTables();
     }
     std::ranges::sort(candidates);
-    candidates.erase(std::ranges::unique(candidates).begin(), candidates.end());
+    candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
     for (const std::string& candidate : candidates) {
         if (candidate.starts_with(current))
             fmt::print("{}\n", candidate);
