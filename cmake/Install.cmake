@@ -28,6 +28,17 @@ get_property(programs GLOBAL PROPERTY VORN_PROGRAMS)
 list(FILTER programs EXCLUDE REGEX "^vorn-example-")
 install(TARGETS ${programs})
 
+# The manual page, and what completes the command line.
+install(FILES docs/man/vorn.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+set(completion_dir ${CMAKE_BINARY_DIR}/completion)
+add_custom_command(TARGET vorn POST_BUILD
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${completion_dir}
+    COMMAND vorn completion bash > ${completion_dir}/vorn
+    COMMAND vorn completion zsh > ${completion_dir}/_vorn)
+install(FILES ${completion_dir}/vorn
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+install(FILES ${completion_dir}/_vorn DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+
 configure_package_config_file(cmake/VornPolicyCpuConfig.cmake.in
     ${CMAKE_BINARY_DIR}/VornPolicyCpuConfig.cmake INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/VornPolicyCpuConfigVersion.cmake

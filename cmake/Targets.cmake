@@ -63,13 +63,18 @@ function(vorn_program name sources)
     set_property(GLOBAL APPEND PROPERTY VORN_PROGRAMS ${name})
 endfunction()
 
-# Each sub-folder with a main.cpp is a program: <prefix><folder>.
+# Each sub-folder with a main.cpp is a program: <prefix><folder>, or <folder> where the prefix is
+# made of it.
 function(vorn_programs_below folder prefix)
     file(GLOB mains CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${folder}/*/main.cpp)
     foreach(main ${mains})
         get_filename_component(path ${main} DIRECTORY)
         get_filename_component(name ${path} NAME)
         file(GLOB sources CONFIGURE_DEPENDS ${path}/*.cpp)
-        vorn_program(${prefix}${name} "${sources}" ${ARGN})
+        if("${name}-" STREQUAL "${prefix}")
+            vorn_program(${name} "${sources}" ${ARGN})
+        else()
+            vorn_program(${prefix}${name} "${sources}" ${ARGN})
+        endif()
     endforeach()
 endfunction()

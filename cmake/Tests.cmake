@@ -1,5 +1,5 @@
 # Each folder below tests/ with sources is one program, one ctest test and one
-# report: tests/a/b is test_a_b and writes test-reports/test_a_b.xml.
+# report: tests/a/b is test_a_b and writes test-reports/test_a_b.xml. tests/cli is Python.
 
 find_package(GTest REQUIRED)
 find_package(rapidcheck REQUIRED)
@@ -27,7 +27,7 @@ target_precompile_headers(vorn_test_pch PRIVATE
     <algorithm> <array> <chrono> <cstdint> <filesystem> <fstream> <functional> <map> <memory>
     <optional> <set> <sstream> <string> <tuple> <utility> <vector>)
 
-set(vorn_test_libraries VornPlatform VornPolicyCpu vorn_agent vorn_hwside)
+set(vorn_test_libraries VornPlatform VornPolicyCpu vorn_agent vorn_inspect vorn_hwside)
 
 file(GLOB support_sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/support/*.cpp)
 add_library(vorn_test_support STATIC ${support_sources})
@@ -87,6 +87,18 @@ if(TARGET vorn-agent AND TARGET vorn-hwd)
         --build ${CMAKE_BINARY_DIR} --seed 1)
     set_tests_properties(real_kills PROPERTIES TIMEOUT 3600
         ENVIRONMENT "${VORN_TEST_ENVIRONMENT}")
+endif()
+
+# The command line on real processes, and on what they leave.
+# The system's packages are seen by the system's interpreter, which need not be the first in PATH.
+find_program(VORN_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH)
+find_program(VORN_PYTHON python3 REQUIRED)
+if(TARGET vorn AND TARGET vorn-agent AND TARGET vorn-hwd)
+    add_test(NAME test_cli COMMAND ${VORN_PYTHON} -m pytest -q -p no:cacheprovider
+        --build=${CMAKE_BINARY_DIR} --junit-xml=${VORN_REPORTS}/test_cli.xml
+        ${CMAKE_SOURCE_DIR}/tests/cli)
+    set_tests_properties(test_cli PROPERTIES
+        TIMEOUT ${VORN_TEST_TIMEOUT_S} ENVIRONMENT "${VORN_TEST_ENVIRONMENT}")
 endif()
 
 # A user's program against an installed tree, by CMake package and by pkg-config.

@@ -1,0 +1,207 @@
+"""Commands that ask processes for something, and those that put all together."""
+
+import json
+import tarfile
+
+import pytest
+
+from conftest import OTHER_POLICY, POLICY, conforms, wait_until
+
+WITHOUT_AGENT = [["metrics"], ["trace", "show"], ["trace", "set", "x"], ["trace", "tail"],
+                 ["resource", "move", "counter", "1/1"]]
+
+
+@pytest.mark.parametrize("words", WITHOUT_AGENT)
+def test_without_an_agent_they_end_with_four(left, words):
+    assert left.vorn(*words).code == 4
+
+
+def test_metrics_are_printed_as_they_come(fake, dead):
+    peer = fake("agent.sock", {"metrics": lambda r: {"text": f"# {r['format']}\n"}})
+    assert dead.vorn("metrics").out == "# openmetrics\n"
+    assert dead.vorn("metrics", "--prometheus").out == "# prometheus\n"
+    assert dead.vorn.json("metrics", "metrics")["format"] == "openmetrics"
+    assert len(peer.asked) == 3
+
+
+def test_a_trace_filter_is_set_and_shown(fake, dead):
+    peer = fake("agent.sock", {"traceFilter": lambda r: {"filter": r.get("filter", "Group*/1"),
+                                                         "handles": ["GroupResolver"]}})
+    assert dead.vorn("trace", "set", "Policy*/1-3").lines == ["filter: Policy*/1-3"]
+    assert "GroupResolver" in dead.vorn("trace", "show").out
+    dead.vorn.json("trace-filter", "trace", "show")
+    assert peer.asked[0] == {"cmd": "traceFilter", "filter": "Policy*/1-3"}
+
+
+def test_traces_are_shown_up_to_a_count(fake, dead):
+    lines = [{"number": n, "time": 1000.5 + n, "level": 1, "handle": "Group", "text": f"step {n}"}
+             for n in range(1, 6)]
+    fake("agent.sock", {"traces": {"last": 5, "lost": 0, "lines": lines}})
+    shown = dead.vorn("trace", "tail", "--count", 2).lines
+    assert [line.split("Group ")[1] for line in shown] == ["step 4", "step 5"]
+    for line in dead.vorn("trace", "tail", "--json").lines:
+        conforms(json.loads(line), "trace-line")
+
+
+def test_the_ring_of_a_dead_agent_is_read(dead):
+    result = dead.vorn("ring", "dump")
+    assert result.code == 0 and result.lines
+    assert dead.vorn.json("ring-dump", "ring", "dump")["lines"] == result.lines
+
+
+def test_a_ring_that_is_not_there_is_said(dead):
+    result = dead.vorn("ring", "dump", "--before")
+    assert result.code == 3
+    assert "agent.ring.before" in result.err
+
+
+def test_a_policy_is_checked_by_the_agents_program(dead, tmp_path):
+    good = dead.vorn.json("policy-check", "policy", "check", dead.policy)
+    assert (good["actions"], good["ipv4"], good["ipv6"]) == (3, 4, 2)
+    bad = tmp_path / "bad.yaml"
+    bad.write_text("actions:\n  - {nix: 1}\n", encoding="utf-8")
+    result = dead.vorn("policy", "check", bad)
+    assert result.code == 5
+    assert "bad.yaml" in result.err
+    assert dead.vorn("policy", "check", tmp_path / "missing.yaml").code == 2
+
+
+def test_a_policy_is_compared_with_the_files_of_a_dead_agent(dead):
+    same = dead.vorn.json("policy-diff", "policy", "diff", dead.policy)
+    assert (same["source"], same["unchanged"], same["total"]) == ("files", 18, 0)
+    dead.policy.write_text(OTHER_POLICY, encoding="utf-8")
+    other = dead.vorn.json("policy-diff", "policy", "diff", dead.policy, code=1)
+    assert {(c["name"], c["isNew"]) for c in other["write"]} == {("ssh", False), ("new", True)}
+    assert {c["name"] for c in other["remove"]} == {"rest"}
+    text = dead.vorn("policy", "diff", dead.policy)
+    assert text.code == 1
+    assert text.lines[0] == "6 to write, 4 to remove, 12 unchanged"
+    assert any(line.startswith("~ v4 unit 1") for line in text.lines)
+
+
+def test_an_agent_without_dry_runs_is_not_asked_for_one(fake, dead):
+    peer = fake("agent.sock", {"status": {"pid": 1, "tables": []}, "reload": {}})
+    assert dead.vorn("policy", "diff", dead.policy).code == 5
+    assert [request["cmd"] for request in peer.asked] == ["status"]
+
+
+def policy_agent(fake):
+    diff = {"unchanged": 17, "total": 1, "remove": [],
+            "write": [{"table": "PolicyCpuV4TcamEntry", "unit": 1, "key": "0000002a.00000001",
+                       "name": "ssh", "isNew": False}]}
+    load = {"written": 1, "removed": 0, "unchanged": 17, "inProgress": 1}
+    return fake("agent.sock", {
+        "status": {"pid": 1, "tables": [], "startTime": 1.0},
+        "reload": lambda r: diff if r.get("dryRun") else {"load": load}})
+
+
+def test_a_policy_is_applied_only_when_that_is_wanted(fake, dead):
+    peer = policy_agent(fake)
+    refused = dead.vorn("policy", "apply", dead.policy)
+    assert refused.code == 1 and "nothing was changed" in refused.out
+    assert all(r.get("dryRun") for r in peer.asked if r["cmd"] == "reload")
+    done = dead.vorn("policy", "apply", dead.policy, "--yes")
+    assert done.code == 0 and "1 to write" in done.lines[0]
+    assert peer.asked[-1] == {"cmd": "reload", "policy": str(dead.policy)}
+    dead.vorn.json("policy-apply", "policy", "apply", dead.policy, "--yes")
+
+
+def test_a_policy_cannot_be_applied_without_an_agent(dead):
+    assert dead.vorn("policy", "apply", dead.policy, "--yes").code == 4
+
+
+def test_a_real_agent_tells_and_loads_the_difference(own):
+    own.start_agent().start_hardware().settle()
+    other = own.directory / "other.yaml"
+    other.write_text(OTHER_POLICY, encoding="utf-8")
+    told = own.vorn.json("policy-diff", "policy", "diff", other, code=1)
+    assert told["source"] == "agent"
+    assert (told["unchanged"], len(told["write"]), len(told["remove"])) == (12, 6, 4)
+    own.vorn.json("policy-apply", "policy", "apply", other, "--yes")
+    own.settle()
+    assert own.vorn.json("policy-diff", "policy", "diff", other)["total"] == 0
+
+
+def test_a_resource_is_moved_failed_and_restored(own):
+    own.start_agent().start_hardware().settle()
+
+    def rows():
+        return own.vorn.json("show-resources", "show", "resources")["resources"]
+
+    def counter():
+        return next(r for r in rows() if r["request"] == request and r["state"] != "returning")
+    request = next(r["request"] for r in rows() if r["users"] == ["ssh"])
+    before = counter()["index"]
+    own.vorn.json("resource", "resource", "move", "counter", request)
+    own.settle()
+    assert counter()["index"] != before
+    assert own.vorn("resource", "fail", "counter", request).code == 0
+    wait_until(lambda: counter()["state"] == "failed", "the failure to be known")
+    assert own.vorn("resource", "restore", "counter", request).code == 0
+    assert own.vorn("resource", "move", "counter", "ffffffff/9").code == 5
+    assert own.vorn("resource", "move", "nix", request).code == 2
+
+
+def test_real_traces_and_metrics_are_of_the_schema(own):
+    own.start_agent()
+    own.vorn.json("trace-filter", "trace", "set", "*/1-3")
+    own.vorn.json("trace-filter", "trace", "show")
+    own.load(POLICY.replace("priority: 90", "priority: 95"))
+    result = own.vorn("trace", "tail", "--json")
+    assert result.code == 0 and result.lines
+    for line in result.lines:
+        conforms(json.loads(line), "trace-line")
+    assert own.vorn.json("metrics", "metrics")["text"].rstrip().endswith("# EOF")
+
+
+def test_watch_prints_a_block_a_look(live, left):
+    looks = live.vorn("watch", "--count", 2, "--interval", 0.05, "--json").lines
+    assert len(looks) == 2
+    for look in looks:
+        conforms(json.loads(look), "watch")
+    text = live.vorn("watch", "--count", 1, "--interval", 0.05).out
+    assert "\x1b" not in text and "COMMITS/s" in text
+    dead = left.vorn("watch", "--count", 1, "--interval", 0.05)
+    assert dead.code == 0 and "the agent does not run" in dead.out
+    assert live.vorn("watch", "--interval", 0).code == 2
+
+
+@pytest.mark.parametrize("kind", ["live", "left"])
+def test_a_bundle_holds_what_could_be_had_and_lists_the_rest(request, kind, tmp_path):
+    system = request.getfixturevalue(kind)
+    file = tmp_path / "bundle.tar.gz"
+    document = system.vorn.json("support-bundle", "support-bundle", "-o", file)
+    had = {part["file"] for part in document["parts"] if part["had"]}
+    missing = {part["file"]: part["reason"] for part in document["parts"] if not part["had"]}
+    with tarfile.open(file) as tar:
+        names = {name.split("/", 1)[1] for name in tar.getnames() if "/" in name}
+        index = json.load(tar.extractfile("vorn-support/index.json"))
+    assert names == had | {"index.json"}
+    assert {"entries.json", "entries.txt", "check.json", "ring.txt", "agent.ring"} <= had
+    assert {program["program"] for program in index["programs"]} >= {"vorn", "vorn-agent"}
+    assert "agent.ring.before" in missing
+    if kind == "left":
+        assert "the agent does not run" in missing["stats.json"]
+
+
+def complete(system, *words):
+    return system.vorn("__complete", *words).lines
+
+
+def test_completion_knows_commands_tables_units_and_keys(left):
+    assert "explain" in complete(left, "ex") and "__complete" not in complete(left, "")
+    assert complete(left, "explain", "") == ["action", "v4", "v6"]
+    assert complete(left, "explain", "v4", "") == ["1", "2"]
+    assert "ssh" in complete(left, "explain", "action", "1", "s")
+    assert complete(left, "show", "en") == ["entries", "entry"]
+    assert complete(left, "show", "entries", "--ta") == ["--table"]
+    assert complete(left, "show", "entries", "--table", "v") == ["v4", "v6"]
+    assert complete(left, "resource", "move", "") == ["counter", "policer"]
+    assert all("/" in key for key in complete(left, "resource", "move", "counter", ""))
+    assert complete(left, "--state-dir", "/nowhere", "explain", "") == ["action", "v4", "v6"]
+
+
+@pytest.mark.parametrize("shell, word", [("bash", "complete -o default"), ("zsh", "#compdef")])
+def test_completion_scripts_are_printed(left, shell, word):
+    assert word in left.vorn("completion", shell).out
+    assert left.vorn("completion", "fish").code == 2

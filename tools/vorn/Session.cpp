@@ -1,0 +1,131 @@
+// The state directory, its source, and the options that commands share.
+#include "tools/vorn/Session.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <iostream>
+
+#include <fmt/format.h>
+
+#include "inspect/Errors.h"
+
+namespace Vorn {
+
+const Output& Session::out() {
+    if (!out_)
+        out_.emplace(colour);
+    return *out_;
+}
+
+const std::string& Session::requiredDirectory() const {
+    if (stateDirectory.empty())
+        throw Inspect::QuestionError("which state directory? Give --state-dir or VORN_STATE_DIR");
+    return stateDirectory;
+}
+
+Inspect::System& Session::system() {
+    if (system_)
+        return *system_;
+    system_ = std::make_unique<Inspect::System>(requiredDirectory());
+    if (json)
+        return *system_;
+    out().note(out().painted(
+        Colour::dim, system_->agent.runs() ? fmt::format("source: agent, at {}", stateDirectory)
+                                           : fmt::format("source: files, at {}; {}", stateDirectory,
+                                                         system_->agent.reason())));
+    return *system_;
+}
+
+Json Session::damagesJson() const {
+    Json list = Json::array();
+    for (const Inspect::Damage& damage : damages_)
+        list.push_back({{"kind", kindText(damage.kind)}, {"what", damage.what}});
+    return list;
+}
+
+int Session::ended(int code) {
+    if (!json) {
+        for (const Inspect::Damage& damage : damages_) {
+            out().line(out().painted(Colour::red,
+                                     fmt::format("{}: {}", kindText(damage.kind), damage.what)));
+        }
+    }
+    return code == kDone && !damages_.empty() ? kFound : code;
+}
+
+int Session::printed(Json document, int code) {
+    Json whole{{"source", source()}};
+    whole.update(document);
+    whole["damages"] = damagesJson();
+    out().json(whole);
+    return ended(code);
+}
+
+Inspect::Table tableNamed(const std::string& name) {
+    const auto table = Inspect::tableFromText(name);
+    if (!table) {
+        throw Inspect::QuestionError(
+            fmt::format("'{}' is no table; tables are action, v4 and v6", name));
+    }
+    return *table;
+}
+
+Inspect::Filter Session::wanted() {
+    if (!tableName.empty())
+        filter.table = tableNamed(tableName);
+    filter.unit = unit;
+    filter.matches.clear();
+    for (const std::string& text : matchTexts)
+        filter.matches.emplace_back(text);
+    if (!filter.action.empty())
+        filter = withActionKey(filter, system().state);
+    return filter;
+}
+
+void addPlaceOptions(CLI::App& app, Session& session) {
+    app.add_option("--table", session.tableName, "only this table: action, v4 or v6");
+    app.add_option("--unit", session.unit, "only this chip unit");
+}
+
+void addFilterOptions(CLI::App& app, Session& session) {
+    addPlaceOptions(app, session);
+    app.add_option("--action", session.filter.action,
+                   "match entries with this action, key or name");
+    app.add_option("--match", session.matchTexts,
+                   "entries that name a field with a value that overlaps: dport=179, "
+                   "src=192.0.2.0/24, label=bgp*; may be repeated")
+        ->allow_extra_args(false);
+}
+
+CLI::App* addCommand(CLI::App& parent, Session& session, const std::string& name,
+                     const std::string& help, std::function<int()> run) {
+    CLI::App* const command = parent.add_subcommand(name, help);
+    command->fallthrough();
+    command->callback([&session, run = std::move(run)] { session.command = run; });
+    return command;
+}
+
+std::string ageText(double seconds) {
+    constexpr double kMinute_s = 60;
+    constexpr double kHour_s = 3600;
+    if (seconds < 10)
+        return fmt::format("{:.1f} s", seconds);
+    if (seconds < 2 * kMinute_s)
+        return fmt::format("{:.0f} s", seconds);
+    return seconds < 2 * kHour_s ? fmt::format("{:.0f} min", seconds / kMinute_s)
+                                 : fmt::format("{:.1f} h", seconds / kHour_s);
+}
+
+bool isConfirmed(const Output& out, const std::string& question) {
+    if (isatty(STDIN_FILENO) != 1) {
+        out.note("vorn: nobody to ask here: give --yes to go on");
+        return false;
+    }
+    fmt::print(stderr, "{} [y/N] ", question);
+    std::string answer;
+    std::getline(std::cin, answer);
+    return answer == "y" || answer == "Y" || answer == "yes";
+}
+
+}  // namespace Vorn

@@ -1,0 +1,122 @@
+// Changes that are not finished, counters and alarms, as the agent tells them.
+#include "tools/vorn/ShowAgent.h"
+
+#include <fmt/format.h>
+
+#include "tools/vorn/ShowText.h"
+
+namespace Vorn {
+
+namespace {
+
+/// Why a change is not finished: what it waits for, or where it is.
+std::string waitText(const Json& change) {
+    const Json waits = change.value("waitsFor", Json());
+    if (waits.is_object())
+        return stringIn(waits, "text");
+    return stringIn(change, "state") == "inLog" ? "hardware" : "its turn";
+}
+
+std::string ageIn(const Json& object, const std::string& name) {
+    const auto age = object.find(name);
+    return age != object.end() && age->is_number() ? ageText(age->get<double>()) : "-";
+}
+
+}  // namespace
+
+int showHandles(Session& session) {
+    const Inspect::Filter filter = session.wanted();
+    Json request{{"cmd", "changes"}};
+    if (filter.table)
+        request["table"] = fullName(*filter.table);
+    if (filter.unit)
+        request["unit"] = *filter.unit;
+    const Json answer = session.askAgent(request);
+    if (session.json) {
+        return session.printed({{"total", answer.value("total", 0)},
+                                {"changes", answer.value("changes", Json::array())}});
+    }
+    const Json changes = answer.value("changes", Json::array());
+    using Column = TextTable::Column::Kind;
+    TextTable text({{"AGE", Column::right},
+                    {"STATE"},
+                    {"CHANGE"},
+                    {"VERSION", Column::optional},
+                    {"WAITS FOR", Column::flexible}});
+    for (const Json& change : changes) {
+        text.add({ageIn(change, "age_s"), stringIn(change, "state"), changeText(change),
+                  numberText(change, "logVersion"), waitText(change)});
+    }
+    session.out().line(fmt::format("{} not finished", numberText(answer, "total")));
+    if (!text.empty())
+        text.print(session.out());
+    if (answer.value("total", std::size_t{0}) > changes.size())
+        session.out().line(fmt::format("… the oldest {} are shown", changes.size()));
+    return session.ended();
+}
+
+int showStats(Session& session) {
+    const Json status = session.askAgent({{"cmd", "status"}});
+    if (session.json)
+        return session.printed({{"status", status}});
+    using Column = TextTable::Column::Kind;
+    TextTable text({{"TABLE"},
+                    {"UNIT", Column::right},
+                    {"ENTRIES", Column::right},
+                    {"WRITES", Column::right},
+                    {"REMOVES", Column::right},
+                    {"COMMITS", Column::right},
+                    {"SAME", Column::right},
+                    {"UPDATES", Column::right},
+                    {"UNRESOLVED", Column::right}});
+    for (const Json& table : status.at("tables")) {
+        for (const Json& unit : table.at("units")) {
+            const Json stats = unit.value("stats", Json::object());
+            text.add({std::string(shortName(*Inspect::tableFromText(stringIn(table, "table")))),
+                      numberText(unit, "unit"), numberText(unit, "entries"),
+                      numberText(stats, "entryWrite"), numberText(stats, "entryRemove"),
+                      numberText(stats, "commit"), numberText(stats, "suppressedWrite"),
+                      numberText(stats, "update"), numberText(stats, "resolveFail")});
+        }
+    }
+    text.print(session.out());
+    const Json load = status.value("load", Json::object());
+    session.out().line();
+    session.out().line(fmt::format(
+        "queued {}, announcements waiting {}, corruptions {}", numberText(status, "queued"),
+        numberText(status, "announcementsWaiting"), numberText(status, "corruptions")));
+    session.out().line(fmt::format("load {} of {}: {} written, {} removed, {} unchanged, {} failed",
+                                   numberText(load, "number"), stringIn(load, "policy"),
+                                   numberText(load, "written"), numberText(load, "removed"),
+                                   numberText(load, "unchanged"), numberText(load, "failed")));
+    return session.ended();
+}
+
+int showAlarms(Session& session) {
+    const Json alarms = session.askAgent({{"cmd", "alarms"}}).value("alarms", Json::array());
+    bool isAnyRaised = false;
+    using Column = TextTable::Column::Kind;
+    TextTable text({{"ALARM"},
+                    {"OF"},
+                    {"STATE"},
+                    {"VALUE", Column::right},
+                    {"LIMIT", Column::right},
+                    {"SAYS", Column::flexible}});
+    for (const Json& alarm : alarms) {
+        const bool isRaised = alarm.value("raised", false);
+        isAnyRaised = isAnyRaised || isRaised;
+        text.add({stringIn(alarm, "name"), stringIn(alarm, "subject"),
+                  isRaised ? TextTable::Cell("raised", Colour::red) : TextTable::Cell("clear"),
+                  numberText(alarm, "value"), numberText(alarm, "limit"), stringIn(alarm, "text")});
+    }
+    const int code = isAnyRaised ? kFound : kDone;
+    if (session.json)
+        return session.printed({{"alarms", alarms}}, code);
+    if (!text.empty())
+        text.print(session.out());
+    else
+        session.out().line("no alarms are watched");
+    return session.ended(code);
+}
+
+}  // namespace Vorn

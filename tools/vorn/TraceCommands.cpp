@@ -1,0 +1,132 @@
+// vorn trace and vorn ring: what the agent says it does, and what a dead one said last.
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include "inspect/Errors.h"
+#include "platform/ringtrace/Ring.h"
+#include "tools/vorn/Session.h"
+#include "tools/vorn/ShowText.h"
+
+namespace Vorn {
+
+namespace {
+
+constexpr std::chrono::milliseconds kFollowPause{200};
+
+struct TraceWishes {
+    std::string filter;
+    bool follow = false;
+    std::size_t count = 100;
+    bool before = false;
+};
+
+int showFilter(Session& session, const std::optional<std::string>& wanted) {
+    Json request{{"cmd", "traceFilter"}};
+    if (wanted)
+        request["filter"] = *wanted;
+    const Json answer = session.askAgent(request);
+    if (session.json) {
+        return session.printed({{"filter", answer.value("filter", Json())},
+                                {"handles", answer.value("handles", Json::array())}});
+    }
+    const std::string filter = stringIn(answer, "filter");
+    session.out().line("filter: " + (filter.empty() ? "none" : filter));
+    if (!wanted) {
+        session.out().line("handles:");
+        for (const Json& handle : answer.value("handles", Json::array()))
+            session.out().line("  " +
+                               (handle.is_string() ? handle.get<std::string>() : handle.dump()));
+    }
+    return kDone;
+}
+
+std::string timeText(const Json& line) {
+    const auto time = line.find("time");
+    if (time == line.end() || !time->is_number())
+        return time == line.end() ? std::string() : time->dump();
+    const double seconds = time->get<double>();
+    const auto whole = static_cast<std::time_t>(seconds);
+    return fmt::format("{:%H:%M:%S}.{:06}", fmt::gmtime(whole),
+                       static_cast<long>((seconds - static_cast<double>(whole)) * 1e6));
+}
+
+void printTrace(Session& session, const Json& line) {
+    if (session.json) {
+        session.out().raw(line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
+        return;
+    }
+    session.out().line(fmt::format("{} {} {} {}", timeText(line), numberText(line, "level"),
+                                   stringIn(line, "handle"), stringIn(line, "text")));
+}
+
+/// JSON comes as a line for each message here: following has no end.
+int tailTraces(Session& session, const TraceWishes& wishes) {
+    std::uint64_t after = 0;
+    bool isFirst = true;
+    do {
+        if (!isFirst)
+            std::this_thread::sleep_for(kFollowPause);
+        const Json answer = session.askAgent({{"cmd", "traces"}, {"after", after}});
+        const Json lines = answer.value("lines", Json::array());
+        const std::size_t from =
+            isFirst && lines.size() > wishes.count ? lines.size() - wishes.count : 0;
+        if (!isFirst && answer.value("lost", 0) != 0)
+            session.out().note(fmt::format("({} lines lost)", answer.value("lost", 0)));
+        for (std::size_t i = from; i < lines.size(); ++i)
+            printTrace(session, lines[i]);
+        std::fflush(stdout);
+        after = answer.value("last", after);
+        isFirst = false;
+    } while (wishes.follow);
+    return kDone;
+}
+
+int dumpRing(Session& session, bool before) {
+    const std::string file =
+        session.requiredDirectory() + (before ? "/agent.ring.before" : "/agent.ring");
+    std::error_code missing;
+    if (!std::filesystem::exists(file, missing)) {
+        throw Inspect::StateDirectoryError(
+            fmt::format("{}: no agent has left a ring trace here", file));
+    }
+    const std::vector<std::string> lines = RingTrace::Ring::dump(file);
+    if (session.json) {
+        session.out().json({{"source", "files"}, {"file", file}, {"lines", lines}});
+        return kDone;
+    }
+    for (const std::string& line : lines)
+        session.out().line(line);
+    return kDone;
+}
+
+}  // namespace
+
+void addTraceCommands(CLI::App& app, Session& session) {
+    static TraceWishes wishes;
+    CLI::App* const trace =
+        app.add_subcommand("trace", "what the agent says it does, step by step");
+    trace->require_subcommand(1)->fallthrough()->group("Tracing");
+    CLI::App* const set = addCommand(*trace, session, "set", "which traces the agent makes",
+                                     [&session] { return showFilter(session, wishes.filter); });
+    set->add_option("FILTER", wishes.filter, "such as 'Group*/1-3,Policy*/1'; '' for none")
+        ->required();
+    addCommand(*trace, session, "show", "the filter, and what can be traced",
+               [&session] { return showFilter(session, std::nullopt); });
+    CLI::App* const tail =
+        addCommand(*trace, session, "tail", "the last traces; with --json, a document a line",
+                   [&session] { return tailTraces(session, wishes); });
+    tail->add_flag("--follow,-f", wishes.follow, "go on until interrupted");
+    tail->add_option("--count,-n", wishes.count, "lines at most to begin with (100)");
+    CLI::App* const ring =
+        app.add_subcommand("ring", "the last messages of an agent, also of a dead one");
+    ring->require_subcommand(1)->fallthrough()->group("Tracing");
+    addCommand(*ring, session, "dump", "oldest first, times in seconds since 1970", [&session] {
+        return dumpRing(session, wishes.before);
+    })->add_flag("--before", wishes.before, "of the agent before");
+}
+
+}  // namespace Vorn
