@@ -8,14 +8,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
-#include <map>
 #include <system_error>
 
 #include <fmt/format.h>
 
 #include "agent/ControlCommands.h"
-#include "agent/PolicyDifference.h"
 #include "agent/WallClock.h"
 #include "platform/asic/Constants.h"
 #include "platform/brumo/Trace.h"
@@ -103,6 +100,7 @@ AgentProcess::AgentProcess(const Options& options)
     load(policy);
     tables_->counters().sweepUnclaimed();
     tables_->policers().sweepUnclaimed();
+    look();
     waitForSignal();
     waitForBell();
     KivShimo::ring(Asic::Constants::hardwareDoorbell(options.stateDirectory));
@@ -119,7 +117,6 @@ void AgentProcess::run() {
                    [&] {
                        group.awake();
                        group.acknowledgementsArrived();
-                       lookLater();
                    }});
     logLine("ends");
 }
@@ -133,14 +130,17 @@ bool AgentProcess::mayBlock() {
 }
 
 void AgentProcess::lookLater() {
-    if (looksLater_ || !isAnythingUnderWay(*tables_))
+    if (looksLater_ || (!isAnythingUnderWay(*tables_) && alarms_.raised() == 0))
         return;
     looksLater_ = true;
     lookTimer_.expires_after(lookInterval_);
     lookTimer_.async_wait([this](const asio::error_code& error) {
         looksLater_ = false;
-        if (!error)
-            look();
+        if (error)
+            return;
+        tables_->group().acknowledgementsArrived();
+        look();
+        lookLater();  // a loop that never sleeps looks all the same
     });
 }
 
@@ -199,38 +199,46 @@ void AgentProcess::reload(const std::string& path) {
 Json AgentProcess::answerReload(const Json& request) {
     const std::string path =
         request.contains("policy") ? textMember(request, "policy") : policyPath_;
-    if (request.value("dryRun", false))
-        return policyDifferenceJson(loadPolicy(path), tables_->units());
+    if (flagMember(request, "dryRun"))
+        return loader_->difference(loadPolicy(path));
     reload(path);
     return {{"load", loadJson(loader_->figures())}};
 }
 
+Json AgentProcess::answerChange(const std::string& command, const Json& request) {
+    Json answer = command == "sweep" ? sweepJson(*tables_) : Json::object();
+    if (command != "sweep")
+        changeResource(*tables_, command, request);
+    look();  // pools move without a change under way
+    return answer;
+}
+
 Json AgentProcess::answer(const Json& request) {
     const Asked asked{*tables_, *loader_, backlog_, alarms_, traces_, startTime_};
-    using Answer = std::function<Json()>;
-    const std::map<std::string_view, Answer> answers{
-        {"status", [&] { return statusJson(asked); }},
-        {"changes", [&] { return changesJson(asked, request); }},
-        {"explain", [&] { return explanationJson(asked, request); }},
-        {"resources", [&] { return resourcesJson(*tables_); }},
-        {"alarms",
-         [&] {
-             look();
-             return alarms_.json();
-         }},
-        {"metrics", [&] { return metricsJson(asked, request); }},
-        {"traces", [&] { return tracesJson(asked, request); }},
-        {"traceFilter", [&] { return traceFilterJson(request); }},
-        {"reload", [&] { return answerReload(request); }},
-        {"sweep", [&] { return sweepJson(*tables_); }},
-    };
     const std::string command = textMember(request, "cmd");
-    if (const auto found = answers.find(command); found != answers.end())
-        return found->second();
-    if (command != "move" && command != "fail" && command != "restore")
-        throw std::runtime_error(fmt::format("there is no command \"{}\"", command));
-    changeResource(*tables_, command, request);
-    return Json::object();
+    if (command == "status")
+        return statusJson(asked);
+    if (command == "changes")
+        return changesJson(asked, request);
+    if (command == "explain")
+        return explanationJson(asked, request);
+    if (command == "resources")
+        return resourcesJson(*tables_);
+    if (command == "alarms") {
+        look();
+        return alarms_.json();
+    }
+    if (command == "metrics")
+        return metricsJson(asked, request);
+    if (command == "traces")
+        return tracesJson(asked, request);
+    if (command == "traceFilter")
+        return traceFilterJson(request);
+    if (command == "reload")
+        return answerReload(request);
+    if (command == "sweep" || command == "move" || command == "fail" || command == "restore")
+        return answerChange(command, request);
+    throw std::runtime_error(fmt::format("there is no command \"{}\"", command));
 }
 
 }  // namespace Agent

@@ -52,6 +52,8 @@ private:
     void reload(const std::string& path);
     Json answer(const Json& request);
     Json answerReload(const Json& request);
+    /// "sweep", "move", "fail" or "restore".
+    Json answerChange(const std::string& command, const Json& request);
     bool mayBlock();
 
     AsioEventLoop loop_;

@@ -3,7 +3,8 @@
 
 namespace Agent {
 
-/// Above these, alarms are raised.
+/// Above these, alarms are raised; at or below half of an age, or at or below the clear value of a
+/// fill, they are cleared.
 struct AlarmLimits {
     double unacknowledged_s = 10;  ///< age of the oldest change not acknowledged
     double waiting_s = 30;         ///< age of the oldest change not committed

@@ -78,7 +78,7 @@ void Alarms::look(const Tables& tables, const Backlog& backlog) {
         valueIs(kUnacknowledged, tableName(table), backlog.of(tables, table).oldest_s.value_or(0));
         valueIs(kLogFill, tableName(table), ratio(log.records, log.capacity));
     }
-    valueIs(kWaiting, "", queueFigures(tables).oldest_s);
+    valueIs(kWaiting, "", oldestStaged_s(tables));
     const auto pool = [&](std::string_view name, const Asic::ResourcePoolFigures& figures) {
         valueIs(kPoolFill, name, ratio(figures.used + figures.returning, figures.size));
     };

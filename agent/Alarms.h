@@ -6,7 +6,7 @@
 // What always holds:
 //  1. An alarm is raised when its value goes above its limit, and cleared when it is at or below
 //     its clear value, which is lower: what hovers around a limit does not flap.
-//  2. look() says everything; between two looks nothing changes.
+//  2. Values are those of the last look.
 #pragma once
 
 #include <string>

@@ -2,12 +2,13 @@
 //
 // Event thread only. Changes whose handle is queued know when they were committed. Those without
 // one (of a process before, of a removal of everything, of a resource that moved) are timed by
-// marks: the last published version at some time, until it is acknowledged; their age is known to
-// the time between two looks.
+// marks: what was published at each look, until it is acknowledged. Their age is short by up to the
+// time between two looks, and counts from the start of this process at the earliest.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <optional>
 
@@ -23,18 +24,24 @@ struct Unacknowledged {
 
 class Backlog {
 public:
-    /// Sets marks; to be called every now and then while something is not acknowledged.
+    /// Marks what is published by now; to be called every now and then while something is not
+    /// acknowledged.
     void look(const Tables& tables);
-    /// What it says of changes without a handle is as of the last look.
     Unacknowledged of(const Tables& tables, Asic::SwTableId table) const;
 
 private:
     struct Mark {
         Asic::LogVersion version;
-        std::chrono::nanoseconds since{0};
+        std::chrono::nanoseconds time{0};
     };
+    using Marks = std::deque<Mark>;
+    /// Of each table; with more, every second one goes: ages of a long backlog are known less
+    /// precisely.
+    static constexpr std::size_t kMostMarks = 64;
 
-    std::map<Asic::SwTableId, Mark> marks_;
+    static void thinOut(Marks& marks);
+
+    std::map<Asic::SwTableId, Marks> marks_;
 };
 
 }  // namespace Agent

@@ -6,31 +6,15 @@
 
 namespace Agent {
 
+using Asic::QueuedChange;
+
 namespace {
 
-std::string_view causeText(WaitCause cause) {
-    return kWaitCauses[static_cast<std::size_t>(cause)];
-}
-
 std::string_view operationText(const Asic::OrderedSwTable::EntryHandle& handle,
-                               const std::optional<Asic::QueuedChange>& queued) {
+                               const std::optional<QueuedChange>& queued) {
     if (queued && queued->entry->isTableDeleted())
         return "removeAll";
     return handle.isRemove() ? "remove" : "write";
-}
-
-std::string_view resourceStateText(Asic::EntryState state) {
-    switch (state) {
-        case Asic::EntryState::created:
-        case Asic::EntryState::written:
-            return "pending";
-        case Asic::EntryState::complete:
-            return "allocated";
-        case Asic::EntryState::exhausted:
-            return "exhausted";
-        default:
-            return "failed";
-    }
 }
 
 /// What a change waits for of a resource table.
@@ -54,7 +38,7 @@ double ageOf(const Tables& tables, const Asic::OrderedSwTable::EntryHandle& hand
         .count();
 }
 
-WaitCause causeOf(const Tables& tables, const Asic::QueuedChange& change) {
+WaitCause causeOf(const Tables& tables, const QueuedChange& change) {
     if (Asic::QueueView::dependencyOf(change) != nullptr)
         return WaitCause::dependency;
     switch (change.hold) {
@@ -80,21 +64,98 @@ WaitCause causeOf(const Tables& tables, const Asic::QueuedChange& change) {
 
 bool isChosen(const ChangeFilter& filter, const Asic::OrderedSwTable& table,
               const Asic::OrderedSwTable::EntryHandle& handle) {
-    return (!filter.table || tableName(table.tableId()) == *filter.table) &&
+    return (!filter.table || table.tableId() == *filter.table) &&
            (!filter.unit || table.unitId().value == *filter.unit) &&
            (!filter.key || handle.keyText() == *filter.key);
 }
 
+/// What a change waits for that is neither a change nor a resource.
+std::string textOf(WaitCause cause, const std::string& table) {
+    switch (cause) {
+        case WaitCause::earlierChanges:
+            return fmt::format("earlier changes of {}", table);
+        case WaitCause::removeAll:
+            return fmt::format("the remove-all of {} before it", table);
+        case WaitCause::pause:
+            return "the end of the pause that the hardware side has asked for";
+        case WaitCause::announcements:
+            return "room in the announcement log: the hardware side does not consume it";
+        default:
+            return "nothing: it is committed at the agent's next turn";
+    }
+}
+
+/// Names another change in `json`, and returns it as text.
+std::string refer(Json& json, const Asic::ResolverEntry& other) {
+    const auto& handle = *other.changeHandle();
+    const auto& table = *other.orderingTable();
+    const std::string_view operation = operationText(handle, QueuedChange{&other});
+    json["change"] = {{"table", tableName(table.tableId())},
+                      {"unit", table.unitId().value},
+                      {"key", handle.keyText()},
+                      {"operation", operation},
+                      {"state", "staged"}};
+    return fmt::format("the {} of {} unit {} key {}", operation, tableName(table.tableId()),
+                       table.unitId(), handle.keyText());
+}
+
+void addDependency(Json& json, const Asic::QueueView& queue, const QueuedChange& change) {
+    const auto* const dependency = Asic::QueueView::dependencyOf(change);
+    const auto other = queue.find(dependency);
+    json["text"] = other ? fmt::format("{}, which is not committed yet", refer(json, *other->entry))
+                         : fmt::format(
+                               "a change of {} that will not end: it is neither queued nor "
+                               "committed",
+                               tableName(dependency->tableId()));
+}
+
+void addResource(Json& json, const QueuedChange& change) {
+    const ResourceView resource = resourceView(change.entry->blocker().entity.get());
+    json.update({{"pool", resource.pool}, {"key", resource.key}, {"state", resource.state}});
+    json["text"] = fmt::format("{} {}, which is {}", resource.pool, resource.key, resource.state);
+}
+
+void addLog(Json& json, const std::string& table, const Tables::LogFigures& log) {
+    json.update({{"table", table}, {"used", log.records}, {"capacity", log.capacity}});
+    json["text"] = fmt::format("room in the change log of {}: {} records are not acknowledged",
+                               table, log.records);
+}
+
 }  // namespace
 
+constexpr std::array<std::pair<Asic::SwTableId, std::string_view>, 3> kTableNames{
+    {{ActionTypes::kTableId, ActionTypes::kName},
+     {V4Types::kTableId, V4Types::kName},
+     {V6Types::kTableId, V6Types::kName}}};
+
 std::string tableName(Asic::SwTableId table) {
-    for (const auto& [id, name] : {std::pair(ActionTypes::kTableId, ActionTypes::kName),
-                                   std::pair(V4Types::kTableId, V4Types::kName),
-                                   std::pair(V6Types::kTableId, V6Types::kName)}) {
+    for (const auto& [id, name] : kTableNames) {
         if (table == id)
             return std::string(name);
     }
     return table.toText();
+}
+
+std::optional<Asic::SwTableId> tableNamed(std::string_view name) {
+    for (const auto& [id, known] : kTableNames) {
+        if (name == known)
+            return id;
+    }
+    return std::nullopt;
+}
+
+std::string_view resourceStateText(Asic::EntryState state) {
+    switch (state) {
+        case Asic::EntryState::created:
+        case Asic::EntryState::written:
+            return "pending";
+        case Asic::EntryState::complete:
+            return "allocated";
+        case Asic::EntryState::exhausted:
+            return "exhausted";
+        default:
+            return "failed";
+    }
 }
 
 ChangesUnderWay::ChangesUnderWay(const Tables& tables)
@@ -109,7 +170,7 @@ std::vector<ChangesUnderWay::Item> ChangesUnderWay::chosen(const ChangeFilter& f
             return true;
         });
     });
-    for (const Asic::QueuedChange& change : queue_.changes()) {
+    for (const QueuedChange& change : queue_.changes()) {
         const auto* const handle = change.entry->changeHandle();
         const auto* const table = change.entry->orderingTable();
         if (handle != nullptr && isChosen(filter, *table, *handle))
@@ -118,67 +179,26 @@ std::vector<ChangesUnderWay::Item> ChangesUnderWay::chosen(const ChangeFilter& f
     return items;
 }
 
-Json ChangesUnderWay::waitsFor(const Asic::QueuedChange& change) const {
+Json ChangesUnderWay::waitsFor(const QueuedChange& change) const {
     const WaitCause cause = causeOf(tables_, change);
-    Json json{{"cause", causeText(cause)}};
-    const std::string table = tableName(change.entry->orderingTable()->tableId());
-    const auto refer = [&](const Asic::QueuedChange& other) {
-        const auto& handle = *other.entry->changeHandle();
-        const auto& of = *other.entry->orderingTable();
-        json["change"] = {{"table", tableName(of.tableId())},
-                          {"unit", of.unitId().value},
-                          {"key", handle.keyText()},
-                          {"operation", operationText(handle, other)},
-                          {"state", "staged"}};
-        return fmt::format("the {} of {} unit {} key {}", operationText(handle, other),
-                           tableName(of.tableId()), of.unitId(), handle.keyText());
-    };
+    const Asic::SwTableId table = change.entry->orderingTable()->tableId();
+    Json json{{"cause", kWaitCauses[static_cast<std::size_t>(cause)]}};
     switch (cause) {
-        case WaitCause::dependency: {
-            const auto* const dependency = Asic::QueueView::dependencyOf(change);
-            const auto other = queue_.find(dependency);
-            json["text"] = other ? fmt::format("{}, which is not committed yet", refer(*other))
-                                 : fmt::format("a change of {} that is not under way any more",
-                                               tableName(dependency->tableId()));
+        case WaitCause::dependency:
+            addDependency(json, queue_, change);
             break;
-        }
-        case WaitCause::resource: {
-            const ResourceView resource = resourceView(change.entry->blocker().entity.get());
-            json.update(
-                {{"pool", resource.pool}, {"key", resource.key}, {"state", resource.state}});
-            json["text"] =
-                fmt::format("{} {}, which is {}", resource.pool, resource.key, resource.state);
+        case WaitCause::resource:
+            addResource(json, change);
             break;
-        }
-        case WaitCause::logFull: {
-            const Tables::LogFigures log = tables_.log(change.entry->orderingTable()->tableId());
-            json.update({{"table", table}, {"used", log.records}, {"capacity", log.capacity}});
-            json["text"] = fmt::format(
-                "room in the change log of {}: {} of {} records are not "
-                "acknowledged",
-                table, log.records, log.capacity);
+        case WaitCause::logFull:
+            addLog(json, tableName(table), tables_.log(table));
             break;
-        }
         case WaitCause::earlierChange:
-            json["text"] = fmt::format("the earlier change of its key, {}",
-                                       refer({change.behind, Asic::Hold::turn, nullptr}));
+            json["text"] =
+                fmt::format("the earlier change of its key, {}", refer(json, *change.behind));
             break;
-        case WaitCause::earlierChanges:
-            json["text"] = fmt::format("earlier changes of {}", table);
-            break;
-        case WaitCause::removeAll:
-            json["text"] = fmt::format("the remove-all of {} before it", table);
-            break;
-        case WaitCause::pause:
-            json["text"] = "the end of the pause that the hardware side has asked for";
-            break;
-        case WaitCause::announcements:
-            json["text"] = "room in the announcement log: the hardware side does not consume it";
-            break;
-        case WaitCause::turn:
-        case WaitCause::hardware:
-            json["text"] = "nothing: it is committed at the agent's next turn";
-            break;
+        default:
+            json["text"] = textOf(cause, tableName(table));
     }
     return json;
 }
@@ -186,7 +206,7 @@ Json ChangesUnderWay::waitsFor(const Asic::QueuedChange& change) const {
 Json ChangesUnderWay::waitsForHardware(const Item& item) const {
     const auto acknowledged = tables_.group().acknowledgedVersion(item.table->tableId());
     const std::uint64_t before = item.handle->logVersion().value - acknowledged.value - 1;
-    return {{"cause", causeText(WaitCause::hardware)},
+    return {{"cause", "hardware"},
             {"before", before},
             {"text", fmt::format("the hardware side to acknowledge version {}, and {} before it",
                                  item.handle->logVersion(), before)}};
@@ -222,21 +242,33 @@ Json ChangesUnderWay::list(const ChangeFilter& filter, std::size_t limit) const 
     return {{"total", items.size()}, {"changes", std::move(changes)}};
 }
 
-Json ChangesUnderWay::explain(const std::string& table, std::uint16_t unit,
+Json ChangesUnderWay::chainJson(const Asic::WaitChain& chain) const {
+    Json links = Json::array();
+    const std::size_t count = chain.links.size();
+    for (std::size_t i = 0; i < count; ++i) {
+        if (i >= kMostShown / 2 && count - i > kMostShown / 2)
+            continue;
+        const QueuedChange& link = chain.links[i];
+        links.push_back(
+            changeJson({link.entry->orderingTable(), link.entry->changeHandle(), link}));
+    }
+    return links;
+}
+
+Json ChangesUnderWay::explain(Asic::SwTableId table, std::uint16_t unit,
                               const std::string& key) const {
     const std::vector<Item> items = chosen({table, unit, key});
-    Json json{
-        {"changes", Json::array()}, {"chain", Json::array()}, {"root", nullptr}, {"cycle", false}};
-    for (const Item& item : items)
-        json["changes"].push_back(changeJson(item));
+    Json json{{"total", items.size()},  {"changes", Json::array()}, {"links", 0},
+              {"chain", Json::array()}, {"root", nullptr},          {"cycle", false}};
+    for (std::size_t i = 0; i < std::min(items.size(), kMostShown); ++i)
+        json["changes"].push_back(changeJson(items[i]));
     const auto staged = std::find_if(items.rbegin(), items.rend(),
                                      [](const Item& item) { return item.queued.has_value(); });
     if (staged == items.rend())
         return json;
     const Asic::WaitChain chain = queue_.chainFrom(*staged->queued);
-    for (const Asic::QueuedChange& link : chain.links)
-        json["chain"].push_back(
-            changeJson({link.entry->orderingTable(), link.entry->changeHandle(), link}));
+    json["links"] = chain.links.size();
+    json["chain"] = chainJson(chain);
     json["cycle"] = chain.end == Asic::ChainEnd::cycle;
     json["root"] = chain.end == Asic::ChainEnd::cycle
                        ? "a cycle: the last of the chain waits for one before it"
@@ -244,16 +276,22 @@ Json ChangesUnderWay::explain(const std::string& table, std::uint16_t unit,
     return json;
 }
 
-QueueFigures queueFigures(const Tables& tables) {
-    QueueFigures figures;
-    tables.group().groupResolver()->forEachQueued([&](const Asic::QueuedChange& change) {
+std::map<Asic::SwTableId, WaitCounts> waitCounts(const Tables& tables) {
+    std::map<Asic::SwTableId, WaitCounts> counts;
+    tables.group().groupResolver()->forEachQueued([&](const QueuedChange& change) {
         const auto table = change.entry->orderingTable()->tableId();
-        const auto cause = static_cast<std::size_t>(causeOf(tables, change));
-        ++figures.waiting[table][cause];
-        if (const auto* const handle = change.entry->changeHandle())
-            figures.oldest_s = std::max(figures.oldest_s, ageOf(tables, *handle));
+        ++counts[table][static_cast<std::size_t>(causeOf(tables, change))];
     });
-    return figures;
+    return counts;
+}
+
+double oldestStaged_s(const Tables& tables) {
+    double oldest_s = 0;
+    tables.group().groupResolver()->forEachFirst([&](const Asic::ResolverEntry& first) {
+        if (const auto* const handle = first.changeHandle())
+            oldest_s = std::max(oldest_s, ageOf(tables, *handle));
+    });
+    return oldest_s;
 }
 
 }  // namespace Agent

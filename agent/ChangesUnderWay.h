@@ -32,25 +32,23 @@ enum class WaitCause : std::uint8_t {
     pause,
     announcements,
     turn,
-    hardware,
 };
-inline constexpr std::array<std::string_view, 10> kWaitCauses{
+inline constexpr std::array<std::string_view, 9> kWaitCauses{
     "dependency", "resource", "logFull",       "earlierChange", "earlierChanges",
-    "removeAll",  "pause",    "announcements", "turn",          "hardware"};
+    "removeAll",  "pause",    "announcements", "turn"};
 
 /// Numbers of changes by what they wait for.
 using WaitCounts = std::array<std::size_t, kWaitCauses.size()>;
 
-/// Of all staged changes.
-struct QueueFigures {
-    std::map<Asic::SwTableId, WaitCounts> waiting;
-    double oldest_s = 0;  ///< age of the oldest one; 0 when there is none
-};
-QueueFigures queueFigures(const Tables& tables);
+/// Of all staged changes, by table. Costs by their number.
+std::map<Asic::SwTableId, WaitCounts> waitCounts(const Tables& tables);
+/// The age of the oldest staged change; 0 when there is none. Costs by the number of things waited
+/// for.
+double oldestStaged_s(const Tables& tables);
 
 /// A choice of changes; what is not given matches any.
 struct ChangeFilter {
-    std::optional<std::string> table;
+    std::optional<Asic::SwTableId> table;
     std::optional<std::uint16_t> unit;
     std::optional<std::string> key;
 };
@@ -61,9 +59,11 @@ public:
 
     /// {"total", "changes"}: the oldest first, at most `limit`.
     Json list(const ChangeFilter& filter, std::size_t limit) const;
-    /// {"changes", "chain", "root", "cycle"} of one key; "chain" and "root" are empty and null when
-    /// no change of it is staged.
-    Json explain(const std::string& table, std::uint16_t unit, const std::string& key) const;
+    /// {"total", "changes", "links", "chain", "root", "cycle"} of one key: the chain leads from its
+    /// last staged change to the root. No more than kMostShown of each are shown, of the chain both
+    /// ends. "chain" and "root" are empty and null when no change of it is staged.
+    static constexpr std::size_t kMostShown = 100;
+    Json explain(Asic::SwTableId table, std::uint16_t unit, const std::string& key) const;
 
 private:
     /// A change, queued or in the log.
@@ -75,6 +75,7 @@ private:
 
     std::vector<Item> chosen(const ChangeFilter& filter) const;
     Json waitsFor(const Asic::QueuedChange& change) const;
+    Json chainJson(const Asic::WaitChain& chain) const;
     Json waitsForHardware(const Item& item) const;
     Json changeJson(const Item& item) const;
 
@@ -84,5 +85,9 @@ private:
 
 /// The name of a table of the group; its number for others.
 std::string tableName(Asic::SwTableId table);
+/// Nothing for other names than those of the group's tables.
+std::optional<Asic::SwTableId> tableNamed(std::string_view name);
+/// The state of a request to a resource table.
+std::string_view resourceStateText(Asic::EntryState state);
 
 }  // namespace Agent

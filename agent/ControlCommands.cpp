@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <map>
 #include <optional>
 #include <stdexcept>
 
@@ -41,21 +42,19 @@ Json unacknowledgedJson(const Unacknowledged& figures) {
     return json;
 }
 
+using Counts = std::map<Asic::SwTableId, WaitCounts>;
+
 /// By what the changes wait for; those that wait for nothing but their turn count as well.
-Json waitingJson(const QueueFigures& figures, Asic::SwTableId table) {
+Json waitingJson(const Counts& counts, Asic::SwTableId table) {
     Json json = Json::object();
-    const auto found = figures.waiting.find(table);
-    for (std::size_t cause = 0; cause < kWaitCauses.size(); ++cause) {
-        if (static_cast<WaitCause>(cause) == WaitCause::hardware)
-            continue;  // these are committed
-        json[std::string(kWaitCauses[cause])] =
-            found == figures.waiting.end() ? 0 : found->second[cause];
-    }
+    const auto found = counts.find(table);
+    for (std::size_t cause = 0; cause < kWaitCauses.size(); ++cause)
+        json[std::string(kWaitCauses[cause])] = found == counts.end() ? 0 : found->second[cause];
     return json;
 }
 
 template <class Types, class Pick>
-Json familyJson(const Asked& asked, const QueueFigures& queue, const Pick& pick) {
+Json familyJson(const Asked& asked, const Counts& waiting, const Pick& pick) {
     Json units = Json::array();
     const Asic::SwTableId id = Types::kTableId;
     for (const UnitTables& unit : asked.tables.units()) {
@@ -77,7 +76,7 @@ Json familyJson(const Asked& asked, const QueueFigures& queue, const Pick& pick)
             {"logUsed", log.records},
             {"logCapacity", log.capacity},
             {"unacknowledged", unacknowledgedJson(asked.backlog.of(asked.tables, id))},
-            {"waiting", waitingJson(queue, id)},
+            {"waiting", waitingJson(waiting, id)},
             {"units", std::move(units)}};
 }
 
@@ -85,35 +84,19 @@ Json poolFiguresJson(const Asic::ResourcePoolFigures& pool) {
     return {{"size", pool.size}, {"used", pool.used}, {"returning", pool.returning}};
 }
 
-std::string_view stateText(Asic::EntryState state) {
-    switch (state) {
-        case Asic::EntryState::created:
-        case Asic::EntryState::written:
-            return "pending";
-        case Asic::EntryState::complete:
-            return "allocated";
-        case Asic::EntryState::exhausted:
-            return "exhausted";
-        default:
-            return "failed";
-    }
-}
-
 template <class Table>
 Json poolJson(const Table& table) {
-    const Asic::ResourcePoolFigures pool = table.pool();
+    Json json{{"name", table.name()}};
+    json.update(poolFiguresJson(table.pool()));
     Json keys = Json::array();
     for (const auto& info : table.keys()) {
         keys.push_back({{"key", info.key.toText()},
                         {"index", info.index},
-                        {"state", stateText(info.state)},
+                        {"state", resourceStateText(info.state)},
                         {"users", info.users}});
     }
-    return {{"name", table.name()},
-            {"size", pool.size},
-            {"used", pool.used},
-            {"returning", pool.returning},
-            {"keys", std::move(keys)}};
+    json["keys"] = std::move(keys);
+    return json;
 }
 
 template <class Table>
@@ -129,61 +112,6 @@ void changeIn(Table& table, const std::string& command, const std::string& text)
         throw std::runtime_error(
             fmt::format("cannot {} {}: it has no index, or no other is left", command, text));
 }
-
-}  // namespace
-
-std::string textMember(const Json& request, const std::string& name) {
-    const auto found = request.find(name);
-    if (found == request.end() || !found->is_string())
-        throw std::runtime_error(fmt::format("expected \"{}\" as text", name));
-    return found->get<std::string>();
-}
-
-Json loadJson(const LoadFigures& figures) {
-    return {{"number", figures.number},
-            {"policy", figures.file},
-            {"written", figures.written},
-            {"removed", figures.removed},
-            {"unchanged", figures.unchanged},
-            {"complete", figures.complete},
-            {"failed", figures.failed},
-            {"inProgress", figures.inProgress},
-            {"firstFailure", figures.firstFailure},
-            {"waiting", figures.waiting}};
-}
-
-Json statusJson(const Asked& asked) {
-    const Tables& tables = asked.tables;
-    const Asic::GroupInterface& group = tables.group();
-    const QueueFigures queue = queueFigures(tables);
-    const auto announcements = group.announcementFill();
-    Json families = Json::array();
-    families.push_back(
-        familyJson<ActionTypes>(asked, queue, [](const UnitTables& u) { return u.actions; }));
-    families.push_back(
-        familyJson<V4Types>(asked, queue, [](const UnitTables& u) { return u.ipv4; }));
-    families.push_back(
-        familyJson<V6Types>(asked, queue, [](const UnitTables& u) { return u.ipv6; }));
-    return {{"pid", ::getpid()},
-            {"startTime", asked.startTime},
-            {"tables", std::move(families)},
-            {"queued", group.groupResolver()->queued()},
-            {"suspended", group.groupResolver()->suspended()},
-            {"announcementsWaiting", group.announcementsWaiting()},
-            {"announcements",
-             {{"waiting", group.announcementsWaiting()},
-              {"used", announcements.used},
-              {"capacity", announcements.capacity}}},
-            {"pools",
-             {{"counter", poolFiguresJson(tables.counters().pool())},
-              {"policer", poolFiguresJson(tables.policers().pool())}}},
-            {"alarms", asked.alarms.raised()},
-            {"corruptions", group.corruptions()},
-            {"relaunches", tables.relaunches()},
-            {"load", loadJson(asked.loader.figures())}};
-}
-
-namespace {
 
 template <class Value>
 std::optional<Value> optionalMember(const Json& request, const char* name) {
@@ -203,8 +131,25 @@ std::optional<Value> optionalMember(const Json& request, const char* name) {
     }
 }
 
-constexpr std::uint64_t kMostChanges = 10000;
-constexpr std::uint64_t kMostLines = 1000;
+/// Of changes and lines, when a request does not say how many, and at the most.
+constexpr std::uint64_t kUsualLimit = 1000;
+constexpr std::uint64_t kMostLimit = 10000;
+
+std::uint64_t limitOf(const Json& request) {
+    return std::min(optionalMember<std::uint64_t>(request, "limit").value_or(kUsualLimit),
+                    kMostLimit);
+}
+
+/// The table that a request names, if it does; throws for one that there is not.
+std::optional<Asic::SwTableId> tableMember(const Json& request) {
+    const auto name = optionalMember<std::string>(request, "table");
+    if (!name)
+        return std::nullopt;
+    const auto table = tableNamed(*name);
+    if (!table)
+        throw std::runtime_error(fmt::format("there is no table \"{}\"", *name));
+    return table;
+}
 
 /// Calls `use` with the unit's table of that name, and with the key in its own type.
 template <class Use>
@@ -232,12 +177,67 @@ void withTable(const Tables& tables, const std::string& table, std::uint16_t uni
 
 }  // namespace
 
+std::string textMember(const Json& request, const std::string& name) {
+    const auto found = request.find(name);
+    if (found == request.end() || !found->is_string())
+        throw std::runtime_error(fmt::format("expected \"{}\" as text", name));
+    return found->get<std::string>();
+}
+
+bool flagMember(const Json& request, const std::string& name) {
+    const auto found = request.find(name);
+    if (found == request.end())
+        return false;
+    if (!found->is_boolean())
+        throw std::runtime_error(fmt::format("expected \"{}\" as true or false", name));
+    return found->get<bool>();
+}
+
+Json loadJson(const LoadFigures& figures) {
+    return {{"number", figures.number},
+            {"policy", figures.file},
+            {"written", figures.written},
+            {"removed", figures.removed},
+            {"unchanged", figures.unchanged},
+            {"complete", figures.complete},
+            {"failed", figures.failed},
+            {"inProgress", figures.inProgress},
+            {"firstFailure", figures.firstFailure},
+            {"waiting", figures.waiting}};
+}
+
+Json statusJson(const Asked& asked) {
+    const Tables& tables = asked.tables;
+    const Asic::GroupInterface& group = tables.group();
+    const Counts waiting = waitCounts(tables);
+    const auto announcements = group.announcementFill();
+    Json families = Json::array();
+    families.push_back(
+        familyJson<ActionTypes>(asked, waiting, [](const UnitTables& u) { return u.actions; }));
+    families.push_back(
+        familyJson<V4Types>(asked, waiting, [](const UnitTables& u) { return u.ipv4; }));
+    families.push_back(
+        familyJson<V6Types>(asked, waiting, [](const UnitTables& u) { return u.ipv6; }));
+    return {{"pid", ::getpid()},
+            {"startTime", asked.startTime},
+            {"tables", std::move(families)},
+            {"queued", group.groupResolver()->queued()},
+            {"suspended", group.groupResolver()->suspended()},
+            {"announcementsWaiting", group.announcementsWaiting()},
+            {"announcements", {{"used", announcements.used}, {"capacity", announcements.capacity}}},
+            {"pools",
+             {{"counter", poolFiguresJson(tables.counters().pool())},
+              {"policer", poolFiguresJson(tables.policers().pool())}}},
+            {"alarms", asked.alarms.raised()},
+            {"corruptions", group.corruptions()},
+            {"relaunches", tables.relaunches()},
+            {"load", loadJson(asked.loader.figures())}};
+}
+
 Json changesJson(const Asked& asked, const Json& request) {
-    const ChangeFilter filter{optionalMember<std::string>(request, "table"),
-                              optionalMember<std::uint16_t>(request, "unit"),
+    const ChangeFilter filter{tableMember(request), optionalMember<std::uint16_t>(request, "unit"),
                               optionalMember<std::string>(request, "key")};
-    const std::uint64_t limit = optionalMember<std::uint64_t>(request, "limit").value_or(1000);
-    return ChangesUnderWay(asked.tables).list(filter, std::min(limit, kMostChanges));
+    return ChangesUnderWay(asked.tables).list(filter, limitOf(request));
 }
 
 Json explanationJson(const Asked& asked, const Json& request) {
@@ -264,8 +264,8 @@ Json explanationJson(const Asked& asked, const Json& request) {
                   json["unacknowledged"] =
                       unacknowledgedJson(asked.backlog.of(asked.tables, one.tableId()));
               });
-    json.update(
-        ChangesUnderWay(asked.tables).explain(table, *unit, json["key"].get<std::string>()));
+    json.update(ChangesUnderWay(asked.tables)
+                    .explain(*tableNamed(table), *unit, json["key"].get<std::string>()));
     return json;
 }
 
@@ -280,9 +280,8 @@ Json metricsJson(const Asked& asked, const Json& request) {
 }
 
 Json tracesJson(const Asked& asked, const Json& request) {
-    const std::uint64_t limit = optionalMember<std::uint64_t>(request, "limit").value_or(1000);
     return asked.traces.json(optionalMember<std::uint64_t>(request, "after").value_or(0),
-                             std::min(limit, kMostLines));
+                             limitOf(request));
 }
 
 Json traceFilterJson(const Json& request) {

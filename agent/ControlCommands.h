@@ -48,4 +48,7 @@ void changeResource(const Tables& tables, const std::string& command, const Json
 /// The text member of a request; throws when it is missing or no text.
 std::string textMember(const Json& request, const std::string& name);
 
+/// False when it is missing; throws when it is neither true nor false.
+bool flagMember(const Json& request, const std::string& name);
+
 }  // namespace Agent

@@ -124,7 +124,8 @@ public:
         forEachTable([&](const Asic::OrderedSwTable& table, const Labels& labels) {
             writer_.sample(labels, table.stats()->lastCommitTime());
         });
-        writer_.family("vorn_staged_changes", "gauge", "", "Changes staged, not committed.");
+        writer_.family("vorn_staged_changes", "gauge", "",
+                       "Keys with a staged change, also one that failed.");
         forEachTable([&](const Asic::OrderedSwTable& table, const Labels& labels) {
             writer_.sample(labels, table.stagedCount());
         });
@@ -157,7 +158,7 @@ public:
             [&](Asic::SwTableId id) { return tables_.group().acknowledgedVersion(id).value; });
         forEachFamily("vorn_log_records", "", "Records that the change log holds.",
                       [&](Asic::SwTableId id) { return tables_.log(id).records; });
-        forEachFamily("vorn_log_capacity_records", "", "Records at which changes wait.",
+        forEachFamily("vorn_log_capacity_records", "", "Records that the change log is made for.",
                       [&](Asic::SwTableId id) { return tables_.log(id).capacity; });
         forEachFamily("vorn_unacknowledged_changes", "",
                       "Changes committed that hardware has not acknowledged.",
@@ -169,21 +170,20 @@ public:
     }
 
     void queue() {
-        const QueueFigures figures = queueFigures(tables_);
+        const auto counts = waitCounts(tables_);
         writer_.family("vorn_waiting_changes", "gauge", "",
                        "Changes staged, by what they wait for.");
         for (const Asic::SwTableId id : kTableIds) {
-            const auto found = figures.waiting.find(id);
+            const auto found = counts.find(id);
             for (std::size_t cause = 0; cause < kWaitCauses.size(); ++cause) {
-                if (static_cast<WaitCause>(cause) == WaitCause::hardware)
-                    continue;  // these are committed
                 writer_.sample(
                     {{"table", tableName(id)}, {"cause", std::string(kWaitCauses[cause])}},
-                    found == figures.waiting.end() ? 0 : found->second[cause]);
+                    found == counts.end() ? 0 : found->second[cause]);
             }
         }
         one("vorn_staged_oldest_age_seconds", "gauge", "seconds",
-            "Age of the oldest change not committed; 0 when there is none.", figures.oldest_s);
+            "Age of the oldest change not committed; 0 when there is none.",
+            oldestStaged_s(tables_));
     }
 
     void pools() {

@@ -1,8 +1,7 @@
 // The agent's figures as text for monitoring systems.
 //
-// Event thread only. Two formats, of the same content: OpenMetrics 1.0
-// (https://prometheus.io/docs/specs/om/open_metrics_spec/) and the Prometheus text format 0.0.4
-// (https://prometheus.io/docs/instrumenting/exposition_formats/). Names follow
+// Event thread only. Two formats, of the same content: OpenMetrics 1.0 and the Prometheus text
+// format 0.0.4 (https://prometheus.io/docs/instrumenting/exposition_formats/). Names follow
 // https://prometheus.io/docs/practices/naming/.
 #pragma once
 

@@ -69,8 +69,7 @@ std::unique_ptr<MHD_Daemon, void (*)(MHD_Daemon*)> started(std::uint16_t port,
     std::unique_ptr<MHD_Daemon, void (*)(MHD_Daemon*)> daemon(
         MHD_start_daemon(MHD_USE_EPOLL, port, nullptr, nullptr, answer, &text, MHD_OPTION_SOCK_ADDR,
                          &address, MHD_OPTION_CONNECTION_LIMIT, kMostConnections,
-                         MHD_OPTION_CONNECTION_TIMEOUT, kConnectionTimeout_s,
-                         MHD_OPTION_LISTENING_ADDRESS_REUSE, 1U, MHD_OPTION_END),
+                         MHD_OPTION_CONNECTION_TIMEOUT, kConnectionTimeout_s, MHD_OPTION_END),
         MHD_stop_daemon);
     if (daemon == nullptr) {
         throw std::system_error(errno == 0 ? EADDRINUSE : errno, std::generic_category(),

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "agent/PolicyDifference.h"
 #include "agent/UnitLoader.h"
 
 namespace Agent {
@@ -39,6 +40,13 @@ const LoadFigures& PolicyLoader::load(const std::shared_ptr<const CompiledPolicy
         loader->load(policy, figures);
     reported_ = figures->inProgress == 0;
     return *figures;
+}
+
+nlohmann::ordered_json PolicyLoader::difference(const CompiledPolicy& policy) const {
+    Json json = noDifference();
+    for (const auto& loader : loaders_)
+        loader->addDifferenceTo(json, policy);
+    return json;
 }
 
 std::uint64_t PolicyLoader::inProgress() const {

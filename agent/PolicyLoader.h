@@ -22,6 +22,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "agent/PolicyCompiler.h"
 #include "catalogue/TableOperations.h"
 
@@ -65,6 +67,10 @@ public:
     /// Stages all changes but the removal of actions, which follows by itself. Or waits, and
     /// returns the figures of the load before, which say so.
     const LoadFigures& load(const std::shared_ptr<const CompiledPolicy>& policy);
+
+    /// What a load of the policy would change now: {"unchanged", "total", "write", "remove"}; as of
+    /// no other load, and nothing is changed.
+    nlohmann::ordered_json difference(const CompiledPolicy& policy) const;
 
     /// Of the last load.
     const LoadFigures& figures() const { return *figures_; }

@@ -33,7 +33,7 @@ struct TableDifference {
     using Key = typename Types::Key;
 
     struct Write {
-        const Named<Entry>* wanted;   ///< of the policy
+        const Named<Entry>* wanted;   ///< in the policy, which has to outlive this
         Entry entry;                  ///< the same for the unit
         std::optional<Entry> before;  ///< what the table holds or is about to hold
     };
@@ -44,6 +44,7 @@ struct TableDifference {
     std::size_t held = 0;
 };
 
+/// The entry that a policy's stands for on a unit: an action's requests name the unit.
 inline ActionEntry entryForUnit(const ActionEntry& entry, Asic::UnitId unit) {
     return forUnit(entry, unit);
 }

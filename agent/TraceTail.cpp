@@ -25,6 +25,8 @@ void TraceTail::take(const Brumo::TraceRecord& record) {
 }
 
 Json TraceTail::json(std::uint64_t after, std::size_t limit) const {
+    if (after > last_)
+        after = 0;  // a number of the process before
     Json lines = Json::array();
     const std::uint64_t first = last_ - lines_.size() + 1;
     for (const Line& line : lines_) {
@@ -38,8 +40,7 @@ Json TraceTail::json(std::uint64_t after, std::size_t limit) const {
                          {"handle", line.handle},
                          {"text", line.text}});
     }
-    return {{"last",
-             lines.empty() ? std::min(after, last_) : lines.back()["number"].get<std::uint64_t>()},
+    return {{"last", lines.empty() ? after : lines.back()["number"].get<std::uint64_t>()},
             {"lost", first > after + 1 ? first - after - 1 : 0},
             {"lines", std::move(lines)}};
 }

@@ -5,8 +5,8 @@
 
 #include <fmt/format.h>
 
+#include "agent/PolicyDifference.h"
 #include "agent/StableHash.h"
-#include "agent/TableDifference.h"
 
 namespace Agent {
 
@@ -177,14 +177,37 @@ void PolicyLoader::UnitLoader::nextPhase() {
         write();
 }
 
+PolicyLoader::UnitLoader::ActionKeys PolicyLoader::UnitLoader::namedByFailures() const {
+    ActionKeys named;
+    for (const FailedKeys* failed : {&failedV4_, &failedV6_}) {
+        for (const auto& [key, failure] : *failed)
+            named.insert(failure.stillNamed.begin(), failure.stillNamed.end());
+    }
+    return named;
+}
+
+/// What fails in that load itself is not known before it.
+void PolicyLoader::UnitLoader::addDifferenceTo(Json& json, const CompiledPolicy& policy) const {
+    auto actions = differenceOf(*tables_.actions, policy.actions, tables_.unit,
+                                [](std::uint64_t) { return false; });
+    const ActionKeys stillNamed = namedByFailures();
+    std::erase_if(actions.stale,
+                  [&](const ActionTypes::Key& key) { return stillNamed.contains(packed(key)); });
+    addDifference(json, actions, tables_.unit);
+    const auto addMatches = [&](const auto& table, const auto& wanted, const FailedKeys& failed) {
+        addDifference(json,
+                      differenceOf(table, wanted, tables_.unit,
+                                   [&](std::uint64_t key) { return failed.contains(key); }),
+                      tables_.unit);
+    };
+    addMatches(*tables_.ipv4, policy.ipv4, failedV4_);
+    addMatches(*tables_.ipv6, policy.ipv6, failedV6_);
+}
+
 void PolicyLoader::UnitLoader::removeStaleActions() {
     const std::vector<ActionTypes::Key> stale = std::move(staleActions_);
     staleActions_.clear();
-    ActionKeys stillNamed;
-    for (const FailedKeys* failed : {&failedV4_, &failedV6_}) {
-        for (const auto& [key, failure] : *failed)
-            stillNamed.insert(failure.stillNamed.begin(), failure.stillNamed.end());
-    }
+    const ActionKeys stillNamed = namedByFailures();
     for (const ActionTypes::Key& key : stale) {
         if (!stillNamed.contains(packed(key))) {
             removeAction(key);

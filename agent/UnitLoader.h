@@ -25,6 +25,8 @@ public:
         : tables_(std::move(tables)), changed_(std::move(changed)) {}
 
     void load(const Policy& policy, const Figures& figures);
+    /// What a load of the policy would change now.
+    void addDifferenceTo(nlohmann::ordered_json& json, const CompiledPolicy& policy) const;
     /// The loader goes: nothing is to be told any more.
     void detach() { changed_ = nullptr; }
 
@@ -61,6 +63,8 @@ private:
     /// stale actions.
     void nextPhase();
     void removeStaleActions();
+    /// Actions that what is still there may name, as its replacement failed.
+    ActionKeys namedByFailures() const;
     void removeAction(const ActionTypes::Key& key);
     /// Books a change that has ended. Returns whether it failed.
     static bool book(const Handle& handle, LoadFigures& figures);

@@ -67,14 +67,13 @@ protected:
     }
     void settle() { ASSERT_TRUE(loop_.runUntilIdle()); }
     Json explain(const std::string& key) {
-        return ChangesUnderWay(*tables_).explain("PolicyCpuV4TcamEntry", 1, key);
+        return ChangesUnderWay(*tables_).explain(V4Types::kTableId, 1, key);
     }
     static Json waitsFor(const Json& explained, std::size_t link = 0) {
         return explained.at("chain").at(link).at("waitsFor");
     }
     std::size_t counted(Agent::WaitCause cause) {
-        return Agent::queueFigures(*tables_)
-            .waiting[V4Types::kTableId][static_cast<std::size_t>(cause)];
+        return Agent::waitCounts(*tables_)[V4Types::kTableId][static_cast<std::size_t>(cause)];
     }
 
     TestSupport::TempDir directory_;
@@ -120,8 +119,9 @@ TEST_F(ChangesUnderWayTest, WaitForTheChangesBeforeARemoveAllAndForTheRemoveAll)
     EXPECT_EQ(explained["chain"][1]["operation"], "removeAll");
     EXPECT_EQ(waitsFor(explained, 1)["cause"], "earlierChanges");
     EXPECT_EQ(waitsFor(explained, 2)["cause"], "dependency");
-    EXPECT_EQ(explained["root"], "a change of PolicyCpuV4TcamEntry that is not under way any more")
-        << "nobody will ever complete it";
+    EXPECT_EQ(
+        explained["root"],
+        "a change of PolicyCpuV4TcamEntry that will not end: it is neither queued nor committed");
     EXPECT_EQ(counted(Agent::WaitCause::removeAll), 1U);
     EXPECT_EQ(counted(Agent::WaitCause::earlierChanges), 1U);
 }
@@ -168,6 +168,32 @@ TEST_F(ChangesUnderWayTest, AreListedOldestFirstUpToALimit) {
     Agent::ChangeFilter ofOneKey;
     ofOneKey.key = "00000003.00000001";
     EXPECT_EQ(ChangesUnderWay(*tables_).list(ofOneKey, 9)["total"], 1);
+}
+
+TEST_F(ChangesUnderWayTest, ShowBothEndsOfALongChain) {
+    start();
+    const auto never = Brumo::make<Handle>();
+    for (int i = 0; i < 1000; ++i)
+        write(1, i == 0 ? never : nullptr);
+    settle();
+    const Json explained = explain("00000001.00000001");
+    EXPECT_EQ(explained["total"], 1000);
+    EXPECT_EQ(explained["links"], 1000);
+    EXPECT_EQ(explained["changes"].size(), ChangesUnderWay::kMostShown);
+    ASSERT_EQ(explained["chain"].size(), ChangesUnderWay::kMostShown);
+    EXPECT_EQ(explained["chain"][0]["entryVersion"], "999.0");
+    EXPECT_EQ(explained["chain"].back()["entryVersion"], "0.0");
+}
+
+TEST_F(ChangesUnderWayTest, AgeFromTheTurnInWhichTheyWereStaged) {
+    start();
+    const auto never = Brumo::make<Handle>();
+    loop_.turnTimeIs(std::chrono::seconds(100));
+    write(1, never);
+    settle();
+    loop_.turnTimeIs(std::chrono::seconds(103));
+    write(2, never);
+    EXPECT_EQ(Agent::oldestStaged_s(*tables_), 3.0);
 }
 
 }  // namespace
