@@ -212,6 +212,21 @@ Json ChangesUnderWay::waitsForHardware(const Item& item) const {
                                  item.handle->logVersion(), before)}};
 }
 
+/// How long a change was staged, and in the log since.
+Json ChangesUnderWay::stagesJson(const Item& item) const {
+    const auto seconds = [](std::chrono::nanoseconds time) {
+        return std::chrono::duration<double>(time).count();
+    };
+    const auto now = tables_.group().groupResolver()->turnTime();
+    const auto& handle = *item.handle;
+    const auto end = item.queued ? now : handle.committedAt();
+    Json stages = Json::array();
+    stages.push_back({{"stage", "staged"}, {"seconds", seconds(end - handle.stagedAt())}});
+    if (!item.queued)
+        stages.push_back({{"stage", "in the log"}, {"seconds", seconds(now - end)}});
+    return stages;
+}
+
 Json ChangesUnderWay::changeJson(const Item& item) const {
     const auto& handle = *item.handle;
     Json json{{"table", tableName(item.table->tableId())},
@@ -258,10 +273,14 @@ Json ChangesUnderWay::chainJson(const Asic::WaitChain& chain) const {
 Json ChangesUnderWay::explain(Asic::SwTableId table, std::uint16_t unit,
                               const std::string& key) const {
     const std::vector<Item> items = chosen({table, unit, key});
-    Json json{{"total", items.size()},  {"changes", Json::array()}, {"links", 0},
-              {"chain", Json::array()}, {"root", nullptr},          {"cycle", false}};
+    Json json{{"total", items.size()},   {"changes", Json::array()},
+              {"stages", Json::array()}, {"links", 0},
+              {"chain", Json::array()},  {"root", nullptr},
+              {"cycle", false}};
     for (std::size_t i = 0; i < std::min(items.size(), kMostShown); ++i)
         json["changes"].push_back(changeJson(items[i]));
+    if (!items.empty())
+        json["stages"] = stagesJson(items.back());
     const auto staged = std::find_if(items.rbegin(), items.rend(),
                                      [](const Item& item) { return item.queued.has_value(); });
     if (staged == items.rend())

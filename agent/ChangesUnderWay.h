@@ -59,9 +59,9 @@ public:
 
     /// {"total", "changes"}: the oldest first, at most `limit`.
     Json list(const ChangeFilter& filter, std::size_t limit) const;
-    /// {"total", "changes", "links", "chain", "root", "cycle"} of one key: the chain leads from its
-    /// last staged change to the root. No more than kMostShown of each are shown, of the chain both
-    /// ends. "chain" and "root" are empty and null when no change of it is staged.
+    /// {"total", "changes", "stages", "links", "chain", "root", "cycle"} of one key: the chain
+    /// leads from its last staged change to the root. No more than kMostShown of each are shown, of
+    /// the chain both ends. "chain" and "root" are empty and null when no change of it is staged.
     static constexpr std::size_t kMostShown = 100;
     Json explain(Asic::SwTableId table, std::uint16_t unit, const std::string& key) const;
 
@@ -78,6 +78,7 @@ private:
     Json chainJson(const Asic::WaitChain& chain) const;
     Json waitsForHardware(const Item& item) const;
     Json changeJson(const Item& item) const;
+    Json stagesJson(const Item& item) const;
 
     const Tables& tables_;
     Asic::QueueView queue_;

@@ -194,6 +194,18 @@ TEST_F(ChangesUnderWayTest, AgeFromTheTurnInWhichTheyWereStaged) {
     loop_.turnTimeIs(std::chrono::seconds(103));
     write(2, never);
     EXPECT_EQ(Agent::oldestStaged_s(*tables_), 3.0);
+    const Json staged = explain("00000001.00000001")["stages"];
+    ASSERT_EQ(staged.size(), 1U);
+    EXPECT_EQ(staged[0]["seconds"], 3.0);
+    settle();
+    write(3);
+    loop_.turnTimeIs(std::chrono::seconds(105));
+    settle();
+    loop_.turnTimeIs(std::chrono::seconds(112));
+    const Json committed = explain("00000003.00000001")["stages"];
+    ASSERT_EQ(committed.size(), 2U);
+    EXPECT_EQ(committed[0]["seconds"], 2.0);
+    EXPECT_EQ(committed[1]["seconds"], 7.0);
 }
 
 }  // namespace

@@ -1,6 +1,9 @@
 // Changes that are not finished, counters and alarms, as the agent tells them.
 #include "tools/vorn/ShowAgent.h"
 
+#include <algorithm>
+#include <chrono>
+
 #include <fmt/format.h>
 
 #include "tools/vorn/ShowText.h"
@@ -20,6 +23,31 @@ std::string waitText(const Json& change) {
 std::string ageIn(const Json& object, const std::string& name) {
     const auto age = object.find(name);
     return age != object.end() && age->is_number() ? ageText(age->get<double>()) : "-";
+}
+
+bool isRaised(const Json& alarm) {
+    return alarm.value("raised", false);
+}
+
+/// A table by its short name.
+std::string subjectOf(const Json& alarm) {
+    const std::string subject = stringIn(alarm, "subject");
+    const auto table = Inspect::tableFromText(subject);
+    return table ? std::string(shortName(*table)) : subject;
+}
+
+std::string valueIn(const Json& alarm, const std::string& name) {
+    const double value = alarm.value(name, 0.0);
+    return stringIn(alarm, "unit") == "ratio" ? fmt::format("{:.1f} %", value * 100)
+                                              : ageText(value);
+}
+
+std::string sinceText(const Json& alarm) {
+    const auto since = alarm.find("sinceTime");
+    if (since == alarm.end() || !since->is_number())
+        return "-";
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return ageText(std::chrono::duration<double>(now).count() - since->get<double>());
 }
 
 }  // namespace
@@ -94,24 +122,28 @@ int showStats(Session& session) {
 
 int showAlarms(Session& session) {
     const Json alarms = session.askAgent({{"cmd", "alarms"}}).value("alarms", Json::array());
-    bool isAnyRaised = false;
+    const bool isAnyRaised = std::any_of(alarms.begin(), alarms.end(), isRaised);
+    const int code = isAnyRaised ? kFound : kDone;
+    if (session.json)
+        return session.printed({{"alarms", alarms}}, code);
     using Column = TextTable::Column::Kind;
     TextTable text({{"ALARM"},
                     {"OF"},
                     {"STATE"},
                     {"VALUE", Column::right},
                     {"LIMIT", Column::right},
-                    {"SAYS", Column::flexible}});
-    for (const Json& alarm : alarms) {
-        const bool isRaised = alarm.value("raised", false);
-        isAnyRaised = isAnyRaised || isRaised;
-        text.add({stringIn(alarm, "name"), stringIn(alarm, "subject"),
-                  isRaised ? TextTable::Cell("raised", Colour::red) : TextTable::Cell("clear"),
-                  numberText(alarm, "value"), numberText(alarm, "limit"), stringIn(alarm, "text")});
+                    {"CLEARS AT", Column::right},
+                    {"SINCE", Column::right}});
+    for (const bool raised : {true, false}) {
+        for (const Json& alarm : alarms) {
+            if (isRaised(alarm) != raised)
+                continue;
+            text.add({stringIn(alarm, "name"), subjectOf(alarm),
+                      raised ? TextTable::Cell("raised", Colour::red) : TextTable::Cell("clear"),
+                      valueIn(alarm, "value"), valueIn(alarm, "limit"), valueIn(alarm, "clear"),
+                      raised ? sinceText(alarm) : ""});
+        }
     }
-    const int code = isAnyRaised ? kFound : kDone;
-    if (session.json)
-        return session.printed({{"alarms", alarms}}, code);
     if (!text.empty())
         text.print(session.out());
     else
