@@ -12,6 +12,7 @@
 
 #include "agent/ChangesUnderWay.h"
 #include "agent/Metrics.h"
+#include "agent/StableHash.h"
 #include "platform/brumo/Trace.h"
 #include "process/EntryJson.h"
 #include "process/KeyText.h"
@@ -151,6 +152,13 @@ std::optional<Asic::SwTableId> tableMember(const Json& request) {
     return table;
 }
 
+/// Why a change fails, as far as the table of it tells.
+std::string_view failureText(Asic::SwTableId table) {
+    return table == ActionTypes::kTableId
+               ? "no counter or policer was left for it, or one that it has has failed"
+               : "the change of its action failed, or the table has no room for it";
+}
+
 /// Calls `use` with the unit's table of that name, and with the key in its own type.
 template <class Use>
 void withTable(const Tables& tables, const std::string& table, std::uint16_t unit,
@@ -173,6 +181,33 @@ void withTable(const Tables& tables, const std::string& table, std::uint16_t uni
         useOf(*found->ipv6);
     else
         throw std::runtime_error(fmt::format("there is no table \"{}\"", table));
+}
+
+/// What is staged for a key, whether the last load has failed to write it, and where its table is.
+template <class Types>
+Json standingJson(const Asked& asked, const VornPolicyCpu::TableOperations<Types>& table,
+                  const typename Types::Key& key) {
+    const std::string_view reason = failureText(table.tableId());
+    Json json{{"staged", nullptr}, {"failure", nullptr}};
+    if (const auto staged = table.staged(key)) {
+        json["staged"] = {{"operation", staged->entry ? "write" : "remove"},
+                          {"entryVersion", staged->handle->entryVersion().toText()},
+                          {"failed", staged->handle->failed()},
+                          {"reason", nullptr},
+                          {"entry", nullptr}};
+        if (staged->handle->failed())
+            json["staged"]["reason"] = reason;
+        if (staged->entry)
+            json["staged"]["entry"] = Process::entryJson(staged->entry->toLogEntry());
+    }
+    const auto& failures = asked.loader.figures().failures;
+    const FailedChange failed{table.tableId(), table.unitId(), packed(key)};
+    if (std::find(failures.begin(), failures.end(), failed) != failures.end())
+        json["failure"] = reason;
+    json["published"] = table.logVersion().value;
+    json["acknowledged"] = asked.tables.group().acknowledgedVersion(table.tableId()).value;
+    json["unacknowledged"] = unacknowledgedJson(asked.backlog.of(asked.tables, table.tableId()));
+    return json;
 }
 
 }  // namespace
@@ -249,20 +284,7 @@ Json explanationJson(const Asked& asked, const Json& request) {
     withTable(asked.tables, table, *unit, textMember(request, "key"),
               [&](const auto& one, const auto& key) {
                   json = {{"table", table}, {"unit", *unit}, {"key", key.toText()}};
-                  json["staged"] = nullptr;
-                  if (const auto staged = one.staged(key)) {
-                      json["staged"] = {
-                          {"operation", staged->entry ? "write" : "remove"},
-                          {"entryVersion", staged->handle->entryVersion().toText()},
-                          {"failed", staged->handle->failed()},
-                          {"entry", staged->entry ? Process::entryJson(staged->entry->toLogEntry())
-                                                  : Json(nullptr)}};
-                  }
-                  json["published"] = one.logVersion().value;
-                  json["acknowledged"] =
-                      asked.tables.group().acknowledgedVersion(one.tableId()).value;
-                  json["unacknowledged"] =
-                      unacknowledgedJson(asked.backlog.of(asked.tables, one.tableId()));
+                  json.update(standingJson(asked, one, key));
               });
     json.update(ChangesUnderWay(asked.tables)
                     .explain(*tableNamed(table), *unit, json["key"].get<std::string>()));
@@ -280,6 +302,8 @@ Json metricsJson(const Asked& asked, const Json& request) {
 }
 
 Json tracesJson(const Asked& asked, const Json& request) {
+    if (const auto newest = optionalMember<std::uint64_t>(request, "newest"))
+        return asked.traces.newest(std::min(*newest, kMostLimit));
     return asked.traces.json(optionalMember<std::uint64_t>(request, "after").value_or(0),
                              limitOf(request));
 }

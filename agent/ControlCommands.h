@@ -33,7 +33,7 @@ Json changesJson(const Asked& asked, const Json& request);
 /// What is known of one key's changes, and what they wait for, to the root.
 Json explanationJson(const Asked& asked, const Json& request);
 Json metricsJson(const Asked& asked, const Json& request);
-/// {"after", "limit"} may be given.
+/// {"after", "limit"} may be given, or {"newest"}: the number of lines.
 Json tracesJson(const Asked& asked, const Json& request);
 /// Sets the filter when one is given.
 Json traceFilterJson(const Json& request);

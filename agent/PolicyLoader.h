@@ -38,7 +38,19 @@ struct UnitTables {
 };
 
 /// What became of one load, over all units and tables.
+/// A change that failed.
+struct FailedChange {
+    Asic::SwTableId table;
+    Asic::UnitId unit;
+    std::uint64_t key = 0;  ///< packed
+
+    bool operator==(const FailedChange&) const = default;
+};
+
 struct LoadFigures {
+    /// So many are remembered one by one.
+    static constexpr std::size_t kMostRemembered = 10000;
+
     std::uint64_t number = 0;  ///< loads count from 1; 0: there was none
     std::string file;
     std::uint64_t written = 0;
@@ -48,6 +60,7 @@ struct LoadFigures {
     std::uint64_t failed = 0;
     std::uint64_t inProgress = 0;
     std::string firstFailure;
+    std::vector<FailedChange> failures;
     std::string waiting;  ///< the file of a later load that waits, or empty
 };
 

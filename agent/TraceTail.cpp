@@ -20,7 +20,8 @@ void TraceTail::take(const Brumo::TraceRecord& record) {
     if (lines_.size() == kMostLines)
         lines_.pop_front();
     lines_.push_back({++last_, secondsSince1970(), record.level, std::string(record.handle),
-                      fmt::format("{}::{}:{}", record.className, record.function, record.text)});
+                      fmt::format("{}::{}:{}{}", record.className, record.function,
+                                  record.text.starts_with(' ') ? "" : " ", record.text)});
     before_(record);
 }
 

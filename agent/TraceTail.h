@@ -4,6 +4,7 @@
 // Event thread only, which is the thread that traces.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -30,6 +31,10 @@ public:
     /// `limit` from the first of them on; "last": the last number seen so; "lost": how many are not
     /// there any more.
     Json json(std::uint64_t after, std::size_t limit) const;
+    /// The same of the last `count` lines.
+    Json newest(std::size_t count) const {
+        return json(last_ - std::min<std::uint64_t>(count, last_), count);
+    }
 
 private:
     struct Line {

@@ -69,7 +69,7 @@ void PolicyLoader::UnitLoader::writeAction(const ActionEntry& entry) {
         if (found != self->actionWrites_.end() && found->second == handle)
             self->actionWrites_.erase(found);
         if (book(handle, *figures))
-            self->noteFailure(*figures, "action", self->policy_->actions, key);
+            self->noteFailure<ActionTypes>(*figures, "action", self->policy_->actions, key);
         self->changed();
     };
     actionWrites_[key] = tables_.actions->write(entry.key, entry, nullptr, handler);
@@ -151,9 +151,9 @@ Asic::OrderedSwTable::ResponseHandler PolicyLoader::UnitLoader::matchHandler(
             if (actionBefore)
                 failed[key].stillNamed.insert(*actionBefore);
             if (&failed == &self->failedV4_)
-                self->noteFailure(*figures, "ipv4 entry", self->policy_->ipv4, key);
+                self->noteFailure<V4Types>(*figures, "ipv4 entry", self->policy_->ipv4, key);
             else
-                self->noteFailure(*figures, "ipv6 entry", self->policy_->ipv6, key);
+                self->noteFailure<V6Types>(*figures, "ipv6 entry", self->policy_->ipv6, key);
         } else if (earlier != failed.end() && earlier->second.number < figures->number) {
             failed.erase(earlier);
         }
@@ -241,10 +241,12 @@ bool PolicyLoader::UnitLoader::book(const Handle& handle, LoadFigures& figures) 
 }
 
 /// The name is looked for once a load: a search for each of many failures would take seconds.
-template <class Entry>
+template <class Types>
 void PolicyLoader::UnitLoader::noteFailure(LoadFigures& figures, std::string_view kind,
-                                           const std::vector<Named<Entry>>& entries,
+                                           const std::vector<Named<typename Types::Entry>>& entries,
                                            std::uint64_t key) const {
+    if (figures.failures.size() < LoadFigures::kMostRemembered)
+        figures.failures.push_back({Types::kTableId, tables_.unit, key});
     if (figures.firstFailure.empty())
         figures.firstFailure =
             fmt::format("{} {} of unit {}", kind, nameOf(entries, key), tables_.unit);

@@ -68,10 +68,11 @@ private:
     void removeAction(const ActionTypes::Key& key);
     /// Books a change that has ended. Returns whether it failed.
     static bool book(const Handle& handle, LoadFigures& figures);
-    /// Keeps the name of the first change that failed.
-    template <class Entry>
+    /// Remembers a change that failed, and the name of the first one.
+    template <class Types>
     void noteFailure(LoadFigures& figures, std::string_view kind,
-                     const std::vector<Named<Entry>>& entries, std::uint64_t key) const;
+                     const std::vector<Named<typename Types::Entry>>& entries,
+                     std::uint64_t key) const;
     void changed() const {
         if (changed_)
             changed_();

@@ -166,6 +166,13 @@ TEST_F(Inspection, AWriteThatFailedWithItsActionIsShownAsFailed) {
         key.pop_back();
     const Json explained = explain("PolicyCpuV4TcamEntry", key);
     EXPECT_EQ(explained["staged"]["failed"], true) << key << explained.dump(1);
+    EXPECT_EQ(explained["staged"]["reason"],
+              "the change of its action failed, or the table has no room for it");
+    EXPECT_EQ(explained["failure"], explained["staged"]["reason"]);
+    const Json action = explain("PolicyCpuTcamAction", explained["staged"]["entry"]["action"]);
+    EXPECT_TRUE(action["staged"].is_null());
+    EXPECT_EQ(action["failure"],
+              "no counter or policer was left for it, or one that it has has failed");
     EXPECT_TRUE(explained["chain"].empty());
 }
 
@@ -256,6 +263,10 @@ TEST_F(Inspection, TracesCanBeTurnedOnAndFollowed) {
     std::string other = kPolicy;
     reload(other.replace(other.find("priority: 100"), 13, "priority: 101"));
     const Json after = system_.askAgent({{"cmd", "traces"}, {"after", before["last"]}});
+    const Json newest = system_.askAgent({{"cmd", "traces"}, {"newest", 1}});
+    ASSERT_EQ(newest["lines"].size(), 1U);
+    EXPECT_EQ(newest["lines"][0]["number"], newest["last"]);
+    EXPECT_GE(newest["last"], after["last"]);
     ASSERT_FALSE(after["lines"].empty());
     for (const Json& line : after["lines"]) {
         EXPECT_EQ(line["handle"], "PolicyCpuV4TcamEntrySwTable");
