@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <thread>
+#include <tuple>
 
 #include <fmt/format.h>
 
@@ -42,11 +43,11 @@ constexpr std::array<KindFacts, 13> kKindFacts{{
      Mend::resync, "hardware side takes all values anew (resync), or is started anew"},
     {"index without user", "an agent was killed between request and commit", Mend::sweep,
      kSweepAdvice},
-    {"index used twice", "records of the pool were lost and the index given out again",
-     Mend::reload, "move one of the requests (vorn resource move)"},
+    {"index used twice", "records of the pool were lost and the index given out again", Mend::none,
+     "move one of the requests (vorn resource move)"},
     {"request has two indexes", "an agent was killed while the request moved", Mend::sweep,
      kSweepAdvice},
-    {"index not of its request", "records of the pool were lost", Mend::reload,
+    {"index not of its request", "records of the pool were lost", Mend::none,
      "restart the agent: it requests what its entries need again"},
 }};
 
@@ -54,12 +55,18 @@ const KindFacts& factsOf(Difference::Kind kind) {
     return kKindFacts.at(static_cast<std::size_t>(kind));
 }
 
-/// What both looks have seen.
+/// What both looks have seen. The detail may differ: it has versions, which go on.
 std::vector<Difference> commonTo(const std::vector<Difference>& before,
                                  const std::vector<Difference>& now) {
+    const auto identity = [](const Difference& difference) {
+        return std::tie(difference.kind, difference.id, difference.subject);
+    };
+    std::set<decltype(identity(now.front()))> seen;
+    for (const Difference& difference : before)
+        seen.insert(identity(difference));
     std::vector<Difference> common;
     std::ranges::copy_if(now, std::back_inserter(common), [&](const Difference& difference) {
-        return std::ranges::find(before, difference) != before.end();
+        return seen.contains(identity(difference));
     });
     return common;
 }

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "inspect/Errors.h"
+#include "inspect/History.h"
 #include "inspect/Readers.h"
 #include "process/KeyText.h"
 
@@ -18,18 +19,6 @@ using Kind = Difference::Kind;
 
 Difference of(Kind kind, const EntryId& id, std::string detail) {
     return {kind, id, id.toText(), std::move(detail)};
-}
-
-/// "rate 500, not 1000": where two entries differ.
-std::string differenceText(const Json& held, const Json& wanted) {
-    std::string text;
-    for (const auto& [name, value] : wanted.items()) {
-        const Json other = held.value(name, Json());
-        if (other != value)
-            text += fmt::format("{}{} is {}, not {}", text.empty() ? "" : "; ", name, other.dump(),
-                                value.dump());
-    }
-    return text.empty() ? "content differs" : text;
 }
 
 /// The index of a pool that an action uses; nothing where it uses none.
@@ -52,11 +41,18 @@ private:
     Report damaged() {
         return [this](const Damage& damage) { damages_.push_back(damage); };
     }
+    void compareUnits();
+    std::uint64_t entriesThere(const std::vector<std::uint16_t>& units) const;
+    /// What hardware has of the unit. From the first time that it does not tell, it is compared no
+    /// more.
+    HeldEntries heldNow(std::uint16_t unit);
     void compareTable(Table table, std::uint16_t unit, const HeldEntries& held);
+    void dropThoseThatWent(std::uint16_t unit, std::vector<Difference>& found);
     /// Finds which keys the rotten slots of a unit hold: those whose look-up meets them.
     void nameRottenValues(Table table, std::uint16_t unit, const HeldEntries& held);
     void compareLog(Table table);
-    void compareRecords(Table table, const std::map<EntryId, Change>& last);
+    std::vector<std::pair<Difference, std::uint64_t>> lostValues(
+        Table table, const std::map<EntryId, Change>& last);
     void comparePools();
     bool isQuiet();
 
@@ -66,6 +62,7 @@ private:
     CheckResult result_;
     Acknowledgements acks_;
     std::vector<Damage> damages_;
+    std::uint64_t seen_ = 0;                 ///< entries
     std::vector<Entry> actions_;             ///< of all units
     std::map<EntryId, std::uint64_t> live_;  ///< versions; values in deletion left out
     std::set<EntryId> rotten_;
@@ -75,26 +72,10 @@ private:
 CheckResult Look::result() {
     result_.looks = 1;
     acks_ = system_.state.acknowledgements(damaged());
-    const std::vector<std::uint16_t> units = system_.state.units();
     if (!system_.hardware.runs())
         result_.notes.push_back("hardware is not compared: " + system_.hardware.reason());
     result_.hardwareCompared = system_.hardware.runs();
-    std::uint64_t done = 0;
-    for (const std::uint16_t unit : units) {
-        if (!options_.unit || *options_.unit == unit) {
-            const HeldEntries held =
-                result_.hardwareCompared ? heldOn(system_.hardware, unit) : HeldEntries();
-            for (const Table table : kTables) {
-                progress_("entries", done, units.size() * kTables.size());
-                if (!options_.table || *options_.table == table || table == Table::action)
-                    compareTable(table, unit, held);
-                ++done;
-            }
-        } else {
-            done += kTables.size();
-        }
-    }
-    progress_("entries", done, units.size() * kTables.size());
+    compareUnits();
     for (const Table table : kTables) {
         if (!options_.table || *options_.table == table)
             compareLog(table);
@@ -109,9 +90,73 @@ CheckResult Look::result() {
     return std::move(result_);
 }
 
+void Look::compareUnits() {
+    std::vector<std::uint16_t> units = system_.state.units();
+    std::erase_if(units, [&](std::uint16_t unit) { return options_.unit.value_or(unit) != unit; });
+    const std::uint64_t there = entriesThere(units);
+    for (const std::uint16_t unit : units) {
+        const HeldEntries held = heldNow(unit);
+        for (const Table table : kTables) {
+            progress_("entries", seen_, there);
+            if (options_.table.value_or(table) == table || table == Table::action)
+                compareTable(table, unit, held);
+        }
+    }
+    progress_("entries", seen_, there);
+}
+
+std::uint64_t Look::entriesThere(const std::vector<std::uint16_t>& units) const {
+    std::uint64_t there = 0;
+    for (const std::uint16_t unit : units) {
+        for (const Table table : kTables) {
+            if (options_.table.value_or(table) != table && table != Table::action)
+                continue;
+            const auto count =
+                system_.state.count(table, unit, [](const Damage& /*told when it is compared*/) {});
+            there += count.live + count.inDeletion;
+        }
+    }
+    return there;
+}
+
+HeldEntries Look::heldNow(std::uint16_t unit) {
+    const auto isNotCompared = [&](const std::exception& error) {
+        result_.hardwareCompared = false;
+        result_.notes.push_back(
+            fmt::format("hardware is not compared from unit {} on: {}", unit, error.what()));
+        return HeldEntries();
+    };
+    if (!result_.hardwareCompared)
+        return {};
+    try {
+        return heldOn(system_.hardware, unit);
+    } catch (const NotRunningError& error) {
+        return isNotCompared(error);
+    } catch (const RefusedError& error) {
+        return isNotCompared(error);
+    }
+}
+
+/// Hardware was asked before the values were read: what it had may have been removed in between.
+/// What it still has alike is a stray.
+void Look::dropThoseThatWent(std::uint16_t unit, std::vector<Difference>& found) {
+    const auto isStray = [](const Difference& difference) {
+        return difference.kind == Kind::strayInHardware;
+    };
+    if (!std::ranges::any_of(found, isStray))
+        return;
+    const HeldEntries held = heldNow(unit);
+    if (!result_.hardwareCompared)
+        return;
+    std::erase_if(found, [&](const Difference& difference) {
+        return isStray(difference) && !held.contains(*difference.id);
+    });
+}
+
 void Look::compareTable(Table table, std::uint16_t unit, const HeldEntries& held) {
     const std::size_t damagesBefore = damages_.size();
     const std::vector<Entry> values = system_.state.entries(table, unit, damaged());
+    seen_ += values.size();
     for (const Entry& value : values) {
         if (!value.inDeletion)
             live_.emplace(value.id, value.version);
@@ -132,6 +177,7 @@ void Look::compareTable(Table table, std::uint16_t unit, const HeldEntries& held
         return difference.kind == Kind::strayInHardware &&
                (rotten_.contains(*difference.id) || unsure_.contains({table, unit}));
     });
+    dropThoseThatWent(unit, found);
     result_.differences.insert(result_.differences.end(), found.begin(), found.end());
 }
 
@@ -186,38 +232,64 @@ void Look::nameRottenValues(Table table, std::uint16_t unit, const HeldEntries& 
     }
 }
 
+/// The looks before took their time, in which hardware may have acknowledged what they saw; so it
+/// is asked again before the records are read, and after.
 void Look::compareLog(Table table) {
+    acks_ = system_.state.acknowledgements(damaged());
+    const std::uint64_t before = acks_.of(table).value_or(0);
     const LogFigures log = system_.state.log(table, damaged());
     result_.records += log.records;
-    const std::uint64_t acknowledged = acks_.of(table).value_or(0);
-    if (acknowledged > log.published) {
-        result_.differences.push_back({Kind::acknowledgedBeyond, std::nullopt,
-                                       std::string(shortName(table)),
-                                       fmt::format("version {} is acknowledged, {} is the newest",
-                                                   acknowledged, log.published)});
+    if (before > log.published) {
+        result_.differences.push_back(
+            {Kind::acknowledgedBeyond, std::nullopt, std::string(shortName(table)),
+             fmt::format("version {} is acknowledged, {} is the newest", before, log.published)});
         return;
     }
-    result_.onTheirWay += log.published - acknowledged;
     std::map<EntryId, Change> last;
-    std::uint64_t found = 0;
+    std::set<std::uint64_t> found;
     system_.state.changes(
-        table, acknowledged + 1, log.published,
+        table, before + 1, log.published,
         [&](const Change& change) {
-            ++found;
+            found.insert(change.version);
             last[{table, change.unit, change.key}] = change;
         },
         [](const Damage&) {});
-    if (found < log.published - acknowledged) {
+    const auto lost = lostValues(table, last);
+    acks_ = system_.state.acknowledgements(damaged());
+    const std::uint64_t after = std::min(acks_.of(table).value_or(0), log.published);
+    result_.onTheirWay += log.published - after;
+    for (const auto& [difference, version] : lost) {
+        if (version > after)
+            result_.differences.push_back(difference);
+    }
+    const auto kept =
+        static_cast<std::uint64_t>(std::distance(found.upper_bound(after), found.end()));
+    if (kept < log.published - after) {
         result_.differences.push_back(
             {Kind::missingRecord, std::nullopt, std::string(shortName(table)),
-             fmt::format("{} of versions {} to {}", log.published - acknowledged - found,
-                         acknowledged + 1, log.published)});
+             fmt::format("{} of versions {} to {}", log.published - after - kept, after + 1,
+                         log.published)});
     }
-    compareRecords(table, last);
 }
 
-/// What the unacknowledged records say of each key, and what its value is.
-void Look::compareRecords(Table table, const std::map<EntryId, Change>& last) {
+/// Keys whose last record says written and that have no value of it, each with the record's
+/// version.
+std::vector<std::pair<Difference, std::uint64_t>> Look::lostValues(
+    Table table, const std::map<EntryId, Change>& last) {
+    std::vector<std::pair<Difference, std::uint64_t>> lost;
+    std::map<std::uint16_t, State::Lookup> lookups;
+    const auto versionOf = [&](const EntryId& id) {
+        std::uint64_t version = 0;
+        const bool isRead = reporting([](const Damage& /*told with the entries*/) {},
+                                      [&] {
+                                          State::Lookup& lookup = lookups[id.unit];
+                                          if (!lookup)
+                                              lookup = system_.state.lookup(table, id.unit);
+                                          if (const auto value = lookup(id.key))
+                                              version = value->version;
+                                      });
+        return isRead ? version : UINT64_MAX;
+    };
     for (const auto& [id, change] : last) {
         if (change.operation != Change::Operation::written || rotten_.contains(id) ||
             unsure_.contains({table, id.unit}) || (options_.unit && *options_.unit != id.unit)) {
@@ -226,12 +298,13 @@ void Look::compareRecords(Table table, const std::map<EntryId, Change>& last) {
         const auto removal = last.find({table, id.unit, {}});
         if (removal != last.end() && removal->second.version > change.version)
             continue;
-        const auto value = live_.find(id);
-        if (value == live_.end() || value->second < change.version) {
-            result_.differences.push_back(
-                of(Kind::lostValue, id, fmt::format("written as version {}", change.version)));
+        if (versionOf(id) < change.version) {
+            lost.emplace_back(
+                of(Kind::lostValue, id, fmt::format("written as version {}", change.version)),
+                change.version);
         }
     }
+    return lost;
 }
 
 /// Requests of changes that are staged have no entry yet.
@@ -276,8 +349,10 @@ void compareWithHardware(const std::vector<Entry>& values, const HeldEntries& he
             differs(Kind::olderInHardware, value,
                     fmt::format("version {}, not {}", found->second.version, value.version));
         } else if (found->second.content != value.content) {
-            differs(Kind::otherInHardware, value,
-                    differenceText(found->second.content, value.content));
+            differs(
+                Kind::otherInHardware, value,
+                fmt::format("from hardware to table: {}",
+                            fmt::join(changesBetween(found->second.content, value.content), ", ")));
         }
     }
     for (const auto& [id, entry] : held) {

@@ -1,6 +1,9 @@
 // One entry's story put together from files and processes.
 #include "inspect/Explain.h"
 
+#include <chrono>
+#include <thread>
+
 #include <fmt/format.h>
 
 #include "inspect/Errors.h"
@@ -12,9 +15,21 @@ namespace Inspect {
 
 namespace {
 
-constexpr std::array<std::string_view, 9> kStandings{"rotten",     "cycle",    "waits",
-                                                     "missing",    "underWay", "unconfirmed",
-                                                     "inHardware", "removed",  "absent"};
+constexpr std::array<std::string_view, 10> kStandings{
+    "rotten",   "cycle",       "waits",      "failed",  "missing",
+    "underWay", "unconfirmed", "inHardware", "removed", "absent"};
+
+/// Why what was wanted last has failed; nothing where it has not.
+std::optional<std::string> failureIn(const Json& answer) {
+    const Json staged = answer.value("staged", Json());
+    const bool isStagedFailed = staged.is_object() && staged.value("failed", false);
+    for (const Json& reason : {isStagedFailed ? staged.value("reason", Json()) : Json(),
+                               answer.value("failure", Json())}) {
+        if (reason.is_string())
+            return reason.get<std::string>();
+    }
+    return isStagedFailed ? std::optional<std::string>("the agent does not say why") : std::nullopt;
+}
 
 void askAgent(System& system, Explanation& story) {
     const EntryId& id = story.id;
@@ -31,6 +46,7 @@ void askAgent(System& system, Explanation& story) {
     if (const auto root = answer->find("root"); root != answer->end() && root->is_string())
         story.root = root->get<std::string>();
     story.staged = answer->value("staged", Json());
+    story.failure = failureIn(*answer);
     story.name = stagedName(*answer);
     const Json age = answer->value("unacknowledged", Json::object()).value("oldest_s", Json());
     if (age.is_number())
@@ -39,6 +55,8 @@ void askAgent(System& system, Explanation& story) {
 
 void askHardware(System& system, Explanation& story) {
     story.hardwareRuns = system.hardware.runs();
+    story.hardwareSilence.clear();
+    story.held.reset();
     try {
         story.held = heldFor(system.hardware, story.id);
     } catch (const NotRunningError& error) {
@@ -80,10 +98,14 @@ void findAnnouncement(const System& system, const Acknowledgements& acks, std::u
 }
 
 void readFiles(const System& system, Explanation& story) {
+    story.damages.clear();
+    story.committed.reset();
+    story.before = 0;
+    story.announcedAt.reset();
+    story.needs.clear();
     const Report report = [&](const Damage& damage) { story.damages.push_back(damage); };
     const bool whole = reporting(report, [&] { story.committed = system.state.entry(story.id); });
-    if (!whole)
-        story.standing = Standing::rotten;
+    story.standing = whole ? Standing::absent : Standing::rotten;
     const Acknowledgements acks = system.state.acknowledgements(report);
     story.acknowledged = acks.of(story.id.table);
     story.pauseRequested = acks.pauseRequested;
@@ -139,7 +161,7 @@ Standing standingOf(const Explanation& story) {
         return Standing::cycle;
     if (hasStaged(story))
         return Standing::waits;
-    return committedStanding(story);
+    return story.failure ? Standing::failed : committedStanding(story);
 }
 
 std::string underWayText(const Explanation& story) {
@@ -182,6 +204,13 @@ std::string missingText(const Explanation& story) {
         story.held->version, story.committed->version, kMend);
 }
 
+std::string failedText(const Explanation& story) {
+    const bool isThere = story.committed && !story.committed->inDeletion;
+    const std::string stays =
+        isThere ? fmt::format("; version {} stays committed", story.committed->version) : "";
+    return fmt::format("failed: {}, the next reload tries again{}", *story.failure, stays);
+}
+
 std::string verdictOf(const Explanation& story) {
     switch (story.standing) {
         case Standing::rotten:
@@ -190,6 +219,8 @@ std::string verdictOf(const Explanation& story) {
             return "waits for itself, in a cycle: " + whatIsAwaited(story);
         case Standing::waits:
             return "waits for: " + whatIsAwaited(story);
+        case Standing::failed:
+            return failedText(story);
         case Standing::missing:
             return missingText(story);
         case Standing::underWay:
@@ -217,13 +248,42 @@ std::string_view standingText(Standing standing) {
     return kStandings.at(static_cast<std::size_t>(standing));
 }
 
+namespace {
+
+/// The version of the entry's value now; 0 where there is none, or none that can be read.
+std::uint64_t versionNow(const System& system, const EntryId& id) {
+    std::optional<Entry> entry;
+    reporting([](const Damage& /*the look before has told it*/) {},
+              [&] { entry = system.state.entry(id); });
+    return entry ? entry->version : 0;
+}
+
+/// Value, acknowledgements and hardware are read one after the other. What they seem to disagree
+/// about is a fault only where the value was the same before and after.
+void lookAtEntry(System& system, Explanation& story) {
+    constexpr unsigned kTries = 20;
+    constexpr std::chrono::milliseconds kPause{5};
+    for (unsigned tries = 0; tries < kTries; ++tries) {
+        readFiles(system, story);
+        askHardware(system, story);
+        story.standing = standingOf(story);
+        const std::uint64_t version = story.committed ? story.committed->version : 0;
+        if (story.standing != Standing::missing || versionNow(system, story.id) == version)
+            return;
+        std::this_thread::sleep_for(kPause);
+    }
+    story.held.reset();
+    story.hardwareSilence = "the entry has changed each time that hardware was asked";
+    story.standing = standingOf(story);
+}
+
+}  // namespace
+
 Explanation explain(System& system, const EntryId& id) {
     Explanation story;
     story.id = id;
     askAgent(system, story);
-    readFiles(system, story);
-    askHardware(system, story);
-    story.standing = standingOf(story);
+    lookAtEntry(system, story);
     story.verdict = verdictOf(story);
     return story;
 }
@@ -259,6 +319,7 @@ Json toJson(const Explanation& story) {
             {"verdict", story.verdict},
             {"agentRuns", story.agentRuns},
             {"staged", story.staged},
+            {"failure", orNull(story.failure)},
             {"changes", story.changes},
             {"chain", story.chain},
             {"root", orNull(story.root)},

@@ -18,6 +18,7 @@ enum class Standing : std::uint8_t {
     rotten,       ///< its committed value does not verify
     cycle,        ///< what it waits for waits for it
     waits,        ///< staged, not committed
+    failed,       ///< could not be committed; what was committed before stays
     missing,      ///< acknowledged, but hardware has something else
     underWay,     ///< committed, not acknowledged
     unconfirmed,  ///< acknowledged, and the hardware side cannot be asked
@@ -34,11 +35,12 @@ struct Explanation {
     std::string verdict;  ///< one line
 
     bool agentRuns = false;
-    std::string agentSilence;         ///< why the agent did not tell; empty where it did
-    Json changes = Json::array();     ///< of the key, as the agent tells them
-    Json staged;                      ///< the newest change that is not committed; null: none
-    Json chain = Json::array();       ///< from the oldest of them to the root
-    std::optional<std::string> root;  ///< what all wait for
+    std::string agentSilence;            ///< why the agent did not tell; empty where it did
+    Json changes = Json::array();        ///< of the key, as the agent tells them
+    Json staged;                         ///< the newest change that is not committed; null: none
+    std::optional<std::string> failure;  ///< why the last change failed, where one did
+    Json chain = Json::array();          ///< from the oldest of them to the root
+    std::optional<std::string> root;     ///< what all wait for
     bool isCycle = false;
     Json stages = Json::array();     ///< time in each stage
     std::optional<double> oldest_s;  ///< age of the table's oldest unacknowledged change

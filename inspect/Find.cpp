@@ -11,15 +11,6 @@
 
 namespace Inspect {
 
-namespace {
-
-/// An action's name, or a match entry's label.
-std::string nameIn(const Json& content) {
-    return content.value("name", content.value("label", std::string()));
-}
-
-}  // namespace
-
 std::string stagedName(const Json& explained) {
     const Json staged = explained.value("staged", Json());
     const Json entry = staged.is_object() ? staged.value("entry", Json()) : Json();
@@ -64,14 +55,15 @@ std::set<std::string> heldNamed(System& system, Table table, std::uint16_t unit,
 EntryId find(System& system, Table table, std::uint16_t unit, const std::string& text) {
     if (const auto key = keyText(table, text))
         return {table, unit, *key};
-    std::set<std::string> keys = stagedNamed(system, table, unit, text);
+    const std::string name = storedName(table, text);
+    std::set<std::string> keys = stagedNamed(system, table, unit, name);
     for (const Entry& entry :
          system.state.entries(table, unit, [](const Damage& /*shown elsewhere*/) {})) {
-        if (entry.name() == text)
+        if (entry.name() == name)
             keys.insert(entry.id.key);
     }
     if (keys.empty())
-        keys = heldNamed(system, table, unit, text);
+        keys = heldNamed(system, table, unit, name);
     if (keys.size() == 1)
         return {table, unit, *keys.begin()};
     if (keys.empty()) {

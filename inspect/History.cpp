@@ -31,6 +31,8 @@ HeldEntries heldIfRuns(System& system, std::uint16_t unit) {
         return system.hardware.runs() ? heldOn(system.hardware, unit) : HeldEntries();
     } catch (const NotRunningError&) {
         return {};
+    } catch (const RefusedError&) {
+        return {};  // what hardware holds is told where that is known, and nothing rests on it
     }
 }
 
@@ -121,7 +123,8 @@ Json toJson(const ToldChange& told) {
 }
 
 PastTable pastTable(Table table, std::uint64_t at, const std::vector<Entry>& values,
-                    const std::vector<Change>& since, const HeldEntries& held) {
+                    const std::vector<Change>& since, const HeldEntries& held,
+                    const std::optional<std::set<EntryId>>& thereThen) {
     PastTable past;
     // Keys that were changed since, with whether the first change known says what was there before.
     std::set<EntryId> changed;
@@ -146,6 +149,8 @@ PastTable pastTable(Table table, std::uint64_t at, const std::vector<Entry>& val
     }
     for (const EntryId& id : changed) {
         const auto found = held.find(id);
+        if (thereThen && !thereThen->contains(id))
+            continue;
         // Hardware goes through all versions in turn or skips to later ones: what it has of at or
         // before `at` with no record of the key between is what the table had.
         if (found != held.end() && found->second.version <= at)
@@ -156,38 +161,78 @@ PastTable pastTable(Table table, std::uint64_t at, const std::vector<Entry>& val
     return past;
 }
 
+namespace {
+
+/// One unit's records, split at a version.
+struct SplitLog {
+    std::vector<Change> since;
+    std::set<EntryId> thereThen;  ///< keys that the records up to the version leave written
+    std::map<EntryId, std::uint64_t> lastThen;
+};
+
+SplitLog splitLog(const State& state, Table table, std::uint16_t unit, std::uint64_t at,
+                  std::uint64_t published, const Report& report) {
+    SplitLog log;
+    state.changes(
+        table, 1, published,
+        [&](const Change& change) {
+            if (change.unit != unit)
+                return;
+            const EntryId id{table, change.unit, change.key};
+            if (change.version > at) {
+                log.since.push_back(change);
+                return;
+            }
+            log.lastThen[id] = change.version;
+            if (change.operation == Change::Operation::allRemoved)
+                log.thereThen.clear();
+            else if (change.operation == Change::Operation::written)
+                log.thereThen.insert(id);
+            else
+                log.thereThen.erase(id);
+        },
+        report);
+    return log;
+}
+
+}  // namespace
+
 PastTable pastTable(System& system, Table table, std::optional<std::uint16_t> unit,
                     std::uint64_t at, const Report& report) {
     PastTable all;
-    const LogFigures log = system.state.log(table, report);
+    bool isLogRead = true;
+    std::vector<Damage> told;  // every unit meets the same
+    const Report logReport = [&](const Damage& damage) {
+        isLogRead = false;
+        if (std::ranges::find(told, damage) != told.end())
+            return;
+        told.push_back(damage);
+        report(damage);
+    };
+    const LogFigures log = system.state.log(table, logReport);
+    if (isLogRead && at > log.published) {
+        throw QuestionError(fmt::format("table {} has no version {} yet: {} is the newest",
+                                        shortName(table), at, log.published));
+    }
     all.published = log.published;
     all.keptFrom = log.keptFrom();
-    all.isWhole = at + 1 >= all.keptFrom;
     for (const std::uint16_t one : system.state.units(table)) {
         if (unit && *unit != one)
             continue;
-        std::vector<Change> since;
         HeldEntries held = heldIfRuns(system, one);
-        system.state.changes(
-            table, 1, log.published,
-            [&](const Change& change) {
-                if (change.unit != one)
-                    return;
-                if (change.version > at)
-                    since.push_back(change);
-                // Hardware that is behind: the key was changed again before `at`.
-                const auto stale = held.find({table, one, change.key});
-                if (change.version <= at && stale != held.end() &&
-                    stale->second.version < change.version) {
-                    held.erase(stale);
-                }
-            },
-            report);
-        PastTable past =
-            pastTable(table, at, system.state.entries(table, one, report), since, held);
+        const SplitLog split = splitLog(system.state, table, one, at, log.published, logReport);
+        // Hardware that is behind: the key was changed again before `at`.
+        std::erase_if(held, [&](const auto& element) {
+            const auto last = split.lastThen.find(element.first);
+            return last != split.lastThen.end() && element.second.version < last->second;
+        });
+        const bool isAllKept = isLogRead && log.oldest == 1 && log.records == log.published;
+        PastTable past = pastTable(table, at, system.state.entries(table, one, report), split.since,
+                                   held, isAllKept ? std::optional(split.thereThen) : std::nullopt);
         std::ranges::move(past.entries, std::back_inserter(all.entries));
         std::ranges::move(past.notKept, std::back_inserter(all.notKept));
     }
+    all.isWhole = isLogRead && log.isThere && at >= all.keptFrom - 1;
     return all;
 }
 

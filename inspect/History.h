@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -47,10 +48,11 @@ struct PastTable {
 };
 
 /// A table of one unit as of version `at`, from its values, the changes since (of that unit), and
-/// what hardware holds.
+/// what hardware holds. `thereThen`: the keys that it had, where all records say so.
 PastTable pastTable(Table table, std::uint64_t at, const std::vector<Entry>& values,
-                    const std::vector<Change>& since, const HeldEntries& held);
-/// Of all units, or one.
+                    const std::vector<Change>& since, const HeldEntries& held,
+                    const std::optional<std::set<EntryId>>& thereThen = std::nullopt);
+/// Of all units, or one. Throws QuestionError where the table has no such version yet.
 PastTable pastTable(System& system, Table table, std::optional<std::uint16_t> unit,
                     std::uint64_t at, const Report& report);
 Json toJson(const PastTable& past);

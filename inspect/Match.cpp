@@ -164,6 +164,10 @@ Match::Match(const std::string& text) {
     if (isKnown(kFields)) {
         if (!isValueMet(field_, wanted_))
             throw QuestionError(fmt::format("'{}': no value for field {}", wanted_, field_));
+    } else if (field_ == "label" || field_ == "name") {
+        // Wildcards mean what is stored; a whole name may be longer than that.
+        if (wanted_.find_first_of("*?[\\") == std::string::npos)
+            wanted_ = storedName(field_ == "name" ? Table::action : Table::v4, wanted_);
     } else if (!isKnown(kTexts) && !isKnown(kNumbers)) {
         throw QuestionError(fmt::format("'{}': there is no such field; known: {}, {}, {}", field_,
                                         fmt::join(kFields, ", "), fmt::join(kTexts, ", "),
@@ -185,28 +189,30 @@ bool Match::isMet(const Entry& entry) const {
 bool Filter::isMet(const Entry& entry) const {
     if (!isMet(entry.id.table) || (unit && *unit != entry.id.unit))
         return false;
-    if (!action.empty() && entry.content.value("action", std::string()) != action)
+    if (!action.empty() && !actionKeys.contains(entry.content.value("action", std::string())))
         return false;
     return std::ranges::all_of(matches, [&](const Match& match) { return match.isMet(entry); });
 }
 
-Filter withActionKey(Filter filter, const State& state) {
+Filter withActionKeys(Filter filter, const State& state) {
     if (filter.action.empty())
         return filter;
     if (const auto key = keyText(Table::action, filter.action)) {
-        filter.action = *key;
+        filter.actionKeys = {*key};
         return filter;
     }
+    const std::string name = storedName(Table::action, filter.action);
     for (const std::uint16_t unit : state.units(Table::action)) {
         for (const Entry& entry : state.entries(Table::action, unit, [](const Damage&) {})) {
-            if (entry.name() == filter.action) {
-                filter.action = entry.id.key;
-                return filter;
-            }
+            if (entry.name() == name)
+                filter.actionKeys.insert(entry.id.key);
         }
     }
-    throw QuestionError(
-        fmt::format("'{}' is neither the key nor the name of an action", filter.action));
+    if (filter.actionKeys.empty()) {
+        throw QuestionError(
+            fmt::format("'{}' is neither the key nor the name of an action", filter.action));
+    }
+    return filter;
 }
 
 }  // namespace Inspect

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -32,13 +33,15 @@ struct Filter {
     std::optional<Table> table;
     std::optional<std::uint16_t> unit;
     std::string action;  ///< key or name of the action that match entries have; empty: any
+    /// The keys that `action` stands for: a name may have another on each unit.
+    std::set<std::string> actionKeys;
     std::vector<Match> matches;
 
     bool isMet(Table wanted) const { return !table || *table == wanted; }
     bool isMet(const Entry& entry) const;
 };
 
-/// The filter with its action's key in place of its name. Throws QuestionError.
-Filter withActionKey(Filter filter, const State& state);
+/// The filter with the keys of its action. Throws QuestionError.
+Filter withActionKeys(Filter filter, const State& state);
 
 }  // namespace Inspect

@@ -8,13 +8,11 @@ namespace Inspect {
 namespace {
 
 constexpr std::array<const char*, kTables.size()> kPolicyLists{"actions", "ipv4", "ipv6"};
-/// What an action's name has room for in shared memory.
-constexpr std::size_t kActionName_bytes = 18;
 
 /// What of a wanted entry can be compared.
 Json comparable(Table table, Json wanted) {
     if (table == Table::action) {
-        wanted["name"] = wanted.at("name").get<std::string>().substr(0, kActionName_bytes);
+        wanted["name"] = storedName(table, wanted.at("name").get<std::string>());
         return wanted;
     }
     wanted.erase("name");

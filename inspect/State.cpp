@@ -142,8 +142,8 @@ bool reporting(const Report& report, const std::function<void()>& look) {
     return false;
 }
 
-std::string Entry::name() const {
-    return content.value(id.table == Table::action ? "name" : "label", std::string());
+std::string nameIn(const Json& content) {
+    return content.value("name", content.value("label", std::string()));
 }
 
 std::string_view operationText(Change::Operation operation) {

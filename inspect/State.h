@@ -32,6 +32,9 @@ using Report = std::function<void(const Damage&)>;
 /// Calls `look`, and reports what it throws of shared memory's errors. False where it threw.
 bool reporting(const Report& report, const std::function<void()>& look);
 
+/// The action's name or the match entry's label in what Process::entryJson makes.
+std::string nameIn(const Json& content);
+
 /// A committed value.
 struct Entry {
     EntryId id;
@@ -41,8 +44,7 @@ struct Entry {
     std::string counterRequest;  ///< of an action; empty where it needs none
     std::string policerRequest;
 
-    /// The action's name or the match entry's label.
-    std::string name() const;
+    std::string name() const { return nameIn(content); }
 };
 
 /// A change record.

@@ -92,4 +92,14 @@ std::optional<std::string> keyText(Table table, std::string_view text) {
     });
 }
 
+std::string storedName(Table table, std::string_view name) {
+    return withTypes(table, [&]<class Types>() {
+        using Stored = typename Types::LogEntry;
+        if constexpr (requires(Stored stored) { stored.label; })
+            return std::string(name.substr(0, std::tuple_size_v<decltype(Stored::label)>));
+        else
+            return std::string(name.substr(0, std::tuple_size_v<decltype(Stored::name)>));
+    });
+}
+
 }  // namespace Inspect

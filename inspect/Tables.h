@@ -50,6 +50,9 @@ std::string_view nameOf(Pool pool);
 /// "counter" or "policer", also with an s.
 std::optional<Pool> poolFromText(std::string_view text);
 
+/// What the table has room for of an action's name or a match entry's label.
+std::string storedName(Table table, std::string_view name);
+
 /// One key of one unit of one table.
 struct EntryId {
     Table table = Table::action;

@@ -100,8 +100,12 @@ class System:
         self.vorn = Vorn(build, self.state, directory)
         self.agent = self.hardware = None
 
-    def start_agent(self):
-        self.agent = self.surroundings.agent(str(self.policy), capacity=1024)
+    def start_agent(self, *options):
+        where = self.surroundings
+        command = [where.program("vorn-agent"), "--policy", self.policy, "--state-dir", self.state,
+                   "--units", "1,2", "--capacity", "1024",
+                   "--plugin", where.program("libVornPolicyCpu.so"), *options]
+        self.agent = where._start("the agent", list(map(str, command)), "agent")
         return self
 
     def start_hardware(self):

@@ -85,13 +85,15 @@ def test_an_agent_without_dry_runs_is_not_asked_for_one(fake, dead):
     assert [request["cmd"] for request in peer.asked] == ["status"]
 
 
-def policy_agent(fake):
+def policy_agent(fake, ended=None):
     diff = {"unchanged": 17, "total": 1, "remove": [],
             "write": [{"table": "PolicyCpuV4TcamEntry", "unit": 1, "key": "0000002a.00000001",
                        "name": "ssh", "isNew": False}]}
-    load = {"written": 1, "removed": 0, "unchanged": 17, "inProgress": 1}
+    load = {"number": 2, "policy": "p", "written": 1, "removed": 0, "unchanged": 17, "complete": 0,
+            "failed": 0, "inProgress": 1, "firstFailure": "", "waiting": ""}
     return fake("agent.sock", {
-        "status": {"pid": 1, "tables": [], "startTime": 1.0},
+        "status": {"pid": 1, "tables": [], "startTime": 1.0,
+                   "load": {**load, "inProgress": 0, **(ended or {})}},
         "reload": lambda r: diff if r.get("dryRun") else {"load": load}})
 
 
@@ -102,8 +104,23 @@ def test_a_policy_is_applied_only_when_that_is_wanted(fake, dead):
     assert all(r.get("dryRun") for r in peer.asked if r["cmd"] == "reload")
     done = dead.vorn("policy", "apply", dead.policy, "--yes")
     assert done.code == 0 and "1 to write" in done.lines[0]
-    assert peer.asked[-1] == {"cmd": "reload", "policy": str(dead.policy)}
+    assert done.lines[-1] == "applied: 1 written, 0 removed, 17 unchanged, 0 failed, 0 in progress"
+    assert {"cmd": "reload", "policy": str(dead.policy)} in peer.asked
     dead.vorn.json("policy-apply", "policy", "apply", dead.policy, "--yes")
+
+
+def test_a_load_that_does_not_end_is_waited_for_only_so_long(fake, dead):
+    policy_agent(fake, {"inProgress": 1})
+    late = dead.vorn("policy", "apply", dead.policy, "--yes", "--wait", 0.1)
+    assert late.code == 1 and late.lines[-1].endswith("0 failed, 1 in progress")
+    assert dead.vorn("policy", "apply", dead.policy, "--yes", "--no-wait").code == 0
+
+
+def test_a_load_of_which_changes_failed_says_so(fake, dead):
+    policy_agent(fake, {"failed": 2, "firstFailure": "action 1.0: no policer is left"})
+    result = dead.vorn("policy", "apply", dead.policy, "--yes")
+    assert result.code == 1
+    assert result.lines[-1] == "failed: action 1.0: no policer is left"
 
 
 def test_a_policy_cannot_be_applied_without_an_agent(dead):
@@ -117,8 +134,11 @@ def test_a_real_agent_tells_and_loads_the_difference(own):
     told = own.vorn.json("policy-diff", "policy", "diff", other, code=1)
     assert told["source"] == "agent"
     assert (told["unchanged"], len(told["write"]), len(told["remove"])) == (12, 6, 4)
-    own.vorn.json("policy-apply", "policy", "apply", other, "--yes")
-    own.settle()
+    applied = own.vorn.json("policy-apply", "policy", "apply", other, "--yes")
+    assert (applied["load"]["inProgress"], applied["load"]["failed"]) == (0, 0)
+    assert own.vorn("policy", "apply", own.policy, "--yes").lines[-1] == (
+        "applied: 6 written, 4 removed, 12 unchanged, 0 failed, 0 in progress")
+    own.vorn("policy", "apply", other, "--yes")
     assert own.vorn.json("policy-diff", "policy", "diff", other)["total"] == 0
 
 
@@ -140,6 +160,7 @@ def test_a_resource_is_moved_failed_and_restored(own):
     assert own.vorn("resource", "restore", "counter", request).code == 0
     assert own.vorn("resource", "move", "counter", "ffffffff/9").code == 5
     assert own.vorn("resource", "move", "nix", request).code == 2
+    assert own.vorn("resource", "move", "counter", "nix").code == 2
 
 
 def test_real_traces_and_metrics_are_of_the_schema(own):
@@ -152,6 +173,29 @@ def test_real_traces_and_metrics_are_of_the_schema(own):
     for line in result.lines:
         conforms(json.loads(line), "trace-line")
     assert own.vorn.json("metrics", "metrics")["text"].rstrip().endswith("# EOF")
+
+
+def test_the_newest_traces_are_shown_of_more_than_a_thousand(own):
+    own.start_agent().start_hardware().settle()
+    own.vorn("trace", "set", "*/0-9")
+    while own.agent.ask("traces", newest=1)["last"] < 2500:
+        own.load(OTHER_POLICY)
+        own.settle()
+        own.load(POLICY)
+        own.settle()
+    own.vorn("trace", "set", "")
+    last = own.agent.ask("traces", newest=1)["last"]
+    numbers = [json.loads(line)["number"]
+               for line in own.vorn("trace", "tail", "--count", 1200, "--json").lines]
+    assert numbers == list(range(last - 1199, last + 1))
+
+
+def test_rules_of_a_filter_are_separated_by_semicolons(fake, dead):
+    peer = fake("agent.sock", {"traceFilter": lambda r: {"filter": r["filter"], "handles": []}})
+    wrong = dead.vorn("trace", "set", "Group*/1-3,Policy*/1")
+    assert wrong.code == 2 and "separate rules by ';'" in wrong.err
+    assert peer.asked == []
+    assert dead.vorn("trace", "set", "Group*/1-3,8;Policy*/1").code == 0
 
 
 def test_watch_prints_a_block_a_look(live, left):

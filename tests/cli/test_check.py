@@ -176,3 +176,12 @@ def test_an_index_that_nobody_uses_is_found(own):
     document = own.vorn.json("check", "check", code=1)
     leaks = [d for d in document["differences"] if d["kind"] == "index without user"]
     assert len(leaks) == 3 and {d["mend"] for d in leaks} == {"sweep"}
+
+
+@pytest.mark.parametrize("answer", [None, lambda request: 1 / 0])
+def test_hardware_that_does_not_tell_is_noted_and_the_rest_compared(fake, dead, answer):
+    fake("hwd.sock", {"tcam": answer} if answer else {})
+    document = dead.vorn.json("check", "check", "--settle", 1)
+    assert not document["hardwareCompared"]
+    assert any("hardware is not compared from unit 1 on" in note for note in document["notes"])
+    assert document["entries"] == 18

@@ -1,6 +1,9 @@
 """vorn explain: the verdict first, then how it came to that."""
 
-from conftest import OTHER_POLICY, wait_until
+import json
+import threading
+
+from conftest import OTHER_POLICY, POLICY, wait_until
 
 V4 = "PolicyCpuV4TcamEntry"
 KEY = "0000002a.00000001"
@@ -168,3 +171,108 @@ def test_an_agent_that_ends_in_between_is_as_if_it_did_not_run(fake, dead):
     assert result.code == 1
     assert "does not answer" in result.out
     assert peer.asked
+
+
+def test_a_failed_change_is_told_with_its_reason(fake, dead):
+    staged = {"operation": "write", "entryVersion": "3.1", "failed": True, "reason": "no room",
+              "entry": None}
+    told = {**explanation(change(KEY)), "changes": [], "chain": [], "staged": staged}
+    fake("agent.sock", {"explain": told})
+    result = dead.vorn("explain", "v4", 1, KEY)
+    assert result.code == 1
+    assert result.lines[0] == "failed: no room, the next reload tries again"
+    key = key_of(dead, "ssh")
+    story = dead.vorn.json("explain", "explain", "v4", 1, key, code=1)
+    assert story["standing"] == "failed" and story["committed"]
+    assert story["verdict"].endswith("stays committed")
+
+
+def test_an_action_for_which_no_policer_is_left_has_failed(own):
+    """Two policed actions and one policer."""
+    policed = POLICY.replace("{name: ssh, counter: yes}",
+                             "{name: ssh, policer: {rate: 100pps, burst: 10}}")
+    own.policy.write_text(policed, encoding="utf-8")
+    own.start_agent("--policers", 1).start_hardware()
+    wait_until(lambda: own.agent.ask("status")["load"]["failed"] > 0, "a change to fail")
+    wait_until(lambda: own.agent.ask("status")["load"]["inProgress"] == 0, "the load to end")
+    actions = [action for action in own.surroundings.compiled(str(own.policy))["actions"]
+               if action["name"] in ("bgp", "ssh")]
+    stories = [own.vorn("explain", "action", 1, action["key"]) for action in actions]
+    failed = [story for story in stories if story.code == 1]
+    assert len(failed) >= 1, [story.out for story in stories]
+    assert all(story.lines[0].startswith("failed: ") for story in failed)
+    assert all("the next reload tries again" in story.lines[0] for story in failed)
+
+
+def test_an_entry_that_changes_is_never_a_fault(own):
+    own.start_agent().start_hardware().settle()
+    key = key_of(own, "ssh")
+    is_done = threading.Event()
+
+    def change_it():
+        priority = 90
+        while not is_done.is_set():
+            priority = 90 if priority == 95 else 95
+            own.load(POLICY.replace("priority: 90", f"priority: {priority}"))
+    changer = threading.Thread(target=change_it)
+    changer.start()
+    try:
+        standings = [json.loads(own.vorn("explain", "v4", 1, key, "--json").out)["standing"]
+                     for _ in range(60)]
+    finally:
+        is_done.set()
+        changer.join()
+    assert "missing" not in standings
+
+
+def test_a_real_chain_of_three_is_told_to_its_root(own):
+    own.start_agent().start_hardware().settle()
+    own.hardware.ask("pause")
+    wait_until(lambda: own.agent.ask("status")["suspended"], "the pause to be known")
+    changed = POLICY.replace("{name: ssh, counter: yes}", "{name: ssh, disposition: drop}")
+    with_new = changed + ("  - {name: fresh, action: ssh, priority: 50, protocol: tcp, "
+                          "destination-port: 2222}\n")
+    own.load(with_new)
+    own.load(with_new.replace("priority: 50", "priority: 51"))
+    story = own.vorn.json("explain", "explain", "v6", 1, "fresh", code=1)
+    assert story["standing"] == "waits"
+    causes = [link["waitsFor"]["cause"] for link in story["chain"]]
+    assert causes == ["earlierChange", "dependency", "pause"], causes
+    text = own.vorn("explain", "v6", 1, "fresh")
+    assert text.lines[0] == "waits for: " + story["root"]
+    own.hardware.ask("resume")
+    own.settle()
+    assert own.vorn("explain", "v6", 1, "fresh").code == 0
+
+
+def test_a_name_longer_than_its_field_is_found(own):
+    own.policy.write_text(POLICY.replace("name: ssh", "name: a-name-that-is-too-long")
+                          .replace("action: ssh", "action: a-name-that-is-too-long"),
+                          encoding="utf-8")
+    own.start_agent().start_hardware().settle()
+    name = "a-name-that-is-too-long"
+    assert own.vorn("explain", "v4", 1, name).code == 0
+    assert own.vorn("explain", "action", 1, name).code == 0
+    assert own.vorn("show", "entry", name).code == 0
+    assert own.vorn.json("show-entries", "show", "entries", "--action", name)["entries"]
+    assert own.vorn.json("show-entries", "show", "entries", "--match", f"label={name}")["entries"]
+
+
+def test_a_unit_that_is_nowhere_is_wrong_use(live):
+    for words in (["explain", "v4", 99, "ssh"], ["show", "entries", "--unit", 99],
+                  ["show", "resources", "--unit", 99], ["log", "--unit", 99],
+                  ["check", "--unit", 99]):
+        result = live.vorn(*words)
+        assert result.code == 2, words
+        assert "there is no unit 99 here; units are 1, 2" in result.err
+
+
+def test_control_characters_never_reach_who_reads(fake, dead):
+    staged = {"operation": "write", "entryVersion": "3.1", "failed": True,
+              "reason": "\x1b]0;evil\x07\x9b2J", "entry": None}
+    fake("agent.sock", {"explain": {**explanation(change(KEY)), "changes": [], "chain": [],
+                                    "staged": staged}})
+    for colour in ("always", "never"):
+        out = dead.vorn("explain", "v4", 1, KEY, "--color", colour).out
+        assert "?]0;evil??2J" in out
+        assert "\x07" not in out and "\x9b" not in out and "\x1b]" not in out

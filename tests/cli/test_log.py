@@ -105,3 +105,33 @@ def test_a_rotten_record_is_a_row_and_the_others_are_shown(own):
     document = own.vorn.json("log", "log", "--table", "v4", code=1)
     assert [change["version"] for change in document["changes"]] == [1, 2, 4, 5, 6, 7, 8]
     assert document["damages"][0]["kind"] == "rotten"
+
+
+def test_a_version_that_is_not_there_yet_is_wrong_use(live):
+    for at in (9, 18446744073709551615):
+        result = live.vorn("state", "--at", at, "--table", "v4")
+        assert result.code == 2 and result.out == ""
+        assert f"table v4 has no version {at} yet: 8 is the newest" in result.err
+
+
+def test_where_all_records_are_kept_what_came_later_was_not_there(own):
+    own.start_agent()
+    load(own, OTHER_POLICY)
+    past = own.vorn.json("state", "state", "--at", 8, "--table", "v4")["tables"][0]
+    assert past["whole"] and past["keptFrom"] == 1
+    new = {e["key"] for e in own.vorn.json("show-entries", "show", "entry", "new", "--table",
+                                           "v4")["entries"]}
+    assert new and not new & {entry["key"] for entry in past["notKept"]}
+    assert len(past["entries"]) + len(past["notKept"]) == 8
+
+
+def test_a_log_with_rotten_records_does_not_tell_the_whole(own):
+    own.start_agent()
+    own.agent.kill()
+    file = next(own.state.glob(f"asic/*/entryLog/{V4}.table"))
+    content = bytearray(file.read_bytes())
+    record = 3 * 4096 + 8 * 1024 + 3 * 32
+    content[record + 24] ^= 1
+    file.write_bytes(content)
+    past = own.vorn.json("state", "state", "--at", 8, "--table", "v4", code=1)["tables"][0]
+    assert not past["whole"]

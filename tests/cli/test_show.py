@@ -4,6 +4,8 @@ import json
 
 import pytest
 
+from conftest import wait_until
+
 V4 = "PolicyCpuV4TcamEntry"
 FROM_FILES = ["tables", "units", "entries", "resources", "acks", "log"]
 FROM_AGENT = ["handles", "stats", "alarms"]
@@ -213,7 +215,7 @@ def test_a_raised_alarm_is_seen_in_the_exit_status(fake, dead):
     fake("agent.sock", {"alarms": {"alarms": [alarm]}})
     result = dead.vorn("show", "alarms")
     assert result.code == 1
-    assert "log of v4 is 95 % full" in result.out
+    assert result.lines[1].split()[:4] == ["log-fill", "v4", "raised", "95.0"]
     dead.vorn.json("show-alarms", "show", "alarms", code=1)
 
 
@@ -235,3 +237,31 @@ def test_a_refusal_is_said_with_its_reason(fake, dead):
     assert result.code == 5
     assert "there is no such command" in result.err
     assert json.loads(dead.vorn("show", "alarms", "--json").out)["exit"] == 5
+
+
+def test_an_alarm_that_a_real_agent_raises_is_shown(own):
+    own.start_agent("--alarm-unacknowledged", "0.05")
+    wait_until(lambda: any(alarm["raised"] for alarm in own.agent.ask("alarms")["alarms"]),
+               "an alarm to be raised")
+    document = own.vorn.json("show-alarms", "show", "alarms", code=1)
+    raised = [alarm for alarm in document["alarms"] if alarm["raised"]]
+    assert {alarm["name"] for alarm in raised} == {"unacknowledged"}
+    text = own.vorn("show", "alarms")
+    assert text.code == 1
+    assert text.lines[1].split()[0] == "unacknowledged" and "raised" in text.lines[1]
+
+
+def test_stats_acks_and_resources_can_be_picked(live):
+    status = live.vorn.json("show-stats", "show", "stats", "--table", "v4", "--unit", 2)["status"]
+    assert [table["table"] for table in status["tables"]] == [V4]
+    assert [unit["unit"] for unit in status["tables"][0]["units"]] == [2]
+    acks = live.vorn.json("show-acks", "show", "acks", "--table", "v4")["acknowledgements"]
+    assert [row["table"] for row in acks] == ["v4"]
+    every = live.vorn.json("show-resources", "show", "resources")["resources"]
+    one = live.vorn.json("show-resources", "show", "resources", "--unit", 1)["resources"]
+    assert 0 < len(one) < len(every) or {len(row["users"]) for row in every} == {2}
+
+
+def test_a_wrong_use_is_a_document_too(live):
+    for words in (["show", "entries", "--nix"], ["explain", "v4"], ["show", "entry", "nix"]):
+        assert live.vorn.json("error", *words, code=2)["exit"] == 2

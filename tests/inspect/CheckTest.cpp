@@ -133,6 +133,11 @@ TEST(CheckTest, ARemovedEntryIsGoneFromHardwareOnceThatIsAcknowledged) {
     EXPECT_THAT(hardwareKinds({entry}, held, 2), IsEmpty());
 }
 
+TEST(CheckTest, WhatNobodyHereCanMendIsNotAskedFor) {
+    EXPECT_EQ(mendOf(Kind::indexTwice), Inspect::Mend::none);
+    EXPECT_EQ(mendOf(Kind::strayIndex), Inspect::Mend::none);
+}
+
 TEST(CheckTest, EveryKindSaysCauseAndAdvice) {
     for (int kind = 0; kind <= static_cast<int>(Kind::strayIndex); ++kind) {
         EXPECT_FALSE(nameOf(static_cast<Kind>(kind)).empty());

@@ -1,9 +1,12 @@
 // vorn check: what does not agree, why, and what mends it.
+#include <chrono>
 #include <map>
+#include <thread>
 
 #include <fmt/format.h>
 
 #include "inspect/Check.h"
+#include "tools/vorn/Load.h"
 #include "tools/vorn/Session.h"
 
 namespace Vorn {
@@ -60,6 +63,32 @@ CheckResult looked(Session& session, const Inspect::CheckOptions& options) {
                  });
 }
 
+/// How often hardware has taken all values so far.
+std::uint64_t snapshotsOf(Inspect::Peer& hardware) {
+    const auto status = hardware.tryAsk({{"cmd", "status"}});
+    return status ? status->value("snapshots", std::uint64_t{0}) : 0;
+}
+
+/// What is mended is looked at again only when it has been.
+void waitForEnd(Session& session, Mend mend, const Json& answer, std::uint64_t snapshots) {
+    constexpr double kMost_s = 30;
+    constexpr std::chrono::milliseconds kPause{20};
+    if (mend == Mend::reload) {
+        endedLoad(session, answer.value("load", Json::object()), kMost_s);
+        return;
+    }
+    if (mend != Mend::resync)
+        return;
+    const auto latest = std::chrono::steady_clock::now() + std::chrono::duration<double>(kMost_s);
+    while (std::chrono::steady_clock::now() < latest) {
+        const auto status = session.system().hardware.tryAsk({{"cmd", "status"}});
+        if (!status || (status->value("snapshots", snapshots + 1) > snapshots &&
+                        status->value("waiting", 0) == 0))
+            return;
+        std::this_thread::sleep_for(kPause);
+    }
+}
+
 /// Whether anything was asked of anybody.
 bool mended(Session& session, const CheckResult& result, const CheckWishes& wishes, Json& repairs) {
     const std::set<Mend> mends = mendsOf(result);
@@ -75,7 +104,10 @@ bool mended(Session& session, const CheckResult& result, const CheckWishes& wish
     if (!wishes.yes && !isConfirmed(session.out(), fmt::format("Do {}?", names)))
         return false;
     for (const Mend mend : mends) {
+        const std::uint64_t snapshots =
+            mend == Mend::resync ? snapshotsOf(session.system().hardware) : 0;
         const Json answer = Inspect::mend(session.system(), mend);
+        waitForEnd(session, mend, answer, snapshots);
         repairs.push_back({{"mend", mendText(mend)}, {"answer", answer}});
         if (!session.json)
             session.out().line(fmt::format("{}: done", mendText(mend)));

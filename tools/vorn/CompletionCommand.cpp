@@ -205,7 +205,8 @@ int completeWords(const CLI::App& app, const std::vector<std::string>& words) {
     std::ranges::sort(candidates);
     candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
     for (const std::string& candidate : candidates) {
-        if (candidate.starts_with(current))
+        // A name that a shell would not take in whole is no help.
+        if (candidate.starts_with(current) && shown(candidate) == candidate)
             fmt::print("{}\n", candidate);
     }
     return kDone;

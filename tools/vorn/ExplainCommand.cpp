@@ -94,10 +94,10 @@ private:
         const Json entry =
             story_.staged.is_object() ? story_.staged.value("entry", Json()) : Json();
         if (entry.is_object())
-            part("", entryText(entry));
-        if (story_.staged.is_object() && story_.staged.value("failed", false))
-            part("", "it has failed");
-        if (!isAny)
+            part(isAny ? "" : "staged", entryText(entry));
+        if (story_.failure)
+            part("failed", *story_.failure);
+        if (!isAny && !entry.is_object())
             part("staged", "nothing");
     }
 
@@ -164,6 +164,7 @@ private:
 
 int explainEntry(Session& session, const Question& question) {
     const Inspect::Table table = tableNamed(question.table);
+    session.requireUnit(question.unit);
     const Inspect::EntryId id = find(session.system(), table, question.unit, question.key);
     const Explanation story = explain(session.system(), id);
     const int code = isGood(story.standing) ? kDone : kFound;

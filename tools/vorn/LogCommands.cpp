@@ -48,10 +48,13 @@ Json keptJson(const LogFigures& log) {
 int printLog(Session& session, const LogRange& range) {
     const Inspect::Filter filter = session.wanted();
     Inspect::System& system = session.system();
+    ProgressLine progress(!session.out().isTerminal());
+    std::uint64_t seen = 0;
     const auto tell = [&](Table table, const std::function<void(const ToldChange&)>& visit) {
         tellChanges(
             system, table, range.from, range.to,
             [&](const ToldChange& told) {
+                progress.show("changes", ++seen, 0);
                 if (!filter.unit || *filter.unit == told.change.unit)
                     visit(told);
             },
@@ -129,11 +132,16 @@ void printPast(Session& session, Table table, const PastTable& past, std::uint64
 int printState(Session& session, const LogRange& range) {
     const Inspect::Filter filter = session.wanted();
     Json tables = Json::array();
+    ProgressLine progress(!session.out().isTerminal());
+    std::map<Table, PastTable> pasts;  // all of them first: a question that is wrong prints nothing
     for (const Table table : kTables) {
-        if (!filter.isMet(table))
-            continue;
-        const PastTable past =
-            pastTable(session.system(), table, filter.unit, range.at, session.report());
+        if (filter.isMet(table)) {
+            progress.show("tables", pasts.size(), 0);
+            pasts.emplace(
+                table, pastTable(session.system(), table, filter.unit, range.at, session.report()));
+        }
+    }
+    for (const auto& [table, past] : pasts) {
         if (!session.json) {
             printPast(session, table, past, range.at);
             continue;

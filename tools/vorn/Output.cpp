@@ -47,6 +47,41 @@ bool startsCharacter(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80U;
 }
 
+std::string jsonLine(const Json& document) {
+    return document.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+/// What painted() makes and line() lets through.
+constexpr std::string_view kPaint = "\x1b[";
+constexpr std::array<std::string_view, 6> kPaints{"0m", "1m", "2m", "31m", "32m", "33m"};
+
+/// Bytes of our own colour code that the text begins with; 0 where it begins with something else.
+std::size_t paintAt(std::string_view text) {
+    if (!text.starts_with(kPaint))
+        return 0;
+    const std::string_view code = text.substr(kPaint.size());
+    for (const std::string_view known : kPaints) {
+        if (code.starts_with(known))
+            return kPaint.size() + known.size();
+    }
+    return 0;
+}
+
+std::string shownButColours(std::string_view text) {
+    std::string result;
+    std::size_t begin = 0;
+    for (std::size_t at = text.find(kPaint); at != std::string_view::npos;
+         at = text.find(kPaint, at + 1)) {
+        const std::size_t bytes = at < begin ? 0 : paintAt(text.substr(at));
+        if (bytes == 0)
+            continue;
+        result += shown(text.substr(begin, at - begin));
+        result += text.substr(at, bytes);
+        begin = at + bytes;
+    }
+    return result + shown(text.substr(begin));
+}
+
 double now_s() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
         .count();
@@ -61,12 +96,12 @@ Output::Output(ColourMode mode)
 
 std::string Output::painted(Colour colour, std::string_view text) const {
     if (!colours_ || colour == Colour::none || text.empty())
-        return std::string(text);
-    return fmt::format("\x1b[{}m{}\x1b[0m", codeOf(colour), text);
+        return shown(text);
+    return fmt::format("\x1b[{}m{}\x1b[0m", codeOf(colour), shown(text));
 }
 
 void Output::line(std::string_view text) const {
-    fmt::print("{}\n", text);
+    fmt::print("{}\n", colours_ ? shownButColours(text) : shown(text));
 }
 void Output::raw(std::string_view text) const {
     fmt::print("{}", text);
@@ -75,9 +110,36 @@ void Output::json(const Json& document) const {
     fmt::print("{}\n",
                document.dump(isTerminal_ ? 2 : -1, ' ', false, Json::error_handler_t::replace));
 }
+void Output::jsonFailure(const Json& failure) const {
+    if (!isListOpen_)
+        return raw(jsonLine(failure));
+    raw("\n]," + jsonLine(failure).substr(1));
+}
 void Output::note(std::string_view text) const {
     std::fflush(stdout);
-    fmt::print(stderr, "{}\n", text);
+    for (std::size_t begin = 0; begin <= text.size();) {
+        const std::size_t end = std::min(text.find('\n', begin), text.size());
+        const std::string_view one = text.substr(begin, end - begin);
+        fmt::print(stderr, "{}\n", colours_ ? shownButColours(one) : shown(one));
+        begin = end + 1;
+    }
+}
+
+std::string shown(std::string_view text) {
+    std::string result;
+    result.reserve(text.size());
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const auto byte = static_cast<unsigned char>(text[at]);
+        const auto next = at + 1 < text.size() ? static_cast<unsigned char>(text[at + 1]) : 0U;
+        const bool isLate = byte == 0xC2U && next >= 0x80U && next < 0xA0U;  // U+0080 to U+009F
+        if (byte >= 0x20U && byte != 0x7FU && !isLate) {
+            result += text[at];
+            continue;
+        }
+        result += byte == '\t' ? ' ' : '?';
+        at += isLate ? 1 : 0;
+    }
+    return result;
 }
 
 std::size_t columnsOf(std::string_view text) {
@@ -202,6 +264,7 @@ void TextTable::print(const Output& out) const {
 }
 
 JsonList::JsonList(const Output& out, std::string_view source, std::string_view name) : out_(out) {
+    out_.isListOpen_ = true;
     out_.raw(fmt::format("{{\"source\":\"{}\",\"{}\":[", source, name));
 }
 void JsonList::add(const Json& element) {
@@ -215,6 +278,7 @@ void JsonList::end(const Json& members) {
         out_.raw(fmt::format(",\"{}\":{}", name,
                              value.dump(-1, ' ', false, Json::error_handler_t::replace)));
     out_.raw("}\n");
+    out_.isListOpen_ = false;
 }
 
 ProgressLine::ProgressLine(bool wanted)

@@ -26,11 +26,16 @@ public:
     std::size_t width() const { return width_; }
     std::string painted(Colour colour, std::string_view text) const;
 
-    /// To stdout; a pipe that nobody reads any more ends the process, as everywhere.
+    /// To stdout, control characters replaced but for colours; a pipe that nobody reads any more
+    /// ends the process, as everywhere.
     void line(std::string_view text = {}) const;
+    /// As it is.
     void raw(std::string_view text) const;
     /// One JSON document.
     void json(const Json& document) const;
+    /// Ends the process's output with the failure as JSON: a document of its own, or the end of a
+    /// list that was begun.
+    void jsonFailure(const Json& failure) const;
     /// To stderr, for people.
     void note(std::string_view text) const;
 
@@ -38,8 +43,12 @@ private:
     bool isTerminal_;
     bool colours_;
     std::size_t width_;
+    mutable bool isListOpen_ = false;
+    friend class JsonList;
 };
 
+/// Without control characters, which a terminal would obey: each is a '?', a tab is a space.
+std::string shown(std::string_view text);
 /// Columns that text takes on a terminal, each character as one.
 std::size_t columnsOf(std::string_view text);
 /// Cut to that many columns, the last being "…".

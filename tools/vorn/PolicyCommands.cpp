@@ -6,6 +6,7 @@
 
 #include "inspect/Errors.h"
 #include "inspect/PolicyDiff.h"
+#include "tools/vorn/Load.h"
 #include "tools/vorn/Session.h"
 #include "tools/vorn/ShowText.h"
 #include "tools/vorn/Subprocess.h"
@@ -21,6 +22,8 @@ struct PolicyWishes {
     std::string file;
     bool yes = false;
     bool all = false;
+    bool noWait = false;
+    double wait_s = 30;
 };
 
 /// The policy as vorn-agent reads it. Throws RefusedError with the mistakes.
@@ -126,6 +129,17 @@ int diffPolicy(Session& session, const PolicyWishes& wishes) {
     return session.ended(code);
 }
 
+void printLoad(const Output& out, const Json& load) {
+    out.line(fmt::format("applied: {} written, {} removed, {} unchanged, {} failed, {} in progress",
+                         numberText(load, "written"), numberText(load, "removed"),
+                         numberText(load, "unchanged"), numberText(load, "failed"),
+                         numberText(load, "inProgress")));
+    if (!stringIn(load, "waiting").empty())
+        out.line(out.painted(Colour::yellow, "the agent reads it when earlier changes have ended"));
+    if (!stringIn(load, "firstFailure").empty())
+        out.line(out.painted(Colour::red, "failed: " + stringIn(load, "firstFailure")));
+}
+
 int applyPolicy(Session& session, const PolicyWishes& wishes) {
     if (!session.system().agent.runs())
         throw Inspect::NotRunningError(session.system().agent.reason());
@@ -139,13 +153,15 @@ int applyPolicy(Session& session, const PolicyWishes& wishes) {
         return kFound;
     }
     const std::string path = std::filesystem::absolute(wishes.file).string();
-    const Json load = session.askAgent({{"cmd", "reload"}, {"policy", path}});
+    Json load = session.askAgent({{"cmd", "reload"}, {"policy", path}}).at("load");
+    if (!wishes.noWait)
+        load = endedLoad(session, std::move(load), wishes.wait_s);
+    const bool isGood = load.value("failed", 0) == 0 && (wishes.noWait || hasEnded(load));
+    const int code = isGood ? kDone : kFound;
     if (session.json)
-        return session.printed({{"applied", true}, {"diff", diff}, {"load", load}});
-    session.out().line(fmt::format("applied: {} written, {} removed, {} unchanged, {} in progress",
-                                   numberText(load, "written"), numberText(load, "removed"),
-                                   numberText(load, "unchanged"), numberText(load, "inProgress")));
-    return kDone;
+        return session.printed({{"applied", true}, {"diff", diff}, {"load", load}}, code);
+    printLoad(session.out(), load);
+    return code;
 }
 
 }  // namespace
@@ -169,6 +185,8 @@ void addPolicyCommands(CLI::App& app, Session& session) {
     CLI::App* const apply = add("apply", "show what it changes, ask, and load it", applyPolicy);
     apply->add_flag("--yes", wishes.yes, "without a question");
     apply->add_flag("--all", wishes.all, "each change");
+    apply->add_flag("--no-wait", wishes.noWait, "end at once, and not with the load");
+    apply->add_option("--wait", wishes.wait_s, "seconds to wait for the end of the load (30)");
 }
 
 }  // namespace Vorn

@@ -15,13 +15,24 @@ struct ResourceWish {
     std::string key;
 };
 
+bool isRequest(const std::string& text) {
+    const std::size_t slash = text.find('/');
+    constexpr std::string_view kDigits = "0123456789abcdefABCDEF";
+    return slash != std::string::npos && slash != 0 && slash + 1 != text.size() &&
+           text.find_first_not_of(kDigits) == slash &&
+           text.find_first_not_of(kDigits, slash + 1) == std::string::npos;
+}
+
 int changeResource(Session& session, const std::string& command, const ResourceWish& wish) {
     const auto pool = Inspect::poolFromText(wish.pool);
     if (!pool)
         throw Inspect::QuestionError(
             fmt::format("'{}' is no pool; expected counter or policer", wish.pool));
-    const Json answer =
-        session.askAgent({{"cmd", command}, {"table", nameOf(*pool)}, {"key", wish.key}});
+    if (!isRequest(wish.key)) {
+        throw Inspect::QuestionError(
+            fmt::format("'{}' is no request; expected one such as 0000002a/1", wish.key));
+    }
+    session.askAgent({{"cmd", command}, {"table", nameOf(*pool)}, {"key", wish.key}});
     if (session.json)
         return session.printed({{"done", command}, {"pool", nameOf(*pool)}, {"key", wish.key}});
     session.out().line(fmt::format("{} {}: {}", nameOf(*pool), wish.key, command));

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 
@@ -71,6 +72,14 @@ Inspect::Table tableNamed(const std::string& name) {
     return *table;
 }
 
+void Session::requireUnit(std::uint16_t number) {
+    const auto units = system().state.units();
+    if (std::ranges::find(units, number) == units.end()) {
+        throw Inspect::QuestionError(
+            fmt::format("there is no unit {} here; units are {}", number, fmt::join(units, ", ")));
+    }
+}
+
 Inspect::Filter Session::wanted() {
     if (!tableName.empty())
         filter.table = tableNamed(tableName);
@@ -78,14 +87,24 @@ Inspect::Filter Session::wanted() {
     filter.matches.clear();
     for (const std::string& text : matchTexts)
         filter.matches.emplace_back(text);
+    if (unit)
+        requireUnit(*unit);
     if (!filter.action.empty())
-        filter = withActionKey(filter, system().state);
+        filter = withActionKeys(filter, system().state);
     return filter;
 }
 
-void addPlaceOptions(CLI::App& app, Session& session) {
+void addTableOption(CLI::App& app, Session& session) {
     app.add_option("--table", session.tableName, "only this table: action, v4 or v6");
+}
+
+void addUnitOption(CLI::App& app, Session& session) {
     app.add_option("--unit", session.unit, "only this chip unit");
+}
+
+void addPlaceOptions(CLI::App& app, Session& session) {
+    addTableOption(app, session);
+    addUnitOption(app, session);
 }
 
 void addFilterOptions(CLI::App& app, Session& session) {

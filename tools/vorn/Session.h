@@ -53,6 +53,8 @@ public:
     std::string tableName;
     std::optional<std::uint16_t> unit;
     std::vector<std::string> matchTexts;
+    /// Throws QuestionError where no table has the unit.
+    void requireUnit(std::uint16_t number);
     /// The filter made of these. Throws QuestionError.
     Inspect::Filter wanted();
 
@@ -65,6 +67,8 @@ private:
 /// Throws QuestionError for a name of no table.
 Inspect::Table tableNamed(const std::string& name);
 
+void addTableOption(CLI::App& app, Session& session);
+void addUnitOption(CLI::App& app, Session& session);
 /// Adds --table and --unit.
 void addPlaceOptions(CLI::App& app, Session& session);
 /// Adds --table, --unit, --action and --match.

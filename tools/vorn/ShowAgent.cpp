@@ -29,6 +29,23 @@ bool isRaised(const Json& alarm) {
     return alarm.value("raised", false);
 }
 
+Json wantedTables(const Json& tables, const Inspect::Filter& filter) {
+    Json wanted = Json::array();
+    for (Json table : tables) {
+        const auto known = Inspect::tableFromText(stringIn(table, "table"));
+        if (known && !filter.isMet(*known))
+            continue;
+        Json units = Json::array();
+        for (const Json& unit : table.at("units")) {
+            if (!filter.unit || unit.at("unit") == *filter.unit)
+                units.push_back(unit);
+        }
+        table["units"] = std::move(units);
+        wanted.push_back(std::move(table));
+    }
+    return wanted;
+}
+
 /// A table by its short name.
 std::string subjectOf(const Json& alarm) {
     const std::string subject = stringIn(alarm, "subject");
@@ -84,7 +101,9 @@ int showHandles(Session& session) {
 }
 
 int showStats(Session& session) {
-    const Json status = session.askAgent({{"cmd", "status"}});
+    const Inspect::Filter filter = session.wanted();
+    Json status = session.askAgent({{"cmd", "status"}});
+    status["tables"] = wantedTables(status.at("tables"), filter);
     if (session.json)
         return session.printed({{"status", status}});
     using Column = TextTable::Column::Kind;

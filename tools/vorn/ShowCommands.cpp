@@ -126,14 +126,18 @@ void forEachWanted(Session& session, const Inspect::Filter& filter, Table table,
 
 int showEntries(Session& session) {
     const Inspect::Filter filter = session.wanted();
+    ProgressLine progress(!session.out().isTerminal());
+    std::uint64_t shown = 0;
     if (session.json) {
         JsonList list(session.out(), session.source(), "entries");
         for (const Table table : kTables) {
             if (!filter.isMet(table))
                 continue;
             const std::uint64_t acknowledged = acknowledgedOf(session, table);
-            forEachWanted(session, filter, table,
-                          [&](const Entry& entry) { list.add(entryToJson(entry, acknowledged)); });
+            forEachWanted(session, filter, table, [&](const Entry& entry) {
+                progress.show("entries", ++shown, 0);
+                list.add(entryToJson(entry, acknowledged));
+            });
         }
         list.end({{"damages", session.damagesJson()}});
         return session.ended();
@@ -147,6 +151,7 @@ int showEntries(Session& session) {
         TextTable text = entryTable(table);
         std::uint64_t count = 0;
         forEachWanted(session, filter, table, [&](const Entry& entry) {
+            progress.show("entries", ++shown, 0);
             text.add(entryRow(entry, acknowledged, names));
             ++count;
         });
@@ -189,9 +194,10 @@ int showEntry(Session& session, const std::string& text) {
         if (!filter.isMet(table))
             continue;
         const auto key = keyText(table, text);
+        const std::string name = storedName(table, text);
         const std::uint64_t acknowledged = acknowledgedOf(session, table);
         forEachWanted(session, filter, table, [&](const Entry& entry) {
-            if (entry.id.key != key && entry.name() != text)
+            if (entry.id.key != key && entry.name() != name)
                 return;
             rows.push_back(entryToJson(entry, acknowledged));
             if (!session.json)
@@ -208,6 +214,7 @@ int showEntry(Session& session, const std::string& text) {
 }
 
 int showAcks(Session& session) {
+    const Inspect::Filter filter = session.wanted();
     const Inspect::State& state = session.system().state;
     const auto acks = state.acknowledgements(session.report());
     const auto announced = state.announcements(session.report());
@@ -215,6 +222,8 @@ int showAcks(Session& session) {
     TextTable text(
         {{"TABLE"}, {"ACKED", Kind::right}, {"VERSION", Kind::right}, {"BEHIND", Kind::right}});
     for (const auto& [id, version] : acks.rows) {
+        if (filter.table && tableId(*filter.table) != id)
+            continue;
         Json published;
         for (const Table table : kTables) {
             if (tableId(table) == id)
@@ -253,9 +262,10 @@ int showAcks(Session& session) {
 }
 
 /// Keys of the entries that use a request, by its text.
-std::map<std::string, std::vector<std::string>> usersOf(Session& session, Pool pool) {
+std::map<std::string, std::vector<std::string>> usersOf(Session& session,
+                                                        const Inspect::Filter& filter, Pool pool) {
     std::map<std::string, std::vector<std::string>> users;
-    forEachWanted(session, {}, Table::action, [&](const Entry& entry) {
+    forEachWanted(session, filter, Table::action, [&](const Entry& entry) {
         const std::string& request =
             pool == Pool::counter ? entry.counterRequest : entry.policerRequest;
         if (!request.empty())
@@ -265,6 +275,8 @@ std::map<std::string, std::vector<std::string>> usersOf(Session& session, Pool p
 }
 
 int showResources(Session& session) {
+    Inspect::Filter filter;  // the users are actions, whatever table is asked for
+    filter.unit = session.wanted().unit;
     const auto fromAgent = session.system().agent.tryAsk({{"cmd", "resources"}});
     Json rows = Json::array();
     TextTable text({{"POOL"},
@@ -279,13 +291,15 @@ int showResources(Session& session) {
                                       : Json::object();
         for (const Json& key : answer.value("keys", Json::array()))
             states[stringIn(key, "key")] = stringIn(key, "state");
-        const auto users = usersOf(session, pool);
+        const auto users = usersOf(session, filter, pool);
         for (const ResourceRow& row : session.system().state.resources(pool, session.report())) {
             const auto state = states.find(row.request);
             const std::string stateText = row.isReturning         ? "returning"
                                           : state != states.end() ? state->second
                                                                   : "allocated";
             const auto user = users.find(row.request);
+            if (filter.unit && user == users.end())
+                continue;
             const std::vector<std::string> names =
                 user == users.end() ? std::vector<std::string>() : user->second;
             rows.push_back({{"pool", nameOf(pool)},
@@ -324,13 +338,14 @@ void addShowCommands(CLI::App& app, Session& session) {
                                        [&session] { return showEntry(session, wantedKey); });
     entry->add_option("KEY", wantedKey, "key, label or name")->required();
     addPlaceOptions(*entry, session);
-    add("resources", "counters and policers: index, request, users", showResources);
-    add("acks", "what hardware has acknowledged", showAcks);
+    addUnitOption(*add("resources", "counters and policers: index, request, users", showResources),
+                  session);
+    addTableOption(*add("acks", "what hardware has acknowledged", showAcks), session);
     addPlaceOptions(*add("units", "entries by unit", showUnits), session);
     addPlaceOptions(*add("handles", "changes that are not finished, oldest first (needs the agent)",
                          showHandles),
                     session);
-    add("stats", "counters of each table (needs the agent)", showStats);
+    addPlaceOptions(*add("stats", "counters of each table (needs the agent)", showStats), session);
     add("alarms", "what is raised, and limits (needs the agent)", showAlarms);
 }
 

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <filesystem>
 #include <system_error>
+#include <thread>
 
 extern char** environ;
 
@@ -110,6 +111,27 @@ bool readAll(const Pipe& out, const Pipe& err, Ended& ended, Deadline deadline) 
     return true;
 }
 
+/// Its status when it has ended; one that lives past the deadline is killed.
+int statusOf(pid_t pid, Deadline deadline, Ended& ended) {
+    constexpr std::chrono::milliseconds kPause{5};
+    int status = 0;
+    pid_t gone = 0;
+    while (!ended.isTimedOut && gone == 0) {
+        gone = waitpid(pid, &status, WNOHANG);
+        if (gone < 0 && errno == EINTR)
+            gone = 0;
+        else if (gone == 0)
+            std::this_thread::sleep_for(kPause);
+        ended.isTimedOut = gone == 0 && std::chrono::steady_clock::now() >= deadline;
+    }
+    if (!ended.isTimedOut)
+        return status;
+    kill(pid, SIGKILL);
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
+}
+
 }  // namespace
 
 Ended runProgram(const std::vector<std::string>& command, std::chrono::seconds most) {
@@ -120,12 +142,9 @@ Ended runProgram(const std::vector<std::string>& command, std::chrono::seconds m
     out.closeWriter();
     err.closeWriter();
     Ended ended;
-    ended.isTimedOut = !readAll(out, err, ended, std::chrono::steady_clock::now() + most);
-    if (ended.isTimedOut)
-        kill(pid, SIGKILL);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    const Deadline deadline = std::chrono::steady_clock::now() + most;
+    ended.isTimedOut = !readAll(out, err, ended, deadline);
+    const int status = statusOf(pid, deadline, ended);
     ended.code = WIFEXITED(status) ? WEXITSTATUS(status) : kSignalled + WTERMSIG(status);
     return ended;
 }

@@ -1,4 +1,5 @@
 // vorn trace and vorn ring: what the agent says it does, and what a dead one said last.
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <thread>
@@ -24,7 +25,25 @@ struct TraceWishes {
     bool before = false;
 };
 
+/// No handle has a comma or a slash in its name: what has one was meant as two rules.
+void requireRules(const std::string& filter) {
+    for (std::size_t begin = 0; begin < filter.size();) {
+        const std::size_t end = std::min(filter.find(';', begin), filter.size());
+        const std::string rule = filter.substr(begin, end - begin);
+        const std::size_t slash = rule.rfind('/');
+        const std::string handles = rule.substr(0, slash);
+        if (handles.find_first_of(",/") != std::string::npos) {
+            throw Inspect::QuestionError(fmt::format(
+                "'{}' can match no handle; separate rules by ';', as in 'Group*/1-3;Policy*/1'",
+                rule));
+        }
+        begin = end + 1;
+    }
+}
+
 int showFilter(Session& session, const std::optional<std::string>& wanted) {
+    if (wanted)
+        requireRules(*wanted);
     Json request{{"cmd", "traceFilter"}};
     if (wanted)
         request["filter"] = *wanted;
@@ -70,7 +89,9 @@ int tailTraces(Session& session, const TraceWishes& wishes) {
     do {
         if (!isFirst)
             std::this_thread::sleep_for(kFollowPause);
-        const Json answer = session.askAgent({{"cmd", "traces"}, {"after", after}});
+        const Json answer =
+            session.askAgent(isFirst ? Json{{"cmd", "traces"}, {"newest", wishes.count}}
+                                     : Json{{"cmd", "traces"}, {"after", after}});
         const Json lines = answer.value("lines", Json::array());
         const std::size_t from =
             isFirst && lines.size() > wishes.count ? lines.size() - wishes.count : 0;
@@ -112,7 +133,9 @@ void addTraceCommands(CLI::App& app, Session& session) {
     trace->require_subcommand(1)->fallthrough()->group("Tracing");
     CLI::App* const set = addCommand(*trace, session, "set", "which traces the agent makes",
                                      [&session] { return showFilter(session, wishes.filter); });
-    set->add_option("FILTER", wishes.filter, "such as 'Group*/1-3,Policy*/1'; '' for none")
+    set->add_option(
+           "FILTER", wishes.filter,
+           "rules HANDLES/LEVELS, separated by ';', such as 'Group*/1-3,8;Policy*/1'; '' for none")
         ->required();
     addCommand(*trace, session, "show", "the filter, and what can be traced",
                [&session] { return showFilter(session, std::nullopt); });

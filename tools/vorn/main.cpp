@@ -1,6 +1,8 @@
 // vorn: looks at the tables of an agent, alive or dead, says why an entry is or is not in hardware,
 // and asks the processes to put right what is not.
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 #include "inspect/Errors.h"
@@ -52,16 +54,14 @@ void addCommonOptions(CLI::App& app, Session& session) {
     app.footer("Everywhere: --state-dir, --json, --color; see vorn --help, also for exit status.");
 }
 
-int failed(const Session& session, int code, std::string_view reason) {
-    if (session.json) {
-        fmt::print("{}\n", Vorn::Json{{"error", reason}, {"exit", code}}.dump(
-                               -1, ' ', false, Vorn::Json::error_handler_t::replace));
-    }
-    fmt::print(stderr, "vorn: {}\n", reason);
+int failed(Session& session, int code, std::string_view reason) {
+    if (session.json)
+        session.out().jsonFailure({{"error", reason}, {"exit", code}});
+    session.out().note(fmt::format("vorn: {}", reason));
     return code;
 }
 
-int ran(const Session& session) {
+int ran(Session& session) {
     try {
         return session.command();
     } catch (const Inspect::StateDirectoryError& error) {
@@ -74,6 +74,8 @@ int ran(const Session& session) {
         return failed(session, Vorn::kRefused, error.what());
     } catch (const Inspect::QuestionError& error) {
         return failed(session, Vorn::kUsage, error.what());
+    } catch (const std::exception& error) {
+        return failed(session, Vorn::kOther, error.what());
     }
 }
 
@@ -104,6 +106,8 @@ int start(int argc, char** argv) {
     } catch (const CLI::Success& asked) {
         return app.exit(asked);
     } catch (const CLI::ParseError& error) {
+        // What was not understood may have kept the option from being taken in.
+        session.json = std::find(argv, argv + argc, std::string_view("--json")) != argv + argc;
         return failed(session, Vorn::kUsage, fmt::format("{}; see --help", error.what()));
     }
     return ran(session);
