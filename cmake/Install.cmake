@@ -28,6 +28,9 @@ get_property(programs GLOBAL PROPERTY VORN_PROGRAMS)
 list(FILTER programs EXCLUDE REGEX "^vorn-example-")
 install(TARGETS ${programs})
 
+# What reads the command line's JSON, and what shows the agent's metrics.
+install(DIRECTORY docs/schema docs/grafana DESTINATION ${CMAKE_INSTALL_DATADIR}/vorn)
+
 # The manual page, and what completes the command line.
 install(FILES docs/man/vorn.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 set(completion_dir ${CMAKE_BINARY_DIR}/completion)

@@ -53,6 +53,11 @@ Json Peer::ask(const Json& request) {
     return answer;
 }
 
+void Peer::leaveAlone(std::string reason) {
+    client_.reset();
+    reason_ = std::move(reason);
+}
+
 std::optional<Json> Peer::tryAsk(const Json& request, std::string* why) {
     try {
         return ask(request);

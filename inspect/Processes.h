@@ -27,6 +27,8 @@ public:
     /// Why it cannot be asked; empty where it can.
     const std::string& reason() const { return reason_; }
 
+    /// Asks it no more, for the reason.
+    void leaveAlone(std::string reason);
     /// The answer. Throws NotRunningError, also when the process ends meanwhile or does not answer
     /// within kAnswerTime, and RefusedError.
     Json ask(const Json& request);

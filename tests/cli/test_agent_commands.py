@@ -1,6 +1,8 @@
 """Commands that ask processes for something, and those that put all together."""
 
 import json
+import os
+import subprocess
 import tarfile
 
 import pytest
@@ -249,3 +251,20 @@ def test_completion_knows_commands_tables_units_and_keys(left):
 def test_completion_scripts_are_printed(left, shell, word):
     assert word in left.vorn("completion", shell).out
     assert left.vorn("completion", "fish").code == 2
+
+
+def test_bash_completes_names_that_need_quotes(left):
+    script = left.vorn("completion", "bash").out
+    asked = """
+COMP_WORDS=(vorn explain v4 1 'bgp'); COMP_CWORD=4; _vorn; printf '%s\\n' "${COMPREPLY[@]}"
+COMP_WORDS=(vorn show entries --table = v); COMP_CWORD=5; _vorn; printf '%s\\n' "${COMPREPLY[@]}"
+"""
+    path = os.path.dirname(left.vorn.program) + ":" + os.environ["PATH"]
+    done = subprocess.run(["bash", "-c", script + asked], capture_output=True, text=True,
+                          check=True, timeout=60,
+                          env={**os.environ, "PATH": path, "VORN_STATE_DIR": str(left.state)})
+    lines = done.stdout.splitlines()
+    assert lines[-2:] == ["v4", "v6"]
+    assert lines[:-2] and all(line.startswith("bgp") for line in lines[:-2])
+    assert complete(left, "show", "entries", "--table=v") == ["--table=v4", "--table=v6"]
+    assert complete(left, f"--state-dir={left.state}", "explain", "v4", "") == ["1", "2"]

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 
@@ -12,6 +13,7 @@
 
 #include "inspect/Errors.h"
 #include "tools/vorn/Session.h"
+#include "tools/vorn/ShowText.h"
 #include "tools/vorn/Subprocess.h"
 
 namespace Vorn {
@@ -24,7 +26,7 @@ constexpr std::chrono::seconds kItemTime{60};
 
 /// A file of the bundle, and the command whose output it is; text and JSON of each.
 struct BundleItem {
-    const char* name;
+    std::string name;
     std::vector<std::string> command;
 };
 
@@ -40,6 +42,7 @@ const std::vector<BundleItem>& bundleItems() {
         {"stats", {"show", "stats"}},
         {"alarms", {"show", "alarms"}},
         {"check", {"check"}},
+        {"watch", {"watch", "--count", "1"}},
         {"metrics", {"metrics"}},
         {"traces", {"trace", "tail", "--count", "10000"}},
         {"trace-filter", {"trace", "show"}},
@@ -90,6 +93,10 @@ std::string lastLine(std::string text) {
 Json bundled(const Session& session, const fs::path& folder, const BundleItem& item, bool json) {
     std::vector<std::string> command{ownProgram(), "--state-dir", session.stateDirectory, "--color",
                                      "never"};
+    for (const std::string& name : session.silent) {
+        command.emplace_back("--silent");
+        command.push_back(name);
+    }
     if (json)
         command.emplace_back("--json");
     command.insert(command.end(), item.command.begin(), item.command.end());
@@ -102,7 +109,7 @@ Json bundled(const Session& session, const fs::path& folder, const BundleItem& i
                {"had", isHad},
                {"reason", nullptr}};
     if (isHad)
-        writeFile(folder / file, ended.out);
+        writeFile(folder / file, json ? ended.out : ended.err + ended.out);  // with the source
     else
         entry["reason"] = ended.isTimedOut ? "took too long" : lastLine(ended.err);
     return entry;
@@ -137,24 +144,76 @@ std::string defaultName() {
     return fmt::format("vorn-support-{:%Y%m%d-%H%M%S}.tar.gz", fmt::gmtime(std::time(nullptr)));
 }
 
+/// The changes that wait longest, explained.
+std::vector<BundleItem> explanations(Session& session) {
+    constexpr std::size_t kMost = 20;
+    std::vector<BundleItem> items;
+    const auto answer =
+        session.system().agent.tryAsk({{"cmd", "changes"}, {"limit", std::uint64_t{kMost}}});
+    for (const Json& change : answer ? answer->value("changes", Json::array()) : Json::array()) {
+        const std::string key = stringIn(change, "key");
+        if (key.empty() || items.size() == kMost)
+            continue;
+        items.push_back({fmt::format("explain-{}", items.size() + 1),
+                         {"explain", stringIn(change, "table"), numberText(change, "unit"), key}});
+    }
+    return items;
+}
+
+/// What the hardware side says of itself, and all that it holds.
+Json toldByHardware(Session& session, const fs::path& folder, const std::string& command) {
+    const std::string file = fmt::format("hardware-{}.json", command);
+    std::string reason;
+    const auto answer = session.system().hardware.tryAsk({{"cmd", command}}, &reason);
+    if (answer)
+        writeFile(folder / file, answer->dump(-1, ' ', false, Json::error_handler_t::replace));
+    return {{"file", file},
+            {"command", command},
+            {"exit", static_cast<int>(answer ? kDone : kNotRunning)},
+            {"had", answer.has_value()},
+            {"reason", answer ? Json(nullptr) : Json(reason)}};
+}
+
+/// One that hangs is asked once, and not by each of the commands.
+void findSilent(Session& session) {
+    Inspect::System& system = session.system();
+    if (system.agent.runs() && !system.agent.tryAsk({{"cmd", "status"}}))
+        session.silent.emplace_back("agent");
+    if (system.hardware.runs() && !system.hardware.tryAsk({{"cmd", "status"}}))
+        session.silent.emplace_back("hardware");
+}
+
+volatile std::sig_atomic_t isInterrupted = 0;
+
+void runItems(Session& session, const fs::path& folder, Json& parts) {
+    std::vector<BundleItem> items = bundleItems();
+    std::ranges::move(explanations(session), std::back_inserter(items));
+    ProgressLine progress(!session.json);
+    std::uint64_t done = 0;
+    for (const BundleItem& item : items) {
+        progress.show(item.name, done++, items.size());
+        for (const bool json : {true, false}) {
+            parts.push_back(bundled(session, folder, item, json));
+            if (isInterrupted != 0)
+                throw std::runtime_error("interrupted; nothing was written");
+        }
+    }
+}
+
 int makeBundle(Session& session, std::string file) {
     const std::string_view source = session.source();
+    findSilent(session);
+    // The folder goes with the object that holds it, which a signal alone would not take down.
+    std::signal(SIGINT, [](int) { isInterrupted = 1; });
     if (file.empty())
         file = defaultName();
     const WorkFolder work;
     const fs::path folder = work.path() / "vorn-support";
     fs::create_directory(folder);
     Json parts = Json::array();
-    const auto& items = bundleItems();
-    {
-        ProgressLine progress(!session.json);
-        std::uint64_t done = 0;
-        for (const BundleItem& item : items) {
-            progress.show(item.name, done++, items.size());
-            parts.push_back(bundled(session, folder, item, true));
-            parts.push_back(bundled(session, folder, item, false));
-        }
-    }
+    runItems(session, folder, parts);
+    for (const char* command : {"status", "tcam"})
+        parts.push_back(toldByHardware(session, folder, command));
     for (const char* ring : {"agent.ring", "agent.ring.before"})
         parts.push_back(copied(session, folder, ring));
     const Json index{{"source", source},

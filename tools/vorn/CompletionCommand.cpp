@@ -14,8 +14,18 @@ namespace {
 
 constexpr const char* kBash = R"script(# Completion of vorn in bash.
 _vorn() {
-    local IFS=$'\n'
-    COMPREPLY=($(vorn __complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2> /dev/null))
+    # What is typed so far has its quotes still, and what is put in place of it needs some.
+    local word candidate
+    local -a words=()
+    COMPREPLY=()
+    for word in "${COMP_WORDS[@]:1:COMP_CWORD}"; do
+        word=${word//\\/}
+        word=${word#[\"\']}
+        words+=("${word%[\"\']}")
+    done
+    while IFS= read -r candidate; do
+        COMPREPLY+=("$(printf %q "$candidate")")
+    done < <(vorn __complete "${words[@]}" 2> /dev/null)
 }
 complete -o default -F _vorn vorn
 )script";
@@ -27,7 +37,11 @@ _vorn() {
     candidates=(${(f)"$(vorn __complete "${(@)words[2,CURRENT]}" 2> /dev/null)"})
     (( ${#candidates} )) && compadd -a candidates || _files
 }
-compdef _vorn vorn
+if [[ ${funcstack[1]} == _vorn ]]; then
+    _vorn "$@"  # loaded by the first completion, which it is to answer
+else
+    compdef _vorn vorn
+fi
 )script";
 
 /// The words before the one that is completed, as the commands understand them.
@@ -62,10 +76,16 @@ Typed understood(const CLI::App& app, const std::vector<std::string>& words) {
     Typed typed;
     typed.command = &app;
     for (const std::string& word : words) {
+        const std::size_t equals = word.find('=');
+        if (word == "=" && !typed.option.empty())
+            continue;  // a shell that makes three words of --option=value
         if (!typed.option.empty()) {
             if (typed.option == "--state-dir")
                 typed.stateDirectory = word;
             typed.option.clear();
+        } else if (word.starts_with("--") && equals != std::string::npos) {
+            if (word.substr(0, equals) == "--state-dir")
+                typed.stateDirectory = word.substr(equals + 1);
         } else if (word.starts_with("-")) {
             const CLI::Option* const option = optionNamed(typed.command, word);
             if (option != nullptr && option->get_items_expected_max() > 0)
@@ -167,6 +187,8 @@ Candidates wordsOf(const Typed& typed, const std::string& current) {
     }
     for (const CLI::App* app = typed.command; app != nullptr; app = app->get_parent()) {
         for (const CLI::Option* option : app->get_options()) {
+            if (option->get_group().empty())
+                continue;
             for (const std::string& name : option->get_lnames())
                 words.push_back("--" + name);
         }
@@ -177,9 +199,17 @@ Candidates wordsOf(const Typed& typed, const std::string& current) {
 }  // namespace
 
 int completeWords(const CLI::App& app, const std::vector<std::string>& words) {
-    const std::string current = words.empty() ? "" : words.back();
-    const std::vector<std::string> before(words.begin(),
-                                          words.empty() ? words.end() : words.end() - 1);
+    std::string current = words.empty() ? "" : words.back();
+    std::vector<std::string> before(words.begin(), words.empty() ? words.end() : words.end() - 1);
+    std::string prefix;  // "--option=" in the same word
+    const std::size_t equals = current.find('=');
+    if (current.starts_with("--") && equals != std::string::npos) {
+        prefix = current.substr(0, equals + 1);
+        before.push_back(current.substr(0, equals));
+        current.erase(0, equals + 1);
+    } else if (current == "=") {
+        current.clear();
+    }
     const Typed typed = understood(app, before);
     Candidates candidates;
     if (typed.option == "--color")
@@ -207,7 +237,7 @@ int completeWords(const CLI::App& app, const std::vector<std::string>& words) {
     for (const std::string& candidate : candidates) {
         // A name that a shell would not take in whole is no help.
         if (candidate.starts_with(current) && shown(candidate) == candidate)
-            fmt::print("{}\n", candidate);
+            fmt::print("{}{}\n", prefix, candidate);
     }
     return kDone;
 }

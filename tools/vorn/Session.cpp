@@ -29,6 +29,11 @@ Inspect::System& Session::system() {
     if (system_)
         return *system_;
     system_ = std::make_unique<Inspect::System>(requiredDirectory());
+    for (const std::string& name : silent) {
+        Inspect::Peer& peer = name == "agent" ? system_->agent : system_->hardware;
+        if (peer.runs())
+            peer.leaveAlone(peer.name() + " does not answer");
+    }
     if (json)
         return *system_;
     out().note(out().painted(

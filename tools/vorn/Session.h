@@ -23,6 +23,8 @@ public:
     std::string stateDirectory;
     bool json = false;
     ColourMode colour = ColourMode::automatic;
+    /// Processes that are not asked: "agent", "hardware".
+    std::vector<std::string> silent;
     /// Set by the command that was given; returns the exit code.
     std::function<int()> command;
 

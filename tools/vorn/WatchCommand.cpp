@@ -1,4 +1,6 @@
 // vorn watch: rates, backlogs and alarms, again and again.
+#include <unistd.h>
+
 #include <chrono>
 #include <csignal>
 #include <map>
@@ -24,13 +26,13 @@ struct WatchWishes {
     std::uint64_t count = 0;  ///< 0: until interrupted
 };
 
-volatile std::sig_atomic_t isInterrupted = 0;
-
 /// What is counted of a table at one time.
 struct Counted {
     std::uint64_t writes = 0;
     std::uint64_t published = 0;
-    std::uint64_t acknowledged = 0;
+    std::optional<std::uint64_t> acknowledged;
+    std::uint64_t logUsed = 0;
+    std::uint64_t logCapacity = 0;
 };
 
 struct Sample {
@@ -65,8 +67,8 @@ Sample sampled(Session& session) {
     sample.at = WatchClock::now();
     const auto acks = system.state.acknowledgements([](const auto&) {});
     for (const Table table : kTables) {
-        sample.tables[table].published = system.state.log(table, [](const auto&) {}).published;
-        sample.tables[table].acknowledged = acks.of(table).value_or(0);
+        const auto log = system.state.log(table, [](const auto&) {});
+        sample.tables[table] = {0, log.published, acks.of(table), log.records, log.capacity};
     }
     if (const auto status = system.agent.tryAsk({{"cmd", "status"}})) {
         sample.agent = *status;
@@ -86,26 +88,32 @@ double rateOf(std::uint64_t before, std::uint64_t now, double seconds) {
     return seconds > 0 && now > before ? static_cast<double>(now - before) / seconds : 0;
 }
 
+Json pidOf(const Json& status) {
+    return status.is_object() ? status.value("pid", Json()) : Json();
+}
+
 Json tableJson(Table table, const Sample& before, const Sample& now) {
     const double seconds = std::chrono::duration<double>(now.at - before.at).count();
     const Counted& was = before.tables.at(table);
     const Counted& is = now.tables.at(table);
+    const bool isLogThere = is.logCapacity != 0;
+    // What counts from the start of a process is compared with that of the same process only.
+    const bool isSameAgent = pidOf(before.agent) == pidOf(now.agent);
+    const std::uint64_t acknowledged = is.acknowledged.value_or(0);
     Json row{{"table", fullName(table)},
-             {"writes_per_s", rateOf(was.writes, is.writes, seconds)},
+             {"writes_per_s", isSameAgent ? rateOf(was.writes, is.writes, seconds) : 0.0},
              {"commits_per_s", rateOf(was.published, is.published, seconds)},
-             {"acks_per_s", rateOf(was.acknowledged, is.acknowledged, seconds)},
-             {"backlog", is.published - std::min(is.published, is.acknowledged)},
+             {"acks_per_s", rateOf(was.acknowledged.value_or(acknowledged), acknowledged, seconds)},
+             {"backlog", is.published - std::min(is.published, acknowledged)},
              {"oldest_s", nullptr},
              {"waiting", Json::object()},
-             {"logUsed", nullptr},
-             {"logCapacity", nullptr}};
+             {"logUsed", isLogThere ? Json(is.logUsed) : Json(nullptr)},
+             {"logCapacity", isLogThere ? Json(is.logCapacity) : Json(nullptr)}};
     for (const Json& told : now.agent.is_null() ? Json::array() : now.agent.at("tables")) {
         if (stringIn(told, "table") != fullName(table))
             continue;
         row["oldest_s"] = told.value("unacknowledged", Json::object()).value("oldest_s", Json());
         row["waiting"] = told.value("waiting", Json::object());
-        row["logUsed"] = told.value("logUsed", Json());
-        row["logCapacity"] = told.value("logCapacity", Json());
     }
     return row;
 }
@@ -212,12 +220,11 @@ void printSample(Session& session, const Sample& before, const Sample& now) {
 int watch(Session& session, const WatchWishes& wishes) {
     if (!(wishes.interval_s > 0))
         throw Inspect::QuestionError("--interval: expected more than 0 seconds");
-    std::signal(SIGINT, [](int) { isInterrupted = 1; });
+    // Every look is written out when it is whole, so there is nothing to wait for.
+    std::signal(SIGINT, [](int) { _exit(kDone); });
     Sample before = sampled(session);
     for (std::uint64_t shown = 0; wishes.count == 0 || shown < wishes.count; ++shown) {
         std::this_thread::sleep_for(std::chrono::duration<double>(wishes.interval_s));
-        if (isInterrupted != 0)
-            break;
         Sample now = sampled(session);
         if (session.json)
             printSample(session, before, now);

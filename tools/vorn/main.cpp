@@ -40,6 +40,8 @@ constexpr const char* kExamples =
 void addCommonOptions(CLI::App& app, Session& session) {
     app.add_option("--state-dir", session.stateDirectory, "state directory of agent and hardware")
         ->envname("VORN_STATE_DIR");
+    // For what runs this program many times and has asked them in vain already.
+    app.add_option("--silent", session.silent)->group("")->allow_extra_args(false);
     app.add_flag("--json", session.json, "one JSON document in place of text");
     app.add_option("--color", session.colour, "auto (default), always or never")
         ->transform(CLI::CheckedTransformer(
