@@ -2,12 +2,15 @@
 
 import json
 import os
+import re
+import signal
 import subprocess
 import tarfile
+import time
 
 import pytest
 
-from conftest import OTHER_POLICY, POLICY, conforms, wait_until
+from conftest import OTHER_POLICY, POLICY, SOURCE, conforms, wait_until
 
 WITHOUT_AGENT = [["metrics"], ["trace", "show"], ["trace", "set", "x"], ["trace", "tail"],
                  ["resource", "move", "counter", "1/1"]]
@@ -268,3 +271,36 @@ COMP_WORDS=(vorn show entries --table = v); COMP_CWORD=5; _vorn; printf '%s\\n' 
     assert lines[:-2] and all(line.startswith("bgp") for line in lines[:-2])
     assert complete(left, "show", "entries", "--table=v") == ["--table=v4", "--table=v6"]
     assert complete(left, f"--state-dir={left.state}", "explain", "v4", "") == ["1", "2"]
+
+
+def test_help_and_manual_tell_the_same_exit_codes(left):
+    told = left.vorn("--help").out.split("Exit status:")[1]
+    manual = (SOURCE / "docs" / "man" / "vorn.1").read_text(encoding="utf-8")
+    section = manual.split(".SH EXIT STATUS")[1].split(".SH ")[0]
+    codes = dict(re.findall(r"\.TP\n\.B (\d)\n(.*?)(?=\.TP|\Z)", section, re.DOTALL))
+    for code, text in re.findall(r"^  (\d)  (.*?)(?=^  \d  |\Z)", told, re.DOTALL | re.MULTILINE):
+        def plain(words):
+            words = re.sub(r"^\.\w+ ?", "", words, flags=re.MULTILINE).lower()
+            return re.findall(r"[a-z]+", words)
+        assert plain(text) == plain(codes[code]), code
+
+
+def test_an_interrupted_bundle_leaves_no_folder(live, tmp_path):
+    process = subprocess.Popen([live.vorn.program, "--state-dir", str(live.state),
+                                "support-bundle", "-o", str(tmp_path / "x.tar.gz")],
+                               env={**os.environ, "TMPDIR": str(tmp_path)},
+                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    wait_until(lambda: list(tmp_path.glob("vorn-bundle-*")), "the folder to be there")
+    process.send_signal(signal.SIGINT)
+    assert process.wait(timeout=30) == 6
+    assert list(tmp_path.iterdir()) == []
+
+
+def test_watch_ends_at_once_when_interrupted(live):
+    process = subprocess.Popen([live.vorn.program, "--state-dir", str(live.state), "watch",
+                                "--interval", "60"], stderr=subprocess.PIPE)
+    process.stderr.readline()
+    time.sleep(0.3)
+    process.send_signal(signal.SIGINT)
+    assert process.wait(timeout=5) == 0
+    process.stderr.close()

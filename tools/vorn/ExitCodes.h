@@ -15,9 +15,9 @@ enum ExitCode : int {
 
 constexpr const char* kExitCodes =
     "Exit status:\n"
-    "  0  done; explain: in hardware, or gone from it as wanted\n"
-    "  1  something to look at: differences, raised alarms, damaged files, an entry that is not\n"
-    "     in hardware, a policy that would change something or was not applied\n"
+    "  0  done; for explain: the entry is in hardware, or gone from it as wanted\n"
+    "  1  there is something to look at: differences, a raised alarm, a damaged file, an entry\n"
+    "     that is not in hardware, a policy that would change something or was not applied\n"
     "  2  wrong use, or a name that means nothing or more than one thing\n"
     "  3  the state directory cannot be used, or has tables of another layout\n"
     "  4  needs a process that does not run\n"
