@@ -106,7 +106,7 @@ TEST_F(WaitChainTest, EndsWhereACycleCloses) {
     const auto handle = Brumo::make<FakeHandle>();
     const Change middle = queued(1, handle);
     const Change last = queued(2, middle->handle);
-    const Change first = Brumo::make<FakeChange>(journal_, table_.get(), 3, "change",
+    const Change first = Brumo::make<FakeChange>(journal_, table_.get(), std::uint64_t{3}, "change",
                                                  EntryFlags::write, last->handle);
     first->handle = handle;
     first->waitsFor = {Blocker::Cause::dependency, last->handle};
