@@ -212,7 +212,7 @@ std::string TextTable::fit(std::vector<std::size_t>& widths, std::size_t width) 
         if (columns_[i].kind != Column::Kind::optional)
             continue;
         widths[i] = 0;
-        leftOut = columns_[i].name + (leftOut.empty() ? "" : ", ") + leftOut;
+        leftOut.insert(0, columns_[i].name + (leftOut.empty() ? "" : ", "));
     }
     cut(kLeastFlexible);
     return leftOut;

@@ -60,7 +60,7 @@ int Session::ended(int code) {
     return code == kDone && !damages_.empty() ? kFound : code;
 }
 
-int Session::printed(Json document, int code) {
+int Session::printed(const Json& document, int code) {
     Json whole{{"source", source()}};
     whole.update(document);
     whole["damages"] = damagesJson();

@@ -46,7 +46,7 @@ public:
     int ended(int code = kDone);
 
     /// Prints the document with its source and what was reported.
-    int printed(Json document, int code = kDone);
+    int printed(const Json& document, int code = kDone);
     /// The agent's answer. Throws NotRunningError, RefusedError.
     Json askAgent(const Json& request) { return system().agent.ask(request); }
 

@@ -68,6 +68,7 @@ pid_t spawned(const std::vector<std::string>& command, const Pipe& out, const Pi
     posix_spawn_file_actions_adddup2(actions.get(), err.writer(), STDERR_FILENO);
     std::vector<std::string> words = command;
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);
