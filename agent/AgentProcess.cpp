@@ -214,31 +214,14 @@ Json AgentProcess::answerChange(const std::string& command, const Json& request)
 }
 
 Json AgentProcess::answer(const Json& request) {
-    const Asked asked{*tables_, *loader_, backlog_, alarms_, traces_, startTime_};
     const std::string command = textMember(request, "cmd");
-    if (command == "status")
-        return statusJson(asked);
-    if (command == "changes")
-        return changesJson(asked, request);
-    if (command == "explain")
-        return explanationJson(asked, request);
-    if (command == "resources")
-        return resourcesJson(*tables_);
-    if (command == "alarms") {
+    if (command == "alarms")
         look();
-        return alarms_.json();
-    }
-    if (command == "metrics")
-        return metricsJson(asked, request);
-    if (command == "traces")
-        return tracesJson(asked, request);
-    if (command == "traceFilter")
-        return traceFilterJson(request);
     if (command == "reload")
         return answerReload(request);
     if (command == "sweep" || command == "move" || command == "fail" || command == "restore")
         return answerChange(command, request);
-    throw std::runtime_error(fmt::format("there is no command \"{}\"", command));
+    return inspected({*tables_, *loader_, backlog_, alarms_, traces_, startTime_}, request);
 }
 
 }  // namespace Agent

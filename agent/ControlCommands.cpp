@@ -241,6 +241,12 @@ Json loadJson(const LoadFigures& figures) {
             {"waiting", figures.waiting}};
 }
 
+namespace {
+
+Json resourcesJson(const Tables& tables) {
+    return {{"counter", poolJson(tables.counters())}, {"policer", poolJson(tables.policers())}};
+}
+
 Json statusJson(const Asked& asked) {
     const Tables& tables = asked.tables;
     const Asic::GroupInterface& group = tables.group();
@@ -314,6 +320,8 @@ Json traceFilterJson(const Json& request) {
     return {{"filter", Brumo::traceFilter()}, {"handles", Brumo::traceHandleNames()}};
 }
 
+}  // namespace
+
 Json sweepJson(const Tables& tables) {
     const auto used = [&] {
         return std::size_t{tables.counters().pool().used} + tables.policers().pool().used;
@@ -322,10 +330,6 @@ Json sweepJson(const Tables& tables) {
     tables.counters().sweepUnclaimed();
     tables.policers().sweepUnclaimed();
     return {{"returned", before - used()}};
-}
-
-Json resourcesJson(const Tables& tables) {
-    return {{"counter", poolJson(tables.counters())}, {"policer", poolJson(tables.policers())}};
 }
 
 void changeResource(const Tables& tables, const std::string& command, const Json& request) {
@@ -337,6 +341,27 @@ void changeResource(const Tables& tables, const std::string& command, const Json
         changeIn(tables.policers(), command, key);
     else
         throw std::runtime_error("expected table \"counter\" or \"policer\"");
+}
+
+Json inspected(const Asked& asked, const Json& request) {
+    const std::string command = textMember(request, "cmd");
+    if (command == "status")
+        return statusJson(asked);
+    if (command == "changes")
+        return changesJson(asked, request);
+    if (command == "explain")
+        return explanationJson(asked, request);
+    if (command == "resources")
+        return resourcesJson(asked.tables);
+    if (command == "alarms")
+        return asked.alarms.json();
+    if (command == "metrics")
+        return metricsJson(asked, request);
+    if (command == "traces")
+        return tracesJson(asked, request);
+    if (command == "traceFilter")
+        return traceFilterJson(request);
+    throw std::runtime_error(fmt::format("there is no command \"{}\"", command));
 }
 
 }  // namespace Agent

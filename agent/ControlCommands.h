@@ -26,20 +26,10 @@ struct Asked {
     double startTime;  ///< of the process, seconds since 1970
 };
 
-/// What all tables hold, how far the hardware side is, and the figures of the last load.
-Json statusJson(const Asked& asked);
-/// The changes that are not answered yet; {"table", "unit", "key", "limit"} may be given.
-Json changesJson(const Asked& asked, const Json& request);
-/// What is known of one key's changes, and what they wait for, to the root.
-Json explanationJson(const Asked& asked, const Json& request);
-Json metricsJson(const Asked& asked, const Json& request);
-/// {"after", "limit"} may be given, or {"newest"}: the number of lines.
-Json tracesJson(const Asked& asked, const Json& request);
-/// Sets the filter when one is given.
-Json traceFilterJson(const Json& request);
+/// Answers a request that changes nothing but the trace filter: "status", "changes", "explain",
+/// "resources", "alarms" (as of the last look), "metrics", "traces" or "traceFilter".
+Json inspected(const Asked& asked, const Json& request);
 Json loadJson(const LoadFigures& figures);
-/// The pools of counters and policers with their requests.
-Json resourcesJson(const Tables& tables);
 /// Gives indexes back that nobody uses; {"returned"}.
 Json sweepJson(const Tables& tables);
 /// "move", "fail" or "restore": {"table": "counter"|"policer", "key": "REQUEST/UNIT"}.

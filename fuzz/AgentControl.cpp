@@ -79,18 +79,26 @@ private:
     }
     Agent::Json handled(const Agent::Json& request) {
         const std::string command = Agent::textMember(request, "cmd");
-        if (command == "status")
-            return Agent::statusJson(tables_, loader_);
-        if (command == "resources")
-            return Agent::resourcesJson(tables_);
-        Agent::changeResource(tables_, command, request);
-        return Agent::Json::object();
+        if (command == "move" || command == "fail" || command == "restore") {
+            Agent::changeResource(tables_, command, request);
+            return Agent::Json::object();
+        }
+        if (command == "sweep")
+            return Agent::sweepJson(tables_);
+        alarms_.look(tables_, backlog_);
+        Agent::Json answer =
+            Agent::inspected({tables_, loader_, backlog_, alarms_, traces_, 0}, request);
+        Brumo::traceFilterIs("");
+        return answer;
     }
 
     Fuzz::Folder folder_;
     Agent::AsioEventLoop loop_;
     Agent::Tables tables_;
     Agent::PolicyLoader loader_;
+    Agent::Backlog backlog_;
+    Agent::Alarms alarms_{{}};
+    Agent::TraceTail traces_;
     KivShimo::AckMapWriter hardware_;
 };
 
