@@ -20,6 +20,7 @@ constexpr unsigned kConnectionTimeout_s = 10;
 
 MHD_Result answerWith(MHD_Connection* connection, unsigned status, const std::string& body,
                       const char* type) {
+    // The library takes what it only copies from as not constant.
     const std::unique_ptr<MHD_Response, void (*)(MHD_Response*)> response(
         MHD_create_response_from_buffer(body.size(), const_cast<char*>(body.data()),
                                         MHD_RESPMEM_MUST_COPY),

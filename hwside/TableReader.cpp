@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 
+#include "hwside/Files.h"
 #include "platform/brumo/Trace.h"
 #include "platform/kivshimo/Errors.h"
 #include "platform/kivshimo/MapReader.h"
@@ -18,37 +19,6 @@ namespace {
 using VornPolicyCpu::LogOperation;
 
 const Brumo::TraceSource kTrace{"HwSideTableReader", "TableReader"};
-
-/// The units that have a configuration below a folder. Only a folder that is not there has none:
-/// whoever took another failure for that would remove all that hardware holds. Throws
-/// KivShimo::MountError.
-std::vector<Asic::UnitId> unitsIn(const std::filesystem::path& folder) {
-    std::vector<Asic::UnitId> units;
-    std::error_code error;
-    std::filesystem::directory_iterator file(folder, error);
-    for (; !error && file != std::filesystem::directory_iterator(); file.increment(error)) {
-        if (file->path().extension() != KivShimo::kTableSuffix)
-            continue;
-        const auto unit = Asic::Constants::getUnitIdFromConfigPath(file->path().stem().string());
-        if (unit)
-            units.push_back(*unit);
-    }
-    if (error && error != std::errc::no_such_file_or_directory)
-        throw KivShimo::MountError(folder.string(), "list", error.message());
-    return units;
-}
-
-/// A link is there, wherever it leads, and refused when it is opened. Throws KivShimo::MountError
-/// when it cannot be said.
-bool isThere(const std::string& file) {
-    std::error_code error;
-    const auto status = std::filesystem::symlink_status(file, error);
-    if (status.type() == std::filesystem::file_type::not_found)
-        return false;
-    if (error)
-        throw KivShimo::MountError(file, "look for", error.message());
-    return true;
-}
 
 template <class Types>
 class ShimoTableReader final : public TableReader {
@@ -228,7 +198,7 @@ void ShimoTableReader<Types>::programAll(Asic::LogVersion upTo) {
     kept_.clear();
     unsure_.clear();
     const std::filesystem::path anyFile = group_.configFile<Types>(Asic::UnitId{0});
-    for (const Asic::UnitId unit : unitsIn(anyFile.parent_path())) {
+    for (const Asic::UnitId unit : unitsIn(anyFile.parent_path().string())) {
         try {
             programUnit(unit, upTo);
         } catch (const KivShimo::MountError& error) {

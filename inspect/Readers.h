@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "hwside/Files.h"
 #include "hwside/Group.h"
 #include "inspect/Tables.h"
 #include "platform/kivshimo/Errors.h"
@@ -51,10 +52,6 @@ struct PolicerPool {
 };
 constexpr const char* kResourceCollection = "indexes";
 
-/// Whether anything has that name. Throws KivShimo::MountError when it cannot be said.
-bool isThere(const std::string& file);
-/// The table files in a folder, sorted; none where there is no folder.
-std::vector<std::string> tableFilesIn(const std::string& folder);
 /// Units that have a configuration of the table, sorted.
 std::vector<std::uint16_t> unitsOf(const HwSide::Group& group, Table table);
 /// Folder of the files of a pool's resource tables.
@@ -63,7 +60,7 @@ std::string resourceFolder(const HwSide::Group& group, std::string_view library)
 template <class Types>
 std::optional<Config<Types>> openConfig(const HwSide::Group& group, std::uint16_t unit) {
     const std::string file = group.configFile<Types>(Asic::UnitId{unit});
-    if (!isThere(file))
+    if (!HwSide::isThere(file))
         return std::nullopt;
     return Config<Types>(file, VornPolicyCpu::Constants<Types>::configShimoType(),
                          VornPolicyCpu::kSwTableEntries);
@@ -72,7 +69,7 @@ std::optional<Config<Types>> openConfig(const HwSide::Group& group, std::uint16_
 template <class Types>
 std::optional<ChangeLog<Types>> openChangeLog(const HwSide::Group& group) {
     const std::string file = group.changeLogFile<Types>();
-    if (!isThere(file))
+    if (!HwSide::isThere(file))
         return std::nullopt;
     return ChangeLog<Types>(file, VornPolicyCpu::Constants<Types>::entryLogShimoType(),
                             VornPolicyCpu::kEntryLogConfig);

@@ -340,7 +340,7 @@ std::vector<ResourceRow> State::resources(Pool pool, const Report& report) const
     const auto read = [&]<class PoolTypes>() {
         reporting(report, [&] {
             for (const std::string& file :
-                 tableFilesIn(resourceFolder(group_, PoolTypes::kLibrary))) {
+                 HwSide::tableFilesIn(resourceFolder(group_, PoolTypes::kLibrary))) {
                 reporting(report, [&] { readPool<PoolTypes>(file, rows, report); });
             }
         });

@@ -6,7 +6,6 @@ import re
 import signal
 import subprocess
 import tarfile
-import time
 
 import pytest
 
@@ -299,8 +298,7 @@ def test_an_interrupted_bundle_leaves_no_folder(live, tmp_path):
 def test_watch_ends_at_once_when_interrupted(live):
     process = subprocess.Popen([live.vorn.program, "--state-dir", str(live.state), "watch",
                                 "--interval", "60"], stderr=subprocess.PIPE)
-    process.stderr.readline()
-    time.sleep(0.3)
+    process.stderr.readline()  # the source, which is told when the signal is caught already
     process.send_signal(signal.SIGINT)
     assert process.wait(timeout=5) == 0
     process.stderr.close()

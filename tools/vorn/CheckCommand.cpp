@@ -134,7 +134,7 @@ int checkAll(Session& session, const CheckWishes& wishes) {
     if (session.json) {
         Json document = toJson(result);
         document["repairs"] = repairs;
-        return session.printed(std::move(document), code);
+        return session.printed(document, code);
     }
     return code;
 }
