@@ -80,7 +80,11 @@ AgentProcess::AgentProcess(const Options& options)
     const auto policy = std::make_shared<const CompiledPolicy>(loadPolicy(options.policy));
     const Plugin plugin = loadPlugin(options.plugin);
 
+    if (!options.record.empty())
+        record_ = std::make_unique<Record>(options, loop_);
     tables_ = std::make_unique<Tables>(options, plugin, loop_);
+    if (record_ != nullptr)
+        record_->mounted(*tables_);
     loader_ = std::make_unique<PolicyLoader>(tables_->units(), reportFinished);
     bell_ = std::make_unique<KivShimo::Doorbell>(
         Asic::Constants::agentDoorbell(options.stateDirectory));
@@ -106,7 +110,9 @@ AgentProcess::AgentProcess(const Options& options)
     KivShimo::ring(Asic::Constants::hardwareDoorbell(options.stateDirectory));
 }
 
-AgentProcess::~AgentProcess() = default;
+AgentProcess::~AgentProcess() {
+    record_.reset();
+}
 
 void AgentProcess::run() {
     // The hardware side rings only for a sleeper: one that is awake looks by itself.
@@ -121,7 +127,16 @@ void AgentProcess::run() {
     logLine("ends");
 }
 
+/// A full disk is no reason to end a switch's agent.
+void AgentProcess::reportRecord() {
+    if (record_ == nullptr || record_->failure().empty() || recordFailed_)
+        return;
+    recordFailed_ = true;
+    logLine(fmt::format("the recording ends here: {}", record_->failure()));
+}
+
 bool AgentProcess::mayBlock() {
+    reportRecord();
     lookLater();
     if (tables_->group().sleepPrepared())
         return true;

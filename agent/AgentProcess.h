@@ -19,6 +19,7 @@
 #include "agent/MetricsServer.h"
 #include "agent/Options.h"
 #include "agent/PolicyLoader.h"
+#include "agent/Record.h"
 #include "agent/Tables.h"
 #include "agent/TraceTail.h"
 #include "platform/kivshimo/Doorbell.h"
@@ -55,6 +56,7 @@ private:
     /// "sweep", "move", "fail" or "restore".
     Json answerChange(const std::string& command, const Json& request);
     bool mayBlock();
+    void reportRecord();
 
     AsioEventLoop loop_;
     asio::signal_set signals_;
@@ -62,6 +64,8 @@ private:
     TraceTail traces_;
     double startTime_;
     std::unique_ptr<Tables> tables_;
+    std::unique_ptr<Record> record_;  ///< null: none is kept; ends before the tables
+    bool recordFailed_ = false;       ///< and that was said
     std::unique_ptr<PolicyLoader> loader_;
     Backlog backlog_;
     Alarms alarms_;

@@ -85,6 +85,10 @@ Options optionsFrom(int argc, const char* const* argv) {
                    "seconds after which a change not committed raises an alarm")
         ->check(CLI::Range(0.01, 1e6))
         ->capture_default_str();
+    app.add_option("--record", options.record,
+                   "record all that goes into the tables and comes out of them, behind what the "
+                   "file has; see vorn replay")
+        ->option_text("FILE");
     app.add_flag("--check", options.check,
                  "only read the policy and print its entries as JSON; needs no other option");
     try {

@@ -29,6 +29,7 @@ struct Options {
     std::uint32_t policers = 16384;
     std::uint64_t capacity = 0;  ///< most slots of a shared-memory collection; 0: as declared
     AlarmLimits alarms;
+    std::string record;             ///< file that a recording goes to; empty: none is made
     std::uint16_t metricsPort = 0;  ///< on loopback; 0: metrics are not served over HTTP
     bool check = false;             ///< print the policy's entries and end
     std::string help;               ///< not empty: print it and end

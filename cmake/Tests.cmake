@@ -27,7 +27,7 @@ target_precompile_headers(vorn_test_pch PRIVATE
     <algorithm> <array> <chrono> <cstdint> <filesystem> <fstream> <functional> <map> <memory>
     <optional> <set> <sstream> <string> <tuple> <utility> <vector>)
 
-set(vorn_test_libraries VornPlatform VornPolicyCpu vorn_agent vorn_inspect vorn_hwside)
+set(vorn_test_libraries VornPlatform VornPolicyCpu vorn_replay vorn_agent vorn_recording vorn_inspect vorn_hwside)
 
 file(GLOB support_sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/support/*.cpp)
 add_library(vorn_test_support STATIC ${support_sources})

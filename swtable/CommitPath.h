@@ -6,6 +6,7 @@
 
 #include <chrono>
 
+#include "platform/asic/Recorder.h"
 #include "platform/brumo/Assert.h"
 #include "swtable/OrderedSwTableAccessor.h"
 
@@ -261,8 +262,17 @@ template <class B>
 void OrderedSwTableAccessor<B>::answer(const HandlePtr& handle, Asic::EntryState state) {
     handle->entryStateIs(state);
     const ResponseHandler handler = handle->responseHandler();
-    if (handler)
+    if (!handler)
+        return;
+    Asic::Recorder* const recorder = Asic::recorder();
+    if (recorder == nullptr) [[likely]] {
         handler(handle);
+        return;
+    }
+    const HandlePtr keep(handle);
+    recorder->handlerIs(*keep, true);
+    handler(keep);
+    recorder->handlerIs(*keep, false);
 }
 
 }  // namespace VornPolicyCpu

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "entrylog/StoredValue.h"
+#include "platform/asic/Recorder.h"
 #include "swtable/EntryWrapper.h"
 #include "swtable/SwTable.h"
 
@@ -86,6 +87,9 @@ private:
                                           const char* function = __builtin_FUNCTION());
     static HandlePtr newHandle(Table& table, Asic::EntryVersion version, const Key& key,
                                const ResponseHandler& handler);
+    static void recordChange(const Table& table, Asic::Recorder::Operation operation,
+                             const Handle& handle, const Entry* entry,
+                             const DependencyPtr& dependency);
     static void enqueue(Table& table, const DependencyPtr& dependency, Asic::EntryFlags flags,
                         const WrapperPtr& wrapper);
     static void updateGroupAndFamily(Table& table);

@@ -13,6 +13,8 @@ auto OrderedSwTableAccessor<B>::entryRemoveGeneric(Table& table, const Key& key,
     Traces<B>::engine(8, " Key: {} ", key);
     const Asic::EntryVersion version = nextVersion(table, key);
     const HandlePtr handle = newHandle(table, version, key, handler);
+    if (Asic::recorder() != nullptr) [[unlikely]]
+        recordChange(table, Asic::Recorder::Operation::remove, *handle, nullptr, dependency);
     Entry removed;
     removed.key = key;
     const WrapperPtr wrapper = Brumo::make<Wrapper>(removed, handle);
@@ -33,6 +35,8 @@ void OrderedSwTableAccessor<B>::entryRemoveAllGeneric(Table& table, const Depend
                                                       const ResponseHandler& handler) {
     Traces<B>::engine(8, "");
     const HandlePtr handle = newHandle(table, Asic::EntryVersion{0, 0}, Key{}, handler);
+    if (Asic::recorder() != nullptr) [[unlikely]]
+        recordChange(table, Asic::Recorder::Operation::removeAll, *handle, nullptr, dependency);
     const WrapperPtr wrapper = Brumo::make<Wrapper>(Entry{}, handle);
     table.transientAddEntryDelAll();
     table.transientRemoveEntryDelAll();

@@ -2,8 +2,12 @@
 // resources, and is queued with the resolver. Nothing is written to the entry log here.
 #pragma once
 
+#include <bit>
+
+#include "platform/asic/Recorder.h"
 #include "platform/brumo/Assert.h"
 #include "swtable/OrderedSwTableAccessor.h"
+#include "types/EntryImage.h"
 
 namespace VornPolicyCpu {
 
@@ -19,6 +23,8 @@ auto OrderedSwTableAccessor<B>::entryWriteGeneric(Table& table, const Key& key, 
         table.entryLog()->prefetch(key, table.unitId());
     const Asic::EntryVersion version = nextVersion(table, key);
     const HandlePtr handle = newHandle(table, version, key, handler);
+    if (Asic::recorder() != nullptr) [[unlikely]]
+        recordChange(table, Asic::Recorder::Operation::write, *handle, &entry, dependency);
     const WrapperPtr wrapper = Brumo::make<Wrapper>(entry, handle);
     wrapper->keyIs(key);
     table.transientRemoveEntryDel(key);
@@ -55,6 +61,24 @@ auto OrderedSwTableAccessor<B>::newHandle(Table& table, Asic::EntryVersion versi
         handle->responseHandlerIs(handler);
     handle->entryStateIs(Asic::EntryState::created);
     return handle;
+}
+
+/// `entry` is null where nothing is written.
+template <class B>
+void OrderedSwTableAccessor<B>::recordChange(const Table& table,
+                                             Asic::Recorder::Operation operation,
+                                             const Handle& handle, const Entry* entry,
+                                             const DependencyPtr& dependency) {
+    const auto tell = [&](std::span<const std::byte> image) {
+        Asic::recorder()->changeStaged(
+            {operation, table, handle, std::bit_cast<std::uint64_t>(handle.key()), image,
+             dependency.get(), static_cast<bool>(handle.responseHandler())});
+    };
+    if (entry == nullptr) {
+        tell({});
+    } else {
+        tell(EntryImage<typename B::Types>::of(*entry));
+    }
 }
 
 template <class B>

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/asic/Constants.h"
+#include "platform/asic/Recorder.h"
 #include "platform/brumo/Recycled.h"
 #include "platform/brumo/Trace.h"
 #include "platform/kivshimo/AckMap.h"
@@ -85,9 +86,13 @@ struct GroupInterface::SharedMemory {
     /// have been handed out again since. One that has noted no log yet speaks of this one.
     /// REQUIRES: the map is open. Asked before what the map says is read: the hardware side notes
     /// the log first.
-    bool isOfLostLog() const {
+    bool isOfLostLog() const { return logOfMap() == AckMapReading::Log::another; }
+    AckMapReading::Log logOfMap() const {
         const std::uint64_t identity = reader->announceIdentity();
-        return identity != 0 && identity != announcements.identity();
+        if (identity == 0)
+            return AckMapReading::Log::none;
+        return identity == announcements.identity() ? AckMapReading::Log::thisOne
+                                                    : AckMapReading::Log::another;
     }
 
     std::string root;
@@ -143,25 +148,53 @@ void GroupInterface::takeUpAnnouncements() {
     }
 }
 
-/// Takes up what the hardware side says at the start; false when not all of it can be read.
-bool GroupInterface::takeUpAtStart() {
-    KivShimo::AckMapReader* map = shm_->map();
-    if (map == nullptr)
-        return true;
-    bool isWhole = true;
-    const auto report = [&](const KivShimo::CorruptionError& error) {
-        doCorruptionDetected(error.what());
-        isWhole = false;
+/// The map for a look at it; null when it is not there. Where a record is kept, a map that was
+/// replaced is found at once, so that one look is of one map.
+KivShimo::AckMapReader* GroupInterface::mapForLook() {
+    if (recorder() == nullptr)
+        return shm_->openMap();
+    recorder()->mapWillBeRead();
+    return shm_->map();
+}
+
+/// All that is to be known of the open map; what cannot be read is reported. The log comes first,
+/// as the hardware side notes it first.
+AckMapReading GroupInterface::readMap() const {
+    const KivShimo::AckMapReader& map = *shm_->reader;
+    const auto read = [this](const auto& look) {
+        try {
+            look();
+        } catch (const KivShimo::CorruptionError& error) {
+            doCorruptionDetected(error.what());
+        }
     };
-    try {
-        acknowledgedOfThisLog_ = !shm_->isOfLostLog();
-    } catch (const KivShimo::CorruptionError& error) {
-        report(error);  // and nothing counts as announced that may be of another log
-    }
-    for (const auto& [tableId, version] : map->all(report))
+    AckMapReading reading;
+    reading.identity = map.identity();
+    read([&] { reading.log = shm_->logOfMap(); });
+    reading.isWhole = reading.log.has_value();
+    reading.versions = map.all([&](const KivShimo::CorruptionError& error) {
+        doCorruptionDetected(error.what());
+        reading.isWhole = false;
+    });
+    if (reading.log == AckMapReading::Log::thisOne)
+        read([&] { reading.consumed = map.consumed(); });
+    read([&] { reading.pauseRequested = map.pauseRequested(); });
+    if (recorder() != nullptr) [[unlikely]]
+        recorder()->mapRead(reading, resolver_->waitsForMore());
+    return reading;
+}
+
+/// Takes up what the hardware side says at the start; false when not all of it can be read. Where
+/// it cannot be said of which log that is, nothing counts as announced that may be of another one.
+bool GroupInterface::takeUpAtStart() {
+    if (mapForLook() == nullptr)
+        return true;
+    const AckMapReading reading = readMap();
+    acknowledgedOfThisLog_ = reading.log.has_value() && *reading.log != AckMapReading::Log::another;
+    for (const auto& [tableId, version] : reading.versions)
         acknowledgedBefore_[SwTableId(tableId)] = {version};
-    takeUpConsumed();
-    return isWhole;
+    takeUpConsumed(reading);
+    return reading.isWhole;
 }
 
 void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
@@ -280,7 +313,11 @@ void GroupInterface::announcedVersionRestored(SwTableId tableId, LogVersion vers
 }
 
 std::optional<LogVersion> GroupInterface::tableVersionInMap(SwTableId tableId) const {
+    if (recorder() != nullptr)
+        recorder()->mapWillBeRead();
     KivShimo::AckMapReader* map = shm_->map();
+    if (map != nullptr && recorder() != nullptr)
+        readMap();
     if (map == nullptr || shm_->isOfLostLog())
         return std::nullopt;
     const auto version = map->acknowledged(tableId.whole());
@@ -310,11 +347,11 @@ LogVersion GroupInterface::acknowledgedVersion(SwTableId tableId) const {
 /// the new one says is taken up at once.
 void GroupInterface::acknowledgementsArrived() {
     const Brumo::Ptr<GroupInterface> keep(this);  // a handler may drop the group
-    const KivShimo::AckMapReader* map = shm_->openMap();
+    const KivShimo::AckMapReader* map = mapForLook();
     if (map == nullptr)
         return;
     const std::uint64_t identity = map->identity();
-    if (takeUpMap())
+    if (takeUpMap() || recorder() != nullptr)
         return;
     map = shm_->map();
     if (map != nullptr && map->identity() != identity)
@@ -323,39 +360,36 @@ void GroupInterface::acknowledgementsArrived() {
 
 /// Takes up what the open map says. Returns whether anything in it has moved; false also where that
 /// cannot be read.
-bool GroupInterface::takeUpMap() try {
-    const auto report = [this](const auto& error) { doCorruptionDetected(error.what()); };
-    const auto acknowledgements =
-        shm_->isOfLostLog() ? KivShimo::Acknowledgements() : shm_->reader->all(report);
+bool GroupInterface::takeUpMap() {
+    const AckMapReading reading = readMap();
+    if (!reading.log.has_value())
+        return false;
     const std::uint64_t consumedBefore = shm_->announcements.consumed();
-    takeUpConsumed();
+    takeUpConsumed(reading);
     appendWaiting();
-    takeUpPauseRequest();
+    takeUpPauseRequest(reading);
     bool moved = false;
-    for (const auto& [tableId, version] : acknowledgements) {
-        moved |= acknowledge(SwTableId(tableId), {version});
+    if (*reading.log != AckMapReading::Log::another) {
+        for (const auto& [tableId, version] : reading.versions)
+            moved |= acknowledge(SwTableId(tableId), {version});
     }
     if (moved)
         publisher().publish(kAcknowledged);
     resolver_->updateGenId();
     return moved || shm_->announcements.consumed() != consumedBefore;
-} catch (const KivShimo::CorruptionError& error) {
-    doCorruptionDetected(error.what());
-    return false;
 }
 
-/// Frees what the hardware side has consumed. REQUIRES: its map is open. A position that was never
-/// announced, or goes backwards, is refused; that is traced once, however often the map is read. A
-/// hardware side that begins anew stores 0 first, or has a new map; then any position may be the
-/// first.
-void GroupInterface::takeUpConsumed() try {
-    KivShimo::AnnounceLogWriter& announcements = shm_->announcements;
-    if (shm_->reader->announceIdentity() != announcements.identity())
+/// Frees what the hardware side has consumed. A position that was never announced, or goes
+/// backwards, is refused; that is traced once, however often the map is read. A hardware side that
+/// begins anew stores 0 first, or has a new map; then any position may be the first.
+void GroupInterface::takeUpConsumed(const AckMapReading& reading) {
+    if (!reading.consumed.has_value())
         return;
-    const std::uint64_t position = shm_->reader->consumed();
-    if (position == 0 || shm_->takenFrom != shm_->reader->identity())
+    KivShimo::AnnounceLogWriter& announcements = shm_->announcements;
+    const std::uint64_t position = *reading.consumed;
+    if (position == 0 || shm_->takenFrom != reading.identity)
         shm_->takenPosition = 0;
-    shm_->takenFrom = shm_->reader->identity();
+    shm_->takenFrom = reading.identity;
     const bool isBeyond = position > announcements.tail();
     const bool isBackwards = position < shm_->takenPosition;
     if (isBeyond || isBackwards) {
@@ -370,17 +404,12 @@ void GroupInterface::takeUpConsumed() try {
     shm_->refusedPosition = 0;
     shm_->takenPosition = position;
     announcements.consumedIs(position);
-} catch (const KivShimo::CorruptionError& error) {
-    doCorruptionDetected(error.what());
 }
 
-/// REQUIRES: the map is open. While the request does not verify, the one before counts.
-void GroupInterface::takeUpPauseRequest() {
-    try {
-        resolver_->suspendRequestedIs(shm_->reader->pauseRequested());
-    } catch (const KivShimo::CorruptionError& error) {
-        doCorruptionDetected(error.what());
-    }
+/// While the request cannot be read, the one before counts.
+void GroupInterface::takeUpPauseRequest(const AckMapReading& reading) {
+    if (reading.pauseRequested.has_value())
+        resolver_->suspendRequestedIs(*reading.pauseRequested);
     resolver_->maybeUpdateSuspend();
 }
 

@@ -28,7 +28,13 @@
 #include "platform/kiv/EventLoop.h"
 #include "platform/regdb/EntityManager.h"
 
+namespace KivShimo {
+class AckMapReader;
+}  // namespace KivShimo
+
 namespace Asic {
+
+struct AckMapReading;
 
 class GroupInterface final : public Kiv::Entity {
 public:
@@ -107,11 +113,13 @@ private:
     struct SharedMemory;  ///< the mounted files; keeps their headers out of this one
 
     void takeUpAnnouncements();
+    KivShimo::AckMapReader* mapForLook();
+    AckMapReading readMap() const;
     bool takeUpMap();
     bool takeUpAtStart();
     bool hasRoomForWaiting();
-    void takeUpConsumed();
-    void takeUpPauseRequest();
+    void takeUpConsumed(const AckMapReading& reading);
+    void takeUpPauseRequest(const AckMapReading& reading);
     bool isPauseRequestPending() const;
     bool acknowledgementsPending();
     bool announced(SwTableId tableId, LogVersion version,

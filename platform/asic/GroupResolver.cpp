@@ -100,6 +100,10 @@ void GroupResolver::probeFullLogs(std::size_t& budget) {
     std::vector<const OrderedSwTable*> tables;
     for (const auto& [table, entries] : waitingForLog_)
         tables.push_back(table);
+    // Not by where tables lie in memory: the same changes are committed in the same order always.
+    std::ranges::sort(tables, {}, [](const OrderedSwTable* table) {
+        return std::pair(table->tableId(), table->unitId());
+    });
     for (const OrderedSwTable* table : tables) {
         while (!suspended_) {
             const auto waiting = waitingForLog_.find(table);  // a commit may have ended the table

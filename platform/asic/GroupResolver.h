@@ -105,6 +105,8 @@ public:
     void resolverQueueEnq(const Brumo::Ptr<ResolverEntry>& entry);
     /// Something that changes wait for may have moved: room in a log, above all.
     void updateGenId();
+    /// Whether updateGenId() would do anything.
+    bool waitsForMore() const { return probe_ || !waitingForLog_.empty() || !ready_.empty(); }
     std::uint64_t genId() const { return genId_; }
     /// Takes up or ends a pause that was asked for. Every change calls it when it is staged and
     /// when it is committed, so that a pause holds between any two commits.

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "platform/asic/CanonicalTableName.h"
+#include "platform/asic/RecorderHook.h"
 #include "platform/asic/SwTableStats.h"
 #include "platform/asic/Versions.h"
 #include "platform/brumo/Ptr.h"
@@ -51,6 +52,8 @@ public:
             return;
         const EntryState old = entryState_;
         entryState_ = state;
+        if (recorder() != nullptr) [[unlikely]]
+            recordState(*this);
         publisher().publish(kEntryState, &old);
     }
     /// True for the states in which a change that waits for this one fails.
@@ -63,8 +66,13 @@ public:
     /// The version of the change in its table's log; version 0 before it is committed.
     virtual TableVersion entryTableVersion() const = 0;
 
+    /// What a recorder calls the handle; 0 before it was told of it.
+    std::uint64_t recordNumber() const { return recordNumber_; }
+    void recordNumberIs(std::uint64_t number) const { recordNumber_ = number; }
+
 private:
     EntryState entryState_ = EntryState::created;
+    mutable std::uint64_t recordNumber_ = 0;
 };
 
 /// A table with a canonical name.

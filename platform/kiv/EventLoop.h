@@ -45,12 +45,16 @@ public:
     /// Runs what was posted before the call; returns how many pieces of work that were.
     std::size_t turn() {
         const std::size_t due = queue_.size();
-        for (std::size_t i = 0; i < due; ++i) {
-            const std::function<void()> work = std::move(queue_.front());
-            queue_.pop_front();
-            work();
-        }
+        for (std::size_t i = 0; i < due; ++i)
+            turnOnce();
         return due;
+    }
+
+    /// Runs the oldest piece of work. REQUIRES: not idle().
+    void turnOnce() {
+        const std::function<void()> work = std::move(queue_.front());
+        queue_.pop_front();
+        work();
     }
 
     /// Turns until nothing is left, at most `limit` turns; false when work was left then.

@@ -108,6 +108,7 @@ private:
     void answer(Allocation& allocation);
     void refresh(Allocation& allocation);
     void changed(Allocation& allocation);
+    void publishState(const Allocation& allocation);
 
     // The end of uses.
     Allocation* allocationOf(const Handle& handle);

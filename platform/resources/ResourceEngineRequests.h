@@ -3,8 +3,10 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <utility>
 
+#include "platform/asic/Recorder.h"
 #include "platform/resources/ResourceEngine.h"
 
 namespace Asic {
@@ -154,6 +156,16 @@ void ResourceEngine<Binding>::answer(Allocation& allocation) {
     refresh(allocation);
     if (allocation.handle == nullptr)
         return;
+    publishState(allocation);
+}
+
+/// Tells the users of an allocation what it is now. REQUIRES: there is a handle.
+template <class Binding>
+void ResourceEngine<Binding>::publishState(const Allocation& allocation) {
+    if (Recorder* const recorder = Asic::recorder(); recorder != nullptr) [[unlikely]] {
+        recorder->resourceStateIs({tableId_, std::bit_cast<std::uint64_t>(allocation.key),
+                                   allocation.state, allocation.updateVersion, allocation.index});
+    }
     const Brumo::Ptr<const Handle> keep(allocation.handle);
     keep->publishState();
 }
@@ -242,8 +254,7 @@ void ResourceEngine<Binding>::turn() {
             continue;
         if (found->handle == nullptr)
             continue;
-        const Brumo::Ptr<const Handle> keep(found->handle);
-        keep->publishState();
+        publishState(*found);
     }
     for (std::size_t due = farewells_.size(); due > 0; --due) {
         const Brumo::Ptr<const Handle> last = std::move(farewells_.front());

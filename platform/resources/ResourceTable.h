@@ -27,6 +27,7 @@
 
 #include "platform/asic/GroupInterface.h"
 #include "platform/asic/OrderedTableInterface.h"
+#include "platform/asic/Recorder.h"
 #include "platform/kiv/EventLoop.h"
 #include "platform/resources/ResourceGroup.h"
 #include "platform/resources/ResourceHandle.h"
@@ -119,6 +120,8 @@ public:
 
 private:
     friend class ResourceClient<Binding>;
+
+    void recorded(Recorder::ResourceOperation operation, const Key& key) const;
 
     std::string name_;
     SwTableId tableId_;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <utility>
 
 #include "platform/resources/ResourceClient.h"
@@ -52,22 +53,32 @@ auto ResourceTable<Binding>::keys() const -> std::vector<ResourceKeyInfo<Key>> {
 }
 
 template <class Binding>
+void ResourceTable<Binding>::recorded(Recorder::ResourceOperation operation, const Key& key) const {
+    if (recorder() != nullptr)
+        recorder()->resourceOperation(tableId_, operation, std::bit_cast<std::uint64_t>(key));
+}
+
+template <class Binding>
 bool ResourceTable<Binding>::move(const Key& key) {
+    recorded(Recorder::ResourceOperation::move, key);
     return engine_->move(key);
 }
 
 template <class Binding>
 bool ResourceTable<Binding>::fail(const Key& key) {
+    recorded(Recorder::ResourceOperation::fail, key);
     return engine_->stateIs(key, EntryState::resourceFailed);
 }
 
 template <class Binding>
 bool ResourceTable<Binding>::restore(const Key& key) {
+    recorded(Recorder::ResourceOperation::restore, key);
     return engine_->stateIs(key, EntryState::complete);
 }
 
 template <class Binding>
 void ResourceTable<Binding>::sweepUnclaimed() {
+    recorded(Recorder::ResourceOperation::sweep, Key{});
     engine_->sweepUnclaimed();
 }
 

@@ -88,6 +88,7 @@ void addWatchCommand(CLI::App& app, Session& session);
 void addTraceCommands(CLI::App& app, Session& session);
 void addPolicyCommands(CLI::App& app, Session& session);
 void addResourceCommands(CLI::App& app, Session& session);
+void addReplayCommand(CLI::App& app, Session& session);
 void addBundleCommand(CLI::App& app, Session& session);
 void addCompletionCommand(CLI::App& app, Session& session);
 

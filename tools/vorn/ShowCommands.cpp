@@ -19,7 +19,7 @@ using Inspect::LogFigures;
 using Inspect::Pool;
 using Inspect::ResourceRow;
 using Inspect::Table;
-using Kind = TextTable::Column::Kind;
+using ColumnKind = TextTable::Column::Kind;
 
 std::uint64_t acknowledgedOf(Session& session, Table table) {
     const auto acks = session.system().state.acknowledgements(session.report());
@@ -60,12 +60,12 @@ int showTables(Session& session) {
     if (session.json)
         return session.printed({{"tables", std::move(rows)}});
     TextTable text({{"TABLE"},
-                    {"UNITS", Kind::flexible},
-                    {"ENTRIES", Kind::right},
-                    {"REMOVING", Kind::right},
-                    {"VERSION", Kind::right},
-                    {"ACKED", Kind::right},
-                    {"BEHIND", Kind::right},
+                    {"UNITS", ColumnKind::flexible},
+                    {"ENTRIES", ColumnKind::right},
+                    {"REMOVING", ColumnKind::right},
+                    {"VERSION", ColumnKind::right},
+                    {"ACKED", ColumnKind::right},
+                    {"BEHIND", ColumnKind::right},
                     {"LOG"}});
     for (const Json& row : rows) {
         const bool isBehind = row.at("behind") != 0;
@@ -87,8 +87,10 @@ int showUnits(Session& session) {
     const Inspect::Filter filter = session.wanted();
     const Inspect::State& state = session.system().state;
     Json rows = Json::array();
-    TextTable text(
-        {{"UNIT", Kind::right}, {"TABLE"}, {"ENTRIES", Kind::right}, {"REMOVING", Kind::right}});
+    TextTable text({{"UNIT", ColumnKind::right},
+                    {"TABLE"},
+                    {"ENTRIES", ColumnKind::right},
+                    {"REMOVING", ColumnKind::right}});
     for (const std::uint16_t unit : state.units()) {
         for (const Table table : kTables) {
             const auto units = state.units(table);
@@ -219,8 +221,10 @@ int showAcks(Session& session) {
     const auto acks = state.acknowledgements(session.report());
     const auto announced = state.announcements(session.report());
     Json rows = Json::array();
-    TextTable text(
-        {{"TABLE"}, {"ACKED", Kind::right}, {"VERSION", Kind::right}, {"BEHIND", Kind::right}});
+    TextTable text({{"TABLE"},
+                    {"ACKED", ColumnKind::right},
+                    {"VERSION", ColumnKind::right},
+                    {"BEHIND", ColumnKind::right}});
     for (const auto& [id, version] : acks.rows) {
         if (filter.table && tableId(*filter.table) != id)
             continue;
@@ -280,11 +284,11 @@ int showResources(Session& session) {
     const auto fromAgent = session.system().agent.tryAsk({{"cmd", "resources"}});
     Json rows = Json::array();
     TextTable text({{"POOL"},
-                    {"INDEX", Kind::right},
+                    {"INDEX", ColumnKind::right},
                     {"REQUEST"},
                     {"STATE"},
-                    {"VERSION", Kind::right},
-                    {"USED BY", Kind::flexible}});
+                    {"VERSION", ColumnKind::right},
+                    {"USED BY", ColumnKind::flexible}});
     for (const Pool pool : Inspect::kPools) {
         std::map<std::string, std::string> states;
         const Json answer = fromAgent ? fromAgent->value(std::string(nameOf(pool)), Json::object())

@@ -1,0 +1,56 @@
+#include "recording/Codec.h"
+
+#include <array>
+#include <utility>
+
+namespace Recording {
+
+namespace {
+
+template <class Kind>
+bool isKnown(const Kind& /*event*/) {
+    return true;
+}
+bool isKnown(const Change& change) {
+    return change.operation <= Change::Operation::removeAll;
+}
+bool isKnown(const Look& look) {
+    return look.log <= Look::Log::unreadable;
+}
+bool isKnown(const ResourceOperation& made) {
+    return made.operation <= ResourceOperation::Operation::sweep;
+}
+
+template <class Kind>
+Event decodeKind(Decoder& decoder) {
+    Kind event;
+    Kind::fields(event, decoder);
+    if (!isKnown(event))
+        throw FormatError("an event says what this program does not know");
+    return event;
+}
+
+template <std::size_t... I>
+constexpr auto decodersOf(std::index_sequence<I...> /*kinds*/) {
+    return std::array{&decodeKind<std::variant_alternative_t<I, Event>>...};
+}
+
+}  // namespace
+
+void encode(const Event& event, std::vector<std::byte>& bytes) {
+    std::visit([&](const auto& kind) { encode(kind, bytes); }, event);
+}
+
+Event decode(Bytes bytes) {
+    constexpr auto kDecoders = decodersOf(std::make_index_sequence<std::variant_size_v<Event>>());
+    Decoder decoder(bytes);
+    const std::uint64_t kind = decoder.number();
+    if (kind >= kDecoders.size())
+        throw FormatError("an event is of a kind that this program does not know");
+    Event event = kDecoders.at(kind)(decoder);
+    if (!decoder.atEnd())
+        throw FormatError("an event is longer than its fields");
+    return event;
+}
+
+}  // namespace Recording

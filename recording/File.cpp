@@ -1,0 +1,198 @@
+#include "recording/File.h"
+
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+
+#include <fmt/format.h>
+
+#include "recording/FileAccess.h"
+#include "recording/Text.h"
+
+namespace Recording {
+
+namespace {
+
+constexpr std::array<char, 16> kHead{'V', 'o', 'r', 'n', 'R', 'e', 'c', '1'};
+constexpr std::size_t kWindow = std::size_t{1} << 20U;
+constexpr std::size_t kCheckSize = 4;
+
+std::uint32_t checkOf(const std::byte* middle, std::size_t size, std::size_t offset) {
+    return static_cast<std::uint32_t>(XXH3_64bits_withSeed(middle, size, offset));
+}
+
+/// A number of variable length, at most ten bytes.
+struct SmallNumber {
+    explicit SmallNumber(std::uint64_t value) {
+        for (; value >= 0x80; value >>= 7U)
+            bytes.at(size++) = static_cast<std::byte>(value | 0x80U);
+        bytes.at(size++) = static_cast<std::byte>(value);
+    }
+    std::array<std::byte, 10> bytes{};
+    std::size_t size = 0;
+};
+
+bool hasHead(Bytes bytes) {
+    return bytes.size() >= kHead.size() && std::memcmp(bytes.data(), kHead.data(), 8) == 0;
+}
+
+/// Only one process writes: the lock ends with its last descriptor of the file.
+void lock(int fd, const std::string& file) {
+    struct flock wanted {};
+    wanted.l_type = F_WRLCK;
+    wanted.l_whence = SEEK_SET;
+    if (::fcntl(fd, F_OFD_SETLK, &wanted) == 0)
+        return;
+    if (errno == EAGAIN || errno == EACCES)
+        throw FormatError(file + ": lock recording: another process writes it");
+    throwErrno(file, "lock recording");
+}
+
+}  // namespace
+
+FileWriter::FileWriter(std::string file) : file_(std::move(file)) {
+    Descriptor opened(
+        ::open(file_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0640));
+    if (opened.fd() < 0)
+        throwErrno(file_, "open recording");
+    lock(opened.fd(), file_);
+    const std::vector<std::byte> before = allOf(opened, file_);
+    used_ = kHead.size();
+    if (!before.empty()) {
+        if (!hasHead(before))
+            throw FormatError(file_ + ": go on with recording: is none");
+        const Contents kept(before);
+        if (!kept.damage().empty())
+            throw FormatError(file_ + ": go on with recording: " + kept.damage());
+        used_ = kept.size();
+    }
+    if (::ftruncate(opened.fd(), static_cast<off_t>(used_)) != 0)
+        throwErrno(file_, "cut recording");
+    if (before.empty() &&
+        ::pwrite(opened.fd(), kHead.data(), kHead.size(), 0) != static_cast<ssize_t>(kHead.size()))
+        throwErrno(file_, "write recording");
+    fd_ = opened.release();
+}
+
+FileWriter::~FileWriter() {
+    unmap();
+    static_cast<void>(::ftruncate(fd_, static_cast<off_t>(used_)));  // zeros stay, which do no harm
+    ::close(fd_);
+}
+
+void FileWriter::unmap() {
+    if (window_ != nullptr)
+        ::munmap(std::exchange(window_, nullptr), windowSize_);
+}
+
+/// Maps the next part of the file, which is allocated: no store into it can fail.
+void FileWriter::makeRoom(std::size_t bytes) {
+    if (window_ != nullptr && used_ + bytes <= windowStart_ + windowSize_)
+        return;
+    unmap();
+    const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    windowStart_ = used_ / page * page;
+    windowSize_ = std::max(kWindow, (used_ - windowStart_ + bytes + page - 1) / page * page);
+    errno =
+        ::posix_fallocate(fd_, static_cast<off_t>(windowStart_), static_cast<off_t>(windowSize_));
+    if (errno != 0)
+        throwErrno(file_, "extend recording");
+    void* const mapped = ::mmap(nullptr, windowSize_, PROT_READ | PROT_WRITE,
+                                MAP_SHARED | MAP_POPULATE, fd_, static_cast<off_t>(windowStart_));
+    if (mapped == MAP_FAILED)
+        throwErrno(file_, "map recording");
+    window_ = static_cast<std::byte*>(mapped);
+}
+
+void FileWriter::eventIs(Bytes event, std::chrono::nanoseconds time) {
+    if (!failure_.empty())
+        return;
+    const auto passed = last_.count() < 0 ? 0 : std::max<std::int64_t>((time - last_).count(), 0);
+    const SmallNumber delta(static_cast<std::uint64_t>(passed));
+    const std::size_t middle = delta.size + event.size();
+    const SmallNumber length(middle);
+    const std::size_t whole = length.size + middle + kCheckSize;
+    try {
+        makeRoom(whole + 1);  // with the zero behind it
+    } catch (const std::system_error& error) {
+        failure_ = error.what();
+        return;
+    }
+    last_ = time;
+    std::byte* const frame = window_ + (used_ - windowStart_);
+    std::byte* place = frame + length.size;
+    std::memcpy(place, delta.bytes.data(), delta.size);
+    std::memcpy(place + delta.size, event.data(), event.size());
+    const std::uint32_t check = checkOf(place, middle, used_);
+    std::memcpy(place + middle, &check, kCheckSize);
+    std::memcpy(frame + 1, length.bytes.data() + 1, length.size - 1);
+    std::atomic_ref<std::byte>(*frame).store(length.bytes[0], std::memory_order_release);
+    used_ += whole;
+}
+
+Contents::Contents(std::vector<std::byte> bytes) {
+    if (!hasHead(bytes))
+        throw FormatError("no recording: its head is of another kind of file");
+    storage_.push_back(std::move(bytes));
+    const Bytes all = storage_.back();
+    size_ = kHead.size();
+    std::chrono::nanoseconds time{0};
+    while (size_ < all.size() && all[size_] != std::byte{0}) {
+        try {
+            const Bytes rest = all.subspan(size_);
+            Decoder frame(rest);
+            const std::uint64_t length = frame.number();
+            const std::size_t head = SmallNumber(length).size;
+            if (length > rest.size() || head + length + kCheckSize > rest.size())
+                throw FormatError("the frame is cut off");
+            const Bytes middle = rest.subspan(head, length);
+            std::uint32_t check = 0;
+            std::memcpy(&check, rest.data() + head + length, kCheckSize);
+            if (check != checkOf(middle.data(), middle.size(), size_))
+                throw FormatError("the frame does not verify");
+            Decoder passed(middle);
+            const std::uint64_t delta = passed.number();
+            const Bytes event = middle.subspan(SmallNumber(delta).size);
+            const bool begins = is<Start>(decode(event));
+            time = begins ? std::chrono::nanoseconds{0}
+                          : time + std::chrono::nanoseconds(static_cast<std::int64_t>(delta));
+            events_.push_back({time, event});
+            size_ += head + length + kCheckSize;
+        } catch (const FormatError& error) {
+            damage_ =
+                fmt::format("event {} at byte {}: {}", events_.size() + 1, size_, error.what());
+            return;
+        }
+    }
+}
+
+Contents Contents::ofFile(const std::string& file) {
+    const Descriptor opened(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (opened.fd() < 0)
+        throwErrno(file, "open recording");
+    std::vector<std::byte> bytes = allOf(opened, file);
+    if (hasHead(bytes))
+        return Contents(std::move(bytes));
+    try {
+        return contentsOfText({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+    } catch (const FormatError& error) {
+        throw FormatError(fmt::format("{}: {}", file, error.what()));
+    }
+}
+
+void Contents::add(std::vector<std::byte> event, std::chrono::nanoseconds time) {
+    storage_.push_back(std::move(event));
+    events_.push_back({time, storage_.back()});
+}
+
+}  // namespace Recording

@@ -1,0 +1,35 @@
+// Files opened, read and refused, each failure with path and operation.
+//
+// Used by this folder only. Any thread.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Recording {
+
+/// Of the last system call that failed. Throws std::system_error.
+[[noreturn]] void throwErrno(const std::string& file, const char* operation);
+
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor();
+
+    /// Negative where nothing was opened.
+    int fd() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+
+private:
+    int fd_;
+};
+
+/// What a regular file holds. One that grows meanwhile is read as far as it went at first, one that
+/// is cut meanwhile as far as it still goes. Throws std::system_error.
+std::vector<std::byte> allOf(const Descriptor& opened, const std::string& file);
+
+}  // namespace Recording

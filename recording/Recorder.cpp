@@ -1,0 +1,94 @@
+#include "recording/Recorder.h"
+
+#include <utility>
+
+namespace Recording {
+
+namespace {
+
+// Numbers in files: those of the platform may be counted otherwise some day.
+static_assert(static_cast<int>(Asic::Recorder::Operation::removeAll) ==
+              static_cast<int>(Change::Operation::removeAll));
+static_assert(static_cast<int>(Asic::Recorder::ResourceOperation::sweep) ==
+              static_cast<int>(ResourceOperation::Operation::sweep));
+static_assert(static_cast<int>(Asic::AckMapReading::Log::another) ==
+              static_cast<int>(Look::Log::another));
+
+std::uint64_t numberOfDependency(const Asic::DependencyEntryHandle* dependency) {
+    if (dependency == nullptr)
+        return 0;
+    return dependency->recordNumber() == 0 ? Change::kForeign : dependency->recordNumber();
+}
+
+}  // namespace
+
+Recorder::Recorder(const Kiv::EventLoop& loop, Sink& sink) : loop_(loop), sink_(sink) {
+    bytes_.reserve(1024);
+    Asic::recorderIs(this);
+}
+
+Recorder::~Recorder() {
+    if (Asic::recorder() == this)
+        Asic::recorderIs(nullptr);
+}
+
+void Recorder::changeStaged(const Asic::Recorder::Change& change) {
+    change.handle.recordNumberIs(++lastNumber_);
+    tell(Recording::Change{.operation = static_cast<Recording::Change::Operation>(change.operation),
+                           .number = lastNumber_,
+                           .table = change.table.tableId().whole(),
+                           .unit = change.table.unitId().value,
+                           .key = change.key,
+                           .entry = change.entry,
+                           .dependency = numberOfDependency(change.dependency),
+                           .hasHandler = change.hasHandler});
+}
+
+void Recorder::resourceOperation(Asic::SwTableId table, Asic::Recorder::ResourceOperation operation,
+                                 std::uint64_t key) {
+    tell(Recording::ResourceOperation{
+        static_cast<Recording::ResourceOperation::Operation>(operation), table.whole(), key});
+}
+
+/// A look that finds what the one before has found is told only where it makes a difference: an
+/// agent at work looks after each piece of it.
+void Recorder::mapRead(const Asic::AckMapReading& reading, bool takesUp) {
+    Look look{.map = look_.map,
+              .log = reading.log ? static_cast<Look::Log>(*reading.log) : Look::Log::unreadable,
+              .consumed = reading.consumed.value_or(look_.consumed),
+              .pauseRequested = reading.pauseRequested.value_or(look_.pauseRequested),
+              .rows = {}};
+    if (look.map == 0 || std::exchange(mapIdentity_, reading.identity) != reading.identity)
+        ++look.map;
+    mapIdentity_ = reading.identity;
+    look.rows.reserve(reading.versions.size());
+    for (const auto& [table, version] : reading.versions)
+        look.rows.push_back({table, version});
+    if (look == look_ && !takesUp)
+        return;
+    look_ = std::move(look);
+    tell(look_);
+}
+
+void Recorder::stateIs(const Asic::DependencyEntryHandle& handle) {
+    if (handle.recordNumber() == 0) {
+        handle.recordNumberIs(++lastNumber_);
+        const auto* const own = dynamic_cast<const Asic::OrderedSwTable::EntryHandle*>(&handle);
+        const std::string key = own == nullptr ? std::string() : own->keyText();
+        tell(OwnChange{lastNumber_, handle.tableId().whole(), key});
+    }
+    tell(State{handle.recordNumber(), static_cast<std::uint8_t>(handle.entryState()),
+               handle.entryTableVersion().version.value});
+}
+
+void Recorder::handlerIs(const Asic::DependencyEntryHandle& handle, bool runs) {
+    tell(Handler{handle.recordNumber(), runs});
+}
+
+void Recorder::resourceStateIs(const Asic::Recorder::ResourceState& state) {
+    tell(Recording::ResourceState{state.table.whole(), state.key,
+                                  static_cast<std::uint8_t>(state.state), state.updateVersion,
+                                  state.index});
+}
+
+}  // namespace Recording

@@ -1,0 +1,50 @@
+// Makes events of what the tables tell, in their order.
+//
+// Event thread only. Installed while it lives; one a process.
+#pragma once
+
+#include "platform/asic/GroupInterface.h"
+#include "platform/asic/Recorder.h"
+#include "platform/kiv/EventLoop.h"
+#include "recording/Codec.h"
+#include "recording/Sink.h"
+
+namespace Recording {
+
+class Recorder : public Asic::Recorder {
+public:
+    /// Both outlive the recorder.
+    Recorder(const Kiv::EventLoop& loop, Sink& sink);
+    Recorder(const Recorder&) = delete;
+    Recorder& operator=(const Recorder&) = delete;
+    ~Recorder() override;
+
+    /// Of a process, which only it knows: a start, its files, where its logs stand, its end.
+    template <class Kind>
+    void tell(const Kind& event) {
+        bytes_.clear();
+        encode(event, bytes_);
+        sink_.eventIs(bytes_, loop_.turnTime());
+    }
+
+    void changeStaged(const Asic::Recorder::Change& change) override;
+    void resourceOperation(Asic::SwTableId table, Asic::Recorder::ResourceOperation operation,
+                           std::uint64_t key) override;
+    void turnBegins() override { tell(Turn{}); }
+    /// For whoever replays.
+    void mapWillBeRead() override {}
+    void mapRead(const Asic::AckMapReading& reading, bool takesUp) override;
+    void stateIs(const Asic::DependencyEntryHandle& handle) override;
+    void handlerIs(const Asic::DependencyEntryHandle& handle, bool runs) override;
+    void resourceStateIs(const Asic::Recorder::ResourceState& state) override;
+
+private:
+    const Kiv::EventLoop& loop_;
+    Sink& sink_;
+    std::vector<std::byte> bytes_;
+    std::uint64_t lastNumber_ = 0;
+    std::uint64_t mapIdentity_ = 0;
+    Look look_;  ///< the last one
+};
+
+}  // namespace Recording
