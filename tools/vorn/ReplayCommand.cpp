@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "inspect/Errors.h"
+#include "platform/brumo/Trace.h"
 #include "recording/Names.h"
 #include "recording/Text.h"
 #include "replay/Player.h"
@@ -234,6 +235,9 @@ void update(const ReplayWishes& wishes, const Recording::Contents& recording) {
 }
 
 int replay(Session& session, const ReplayWishes& wishes) try {
+    // What the tables say of failures is of the recording; VORN_TRACE asks for more.
+    if (std::getenv("VORN_TRACE") == nullptr)
+        Brumo::traceFilterIs("");
     const Recording::Contents recording = Recording::Contents::ofFile(wishes.file);
     if (wishes.text) {
         session.out().raw(Recording::textOf(recording));
