@@ -1,0 +1,382 @@
+// Recordings as bytes, as files and as text.
+#include <gtest/gtest.h>
+
+#include <rapidcheck/gtest.h>
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <bit>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include <fmt/format.h>
+
+#include "recording/Snapshot.h"
+#include "recording/Text.h"
+#include "tests/support/TempDir.h"
+#include "types/EntryImage.h"
+#include "types/PolicyCpuTcamAction.h"
+#include "types/PolicyCpuV4TcamEntry.h"
+#include "types/PolicyCpuV6TcamEntry.h"
+
+namespace Recording {
+namespace {
+
+using std::chrono::nanoseconds;
+
+/// One event a line, of every kind.
+constexpr const char* kAllKinds =
+    "start units=1,65534 counters=8 policers=16 capacity=64 on-own-files time=1795359581617471453\n"
+    "file asic/some.table size=4096\n"
+    "  0 0102\n"
+    "  4000 ff00ff\n"
+    "file \"odd \\\" name\\x0a\" size=0\n"
+    "= mounted action=1 v4=2 v6=3\n"
+    "@ 0.000000001\n"
+    "write #1 action 1 0000002a.3 name=bgp disposition=1 counter=0000002a/1 handler\n"
+    "write #2 v4 1 0000002a.00000001 label=\"a b\\x0a\" priority=4294967295 action=0000002a.0 "
+    "source=192.0.2.1 source-mask=255.255.255.0 destination-port=1 after=#1\n"
+    "write #3 v6 1 00000001.00000001 source=2001:db8::1 source-mask=ffff:: source-length=16\n"
+    "write #4 v6 2 00000001.00000001 after=#foreign handler\n"
+    "@ 12.5\n"
+    "turn\n"
+    "= counter 0000002a/1 complete update=1 index=7\n"
+    "= policer 0000002a/1 exhausted\n"
+    "= #1 written version=9\n"
+    "= #1 complete version=9\n"
+    "answer #1 {\n"
+    "  remove #5 v4 1 0000002a.00000001 after=#2 handler\n"
+    "  remove-all #6 v6 1\n"
+    "} #1\n"
+    "= own #7 action 0000002a.3\n"
+    "= #7 lost\n"
+    "look map=1 log=this consumed=5 pause action=3 2c080999=7\n"
+    "look map=2 log=another\n"
+    "move counter 0000002a/1\n"
+    "sweep policer\n"
+    "# said \"by\" somebody\n"
+    "end\n";
+
+/// The text with answers ended as textOf() ends them.
+std::string again(const Contents& contents) {
+    return textOf(contents);
+}
+
+TEST(RecordingText, OfEveryKindOfEventIsTheSameTextAgain) {
+    EXPECT_EQ(again(contentsOfText(kAllKinds)), kAllKinds);
+}
+
+TEST(RecordingText, NamesTheLineAndWhatIsWrongWithIt) {
+    const auto refusal = [](const std::string& line) {
+        try {
+            contentsOfText("turn\n" + line + "\n");
+        } catch (const FormatError& error) {
+            return std::string(error.what());
+        }
+        return std::string("accepted");
+    };
+    EXPECT_EQ(refusal("jump"), "line 2: no command 'jump'");
+    EXPECT_EQ(refusal("write 1 v4 1 1.1"), "line 2: '1' is no number such as #1");
+    EXPECT_EQ(refusal("write #1 v5 1 1.1"), "line 2: no table 'v5'");
+    EXPECT_EQ(refusal("write #1 v4 70000 1.1"), "line 2: '70000' is no number up to 65535");
+    EXPECT_EQ(refusal("write #1 v4 1 x"), "line 2: 'x' is no key of v4");
+    EXPECT_EQ(refusal("write #1 v4 1"), "line 2: a key is missing");
+    EXPECT_EQ(refusal("write #1 v4 1 1.1 colour=red"), "line 2: no field 'colour'");
+    EXPECT_EQ(refusal("write #1 v4 1 1.1 priority=high"), "line 2: 'high' is no priority");
+    EXPECT_EQ(refusal("write #1 v4 1 1.1 label=12345678901234567"),
+              "line 2: '12345678901234567' is no label");
+    EXPECT_EQ(refusal("write #1 v4 1 1.1 label=\"open"), "line 2: a text has no closing quote");
+    EXPECT_EQ(refusal("remove #1 v4 1 1.1 label=x"), "line 2: 'label' is not known here");
+    EXPECT_EQ(refusal("turn now"), "line 2: 'now' is too much");
+    EXPECT_EQ(refusal("look log=mine"),
+              "line 2: 'mine' is none of none, this, another, unreadable");
+    EXPECT_EQ(refusal("= #1 happy"), "line 2: no state 'happy'");
+    EXPECT_EQ(refusal("} #1"), "line 2: no answer ends here");
+    EXPECT_EQ(refusal("answer #1 {\n} #2"), "line 3: answer #1 has to end first");
+    EXPECT_EQ(refusal("answer #1 {"), "answer #1 has no end");
+    EXPECT_EQ(refusal("file x size=9\n  0 abc"), "line 3: 'abc' are no bytes in hexadecimal");
+}
+
+template <class Types>
+void roundTrip(const std::vector<std::uint8_t>& bytes, std::uint64_t key) {
+    typename VornPolicyCpu::EntryImage<Types>::Bytes image{};
+    for (std::size_t i = 0; i < image.size() && i < bytes.size(); ++i)
+        image.at(i) = static_cast<std::byte>(bytes[i]);
+    Change change;
+    change.number = 1;
+    change.table = Types::kTableId.whole();
+    change.key = key;
+    change.entry = image;
+    Contents contents;
+    std::vector<std::byte> encoded;
+    encode(change, encoded);
+    contents.add(encoded, {});
+    const Contents read = contentsOfText(textOf(contents));
+    RC_ASSERT(sameBytes(read.events().at(0).bytes, encoded));
+}
+
+RC_GTEST_PROP(RecordingTextProperty, HoldsAllBytesOfAnyEntry,
+              (const std::vector<std::uint8_t>& bytes, std::uint64_t key)) {
+    roundTrip<VornPolicyCpu::PolicyCpuTcamActionTypes>(bytes, key);
+    roundTrip<VornPolicyCpu::PolicyCpuV4TcamEntryTypes>(bytes, key);
+    roundTrip<VornPolicyCpu::PolicyCpuV6TcamEntryTypes>(bytes, key);
+}
+
+TEST(RecordingText, HasFieldsAndNotBytesOfAnEntryThatFeatureCodeWrites) {
+    VornPolicyCpu::PolicyCpuV4TcamEntryEntry entry;
+    entry.key = {1, 2};
+    entry.priority = 7;
+    entry.bytes.ttlMask = 255;
+    const auto image =
+        VornPolicyCpu::EntryImage<VornPolicyCpu::PolicyCpuV4TcamEntryTypes>::of(entry);
+    Change change;
+    change.number = 1;
+    change.table = VornPolicyCpu::PolicyCpuV4TcamEntryTypes::kTableId.whole();
+    change.unit = 3;
+    change.key = std::bit_cast<std::uint64_t>(entry.key);
+    change.entry = image;
+    EXPECT_EQ(textOf(Event(change)), "write #1 v4 3 00000001.00000002 priority=7 ttl-mask=255\n");
+}
+
+TEST(RecordingCodec, RefusesEventsThatAreCutOffOrTooLong) {
+    const Contents contents = contentsOfText(kAllKinds);
+    for (const Recorded& recorded : contents.events()) {
+        for (std::size_t size = 0; size < recorded.bytes.size(); ++size)
+            EXPECT_THROW(decode(recorded.bytes.first(size)), FormatError) << size;
+        std::vector<std::byte> longer(recorded.bytes.begin(), recorded.bytes.end());
+        longer.push_back(std::byte{0});
+        EXPECT_THROW(decode(longer), FormatError);
+    }
+}
+
+TEST(RecordingCodec, RefusesKindsAndValuesThatItDoesNotKnow) {
+    EXPECT_THROW(decode(std::vector{std::byte{99}}), FormatError);
+    std::vector<std::byte> bytes;
+    encode(ResourceOperation{}, bytes);
+    bytes[1] = std::byte{9};
+    EXPECT_THROW(decode(bytes), FormatError);
+}
+
+// Files.
+
+class RecordingFile : public testing::Test {
+protected:
+    std::string file() const { return dir_.path() + "/a.rec"; }
+    static void write(FileWriter& writer, const Contents& contents) {
+        for (const Recorded& event : contents.events())
+            writer.eventIs(event.bytes, event.time);
+    }
+    std::vector<std::byte> bytes() const {
+        std::ifstream in(file(), std::ios::binary);
+        const std::string text{std::istreambuf_iterator<char>(in), {}};
+        const auto all = std::as_bytes(std::span(text));
+        return {all.begin(), all.end()};
+    }
+    void bytesAre(const std::vector<std::byte>& bytes) const {
+        std::ofstream out(file(), std::ios::binary | std::ios::trunc);
+        out.write(reinterpret_cast<const char*>(bytes.data()),
+                  static_cast<std::streamsize>(bytes.size()));
+    }
+
+private:
+    TestSupport::TempDir dir_;
+};
+
+TEST_F(RecordingFile, HoldsEventsWithTheirTimes) {
+    const Contents contents = contentsOfText(kAllKinds);
+    {
+        FileWriter writer(file());
+        write(writer, contents);
+        EXPECT_EQ(writer.failure(), "");
+    }
+    EXPECT_EQ(textOf(Contents::ofFile(file())), kAllKinds);
+    EXPECT_EQ(std::filesystem::file_size(file()), Contents::ofFile(file()).size());
+}
+
+TEST_F(RecordingFile, IsReadWhileItGrows) {
+    const Contents contents = contentsOfText(kAllKinds);
+    FileWriter writer(file());
+    write(writer, contents);
+    EXPECT_EQ(textOf(Contents::ofFile(file())), kAllKinds);
+}
+
+TEST_F(RecordingFile, GoesOnBehindWhatItHas) {
+    const Contents contents = contentsOfText(kAllKinds);
+    for (int i = 0; i < 2; ++i) {
+        FileWriter writer(file());
+        write(writer, contents);
+    }
+    EXPECT_EQ(textOf(Contents::ofFile(file())), std::string(kAllKinds) + kAllKinds);
+}
+
+TEST_F(RecordingFile, GrowsBeyondWhatIsMappedAtOnce) {
+    std::vector<std::byte> large(3'000'001, std::byte{7});
+    std::vector<std::byte> encoded;
+    encode(File{"large", large.size(), {{0, large}}}, encoded);
+    {
+        FileWriter writer(file());
+        for (int i = 0; i < 3; ++i) {
+            writer.eventIs(encoded, nanoseconds(i));
+            for (int small = 0; small < 1000; ++small)
+                writer.eventIs(contentsOfText("turn\n").events()[0].bytes, nanoseconds(i));
+        }
+    }
+    const Contents read = Contents::ofFile(file());
+    EXPECT_EQ(read.damage(), "");
+    ASSERT_EQ(read.events().size(), 3003U);
+    EXPECT_TRUE(sameBytes(read.events()[2002].bytes, encoded));
+}
+
+TEST_F(RecordingFile, IsReadableAfterAKillWithAllThatWasTold) {
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        FileWriter writer(file());
+        const Contents contents = contentsOfText(kAllKinds);
+        for (std::uint32_t told = 0;; ++told) {
+            write(writer, contents);
+            static_cast<void>(::write(ready[1], &told, sizeof(told)));
+        }
+    }
+    ::close(ready[1]);
+    std::uint32_t told = 0;
+    while (told < 500)
+        ASSERT_EQ(::read(ready[0], &told, sizeof(told)), static_cast<ssize_t>(sizeof(told)));
+    ASSERT_EQ(::kill(child, SIGKILL), 0);
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    while (::read(ready[0], &told, sizeof(told)) == static_cast<ssize_t>(sizeof(told))) {
+    }
+    ::close(ready[0]);
+    const std::size_t each = contentsOfText(kAllKinds).events().size();
+    const Contents read = Contents::ofFile(file());
+    EXPECT_EQ(read.damage(), "");
+    EXPECT_GE(read.events().size(), (told + 1) * each);
+    {
+        FileWriter writer(file());
+        write(writer, contentsOfText("turn\n"));
+    }
+    EXPECT_EQ(Contents::ofFile(file()).events().size(), read.events().size() + 1);
+}
+
+TEST_F(RecordingFile, TellsWhereItHasRottedAndWhatStandsBeforeIsRead) {
+    {
+        FileWriter writer(file());
+        write(writer, contentsOfText("turn\nturn\nend\n"));
+    }
+    const std::vector<std::byte> whole = bytes();
+    for (std::size_t at = 16; at < whole.size(); ++at) {
+        for (const unsigned bit : {1U, 0x80U}) {
+            std::vector<std::byte> rotten = whole;
+            rotten[at] ^= static_cast<std::byte>(bit);
+            const std::string text = textOf(Contents(rotten));
+            ASSERT_TRUE(std::string("turn\nturn\nend\n").starts_with(text)) << at << ' ' << text;
+            ASSERT_NE(text, "turn\nturn\nend\n") << at;
+        }
+    }
+    std::vector<std::byte> rotten = whole;
+    rotten.back() ^= std::byte{1};
+    EXPECT_EQ(Contents(rotten).damage(),
+              fmt::format("event 3 at byte {}: the frame does not verify", whole.size() - 7));
+    bytesAre(rotten);
+    EXPECT_THROW(FileWriter writer(file()), FormatError);  // nor is it gone on with
+    EXPECT_EQ(bytes(), rotten);
+}
+
+TEST_F(RecordingFile, IsCutAnywhereAndReadUpToThere) {
+    {
+        FileWriter writer(file());
+        write(writer, contentsOfText(kAllKinds));
+    }
+    const std::vector<std::byte> whole = bytes();
+    for (std::size_t size = 16; size < whole.size(); ++size) {
+        const Contents part({whole.begin(), whole.begin() + static_cast<long>(size)});
+        ASSERT_TRUE(part.size() == size || !part.damage().empty()) << size;
+    }
+}
+
+TEST_F(RecordingFile, HasOneWriter) {
+    const FileWriter first(file());
+    try {
+        const FileWriter second(file());
+        FAIL() << "two writers";
+    } catch (const FormatError& error) {
+        EXPECT_EQ(error.what(), file() + ": lock recording: another process writes it");
+    }
+}
+
+TEST_F(RecordingFile, OfAnotherKindIsRefusedAndLeftAlone) {
+    std::ofstream(file()) << "some text that is no recording at all";
+    EXPECT_THROW(FileWriter writer(file()), FormatError);
+    EXPECT_THROW(Contents::ofFile(file()), FormatError);
+    EXPECT_EQ(std::filesystem::file_size(file()), 37U);
+    std::filesystem::remove(file());
+    std::filesystem::create_directory(file());
+    EXPECT_THROW(FileWriter writer(file()), std::system_error);
+    std::filesystem::remove(file());
+    std::filesystem::create_symlink("/dev/null", file());
+    EXPECT_THROW(FileWriter writer(file()), std::system_error);
+}
+
+TEST_F(RecordingFile, ThatCannotGrowKeepsWhatItHas) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        std::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{1U << 20U, 1U << 20U};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        FileWriter writer(file());
+        const Contents contents = contentsOfText(kAllKinds);
+        for (int i = 0; i < 100000 && writer.failure().empty(); ++i)
+            write(writer, contents);
+        ::_exit(writer.failure() == file() + ": extend recording: File too large" ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    const Contents read = Contents::ofFile(file());
+    EXPECT_EQ(read.damage(), "");
+    EXPECT_GT(read.events().size(), 1000U);
+}
+
+// Files of a state directory.
+
+TEST(RecordingSnapshot, LaysFilesOutAsTheyWere) {
+    const TestSupport::TempDir from;
+    const TestSupport::TempDir to;
+    std::filesystem::create_directories(from.path() + "/a/b");
+    std::string sparse(100'000, '\0');
+    sparse[3] = 'x';
+    sparse[4095] = 'y';
+    sparse[4096] = 'z';
+    sparse[99'999] = 'e';
+    std::ofstream(from.path() + "/a/b/sparse.table") << sparse;
+    std::ofstream(from.path() + "/a/empty");
+    std::ofstream(from.path() + "/agent.ring") << "left out";
+    std::filesystem::create_symlink("/etc/passwd", from.path() + "/a/link");
+    std::vector<std::string> told;
+    forEachFile(from.path(), [&](const File& file) {
+        told.emplace_back(file.path);
+        layOut(file, to.path());
+    });
+    EXPECT_EQ(told, (std::vector<std::string>{"a/b/sparse.table", "a/empty"}));
+    std::ifstream in(to.path() + "/a/b/sparse.table");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), sparse);
+    EXPECT_EQ(std::filesystem::file_size(to.path() + "/a/empty"), 0U);
+}
+
+TEST(RecordingSnapshot, LeadsNowhereElse) {
+    const TestSupport::TempDir dir;
+    const std::array<std::byte, 1> byte{};
+    for (const char* const path : {"", "/tmp/x", "../x", "a/../../x"})
+        EXPECT_THROW(layOut({path, 1, {}}, dir.path()), FormatError) << path;
+    EXPECT_THROW(layOut({"x", 1, {{1, byte}}}, dir.path()), FormatError);
+    EXPECT_THROW(layOut({"y", 1, {{~std::uint64_t{0}, byte}}}, dir.path()), FormatError);
+    std::filesystem::create_symlink("/tmp", dir.path() + "/elsewhere");
+    EXPECT_THROW(layOut({"elsewhere", 1, {}}, dir.path()), std::system_error);
+}
+
+}  // namespace
+}  // namespace Recording
