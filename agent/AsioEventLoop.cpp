@@ -2,20 +2,10 @@
 
 #include <asio/post.hpp>
 
-#include "platform/asic/Recorder.h"
-
 namespace Agent {
 
 void AsioEventLoop::post(std::function<void()> work) {
-    if (Asic::recorder() == nullptr) {
-        asio::post(io_, std::move(work));
-        return;
-    }
-    asio::post(io_, [work = std::move(work)] {
-        if (Asic::recorder() != nullptr)
-            Asic::recorder()->turnBegins();
-        work();
-    });
+    asio::post(io_, std::move(work));
 }
 
 void AsioEventLoop::run(const Hooks& hooks) {

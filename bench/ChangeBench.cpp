@@ -1,7 +1,13 @@
 // What a whole change of a match entry costs, in one thread: from the write to its answer.
+#include <filesystem>
+#include <optional>
+#include <utility>
+
 #include "bench/Floor.h"
 #include "bench/Rounds.h"
 #include "bench/WholeSystem.h"
+#include "recording/File.h"
+#include "recording/Recorder.h"
 
 namespace Bench {
 namespace {
@@ -14,6 +20,7 @@ public:
         for (std::uint32_t number = 0; number < kKeys; ++number)
             write(number);
     }
+    const Kiv::EventLoop& loop() { return system_.agent().loop(); }
     void write(std::uint32_t number) {
         entry_.key = keyOf(number);
         entry_.priority = entry_.priority + 1;
@@ -27,12 +34,37 @@ private:
     VornPolicyCpu::PolicyCpuV6TcamEntryEntry entry_;
 };
 
-void wholeChange(benchmark::State& state) {
+/// A process has one agent.
+FullTable& theTable() {
     static FullTable table;
+    return table;
+}
+
+void wholeChange(benchmark::State& state) {
+    FullTable& table = theTable();
     inRounds(
-        state, [](std::uint32_t number) { table.write(number); }, [] {});
+        state, [&](std::uint32_t number) { table.write(number); }, [] {});
 }
 BENCHMARK(wholeChange)->UseManualTime();
+
+void recordedChange(benchmark::State& state) {
+    FullTable& table = theTable();
+    const TestSupport::TempDir dir;
+    // Each round has a recording of its own, made before it: files do not fill the memory.
+    std::optional<Recording::FileWriter> file(dir.file("0"));
+    std::optional<Recording::Recorder> recorder(std::in_place, table.loop(), *file);
+    int rounds = 0;
+    inRounds(
+        state, [&](std::uint32_t number) { table.write(number); },
+        [&] {
+            recorder.reset();
+            file.reset();
+            std::filesystem::remove(dir.file(std::to_string(rounds)));
+            file.emplace(dir.file(std::to_string(++rounds)));
+            recorder.emplace(table.loop(), *file);
+        });
+}
+BENCHMARK(recordedChange)->UseManualTime();
 
 void floorOfChange(benchmark::State& state) {
     static Floor<B> floor(kKeys);

@@ -6,7 +6,7 @@
 add_library(vorn_bench_rig STATIC EXCLUDE_FROM_ALL
     tests/support/InProcessAgent.cpp tests/support/RealProcess.cpp tests/support/TempDir.cpp)
 vorn_common(vorn_bench_rig)
-target_link_libraries(vorn_bench_rig PUBLIC
+target_link_libraries(vorn_bench_rig PUBLIC vorn_recording
     VornPlatform VornPolicyCpu vorn_hwside vorn_process_libraries)
 
 add_executable(instructions EXCLUDE_FROM_ALL bench/Instructions.cpp)

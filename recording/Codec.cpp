@@ -1,5 +1,6 @@
 #include "recording/Codec.h"
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -37,8 +38,18 @@ constexpr auto decodersOf(std::index_sequence<I...> /*kinds*/) {
 
 }  // namespace
 
-void encode(const Event& event, std::vector<std::byte>& bytes) {
-    std::visit([&](const auto& kind) { encode(kind, bytes); }, event);
+void Buffer::grow(std::size_t more) {
+    constexpr std::size_t kLeast = 1024;
+    const std::size_t capacity = std::max({2 * capacity_, size_ + more, kLeast});
+    auto memory = std::make_unique<std::byte[]>(capacity);
+    if (size_ != 0)
+        std::memcpy(memory.get(), memory_.get(), size_);
+    memory_ = std::move(memory);
+    capacity_ = capacity;
+}
+
+void encode(const Event& event, Buffer& buffer) {
+    std::visit([&](const auto& kind) { encode(kind, buffer); }, event);
 }
 
 Event decode(Bytes bytes) {

@@ -6,6 +6,8 @@
 #pragma once
 
 #include <concepts>
+#include <cstring>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -27,15 +29,43 @@ concept Number = std::integral<T> || std::is_enum_v<T>;
 
 }  // namespace detail
 
-class Encoder {
+/// Bytes that grow, and keep their memory when they are cleared.
+class Buffer {
 public:
-    explicit Encoder(std::vector<std::byte>& bytes) : bytes_(&bytes) {}
+    void clear() { size_ = 0; }
+    Bytes bytes() const { return {memory_.get(), size_}; }
 
     void number(std::uint64_t value) {
+        constexpr std::size_t kMost = 10;
+        std::byte* place = room(kMost);
+        const std::byte* const begin = place;
         for (; value >= 0x80; value >>= 7U)
-            bytes_->push_back(static_cast<std::byte>(value | 0x80U));
-        bytes_->push_back(static_cast<std::byte>(value));
+            *place++ = static_cast<std::byte>(value | 0x80U);
+        *place++ = static_cast<std::byte>(value);
+        size_ += static_cast<std::size_t>(place - begin);
     }
+    void append(Bytes bytes) {
+        std::memcpy(room(bytes.size()), bytes.data(), bytes.size());
+        size_ += bytes.size();
+    }
+
+private:
+    std::byte* room(std::size_t more) {
+        if (size_ + more > capacity_) [[unlikely]]
+            grow(more);
+        return memory_.get() + size_;
+    }
+    void grow(std::size_t more);
+
+    std::unique_ptr<std::byte[]> memory_;
+    std::size_t size_ = 0;
+    std::size_t capacity_ = 0;
+};
+
+class Encoder {
+public:
+    explicit Encoder(Buffer& buffer) : buffer_(&buffer) {}
+
     template <class... T>
     void operator()(const T&... fields) {
         (one(fields), ...);
@@ -44,11 +74,11 @@ public:
 private:
     template <detail::Number T>
     void one(T value) {
-        number(static_cast<std::uint64_t>(value));
+        buffer_->number(static_cast<std::uint64_t>(value));
     }
     void one(Bytes value) {
-        number(value.size());
-        bytes_->insert(bytes_->end(), value.begin(), value.end());
+        buffer_->number(value.size());
+        buffer_->append(value);
     }
     void one(std::string_view value) { one(std::as_bytes(std::span(value))); }
     template <class T>
@@ -59,7 +89,7 @@ private:
     }
     template <class T>
     void one(const std::vector<T>& values) {
-        number(values.size());
+        buffer_->number(values.size());
         for (const T& value : values)
             one(value);
     }
@@ -67,7 +97,7 @@ private:
     requires requires(const T& value, Encoder& encoder) { T::fields(value, encoder); }
     void one(const T& value) { T::fields(value, *this); }
 
-    std::vector<std::byte>* bytes_;
+    Buffer* buffer_;
 };
 
 class Decoder {
@@ -80,6 +110,8 @@ public:
         for (unsigned shift = 0; shift < 64; shift += 7) {
             const auto byte = std::to_integer<std::uint64_t>(take(1).front());
             value |= (byte & 0x7FU) << shift;
+            if (byte == 0 && shift != 0)
+                throw FormatError("a number is longer than it has to be");
             if (byte < 0x80)
                 return value;
         }
@@ -136,12 +168,13 @@ private:
 
 /// Appends the event.
 template <class Kind>
-void encode(const Kind& event, std::vector<std::byte>& bytes) {
-    bytes.push_back(static_cast<std::byte>(Event(std::in_place_type<Kind>).index()));
-    Encoder encoder(bytes);
+void encode(const Kind& event, Buffer& buffer) {
+    static const std::uint64_t kKind = Event(std::in_place_type<Kind>).index();
+    buffer.number(kKind);
+    Encoder encoder(buffer);
     Kind::fields(event, encoder);
 }
-void encode(const Event& event, std::vector<std::byte>& bytes);
+void encode(const Event& event, Buffer& buffer);
 
 /// The event that the bytes are, which it refers to. Throws FormatError.
 Event decode(Bytes bytes);

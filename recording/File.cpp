@@ -190,8 +190,8 @@ Contents Contents::ofFile(const std::string& file) {
     }
 }
 
-void Contents::add(std::vector<std::byte> event, std::chrono::nanoseconds time) {
-    storage_.push_back(std::move(event));
+void Contents::add(Bytes event, std::chrono::nanoseconds time) {
+    storage_.emplace_back(event.begin(), event.end());
     events_.push_back({time, storage_.back()});
 }
 

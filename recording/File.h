@@ -78,7 +78,8 @@ public:
     Contents& operator=(const Contents&) = delete;
     ~Contents() = default;
 
-    void add(std::vector<std::byte> event, std::chrono::nanoseconds time);
+    /// Keeps a copy of the event.
+    void add(Bytes event, std::chrono::nanoseconds time);
     const std::vector<Recorded>& events() const { return events_; }
     /// What of the file could not be read; empty where all could.
     const std::string& damage() const { return damage_; }

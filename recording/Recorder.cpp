@@ -23,7 +23,6 @@ std::uint64_t numberOfDependency(const Asic::DependencyEntryHandle* dependency) 
 }  // namespace
 
 Recorder::Recorder(const Kiv::EventLoop& loop, Sink& sink) : loop_(loop), sink_(sink) {
-    bytes_.reserve(1024);
     Asic::recorderIs(this);
 }
 
@@ -53,20 +52,18 @@ void Recorder::resourceOperation(Asic::SwTableId table, Asic::Recorder::Resource
 /// A look that finds what the one before has found is told only where it makes a difference: an
 /// agent at work looks after each piece of it.
 void Recorder::mapRead(const Asic::AckMapReading& reading, bool takesUp) {
-    Look look{.map = look_.map,
-              .log = reading.log ? static_cast<Look::Log>(*reading.log) : Look::Log::unreadable,
-              .consumed = reading.consumed.value_or(look_.consumed),
-              .pauseRequested = reading.pauseRequested.value_or(look_.pauseRequested),
-              .rows = {}};
-    if (look.map == 0 || std::exchange(mapIdentity_, reading.identity) != reading.identity)
-        ++look.map;
+    const bool isAnother = look_.map == 0 || mapIdentity_ != reading.identity;
     mapIdentity_ = reading.identity;
-    look.rows.reserve(reading.versions.size());
+    next_.map = look_.map + (isAnother ? 1 : 0);
+    next_.log = reading.log ? static_cast<Look::Log>(*reading.log) : Look::Log::unreadable;
+    next_.consumed = reading.consumed.value_or(look_.consumed);
+    next_.pauseRequested = reading.pauseRequested.value_or(look_.pauseRequested);
+    next_.rows.clear();
     for (const auto& [table, version] : reading.versions)
-        look.rows.push_back({table, version});
-    if (look == look_ && !takesUp)
+        next_.rows.push_back({table, version});
+    if (next_ == look_ && !takesUp)
         return;
-    look_ = std::move(look);
+    std::swap(look_, next_);
     tell(look_);
 }
 
@@ -81,8 +78,21 @@ void Recorder::stateIs(const Asic::DependencyEntryHandle& handle) {
                handle.entryTableVersion().version.value});
 }
 
+/// Most handlers only take note: one that gives nothing to the tables is not told of.
 void Recorder::handlerIs(const Asic::DependencyEntryHandle& handle, bool runs) {
-    tell(Handler{handle.recordNumber(), runs});
+    if (runs) {
+        silent_.push_back(handle.recordNumber());
+    } else if (!silent_.empty()) {
+        silent_.pop_back();  // the last to begin is the first to end
+    } else {
+        put(Handler{handle.recordNumber(), false});
+    }
+}
+
+void Recorder::tellOfHandlers() {
+    for (const std::uint64_t number : silent_)
+        put(Handler{number, true});
+    silent_.clear();
 }
 
 void Recorder::resourceStateIs(const Asic::Recorder::ResourceState& state) {

@@ -22,9 +22,9 @@ public:
     /// Of a process, which only it knows: a start, its files, where its logs stand, its end.
     template <class Kind>
     void tell(const Kind& event) {
-        bytes_.clear();
-        encode(event, bytes_);
-        sink_.eventIs(bytes_, loop_.turnTime());
+        if (!silent_.empty()) [[unlikely]]
+            tellOfHandlers();
+        put(event);
     }
 
     void changeStaged(const Asic::Recorder::Change& change) override;
@@ -39,12 +39,22 @@ public:
     void resourceStateIs(const Asic::Recorder::ResourceState& state) override;
 
 private:
+    template <class Kind>
+    void put(const Kind& event) {
+        buffer_.clear();
+        encode(event, buffer_);
+        sink_.eventIs(buffer_.bytes(), loop_.turnTime());
+    }
+    void tellOfHandlers();
+
     const Kiv::EventLoop& loop_;
     Sink& sink_;
-    std::vector<std::byte> bytes_;
+    Buffer buffer_;
     std::uint64_t lastNumber_ = 0;
     std::uint64_t mapIdentity_ = 0;
-    Look look_;  ///< the last one
+    Look look_;                          ///< the last one
+    Look next_;                          ///< kept for its memory
+    std::vector<std::uint64_t> silent_;  ///< handlers at work that have not done anything yet
 };
 
 }  // namespace Recording

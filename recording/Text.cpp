@@ -199,9 +199,9 @@ public:
 private:
     template <class Kind>
     void add(const Kind& event) {
-        std::vector<std::byte> bytes;
-        encode(event, bytes);
-        contents_.add(std::move(bytes), time_);
+        buffer_.clear();
+        encode(event, buffer_);
+        contents_.add(buffer_.bytes(), time_);
     }
 
     void line(std::string_view text) {
@@ -467,6 +467,7 @@ private:
     }
 
     Contents contents_;
+    Buffer buffer_;
     std::chrono::nanoseconds time_{0};
     std::optional<std::string> filePath_;
     File file_;

@@ -65,9 +65,9 @@ Agent::Options optionsOf(const Recording::Start& start, const std::string& direc
 Recording::Contents filesOf(const std::string& directory) {
     Recording::Contents files;
     Recording::forEachFile(directory, [&](const Recording::File& file) {
-        std::vector<std::byte> bytes;
-        Recording::encode(file, bytes);
-        files.add(std::move(bytes), {});
+        Recording::Buffer buffer;
+        Recording::encode(file, buffer);
+        files.add(buffer.bytes(), {});
     });
     return files;
 }
@@ -140,6 +140,18 @@ void Player::refuse(const std::string& why) const {
     throw FormatError(fmt::format("event {}: {}", input_ + 1, why));
 }
 
+/// Whether all has come out that was recorded before an event; that a handler begins is told when
+/// it does something.
+bool Player::isDue(std::size_t at) const {
+    for (std::size_t before = cursor_; before < at; ++before) {
+        const Event event = eventAt(before);
+        const auto* const handler = std::get_if<Recording::Handler>(&event);
+        if (handler == nullptr || !handler->runs)
+            return false;
+    }
+    return true;
+}
+
 /// Gives the inputs of a part of the recording; those of handlers in it are left to the handlers.
 void Player::performRange(std::size_t begin, std::size_t end, bool isTopLevel) {
     for (std::size_t at = begin; at < end && !isOver();) {
@@ -163,8 +175,12 @@ void Player::performRange(std::size_t begin, std::size_t end, bool isTopLevel) {
             ++at;
             continue;
         }
+        if (!anew_ && is<Look>(event) && at < cursor_) {
+            ++at;  // the look before has found that map itself
+            continue;
+        }
         input_ = at;
-        if (!anew_ && cursor_ != at) {
+        if (!anew_ && !isDue(at)) {
             differs("nothing");
             return;
         }
@@ -309,7 +325,6 @@ void Player::doIt(const Recording::End& end) {
 }
 
 void Player::doIt(const Recording::Turn& /*turn*/) {
-    recorder_->turnBegins();
     if (!loop_.idle())
         loop_.turnOnce();
 }
@@ -393,14 +408,22 @@ void Player::change(VornPolicyCpu::TableOperations<Types>& table, const Change& 
 
 // The hardware side.
 
+/// Before it sleeps an agent looks whether its map was replaced.
 void Player::doIt(const Look& look) {
+    const bool isReplaced = look.map != mapNumber_;
     layOutMap(look);
-    tables_->group().acknowledgementsArrived();
+    Asic::GroupInterface& group = tables_->group();
+    if (isReplaced) {
+        static_cast<void>(group.sleepPrepared());
+        group.awake();
+    }
+    group.acknowledgementsArrived();
 }
 
-/// While a process starts, it looks where it did then: what it read stands next in the recording.
+/// What was read then stands next in the recording: while a process starts, and where it finds
+/// another map in the middle of a look.
 void Player::mapWillBeRead() {
-    if (!starting_ || isOver())
+    if (isOver() || killed_ || (anew_ && !starting_))
         return;
     std::size_t at = cursor_;
     if (anew_) {
@@ -414,7 +437,8 @@ void Player::mapWillBeRead() {
     if (at >= recording_->events().size())
         return;
     const Event event = eventAt(at);
-    if (const auto* const look = std::get_if<Look>(&event); look != nullptr)
+    const auto* const look = std::get_if<Look>(&event);
+    if (look != nullptr && (starting_ || look->map != mapNumber_))
         layOutMap(*look);
 }
 
@@ -450,7 +474,7 @@ void Player::eventIs(Recording::Bytes bytes, std::chrono::nanoseconds time) {
         return;
     const Event event = Recording::decode(bytes);
     if (anew_) {
-        anew_->add({bytes.begin(), bytes.end()}, time);
+        anew_->add(bytes, time);
         return;
     }
     const auto& events = recording_->events();

@@ -104,6 +104,7 @@ private:
     void mapWillBeRead();
     void differs(std::string replayed);
     bool isOver() const;
+    bool isDue(std::size_t at) const;
     Recording::Event eventAt(std::size_t at) const;
     [[noreturn]] void refuse(const std::string& why) const;
 

@@ -148,13 +148,9 @@ void GroupInterface::takeUpAnnouncements() {
     }
 }
 
-/// The map for a look at it; null when it is not there. Where a record is kept, a map that was
-/// replaced is found at once, so that one look is of one map.
-KivShimo::AckMapReader* GroupInterface::mapForLook() {
-    if (recorder() == nullptr)
-        return shm_->openMap();
-    recorder()->mapWillBeRead();
-    return shm_->map();
+void GroupInterface::tellOfLook() {
+    if (recorder() != nullptr) [[unlikely]]
+        recorder()->mapWillBeRead();
 }
 
 /// All that is to be known of the open map; what cannot be read is reported. The log comes first,
@@ -187,7 +183,8 @@ AckMapReading GroupInterface::readMap() const {
 /// Takes up what the hardware side says at the start; false when not all of it can be read. Where
 /// it cannot be said of which log that is, nothing counts as announced that may be of another one.
 bool GroupInterface::takeUpAtStart() {
-    if (mapForLook() == nullptr)
+    tellOfLook();
+    if (shm_->map() == nullptr)
         return true;
     const AckMapReading reading = readMap();
     acknowledgedOfThisLog_ = reading.log.has_value() && *reading.log != AckMapReading::Log::another;
@@ -313,8 +310,7 @@ void GroupInterface::announcedVersionRestored(SwTableId tableId, LogVersion vers
 }
 
 std::optional<LogVersion> GroupInterface::tableVersionInMap(SwTableId tableId) const {
-    if (recorder() != nullptr)
-        recorder()->mapWillBeRead();
+    tellOfLook();
     KivShimo::AckMapReader* map = shm_->map();
     if (map != nullptr && recorder() != nullptr)
         readMap();
@@ -347,12 +343,14 @@ LogVersion GroupInterface::acknowledgedVersion(SwTableId tableId) const {
 /// the new one says is taken up at once.
 void GroupInterface::acknowledgementsArrived() {
     const Brumo::Ptr<GroupInterface> keep(this);  // a handler may drop the group
-    const KivShimo::AckMapReader* map = mapForLook();
+    tellOfLook();
+    const KivShimo::AckMapReader* map = shm_->openMap();
     if (map == nullptr)
         return;
     const std::uint64_t identity = map->identity();
-    if (takeUpMap() || recorder() != nullptr)
+    if (takeUpMap())
         return;
+    tellOfLook();
     map = shm_->map();
     if (map != nullptr && map->identity() != identity)
         takeUpMap();

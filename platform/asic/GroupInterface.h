@@ -28,10 +28,6 @@
 #include "platform/kiv/EventLoop.h"
 #include "platform/regdb/EntityManager.h"
 
-namespace KivShimo {
-class AckMapReader;
-}  // namespace KivShimo
-
 namespace Asic {
 
 struct AckMapReading;
@@ -113,7 +109,7 @@ private:
     struct SharedMemory;  ///< the mounted files; keeps their headers out of this one
 
     void takeUpAnnouncements();
-    KivShimo::AckMapReader* mapForLook();
+    static void tellOfLook();
     AckMapReading readMap() const;
     bool takeUpMap();
     bool takeUpAtStart();

@@ -4,6 +4,7 @@
 #include <iterator>
 #include <utility>
 
+#include "platform/asic/Recorder.h"
 #include "platform/brumo/Assert.h"
 
 namespace Asic {
@@ -66,6 +67,8 @@ void GroupResolver::schedule() {
 
 void GroupResolver::pass() {
     scheduled_ = false;
+    if (recorder() != nullptr) [[unlikely]]
+        recorder()->turnBegins();
     maybeUpdateSuspend();
     std::size_t budget = budget_;
     if (probe_)

@@ -57,9 +57,10 @@ public:
     /// `key`: its bytes; 0 for sweep.
     virtual void resourceOperation(SwTableId table, ResourceOperation operation,
                                    std::uint64_t key) = 0;
-    /// A piece of posted work begins.
+    /// The resolver or a resource table begins the work that it has posted.
     virtual void turnBegins() = 0;
-    /// The map is about to be looked at: whoever replays a record lays out what was read then.
+    /// The map, or another that has taken its place, is about to be looked at: whoever replays a
+    /// record lays out what was read then.
     virtual void mapWillBeRead() = 0;
     /// `takesUp`: also a map that says nothing new makes the agent do something.
     virtual void mapRead(const AckMapReading& reading, bool takesUp) = 0;

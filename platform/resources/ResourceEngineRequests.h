@@ -225,6 +225,8 @@ void ResourceEngine<Binding>::schedule() {
         if (*anchor == nullptr)
             return;
         const Brumo::Ptr<Kiv::Entity> keep(*anchor);
+        if (recorder() != nullptr) [[unlikely]]
+            recorder()->turnBegins();
         turn();
     });
 }

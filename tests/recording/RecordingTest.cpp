@@ -111,11 +111,11 @@ void roundTrip(const std::vector<std::uint8_t>& bytes, std::uint64_t key) {
     change.key = key;
     change.entry = image;
     Contents contents;
-    std::vector<std::byte> encoded;
+    Buffer encoded;
     encode(change, encoded);
-    contents.add(encoded, {});
+    contents.add(encoded.bytes(), {});
     const Contents read = contentsOfText(textOf(contents));
-    RC_ASSERT(sameBytes(read.events().at(0).bytes, encoded));
+    RC_ASSERT(sameBytes(read.events().at(0).bytes, encoded.bytes()));
 }
 
 RC_GTEST_PROP(RecordingTextProperty, HoldsAllBytesOfAnyEntry,
@@ -154,8 +154,9 @@ TEST(RecordingCodec, RefusesEventsThatAreCutOffOrTooLong) {
 
 TEST(RecordingCodec, RefusesKindsAndValuesThatItDoesNotKnow) {
     EXPECT_THROW(decode(std::vector{std::byte{99}}), FormatError);
-    std::vector<std::byte> bytes;
-    encode(ResourceOperation{}, bytes);
+    Buffer encoded;
+    encode(ResourceOperation{}, encoded);
+    std::vector<std::byte> bytes(encoded.bytes().begin(), encoded.bytes().end());
     bytes[1] = std::byte{9};
     EXPECT_THROW(decode(bytes), FormatError);
 }
@@ -214,12 +215,12 @@ TEST_F(RecordingFile, GoesOnBehindWhatItHas) {
 
 TEST_F(RecordingFile, GrowsBeyondWhatIsMappedAtOnce) {
     std::vector<std::byte> large(3'000'001, std::byte{7});
-    std::vector<std::byte> encoded;
+    Buffer encoded;
     encode(File{"large", large.size(), {{0, large}}}, encoded);
     {
         FileWriter writer(file());
         for (int i = 0; i < 3; ++i) {
-            writer.eventIs(encoded, nanoseconds(i));
+            writer.eventIs(encoded.bytes(), nanoseconds(i));
             for (int small = 0; small < 1000; ++small)
                 writer.eventIs(contentsOfText("turn\n").events()[0].bytes, nanoseconds(i));
         }
@@ -227,7 +228,7 @@ TEST_F(RecordingFile, GrowsBeyondWhatIsMappedAtOnce) {
     const Contents read = Contents::ofFile(file());
     EXPECT_EQ(read.damage(), "");
     ASSERT_EQ(read.events().size(), 3003U);
-    EXPECT_TRUE(sameBytes(read.events()[2002].bytes, encoded));
+    EXPECT_TRUE(sameBytes(read.events()[2002].bytes, encoded.bytes()));
 }
 
 TEST_F(RecordingFile, IsReadableAfterAKillWithAllThatWasTold) {

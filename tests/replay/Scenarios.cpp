@@ -20,7 +20,7 @@ Recording::Contents firstOf(const Recording::Contents& recording, std::size_t co
     Recording::Contents first;
     for (std::size_t i = 0; i < count; ++i) {
         const Recording::Recorded& event = recording.events().at(i);
-        first.add({event.bytes.begin(), event.bytes.end()}, event.time);
+        first.add(event.bytes, event.time);
     }
     return first;
 }
