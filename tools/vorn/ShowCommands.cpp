@@ -19,7 +19,6 @@ using Inspect::LogFigures;
 using Inspect::Pool;
 using Inspect::ResourceRow;
 using Inspect::Table;
-using Kind = TextTable::Column::Kind;
 
 std::uint64_t acknowledgedOf(Session& session, Table table) {
     const auto acks = session.system().state.acknowledgements(session.report());
