@@ -1,6 +1,7 @@
 """The ring trace as a trace of the Common Trace Format, read by the reader that people use."""
 
 import os
+import random
 import re
 import resource
 import signal
@@ -139,6 +140,29 @@ def test_texts_of_any_bytes_come_through(ring):
         for event in numbered, worded:
             assert trace.environment[f"format_{event['class']}"] == text
             assert re.fullmatch(r"[A-Za-z0-9_]+", event["name"])
+
+
+@pytest.mark.parametrize("seed", range(20))
+def test_rings_of_any_content_give_traces_that_are_read(dead, tmp_path, seed):
+    choose = random.Random(seed)
+
+    def any_bytes(most):
+        return bytes(choose.randrange(1, 256) for _ in range(choose.randrange(most)))
+    file = RingFile(choose.choice([1, 4, 16]))
+    for _ in range(choose.randrange(40)):
+        text = choose.choice([any_bytes(20) + choose.choice([b"", b"{}", b"{} {} {} {}"]),
+                              *file.formats])
+        numbers = [choose.randrange(-2**63, 2**63) for _ in range(choose.randrange(5))]
+        time_ns = choose.choice([0, START + choose.randrange(100), 2**63 - 1, 2**64 - 1])
+        file.record(time_ns, text, *choose.choice([numbers, [any_bytes(40)]]))
+    for _ in range(choose.randrange(3)):
+        file.rot(choose.randrange(format_at(0), len(file.bytes)))
+    file.write(dead.state / "agent.ring")
+    trace, document = exported(dead, tmp_path / "trace")
+    lines, rotten = lines_of(dead)
+    assert document["rotten"] == rotten
+    assert [f"{e['recorded'] // 10**9}.{e['recorded'] % 10**9:09} {e['msg']}"
+            for e in trace.events] == lines
 
 
 def test_what_is_no_utf8_is_replaced_as_in_json(ring):

@@ -4,10 +4,17 @@
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <limits>
 #include <map>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 namespace Inspect::Test {
@@ -252,6 +259,10 @@ rc::Gen<Message> anyMessage() {
                        rc::gen::map(anyNumbers, [](Numbers n) { return Arguments(n); })));
 }
 
+void requireUtf8(const std::string& text) {
+    RC_ASSERT(!nlohmann::json(text).dump().empty());  // throws where it is none
+}
+
 /// Blocks and strings close, and no byte stands in it that a reader takes for something else.
 void requireReadable(const std::string& metadata) {
     int depth = 0;
@@ -259,16 +270,17 @@ void requireReadable(const std::string& metadata) {
     for (std::size_t i = 0; i < metadata.size(); ++i) {
         const char c = metadata[i];
         RC_ASSERT(static_cast<unsigned char>(c) >= ' ' || (c == '\n' && !isString));
-        if (isString && c == '\\')
+        if (isString && c == '\\') {
             ++i;
-        else if (c == '"')
+            RC_ASSERT(metadata[i] == '"' || metadata[i] == '\\' ||
+                      (metadata[i] >= '0' && metadata[i] <= '7'));
+        } else if (c == '"')
             isString = !isString;
         else if (!isString)
             depth += c == '{' ? 1 : c == '}' ? -1 : 0;
     }
     RC_ASSERT(depth == 0 && !isString);
-    // Throws where it is no UTF-8.
-    RC_ASSERT(!nlohmann::json(metadata).dump().empty());
+    requireUtf8(metadata);
 }
 
 TEST(RingCtfTest, AnyMessagesGiveATraceWhosePacketsAndTextsHold) {
@@ -303,6 +315,8 @@ TEST(RingCtfTest, AnyMessagesGiveATraceWhosePacketsAndTextsHold) {
             const Message& message = reading.messages[i];
             RC_ASSERT(events[i].sequence == message.sequence);
             RC_ASSERT(events[i].recorded_ns == message.time_ns);
+            requireUtf8(events[i].msg);
+            requireUtf8(events[i].text);
             if (const auto* numbers = std::get_if<Numbers>(&message.arguments); numbers != nullptr)
                 RC_ASSERT(events[i].numbers == *numbers);
         }
