@@ -93,20 +93,6 @@ struct File {
     }
 };
 
-/// Replaces the placeholders from the left; those without an argument stay.
-std::string formatted(std::string_view format, std::span<const std::string> arguments) {
-    std::string result;
-    for (const std::string& argument : arguments) {
-        const std::size_t at = format.find("{}");
-        if (at == std::string_view::npos)
-            break;
-        result += format.substr(0, at);
-        result += argument;
-        format.remove_prefix(at + 2);
-    }
-    return result += format;
-}
-
 std::string formatIn(const std::byte* base, std::uint64_t id) {
     if (id == 0)
         return "?";
@@ -114,19 +100,16 @@ std::string formatIn(const std::byte* base, std::uint64_t id) {
     return {text, strnlen(text, kFormatBytes)};
 }
 
-std::string lineOf(const std::byte* base, const Slot& slot) {
-    std::vector<std::string> arguments;
+Message messageOf(const std::byte* base, const Slot& slot) {
+    Message message{slot.sequence, slot.time_ns, slot.message, formatIn(base, slot.message), {}};
     if (slot.kind == kTextKind) {
         const char* text = reinterpret_cast<const char*>(slot.argument);
-        arguments.emplace_back(text, strnlen(text, sizeof(slot.argument)));
+        message.arguments.emplace<std::string>(text, strnlen(text, sizeof(slot.argument)));
     } else {
-        for (std::size_t i = 0; i < std::min<std::uint64_t>(slot.kind, 4); ++i) {
-            arguments.push_back(std::to_string(static_cast<std::int64_t>(slot.argument[i])));
-        }
+        const std::span used(slot.argument, std::min<std::size_t>(slot.kind, Ring::kMostArguments));
+        message.arguments.emplace<std::vector<std::int64_t>>(used.begin(), used.end());
     }
-    constexpr std::uint64_t kSecond_ns = 1000000000;
-    return fmt::format("{}.{:09} {}", slot.time_ns / kSecond_ns, slot.time_ns % kSecond_ns,
-                       formatted(formatIn(base, slot.message), arguments));
+    return message;
 }
 
 std::uint64_t* wordsOf(const std::byte* base, std::size_t slot) {
@@ -146,12 +129,11 @@ std::optional<SlotWords> wordsIn(const std::byte* base, std::size_t slot) {
     return words;
 }
 
-std::vector<std::string> linesIn(const std::byte* base, std::size_t slots) {
+Reading readingOf(const std::byte* base, std::size_t slots) {
     std::vector<std::uint64_t> formatSums;
     for (std::uint64_t id = 0; id < Ring::kMostFormats; ++id)
         formatSums.push_back(formatSumOf(base, id));
-    std::vector<Slot> whole;
-    std::vector<std::string> rotten;
+    Reading reading;
     for (std::size_t i = 0; i < slots; ++i) {
         const std::optional<SlotWords> words = wordsIn(base, i);
         if (!words)
@@ -159,18 +141,13 @@ std::vector<std::string> linesIn(const std::byte* base, std::size_t slots) {
         const auto slot = std::bit_cast<Slot>(*words);
         if (slot.message < formatSums.size() &&
             slot.check == checkOf(*words, i, formatSums[slot.message])) {
-            whole.push_back(slot);
+            reading.messages.push_back(messageOf(base, slot));
         } else {
-            rotten.push_back(fmt::format("? slot {} does not verify", i));
+            reading.rottenSlots.push_back(i);
         }
     }
-    std::ranges::sort(whole, {}, &Slot::sequence);
-    std::vector<std::string> lines;
-    lines.reserve(whole.size() + rotten.size());
-    for (const Slot& slot : whole)
-        lines.push_back(lineOf(base, slot));
-    lines.insert(lines.end(), rotten.begin(), rotten.end());
-    return lines;
+    std::ranges::sort(reading.messages, {}, &Message::sequence);
+    return reading;
 }
 
 void checkStatus(const struct stat& status, const std::string& file) {
@@ -181,6 +158,39 @@ void checkStatus(const struct stat& status, const std::string& file) {
 }
 
 }  // namespace
+
+std::string textOf(const Message& message) {
+    std::vector<std::string> arguments;
+    if (const auto* text = std::get_if<std::string>(&message.arguments); text != nullptr) {
+        arguments.push_back(*text);
+    } else {
+        for (const std::int64_t number : std::get<0>(message.arguments))
+            arguments.push_back(std::to_string(number));
+    }
+    std::string_view format = message.format;
+    std::string result;
+    for (const std::string& argument : arguments) {
+        const std::size_t at = format.find("{}");
+        if (at == std::string_view::npos)
+            break;
+        result += format.substr(0, at);
+        result += argument;
+        format.remove_prefix(at + 2);
+    }
+    return result += format;
+}
+
+std::vector<std::string> linesOf(const Reading& reading) {
+    constexpr std::uint64_t kSecond_ns = 1000000000;
+    std::vector<std::string> lines;
+    lines.reserve(reading.messages.size() + reading.rottenSlots.size());
+    for (const Message& message : reading.messages)
+        lines.push_back(fmt::format("{}.{:09} {}", message.time_ns / kSecond_ns,
+                                    message.time_ns % kSecond_ns, textOf(message)));
+    for (const std::size_t slot : reading.rottenSlots)
+        lines.push_back(fmt::format("? slot {} does not verify", slot));
+    return lines;
+}
 
 Ring::Ring(const std::string& file, std::size_t slots)
     : file_(file), bytes_(kSlotsOffset + slots * sizeof(Slot)), slots_(slots) {
@@ -246,11 +256,11 @@ void Ring::store(MessageId id, std::size_t kind, const std::array<std::uint64_t,
     word(place[0]).store(checkOf(stored, number, formatSums_[id]), std::memory_order_release);
 }
 
-std::vector<std::string> Ring::dump() const {
-    return linesIn(base_, slots_);
+Reading Ring::read() const {
+    return readingOf(base_, slots_);
 }
 
-std::vector<std::string> Ring::dump(const std::string& file) {
+Reading Ring::read(const std::string& file) {
     // Nothing that stands in its place is followed, or waited for, as a pipe would be.
     const File opened(open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (opened.fd < 0)
@@ -270,7 +280,7 @@ std::vector<std::string> Ring::dump(const std::string& file) {
         throwErrno(file, "map ring");
     const auto unmap = [bytes](void* base) { munmap(base, bytes); };
     const std::unique_ptr<void, decltype(unmap)> mapping(mapped, unmap);
-    return linesIn(static_cast<const std::byte*>(mapped), header.slots);
+    return readingOf(static_cast<const std::byte*>(mapped), header.slots);
 }
 
 }  // namespace RingTrace

@@ -72,7 +72,6 @@ int printLog(Session& session, const LogRange& range) {
         list.end({{"logs", logs}, {"damages", session.damagesJson()}});
         return session.ended();
     }
-    using Kind = TextTable::Column::Kind;
     for (const Table table : kTables) {
         if (!filter.isMet(table))
             continue;

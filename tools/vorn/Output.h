@@ -94,6 +94,8 @@ private:
     std::vector<std::vector<Cell>> rows_;
 };
 
+using Kind = TextTable::Column::Kind;
+
 /// A JSON document with one list that is written as it comes: {"source":..., "NAME":[...], ...}.
 class JsonList {
 public:

@@ -86,6 +86,7 @@ void addCheckCommand(CLI::App& app, Session& session);
 void addLogCommands(CLI::App& app, Session& session);
 void addWatchCommand(CLI::App& app, Session& session);
 void addTraceCommands(CLI::App& app, Session& session);
+void addRingCommands(CLI::App& app, Session& session);
 void addPolicyCommands(CLI::App& app, Session& session);
 void addResourceCommands(CLI::App& app, Session& session);
 void addReplayCommand(CLI::App& app, Session& session);

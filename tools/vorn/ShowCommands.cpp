@@ -19,7 +19,6 @@ using Inspect::LogFigures;
 using Inspect::Pool;
 using Inspect::ResourceRow;
 using Inspect::Table;
-using ColumnKind = TextTable::Column::Kind;
 
 std::uint64_t acknowledgedOf(Session& session, Table table) {
     const auto acks = session.system().state.acknowledgements(session.report());
@@ -60,12 +59,12 @@ int showTables(Session& session) {
     if (session.json)
         return session.printed({{"tables", std::move(rows)}});
     TextTable text({{"TABLE"},
-                    {"UNITS", ColumnKind::flexible},
-                    {"ENTRIES", ColumnKind::right},
-                    {"REMOVING", ColumnKind::right},
-                    {"VERSION", ColumnKind::right},
-                    {"ACKED", ColumnKind::right},
-                    {"BEHIND", ColumnKind::right},
+                    {"UNITS", Kind::flexible},
+                    {"ENTRIES", Kind::right},
+                    {"REMOVING", Kind::right},
+                    {"VERSION", Kind::right},
+                    {"ACKED", Kind::right},
+                    {"BEHIND", Kind::right},
                     {"LOG"}});
     for (const Json& row : rows) {
         const bool isBehind = row.at("behind") != 0;
@@ -87,10 +86,8 @@ int showUnits(Session& session) {
     const Inspect::Filter filter = session.wanted();
     const Inspect::State& state = session.system().state;
     Json rows = Json::array();
-    TextTable text({{"UNIT", ColumnKind::right},
-                    {"TABLE"},
-                    {"ENTRIES", ColumnKind::right},
-                    {"REMOVING", ColumnKind::right}});
+    TextTable text(
+        {{"UNIT", Kind::right}, {"TABLE"}, {"ENTRIES", Kind::right}, {"REMOVING", Kind::right}});
     for (const std::uint16_t unit : state.units()) {
         for (const Table table : kTables) {
             const auto units = state.units(table);
@@ -221,10 +218,8 @@ int showAcks(Session& session) {
     const auto acks = state.acknowledgements(session.report());
     const auto announced = state.announcements(session.report());
     Json rows = Json::array();
-    TextTable text({{"TABLE"},
-                    {"ACKED", ColumnKind::right},
-                    {"VERSION", ColumnKind::right},
-                    {"BEHIND", ColumnKind::right}});
+    TextTable text(
+        {{"TABLE"}, {"ACKED", Kind::right}, {"VERSION", Kind::right}, {"BEHIND", Kind::right}});
     for (const auto& [id, version] : acks.rows) {
         if (filter.table && tableId(*filter.table) != id)
             continue;
@@ -284,11 +279,11 @@ int showResources(Session& session) {
     const auto fromAgent = session.system().agent.tryAsk({{"cmd", "resources"}});
     Json rows = Json::array();
     TextTable text({{"POOL"},
-                    {"INDEX", ColumnKind::right},
+                    {"INDEX", Kind::right},
                     {"REQUEST"},
                     {"STATE"},
-                    {"VERSION", ColumnKind::right},
-                    {"USED BY", ColumnKind::flexible}});
+                    {"VERSION", Kind::right},
+                    {"USED BY", Kind::flexible}});
     for (const Pool pool : Inspect::kPools) {
         std::map<std::string, std::string> states;
         const Json answer = fromAgent ? fromAgent->value(std::string(nameOf(pool)), Json::object())

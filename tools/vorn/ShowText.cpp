@@ -61,7 +61,6 @@ ActionNames actionNames(const Inspect::State& state) {
 }
 
 TextTable entryTable(Table table) {
-    using Kind = TextTable::Column::Kind;
     if (table == Table::action) {
         return TextTable({{"UNIT", Kind::right},
                           {"KEY"},

@@ -1,14 +1,12 @@
-// vorn trace and vorn ring: what the agent says it does, and what a dead one said last.
+// vorn trace: what the agent says it does.
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
 #include <thread>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include "inspect/Errors.h"
-#include "platform/ringtrace/Ring.h"
 #include "tools/vorn/Session.h"
 #include "tools/vorn/ShowText.h"
 
@@ -22,7 +20,6 @@ struct TraceWishes {
     std::string filter;
     bool follow = false;
     std::size_t count = 100;
-    bool before = false;
 };
 
 /// No handle has a comma or a slash in its name: what has one was meant as two rules.
@@ -106,24 +103,6 @@ int tailTraces(Session& session, const TraceWishes& wishes) {
     return kDone;
 }
 
-int dumpRing(Session& session, bool before) {
-    const std::string file =
-        session.requiredDirectory() + (before ? "/agent.ring.before" : "/agent.ring");
-    std::error_code missing;
-    if (!std::filesystem::exists(file, missing)) {
-        throw Inspect::StateDirectoryError(
-            fmt::format("{}: no agent has left a ring trace here", file));
-    }
-    const std::vector<std::string> lines = RingTrace::Ring::dump(file);
-    if (session.json) {
-        session.out().json({{"source", "files"}, {"file", file}, {"lines", lines}});
-        return kDone;
-    }
-    for (const std::string& line : lines)
-        session.out().line(line);
-    return kDone;
-}
-
 }  // namespace
 
 void addTraceCommands(CLI::App& app, Session& session) {
@@ -144,12 +123,6 @@ void addTraceCommands(CLI::App& app, Session& session) {
                    [&session] { return tailTraces(session, wishes); });
     tail->add_flag("--follow,-f", wishes.follow, "go on until interrupted");
     tail->add_option("--count,-n", wishes.count, "lines at most to begin with (100)");
-    CLI::App* const ring =
-        app.add_subcommand("ring", "the last messages of an agent, also of a dead one");
-    ring->require_subcommand(1)->fallthrough()->group("Tracing");
-    addCommand(*ring, session, "dump", "oldest first, times in seconds since 1970", [&session] {
-        return dumpRing(session, wishes.before);
-    })->add_flag("--before", wishes.before, "of the agent before");
 }
 
 }  // namespace Vorn

@@ -170,7 +170,6 @@ void drawProcesses(const Output& out, const Sample& now) {
 }
 
 void draw(const Output& out, const Sample& before, const Sample& now) {
-    using Kind = TextTable::Column::Kind;
     if (out.isTerminal())
         out.raw("\x1b[H\x1b[J");
     out.line(fmt::format("{:%Y-%m-%d %H:%M:%S} UTC", fmt::gmtime(std::time(nullptr))));

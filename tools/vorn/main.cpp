@@ -90,6 +90,7 @@ void addCommands(CLI::App& app, Session& session) {
     addPolicyCommands(app, session);
     addResourceCommands(app, session);
     addTraceCommands(app, session);
+    addRingCommands(app, session);
     addReplayCommand(app, session);
     addBundleCommand(app, session);
     addCompletionCommand(app, session);

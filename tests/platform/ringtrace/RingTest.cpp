@@ -5,10 +5,13 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
 
 namespace RingTrace::Test {
 namespace {
@@ -57,6 +60,55 @@ TEST_F(RingTest, DecodesNumbersAndTexts) {
     ring.record(ring.message("nothing to say"));
     EXPECT_EQ(texts(ring.dump()),
               (Lines{"1 and 2 of -3", "table PolicyTable is here", "nothing to say"}));
+}
+
+TEST_F(RingTest, ReadingHasTheMessagesAsValues) {
+    const auto now_ns = [] {
+        return static_cast<std::uint64_t>(
+            std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count());
+    };
+    Ring ring(file_, 8);
+    const MessageId sum = ring.message("{} and {} {} {}");
+    const std::uint64_t before_ns = now_ns();
+    ring.record(sum, -1, -2, -3, INT64_MIN);
+    ring.record(ring.message("table {}"), "PolicyTable");
+    ring.record(sum, 7);
+    ring.record(0);
+    const std::uint64_t after_ns = now_ns();
+    const Reading reading = Ring::read(file_);
+    EXPECT_TRUE(reading.rottenSlots.empty());
+    ASSERT_EQ(reading.messages.size(), 4U);
+    using Numbers = std::vector<std::int64_t>;
+    const auto [first, second, third, fourth] = std::tie(reading.messages[0], reading.messages[1],
+                                                         reading.messages[2], reading.messages[3]);
+    EXPECT_EQ(first.id, sum);
+    EXPECT_EQ(first.format, "{} and {} {} {}");
+    EXPECT_EQ(std::get<Numbers>(first.arguments), (Numbers{-1, -2, -3, INT64_MIN}));
+    EXPECT_EQ(std::get<std::string>(second.arguments), "PolicyTable");
+    EXPECT_EQ(textOf(second), "table PolicyTable");
+    EXPECT_EQ(std::get<Numbers>(third.arguments), Numbers{7});
+    EXPECT_EQ(textOf(third), "7 and {} {} {}");
+    EXPECT_EQ(fourth.format, "?");
+    EXPECT_TRUE(std::get<Numbers>(fourth.arguments).empty());
+    std::uint64_t sequence = 0;
+    for (const Message& message : reading.messages) {
+        EXPECT_EQ(message.sequence, ++sequence);
+        EXPECT_TRUE(before_ns <= message.time_ns && message.time_ns <= after_ns);
+    }
+}
+
+TEST_F(RingTest, SequenceCountsOnOverWhatIsOverwrittenOrRotten) {
+    Ring ring(file_, 4);
+    for (int i = 1; i <= 6; ++i)
+        ring.record(ring.message("{}"), i);
+    const std::size_t slots = std::filesystem::file_size(file_) - 4 * std::size_t{64};
+    flip((slots + 3 * std::size_t{64} + 40) * 8);
+    const Reading reading = Ring::read(file_);
+    std::vector<std::uint64_t> sequences;
+    for (const Message& message : reading.messages)
+        sequences.push_back(message.sequence);
+    EXPECT_EQ(sequences, (std::vector<std::uint64_t>{3, 5, 6}));
+    EXPECT_EQ(reading.rottenSlots, std::vector<std::size_t>{3});
 }
 
 TEST_F(RingTest, KeepsTheLastMessages) {
