@@ -68,6 +68,8 @@ foreach(unit vorn-agent vorn-hwd)
     install(FILES ${packaging}/${unit}.service
         DESTINATION /lib/systemd/system COMPONENT vorn EXCLUDE_FROM_ALL)
 endforeach()
+install(FILES packaging/systemd/run-vorn.mount
+    DESTINATION /lib/systemd/system COMPONENT vorn EXCLUDE_FROM_ALL)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS packaging/systemd/sandbox.conf)
 install(FILES packaging/systemd/vorn.sysusers DESTINATION /usr/lib/sysusers.d RENAME vorn.conf
     COMPONENT vorn EXCLUDE_FROM_ALL)
@@ -114,5 +116,6 @@ include(CPack)
 
 if(BUILD_TESTING AND CMAKE_BUILD_TYPE STREQUAL "Release" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     add_test(NAME test_package COMMAND ${CMAKE_SOURCE_DIR}/tests/package/run ${CMAKE_BINARY_DIR})
-    set_tests_properties(test_package PROPERTIES TIMEOUT ${VORN_TEST_TIMEOUT_S})
+    set_tests_properties(test_package PROPERTIES
+        TIMEOUT ${VORN_TEST_TIMEOUT_S} SKIP_RETURN_CODE 77)
 endif()

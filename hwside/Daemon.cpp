@@ -124,7 +124,7 @@ void Daemon::work() {
         againAfter_ = kAgainAfter;
     if (followed_ != reader_.follows()) {
         followed_ = reader_.follows();
-        service_.statusChanged();
+        service_.statusChanges();
     }
     if (progress == LogReader::Progress::idle) {
         const std::uint64_t position = reader_.position();

@@ -16,6 +16,8 @@ namespace Process {
 
 namespace {
 
+constexpr std::chrono::seconds kSettled{1};
+
 /// Zero when no keepalives are wanted, or not of this process.
 std::chrono::microseconds keepAliveInterval() {
     std::uint64_t limit_us = 0;
@@ -59,6 +61,18 @@ void ServiceManager::statusChanged() {
     tell("");
 }
 
+void ServiceManager::statusChanges() {
+    if (!isThere_)
+        return;
+    if (!statusTimer_)
+        statusTimer_.emplace(io_);
+    statusTimer_->expires_after(kSettled);
+    statusTimer_->async_wait([this](const asio::error_code& error) {
+        if (!error)
+            statusChanged();
+    });
+}
+
 void ServiceManager::stopping() {
     tell("STOPPING=1");
 }
@@ -79,10 +93,10 @@ void ServiceManager::tell(const std::string& what) {
 
 void ServiceManager::keepAlive() {
     tell("WATCHDOG=1");
-    if (!timer_)
-        timer_.emplace(io_);
-    timer_->expires_after(interval_);
-    timer_->async_wait([this](const asio::error_code& error) {
+    if (!keepAliveTimer_)
+        keepAliveTimer_.emplace(io_);
+    keepAliveTimer_->expires_after(interval_);
+    keepAliveTimer_->async_wait([this](const asio::error_code& error) {
         if (!error)
             keepAlive();
     });

@@ -31,6 +31,8 @@ public:
     void reloading();
     void ready();
     void statusChanged();
+    /// The same, once what has begun now has settled: in a second.
+    void statusChanges();
     /// The process has been told to end.
     void stopping();
 
@@ -43,7 +45,8 @@ private:
     bool isThere_;
     bool couldTell_ = true;  ///< what could not be told is said once, not each time
     std::chrono::microseconds interval_{0};
-    std::optional<asio::steady_timer> timer_;
+    std::optional<asio::steady_timer> keepAliveTimer_;
+    std::optional<asio::steady_timer> statusTimer_;
 };
 
 }  // namespace Process

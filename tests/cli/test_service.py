@@ -140,10 +140,8 @@ def test_the_status_of_the_hardware_side_changes_with_the_agent_that_comes(own, 
     start(own, "hardware")
     assert manager.until("READY")[-1]["STATUS"] == f"waits for an agent in {own.state}"
     start(own, "agent")
-    follows = [message for message in manager.until("READY")
-               if message["STATUS"].startswith(f"follows {own.state}: ")]
-    while not follows:
-        follows = [m for m in manager.until("STATUS") if m["STATUS"].startswith("follows ")]
+    programmed = f"follows {own.state}: 6 actions, 8 IPv4 and 4 IPv6 entries programmed, 0 waiting"
+    wait_until(lambda: manager.until("STATUS")[-1]["STATUS"] == programmed, "the new status")
 
 
 @pytest.mark.parametrize("way", ["signal", "request"])
@@ -183,17 +181,19 @@ def test_says_that_it_stops_when_told_to_end(own, manager, which, number):
 
 
 @BOTH
-def test_keepalives_come_in_time(own, watched, which):
+def test_keepalives_come_in_time(own, manager, monkeypatch, which):
+    limit_s = 2  # beyond what a busy machine holds a process up
+    monkeypatch.setenv("WATCHDOG_USEC", str(int(limit_s * 1e6)))
     start(own, which)
-    watched.until("READY")
-    watched.until("WATCHDOG")
+    manager.until("READY")
+    manager.until("WATCHDOG")
     last = time.monotonic()
     longest = 0
-    for _ in range(6):
-        watched.until("WATCHDOG")
+    for _ in range(3):
+        manager.until("WATCHDOG")
         longest = max(longest, time.monotonic() - last)
         last = time.monotonic()
-    assert longest < WATCHDOG_S
+    assert longest < limit_s
 
 
 @BOTH
