@@ -77,11 +77,10 @@ AgentProcess::AgentProcess(const Options& options)
     const Plugin plugin = loadPlugin(options.plugin);
 
     tables_ = std::make_unique<Tables>(options, plugin, loop_);
-    loader_ =
-        std::make_unique<PolicyLoader>(tables_->units(), [this](const LoadFigures& figures) {
-            report(figures.failed == 0 ? Brumo::Priority::info : Brumo::Priority::warning,
-                   finishedText(figures));
-        });
+    loader_ = std::make_unique<PolicyLoader>(tables_->units(), [this](const LoadFigures& figures) {
+        report(figures.failed == 0 ? Brumo::Priority::info : Brumo::Priority::warning,
+               finishedText(figures));
+    });
     bell_ = std::make_unique<KivShimo::Doorbell>(
         Asic::Constants::agentDoorbell(options.stateDirectory));
     const int descriptor = ::fcntl(bell_->fd(), F_DUPFD_CLOEXEC, 0);
@@ -195,10 +194,10 @@ void AgentProcess::load(const std::shared_ptr<const CompiledPolicy>& policy) {
                            figures.waiting));
         return;
     }
-    report(Brumo::Priority::notice,
-           fmt::format("policy {}: {} written, {} removed, {} unchanged on {} units", figures.file,
-                       figures.written, figures.removed, figures.unchanged,
-                       loader_->units().size()));
+    report(
+        Brumo::Priority::notice,
+        fmt::format("policy {}: {} written, {} removed, {} unchanged on {} units", figures.file,
+                    figures.written, figures.removed, figures.unchanged, loader_->units().size()));
 }
 
 void AgentProcess::reload(const std::string& path) {

@@ -66,10 +66,10 @@ file(READ packaging/systemd/sandbox.conf sandbox)
 foreach(unit vorn-agent vorn-hwd)
     configure_file(packaging/systemd/${unit}.service.in ${packaging}/${unit}.service @ONLY)
     install(FILES ${packaging}/${unit}.service
-        DESTINATION /lib/systemd/system COMPONENT vorn EXCLUDE_FROM_ALL)
+        DESTINATION /usr/lib/systemd/system COMPONENT vorn EXCLUDE_FROM_ALL)
 endforeach()
 install(FILES packaging/systemd/run-vorn.mount
-    DESTINATION /lib/systemd/system COMPONENT vorn EXCLUDE_FROM_ALL)
+    DESTINATION /usr/lib/systemd/system COMPONENT vorn EXCLUDE_FROM_ALL)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS packaging/systemd/sandbox.conf)
 install(FILES packaging/systemd/vorn.sysusers DESTINATION /usr/lib/sysusers.d RENAME vorn.conf
     COMPONENT vorn EXCLUDE_FROM_ALL)

@@ -15,8 +15,7 @@ void writeToStandardError(const LogMessage& message, std::string_view text) {
     const int priority = std::clamp(message.severity, static_cast<int>(Priority::critical),
                                     static_cast<int>(Priority::debug));
     Brumo::writeToStandardError(
-        Priority{priority},
-        fmt::format("{} {}: {}", message.severity, message.identifier, text));
+        Priority{priority}, fmt::format("{} {}: {}", message.severity, message.identifier, text));
 }
 
 LogSink& sink() {

@@ -33,7 +33,7 @@ public:
     /// Inspect::StateDirectoryError, QuestionError where no directory is given.
     Inspect::System& system();
     std::string_view source() { return system().source(); }
-    /// Of the state directory, which is the services' where none is given; throws QuestionError where
+    /// Of the state directory, the services' where none is given; throws QuestionError where
     /// there is no such thing.
     const std::string& requiredDirectory();
 
