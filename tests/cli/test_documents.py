@@ -10,11 +10,13 @@ import pytest
 from conftest import SOURCE
 
 DOCUMENT = (SOURCE / "docs" / "operations.md").read_text(encoding="utf-8")
+INSTALLING = (SOURCE / "docs" / "installing.md").read_text(encoding="utf-8")
 
 
 def commands():
-    """The commands of the document: the words before the first that is no name of a command."""
-    for line in re.findall(r"^    (?:\$ )?vorn (.+)$", DOCUMENT, re.MULTILINE):
+    """The commands of the documents: the words before the first that is no name of a command."""
+    lines = re.findall(r"^    (?:\$ )?vorn (.+)$", DOCUMENT + INSTALLING, re.MULTILINE)
+    for line in lines + re.findall(r"`vorn (.+?)`", INSTALLING):
         for part in line.split("; "):
             words = part.removeprefix("vorn ").split()
             names = []
