@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <system_error>
 
@@ -49,23 +48,20 @@ bool isAnythingUnderWay(const Tables& tables) {
            });
 }
 
-void reportFinished(const LoadFigures& figures) {
-    if (figures.failed == 0) {
-        logLine(
-            fmt::format("policy {}: all {} changes acknowledged", figures.file, figures.complete));
-        return;
-    }
-    logLine(
-        fmt::format("policy {}: {} changes acknowledged, {} failed, first {}; they are tried again "
-                    "at the next reload",
-                    figures.file, figures.complete, figures.failed, figures.firstFailure));
+std::string finishedText(const LoadFigures& figures) {
+    if (figures.failed == 0)
+        return fmt::format("policy {}: all {} changes acknowledged", figures.file,
+                           figures.complete);
+    return fmt::format(
+        "policy {}: {} changes acknowledged, {} failed, first {}; they are tried again at the next "
+        "reload",
+        figures.file, figures.complete, figures.failed, figures.firstFailure);
 }
 
 }  // namespace
 
-void logLine(const std::string& text) {
-    const std::string line = "vorn-agent: " + text + "\n";
-    std::fputs(line.c_str(), stderr);
+void logLine(Brumo::Priority priority, const std::string& text) {
+    Brumo::writeToStandardError(priority, "vorn-agent: " + text);
 }
 
 AgentProcess::AgentProcess(const Options& options)
@@ -85,7 +81,10 @@ AgentProcess::AgentProcess(const Options& options)
     tables_ = std::make_unique<Tables>(options, plugin, loop_);
     if (record_ != nullptr)
         record_->mounted(*tables_);
-    loader_ = std::make_unique<PolicyLoader>(tables_->units(), reportFinished);
+    loader_ = std::make_unique<PolicyLoader>(tables_->units(), [this](const LoadFigures& figures) {
+        report(figures.failed == 0 ? Brumo::Priority::info : Brumo::Priority::warning,
+               finishedText(figures));
+    });
     bell_ = std::make_unique<KivShimo::Doorbell>(
         Asic::Constants::agentDoorbell(options.stateDirectory));
     const int descriptor = ::fcntl(bell_->fd(), F_DUPFD_CLOEXEC, 0);
@@ -115,6 +114,7 @@ AgentProcess::~AgentProcess() {
 }
 
 void AgentProcess::run() {
+    service_.readyOnceRunning();
     // The hardware side rings only for a sleeper: one that is awake looks by itself.
     Asic::GroupInterface& group = tables_->group();
     loop_.run({.worked = [&] { group.acknowledgementsArrived(); },
@@ -124,7 +124,13 @@ void AgentProcess::run() {
                        group.awake();
                        group.acknowledgementsArrived();
                    }});
-    logLine("ends");
+    logLine(Brumo::Priority::notice, "ends");
+}
+
+void AgentProcess::report(Brumo::Priority priority, std::string line) {
+    logLine(priority, line);
+    lastReport_ = std::move(line);
+    service_.statusChanged();
 }
 
 /// A full disk is no reason to end a switch's agent.
@@ -132,7 +138,8 @@ void AgentProcess::reportRecord() {
     if (record_ == nullptr || record_->failure().empty() || recordFailed_)
         return;
     recordFailed_ = true;
-    logLine(fmt::format("the recording ends here: {}", record_->failure()));
+    logLine(Brumo::Priority::error,
+            fmt::format("the recording ends here: {}", record_->failure()));
 }
 
 bool AgentProcess::mayBlock() {
@@ -169,6 +176,7 @@ void AgentProcess::waitForSignal() {
         if (error)
             return;
         if (signal != SIGHUP) {
+            service_.stopping();
             loop_.stop();
             return;
         }
@@ -176,8 +184,8 @@ void AgentProcess::waitForSignal() {
             reload(policyPath_);
         } catch (const PolicyError& wrong) {
             for (const std::string& line : wrong.lines())
-                logLine(line);
-            logLine(fmt::format("policy {} has errors, the one before stays", policyPath_));
+                logLine(Brumo::Priority::error, line);
+            logLine(Brumo::Priority::error, lastReport_);
         }
         waitForSignal();
     });
@@ -197,18 +205,28 @@ void AgentProcess::waitForBell() {
 void AgentProcess::load(const std::shared_ptr<const CompiledPolicy>& policy) {
     const LoadFigures& figures = loader_->load(policy);
     if (!figures.waiting.empty()) {
-        logLine(fmt::format("policy {}: waits until earlier changes are acknowledged",
-                            figures.waiting));
+        report(Brumo::Priority::notice,
+               fmt::format("policy {}: waits until earlier changes are acknowledged",
+                           figures.waiting));
         return;
     }
-    logLine(fmt::format("policy {}: {} written, {} removed, {} unchanged on {} units", figures.file,
-                        figures.written, figures.removed, figures.unchanged,
-                        loader_->units().size()));
+    report(
+        Brumo::Priority::notice,
+        fmt::format("policy {}: {} written, {} removed, {} unchanged on {} units", figures.file,
+                    figures.written, figures.removed, figures.unchanged, loader_->units().size()));
 }
 
 void AgentProcess::reload(const std::string& path) {
-    load(std::make_shared<const CompiledPolicy>(loadPolicy(path)));
+    service_.reloading();
+    try {
+        load(std::make_shared<const CompiledPolicy>(loadPolicy(path)));
+    } catch (const std::exception&) {
+        lastReport_ = fmt::format("policy {} has errors, the one before stays", path);
+        service_.ready();
+        throw;
+    }
     policyPath_ = path;
+    service_.ready();
 }
 
 Json AgentProcess::answerReload(const Json& request) {

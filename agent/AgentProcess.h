@@ -22,8 +22,10 @@
 #include "agent/Record.h"
 #include "agent/Tables.h"
 #include "agent/TraceTail.h"
+#include "platform/brumo/StandardError.h"
 #include "platform/kivshimo/Doorbell.h"
 #include "process/ControlServer.h"
+#include "process/ServiceManager.h"
 
 namespace Agent {
 
@@ -57,8 +59,12 @@ private:
     Json answerChange(const std::string& command, const Json& request);
     bool mayBlock();
     void reportRecord();
+    /// Logs what became of a load; it is the process's status from now on.
+    void report(Brumo::Priority priority, std::string line);
 
     AsioEventLoop loop_;
+    std::string lastReport_ = "starts";
+    Process::ServiceManager service_{loop_.io(), [this] { return lastReport_; }};
     asio::signal_set signals_;
     std::string policyPath_;
     TraceTail traces_;
@@ -79,6 +85,6 @@ private:
 };
 
 /// Writes a line to standard error.
-void logLine(const std::string& text);
+void logLine(Brumo::Priority priority, const std::string& text);
 
 }  // namespace Agent

@@ -28,7 +28,7 @@ int run(int argc, char** argv) {
 }
 
 int fail(int code, const std::string& text) {
-    Agent::logLine(text);
+    Agent::logLine(Brumo::Priority::error, text);
     return code;
 }
 
@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
         return fail(Agent::kExitPlugin, error.what());
     } catch (const Agent::PolicyError& error) {
         for (const std::string& line : error.lines())
-            Agent::logLine(line);
+            Agent::logLine(Brumo::Priority::error, line);
         return Agent::kExitPolicy;
     } catch (const KivShimo::DuplicateWriterError& error) {
         return fail(Agent::kExitSecondAgent,

@@ -6,6 +6,7 @@ find_package(yaml-cpp REQUIRED)
 find_package(CLI11 REQUIRED)
 find_package(nlohmann_json REQUIRED)
 pkg_check_modules(pcap REQUIRED IMPORTED_TARGET libpcap)
+pkg_check_modules(systemd REQUIRED IMPORTED_TARGET libsystemd)
 pkg_check_modules(microhttpd REQUIRED IMPORTED_TARGET libmicrohttpd)
 
 include(cmake/Fmt.cmake)

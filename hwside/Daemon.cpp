@@ -103,12 +103,14 @@ Daemon::Daemon(asio::io_context& io, const std::string& stateDirectory)
       reader_(group_, tcam_, acks_),
       control_(io, group_.controlSocket(), [this](const Json& request) { return answer(request); }),
       rings_(io, descriptorOf(bell_)),
-      again_(io) {}
+      again_(io),
+      service_(io, [this] { return statusText(); }) {}
 
 void Daemon::start() {
     // The agent may have looked for the acknowledgements before there were any.
     KivShimo::ring(group_.agentBell());
     work();
+    service_.readyOnceRunning();
 }
 
 /// Works until nothing is left, then says that it sleeps and looks once more: what is announced
@@ -120,6 +122,10 @@ void Daemon::work() {
     LogReader::Progress progress = reader_.pump(kBudget);
     if (progress != LogReader::Progress::again)
         againAfter_ = kAgainAfter;
+    if (followed_ != reader_.follows()) {
+        followed_ = reader_.follows();
+        service_.statusChanges();
+    }
     if (progress == LogReader::Progress::idle) {
         const std::uint64_t position = reader_.position();
         bell_.drain();
@@ -175,6 +181,14 @@ Json Daemon::answer(const Json& request) {
     throw RequestError(
         "cmd: expected \"status\", \"tcam\", \"entry\", \"classify\", \"pause\", \"resume\" or "
         "\"resync\"");
+}
+
+std::string Daemon::statusText() const {
+    if (!reader_.follows())
+        return fmt::format("waits for an agent in {}", group_.root);
+    return fmt::format("follows {}: {} actions, {} IPv4 and {} IPv6 entries programmed, {} waiting",
+                       group_.root, tcam_.entries<ActionTypes>(), tcam_.entries<V4Types>(),
+                       tcam_.entries<V6Types>(), reader_.waiting());
 }
 
 Json Daemon::status() const {

@@ -18,6 +18,7 @@
 #include "hwside/Tcam.h"
 #include "platform/kivshimo/Doorbell.h"
 #include "process/ControlServer.h"
+#include "process/ServiceManager.h"
 
 namespace HwSide {
 
@@ -30,10 +31,14 @@ public:
     /// KivShimo::MountError, std::system_error.
     Daemon(asio::io_context& io, const std::string& stateDirectory);
 
-    /// Begins to follow the agent.
+    /// Begins to follow the agent; the service manager learns of it when the loop runs.
     void start();
+    /// The process has been told to end.
+    void stopping() { service_.stopping(); }
 
 private:
+    /// What it does, in a line.
+    std::string statusText() const;
     void work();
     void waitForBell();
     Json answer(const Json& request);
@@ -56,6 +61,8 @@ private:
     asio::posix::stream_descriptor rings_;
     bool waitsForBell_ = false;  ///< one wait at a time
     asio::steady_timer again_;
+    Process::ServiceManager service_;
+    bool followed_ = false;  ///< as the service manager knows it
     std::chrono::milliseconds againAfter_ = kAgainAfter;
 };
 

@@ -1,7 +1,7 @@
 // The hardware side: follows the agent in a state directory and programs a TCAM model.
 
 #include <csignal>
-#include <cstdio>
+#include <optional>
 #include <string>
 #include <system_error>
 
@@ -10,6 +10,7 @@
 #include <asio/signal_set.hpp>
 
 #include "hwside/Daemon.h"
+#include "platform/brumo/StandardError.h"
 #include "process/StateDirectory.h"
 
 namespace {
@@ -28,18 +29,20 @@ constexpr const char* kFooter =
     "anything else.";
 
 int failed(int code, std::string_view reason) {
-    fmt::print(stderr, "vorn-hwd: {}\n", reason);
+    Brumo::writeToStandardError(Brumo::Priority::error, fmt::format("vorn-hwd: {}", reason));
     return code;
 }
 
 int serve(const std::string& stateDirectory) {
     asio::io_context io(1);
-    asio::signal_set signals(io, SIGTERM, SIGINT);
-    signals.async_wait([&io](const asio::error_code& error, int /*signal*/) {
-        if (!error)
-            io.stop();
-    });
     std::optional<HwSide::Daemon> daemon;
+    asio::signal_set signals(io, SIGTERM, SIGINT);
+    signals.async_wait([&](const asio::error_code& error, int /*signal*/) {
+        if (error)
+            return;
+        daemon->stopping();
+        io.stop();
+    });
     try {
         daemon.emplace(io, stateDirectory);
     } catch (const Process::StateDirectoryError& error) {
@@ -50,7 +53,8 @@ int serve(const std::string& stateDirectory) {
         return failed(kStateDirectory, error.what());
     }
     daemon->start();
-    fmt::print(stderr, "vorn-hwd: follows {}\n", stateDirectory);
+    Brumo::writeToStandardError(Brumo::Priority::notice,
+                                fmt::format("vorn-hwd: follows {}", stateDirectory));
     io.run();
     return kOk;
 }

@@ -6,6 +6,9 @@
 
 namespace Process {
 
+/// Where the installed services have theirs.
+inline constexpr const char* kServiceStateDirectory = "/run/vorn";
+
 /// Path and reason.
 class StateDirectoryError : public std::runtime_error {
 public:

@@ -1,15 +1,18 @@
 #include "platform/brumo/Assert.h"
 
-#include <cstdio>
 #include <cstdlib>
+
+#include <fmt/format.h>
+
+#include "platform/brumo/StandardError.h"
 
 namespace Brumo {
 
 void assertionFailed(std::string_view condition, std::string_view message, const char* file,
                      int line) {
-    std::fprintf(stderr, "assertion failed: %.*s%s%.*s (%s:%d)\n",
-                 static_cast<int>(condition.size()), condition.data(), message.empty() ? "" : ": ",
-                 static_cast<int>(message.size()), message.data(), file, line);
+    writeToStandardError(Priority::critical,
+                         fmt::format("assertion failed: {}{}{} ({}:{})", condition,
+                                     message.empty() ? "" : ": ", message, file, line));
     std::abort();
 }
 

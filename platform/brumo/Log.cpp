@@ -1,16 +1,21 @@
 #include "platform/brumo/Log.h"
 
-#include <cstdio>
+#include <algorithm>
 #include <utility>
+
+#include <fmt/format.h>
+
+#include "platform/brumo/StandardError.h"
 
 namespace Brumo {
 
 namespace {
 
 void writeToStandardError(const LogMessage& message, std::string_view text) {
-    std::fprintf(stderr, "%d %.*s: %.*s\n", message.severity,
-                 static_cast<int>(message.identifier.size()), message.identifier.data(),
-                 static_cast<int>(text.size()), text.data());
+    const int priority = std::clamp(message.severity, static_cast<int>(Priority::critical),
+                                    static_cast<int>(Priority::debug));
+    Brumo::writeToStandardError(
+        Priority{priority}, fmt::format("{} {}: {}", message.severity, message.identifier, text));
 }
 
 LogSink& sink() {

@@ -13,6 +13,8 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/brumo/StandardError.h"
+
 namespace Brumo {
 
 namespace {
@@ -124,7 +126,8 @@ private:
         try {
             rules_ = parseFilter(filter_);
         } catch (const std::invalid_argument& error) {
-            std::fprintf(stderr, "VORN_TRACE ignored: %s\n", error.what());
+            writeToStandardError(Priority::warning,
+                                 fmt::format("VORN_TRACE ignored: {}", error.what()));
             filter_ = kDefaultFilter;
             rules_ = parseFilter(filter_);
         }
@@ -145,11 +148,17 @@ private:
     std::vector<FilterRule> rules_;
 };
 
-void writeLine(std::FILE* file, const TraceRecord& record) {
-    const std::string line =
-        fmt::format("{} {} {}::{}:{}{}\n", record.level, record.handle, record.className,
-                    record.function, record.text.starts_with(' ') ? "" : " ", record.text);
-    std::fwrite(line.data(), 1, line.size(), file);
+std::string lineOf(const TraceRecord& record) {
+    return fmt::format("{} {} {}::{}:{}{}", record.level, record.handle, record.className,
+                       record.function, record.text.starts_with(' ') ? "" : " ", record.text);
+}
+
+/// Failures are somebody's concern; beyond the ends of operations it is for those who look for a
+/// mistake.
+Priority priorityOf(int level) {
+    if (level == 1)
+        return Priority::warning;
+    return level == 2 ? Priority::info : Priority::debug;
 }
 
 }  // namespace
@@ -174,7 +183,9 @@ TraceSink traceSinkIs(TraceSink sink) {
 }
 
 TraceSink standardErrorTraceSink() {
-    return [](const TraceRecord& record) { writeLine(stderr, record); };
+    return [](const TraceRecord& record) {
+        writeToStandardError(priorityOf(record.level), lineOf(record));
+    };
 }
 
 TraceSink fileTraceSink(const std::string& path) {
@@ -185,7 +196,10 @@ TraceSink fileTraceSink(const std::string& path) {
     if (!file)
         throw std::system_error(errno, std::generic_category(), "open trace file " + path);
     std::setvbuf(file.get(), nullptr, _IOLBF, 0);
-    return [file](const TraceRecord& record) { writeLine(file.get(), record); };
+    return [file](const TraceRecord& record) {
+        const std::string line = lineOf(record) + "\n";
+        std::fwrite(line.data(), 1, line.size(), file.get());
+    };
 }
 
 void traceFilterIs(const std::string& filter) {

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "inspect/Errors.h"
+#include "process/StateDirectory.h"
 #include "tools/vorn/Session.h"
 #include "tools/vorn/ShowText.h"
 
@@ -219,7 +220,7 @@ int completeWords(const CLI::App& app, const std::vector<std::string>& words) {
     const char* const fromEnvironment = std::getenv("VORN_STATE_DIR");
     const std::string directory = !typed.stateDirectory.empty() ? typed.stateDirectory
                                   : fromEnvironment != nullptr  ? fromEnvironment
-                                                                : "";
+                                                                : Process::kServiceStateDirectory;
     try {
         const Inspect::State state(directory);
         const Candidates more =

@@ -5,11 +5,13 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 
 #include <fmt/format.h>
 
 #include "inspect/Errors.h"
+#include "process/StateDirectory.h"
 
 namespace Vorn {
 
@@ -19,9 +21,14 @@ const Output& Session::out() {
     return *out_;
 }
 
-const std::string& Session::requiredDirectory() const {
-    if (stateDirectory.empty())
-        throw Inspect::QuestionError("which state directory? Give --state-dir or VORN_STATE_DIR");
+const std::string& Session::requiredDirectory() {
+    if (stateDirectory.empty() && std::filesystem::exists(Process::kServiceStateDirectory))
+        stateDirectory = Process::kServiceStateDirectory;
+    if (stateDirectory.empty()) {
+        throw Inspect::QuestionError(
+            fmt::format("which state directory? Give --state-dir or VORN_STATE_DIR; there is no {}",
+                        Process::kServiceStateDirectory));
+    }
     return stateDirectory;
 }
 

@@ -33,8 +33,9 @@ public:
     /// Inspect::StateDirectoryError, QuestionError where no directory is given.
     Inspect::System& system();
     std::string_view source() { return system().source(); }
-    /// Of the state directory; throws QuestionError where none is given.
-    const std::string& requiredDirectory() const;
+    /// Of the state directory, the services' where none is given; throws QuestionError where
+    /// there is no such thing.
+    const std::string& requiredDirectory();
 
     /// Collects what cannot be read.
     Inspect::Report report() {

@@ -32,7 +32,8 @@ constexpr const char* kExamples =
     "  vorn support-bundle                all of it in one file\n"
     "\n"
     "Environment:\n"
-    "  VORN_STATE_DIR  the state directory, where --state-dir is not given\n"
+    "  VORN_STATE_DIR  the state directory, where --state-dir is not given; without either it is\n"
+    "                  /run/vorn, that of the installed services\n"
     "  NO_COLOR        no colours, unless --color always\n"
     "  COLUMNS         width of tables on a terminal\n"
     "\n";
