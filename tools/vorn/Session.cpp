@@ -130,17 +130,6 @@ CLI::App* addCommand(CLI::App& parent, Session& session, const std::string& name
     return command;
 }
 
-std::string ageText(double seconds) {
-    constexpr double kMinute_s = 60;
-    constexpr double kHour_s = 3600;
-    if (seconds < 10)
-        return fmt::format("{:.1f} s", seconds);
-    if (seconds < 2 * kMinute_s)
-        return fmt::format("{:.0f} s", seconds);
-    return seconds < 2 * kHour_s ? fmt::format("{:.0f} min", seconds / kMinute_s)
-                                 : fmt::format("{:.1f} h", seconds / kHour_s);
-}
-
 bool isConfirmed(const Output& out, const std::string& question) {
     if (isatty(STDIN_FILENO) != 1) {
         out.note("vorn: nobody to ask here: give --yes to go on");
