@@ -90,9 +90,6 @@ if(TARGET vorn-agent AND TARGET vorn-hwd)
 endif()
 
 # The command line on real processes, and on what they leave.
-# The system's packages are seen by the system's interpreter, which need not be the first in PATH.
-find_program(VORN_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH)
-find_program(VORN_PYTHON python3 REQUIRED)
 if(TARGET vorn AND TARGET vorn-agent AND TARGET vorn-hwd)
     add_test(NAME test_cli COMMAND ${VORN_PYTHON} -m pytest -q -p no:cacheprovider
         --build=${CMAKE_BINARY_DIR} --junit-xml=${VORN_REPORTS}/test_cli.xml

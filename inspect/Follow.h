@@ -28,6 +28,8 @@ public:
     bool look(const Report& report);
     /// The next change in sight; nothing where there is none.
     std::optional<Change> next(const Report& report);
+    /// The newest version that look() has seen.
+    std::uint64_t newest() const { return inSight_; }
 
 private:
     class Log;
@@ -42,7 +44,7 @@ private:
     Table table_;
     std::shared_ptr<Log> log_;
     std::optional<std::uint64_t> next_;
-    std::uint64_t inSight_ = 0;  ///< the newest version that look() has seen
+    std::uint64_t inSight_ = 0;
     std::optional<std::map<std::uint64_t, Change>> fromValues_;  ///< of this sight
 };
 

@@ -44,7 +44,7 @@ void print(const Explanation& story, const Output& out) {
 }
 
 int explainEntry(Session& session, const Question& question) {
-    const Inspect::Table table = tableNamed(question.table);
+    const Inspect::Table table = Inspect::tableNamed(question.table);
     session.requireUnit(question.unit);
     const Inspect::EntryId id = find(session.system(), table, question.unit, question.key);
     const Explanation story = explain(session.system(), id);

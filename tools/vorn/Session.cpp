@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "inspect/Errors.h"
+#include "inspect/Find.h"
 
 namespace Vorn {
 
@@ -68,26 +69,13 @@ int Session::printed(const Json& document, int code) {
     return ended(code);
 }
 
-Inspect::Table tableNamed(const std::string& name) {
-    const auto table = Inspect::tableFromText(name);
-    if (!table) {
-        throw Inspect::QuestionError(
-            fmt::format("'{}' is no table; tables are action, v4 and v6", name));
-    }
-    return *table;
-}
-
 void Session::requireUnit(std::uint16_t number) {
-    const auto units = system().state.units();
-    if (std::ranges::find(units, number) == units.end()) {
-        throw Inspect::QuestionError(
-            fmt::format("there is no unit {} here; units are {}", number, fmt::join(units, ", ")));
-    }
+    Inspect::requireUnit(system().state, number);
 }
 
 Inspect::Filter Session::wanted() {
     if (!tableName.empty())
-        filter.table = tableNamed(tableName);
+        filter.table = Inspect::tableNamed(tableName);
     filter.unit = unit;
     filter.matches.clear();
     for (const std::string& text : matchTexts)

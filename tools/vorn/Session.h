@@ -66,9 +66,6 @@ private:
     std::vector<Inspect::Damage> damages_;
 };
 
-/// Throws QuestionError for a name of no table.
-Inspect::Table tableNamed(const std::string& name);
-
 void addTableOption(CLI::App& app, Session& session);
 void addUnitOption(CLI::App& app, Session& session);
 /// Adds --table and --unit.
