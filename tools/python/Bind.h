@@ -25,6 +25,11 @@ void bindExplanation(py::module_& module);
 void bindTables(py::module_& module);
 void bindSystem(py::module_& module);
 
+/// For each class: the ordinary metaclass, as stubs know no other.
+inline py::metaclass plainType() {
+    return py::metaclass(reinterpret_cast<PyObject*>(&PyType_Type));
+}
+
 /// Names and labels are bytes of fixed fields, and may end within a character: what is no UTF-8 is
 /// replaced.
 py::str text(std::string_view bytes);

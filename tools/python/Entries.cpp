@@ -109,7 +109,7 @@ std::string reprOf(const EntryRow& row) {
 }
 
 void bindBase(py::module_& module) {
-    py::class_<EntryRow> type(module, "Entry",
+    py::class_<EntryRow> type(module, "Entry", plainType(),
                               R"doc(A committed entry of a table: an ActionEntry or a MatchEntry.
 
 A plain value: it stays as it was read. Its columns are attributes and items; `dict(entry)` and
@@ -120,8 +120,12 @@ ordered by table and unit, and within a unit as hardware tries them.
 >>> bgp.disposition, bgp["mode"], bgp.rate
 ('permit', 'bps', 500000)
 >>> print(bgp)
-action unit 1 key 3f82b3aa.0: bgp permit, counter 0, policer 0, 500000 bps, burst 64000
+action unit 1 key 8ecd8072.0: bgp permit, counter 0, policer 0, 500000 bps, burst 64000
 )doc");
+    Columns<EntryRow> common;
+    addPlace(common);
+    addState(common);
+    bindAttributes(type, common);
     type.def_property_readonly(
         "content", [](const EntryRow& row) { return toPython(row.entry.content); },
         "The content as control sockets and the command line show it: a dictionary.");
@@ -212,13 +216,13 @@ py::object EntryIterator::next() {
 
 void bindEntries(py::module_& module) {
     bindBase(module);
-    py::class_<ActionRow, EntryRow> action(module, "ActionEntry",
+    py::class_<ActionRow, EntryRow> action(module, "ActionEntry", plainType(),
                                            "What is done with traffic to the processor.");
     bindColumns(action, "ActionEntry", actionColumns());
-    py::class_<MatchRow, EntryRow> match(module, "MatchEntry",
+    py::class_<MatchRow, EntryRow> match(module, "MatchEntry", plainType(),
                                          "Which traffic an action is for: an entry of v4 or v6.");
     bindColumns(match, "MatchEntry", matchColumns());
-    py::class_<EntryIterator>(module, "EntryIterator",
+    py::class_<EntryIterator>(module, "EntryIterator", plainType(),
                               R"doc(Entries one by one, as they are read; see Table.entries.
 
 No list is made: an entry that a script does not keep is gone. Entries come in no order (`sorted`

@@ -66,7 +66,7 @@ void bindDamage(py::module_& module) {
          "\"rotten\", \"busy\" or \"unreadable\"."},
         {"what", [](const Damage& damage) { return text(damage.what); },
          "The file, and the slot where it is one."}};
-    py::class_<Damage> type(module, "Damage", "What could not be read.");
+    py::class_<Damage> type(module, "Damage", plainType(), "What could not be read.");
     bindColumns(type, "Damage", columns);
     bindOrder(
         type,

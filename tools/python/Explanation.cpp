@@ -69,7 +69,7 @@ py::object explained(const std::shared_ptr<Attachment>& attachment, Inspect::Tab
 }
 
 void bindExplanation(py::module_& module) {
-    py::class_<Explanation> type(module, "Explanation",
+    py::class_<Explanation> type(module, "Explanation", plainType(),
                                  R"doc(Why an entry is, or is not, in hardware; see Table.explain.
 
 `print(explanation)` prints what `vorn explain` prints.

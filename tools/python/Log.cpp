@@ -172,7 +172,8 @@ std::string changeLine(const ToldChange& told) {
 }
 
 void bindChange(py::module_& module) {
-    py::class_<ToldChange> type(module, "Change", R"doc(One change of a table; see Table.log.
+    py::class_<ToldChange> type(module, "Change", plainType(),
+                                R"doc(One change of a table; see Table.log.
 
 A plain value; its columns are attributes and items. Changes are ordered by table and version.
 )doc");
@@ -236,7 +237,8 @@ py::object logIterator(const std::shared_ptr<Attachment>& attachment, const LogQ
 
 void bindLog(py::module_& module) {
     bindChange(module);
-    py::class_<ChangeIterator>(module, "ChangeIterator", "Changes one by one; see Table.log.")
+    py::class_<ChangeIterator>(module, "ChangeIterator", plainType(),
+                               "Changes one by one; see Table.log.")
         .def("__iter__", [](py::object self) { return self; })
         .def("__next__", &ChangeIterator::next)
         .def("__repr__", [](const ChangeIterator&) { return "<vorn.ChangeIterator>"; });

@@ -64,7 +64,7 @@ void bindResource(py::module_& module) {
                                        : text(Inspect::nameOfTableId(row.userTable));
          },
          "Table whose version that is."}};
-    py::class_<Row> type(module, "Resource", "An index that is not free: its record.");
+    py::class_<Row> type(module, "Resource", plainType(), "An index that is not free: its record.");
     bindColumns(type, "Resource", columns);
     bindOrder(
         type,
@@ -80,7 +80,7 @@ void bindResource(py::module_& module) {
     type.def("__str__", [line](const Row& row) { return text(line(row)); });
     type.def("__repr__",
              [line](const Row& row) { return text(fmt::format("<vorn.Resource {}>", line(row))); });
-    py::class_<ResourceIterator>(module, "ResourceIterator",
+    py::class_<ResourceIterator>(module, "ResourceIterator", plainType(),
                                  "Indexes one by one; see System.resources.")
         .def("__iter__", [](py::object self) { return self; })
         .def("__next__", &ResourceIterator::next)
@@ -95,7 +95,8 @@ void bindAcknowledgement(py::module_& module) {
         {"id", [](const Row& row) { return py::int_(row.tableId); }, "The table's number."},
         {"version", [](const Row& row) { return py::int_(row.version); },
          "The newest version that hardware has all of."}};
-    py::class_<Row> type(module, "Acknowledgement", "What hardware has acknowledged of a table.");
+    py::class_<Row> type(module, "Acknowledgement", plainType(),
+                         "What hardware has acknowledged of a table.");
     bindColumns(type, "Acknowledgement", columns);
     bindOrder(
         type, [](const Row& row) { return std::tuple(row.tableId, row.version); },

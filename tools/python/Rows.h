@@ -37,17 +37,25 @@ py::dict toDict(const Columns<Row>& columns, const Row& row) {
 /// rows so.
 py::object dataclassFields(const std::string& name, const std::vector<std::string>& columns);
 
+/// Adds the columns that the class does not have from its base.
+template <class Row, class... Options>
+void bindAttributes(py::class_<Row, Options...>& type, const Columns<Row>& columns) {
+    for (const Column<Row>& column : columns) {
+        if (!py::hasattr(type, column.name.c_str()))
+            type.def_property_readonly(column.name.c_str(), py::cpp_function(column.get),
+                                       column.doc.c_str());
+    }
+}
+
 /// Adds to the class: its columns as attributes, what `dict(row)` asks for, and the fields of a
 /// data class.
 template <class Row, class... Options>
 void bindColumns(py::class_<Row, Options...>& type, const std::string& name,
                  const Columns<Row>& columns) {
     std::vector<std::string> names;
-    for (const Column<Row>& column : columns) {
-        type.def_property_readonly(column.name.c_str(), py::cpp_function(column.get),
-                                   column.doc.c_str());
+    for (const Column<Row>& column : columns)
         names.push_back(column.name);
-    }
+    bindAttributes(type, columns);
     const py::tuple keys = py::cast(names);
     type.def(
         "keys", [keys](const Row&) { return keys; }, "keys(self)\n--\n\nThe names of the columns.");

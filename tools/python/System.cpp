@@ -165,7 +165,8 @@ tells the oldest where there are very many. Raises NotRunningError without an ag
 }  // namespace
 
 void bindSystem(py::module_& module) {
-    SystemClass type(module, "System", R"doc(A state directory, attached for reading; see attach().
+    SystemClass type(module, "System", plainType(),
+                     R"doc(A state directory, attached for reading; see attach().
 
 Nothing is written, and neither process is held up. May be used by several threads.
 )doc");

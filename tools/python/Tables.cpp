@@ -83,7 +83,8 @@ void bindFigures(py::module_& module) {
          "Records that it has room for."},
         {"oldest_record", [](const Row& row) { return orNone(row.log.oldest); },
          "Version of the oldest record; None where there is none."}};
-    py::class_<Row> type(module, "Figures", "What is counted of a table; see Table.figures.");
+    py::class_<Row> type(module, "Figures", plainType(),
+                         "What is counted of a table; see Table.figures.");
     bindColumns(type, "Figures", columns);
     const auto line = [behind](const Row& row) {
         return fmt::format("{}: {} entries, version {}, {} behind", shortName(row.log.table),
@@ -241,11 +242,12 @@ the table itself gives within the agent.
 Staged entries are in the agent's memory only and not listed here: explain() tells of one,
 System.staged() of all that are on their way.
 
->>> for line in system.table("action").getTableEntries_py(1):
+>>> for line in system.table("v4").getTableEntries_py(1):
 ...     print(line)
-key ... ssh counter ...
-key ...
-key ...
+key ... rest priority 1 action ...
+key ... ssh priority 90 action ...
+key ... bgp priority 100 action ...
+key ... bgp priority 100 action ...
 )doc");
 }
 
@@ -307,7 +309,7 @@ py::object tableToPython(const std::shared_ptr<Attachment>& attachment, Table ta
 
 void bindTables(py::module_& module) {
     bindFigures(module);
-    py::class_<PyTable> type(module, "Table",
+    py::class_<PyTable> type(module, "Table", plainType(),
                              R"doc(One of the three tables of a System, with all units.
 
 Iterating over it gives its committed entries, `len` counts them, and a data frame can be made of it:
