@@ -10,7 +10,7 @@ import pandas
 import pytest
 
 import vorn
-from conftest import SOURCE
+from conftest import SOURCE, Surroundings, wait_until
 
 DOCUMENT = (SOURCE / "docs" / "python.md").read_text(encoding="utf-8")
 NAMES = [name for name in vorn.__all__ if not name.startswith("__")]
@@ -76,6 +76,29 @@ def test_the_example_runs(live, environment):
                           env=environment, timeout=60)
     assert (done.returncode, done.stdout, done.stderr) == (
         0, "0 entries are not in hardware yet\n", "")
+
+
+@pytest.fixture
+def guarded_router(build, tmp_path, monkeypatch):
+    """An agent with the policy of the document's session."""
+    where = Surroundings(build, str(tmp_path), (1, 2))
+    agent = where.agent(str(SOURCE / "examples" / "rfc6192.yaml"))
+    where.hardware()
+    wait_until(lambda: all(table["logVersion"] == table["acknowledgedVersion"] != 0
+                           for table in agent.ask("status")["tables"]), "all to be acknowledged")
+    monkeypatch.setenv("VORN_STATE_DIR", where.state)
+    yield
+    where.end()
+
+
+def test_the_session_of_the_document_is_real(guarded_router):
+    session = "\n".join(re.findall(r"^    (.*)$", DOCUMENT[:DOCUMENT.index("## What there is")],
+                                   re.MULTILINE))
+    told = []
+    test = doctest.DocTestParser().get_doctest(session, {}, "python.md", None, 0)
+    assert len(test.examples) > 10
+    runner = doctest.DocTestRunner(optionflags=doctest.ELLIPSIS)
+    assert runner.run(test, out=told.append).failed == 0, "".join(told)
 
 
 def test_the_document_lists_every_name_of_the_module():

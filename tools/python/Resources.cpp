@@ -120,7 +120,7 @@ std::string acknowledgementsText(const Acknowledgements& acks) {
 
 void bindAcknowledgements(py::module_& module) {
     py::class_<Acknowledgements>(
-        module, "Acknowledgements",
+        module, "Acknowledgements", plainType(),
         R"doc(The file of the hardware side, as it was read: one row a table.
 
 >>> [(row.table, row.version) for row in system.acknowledgements()][:2]

@@ -176,8 +176,8 @@ Nothing is written, and neither process is held up. May be used by several threa
     module.def("attach", &attach, py::arg("path") = py::none(), R"doc(attach(path=None)
 --
 
-Attaches a state directory for reading: beside a live agent, or what a dead one left. Without a path,
-the one that VORN_STATE_DIR names. Raises StateDirectoryError where it holds no tables.
+Attaches a state directory for reading: beside a live agent, or what a dead one left. Without a
+path, the one that VORN_STATE_DIR names. Raises StateDirectoryError where it holds no tables.
 
 >>> with vorn.attach(system.path) as own:
 ...     print(own.source, own.units)

@@ -226,8 +226,8 @@ Committed entries one by one, of all units or one; see EntryIterator.
         .def("find", &findEntry, py::arg("unit"), py::arg("key"), R"doc(find(self, unit, key)
 --
 
-The committed entry of that key, name or label; None where there is none. QuestionError where several
-have the name, DamageError where the key's entry cannot be read.
+The committed entry of that key, name or label; None where there is none. Raises QuestionError where
+several have the name, and DamageError where the key's entry cannot be read.
 
 >>> system.table("v4").find(1, "ssh").priority
 90
@@ -268,15 +268,16 @@ v4: 8 entries, version 8, 0 behind
             py::arg("unit"), py::arg("key"), R"doc(explain(self, unit, key)
 --
 
-Why an entry is, or is not, in hardware: an Explanation. `key` is its key, or its name or label where
-that is unique. Asks the agent and the hardware side where they run.
+Why an entry is, or is not, in hardware: an Explanation. `key` is its key, or its name or label
+where that is unique. Asks the agent and the hardware side where they run.
 )doc")
         .def(
             "log", &logOf, py::arg("unit") = py::none(), py::kw_only(),
             py::arg("since") = py::none(), py::arg("from_") = py::none(),
             py::arg("to") = py::none(), py::arg("follow") = false, py::arg("timeout") = py::none(),
             py::arg("interval") = 0.05, py::arg("compare") = false,
-            R"doc(log(self, unit=None, *, since=None, from_=None, to=None, follow=False, timeout=None, interval=0.05, compare=False)
+            R"doc(log(self, unit=None, *, since=None, from_=None, to=None, follow=False,
+    timeout=None, interval=0.05, compare=False)
 --
 
 Changes one by one, the lowest version first: those that the log keeps.
@@ -312,7 +313,7 @@ void bindTables(py::module_& module) {
     py::class_<PyTable> type(module, "Table", plainType(),
                              R"doc(One of the three tables of a System, with all units.
 
-Iterating over it gives its committed entries, `len` counts them, and a data frame can be made of it:
+Iterating over it gives its committed entries, `len` counts them, and a frame can be made of it:
 
 >>> v4 = system.table("v4")
 >>> len(v4), v4.units
