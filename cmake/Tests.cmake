@@ -128,4 +128,4 @@ add_test(NAME installed_consumer
     COMMAND ${CMAKE_SOURCE_DIR}/tests/install/run
         ${CMAKE_BINARY_DIR} ${CMAKE_CXX_COMPILER} "${sanitize}")
 set_tests_properties(installed_consumer PROPERTIES
-    TIMEOUT ${VORN_TEST_TIMEOUT_S} ENVIRONMENT "${VORN_TEST_ENVIRONMENT}")
+    TIMEOUT ${VORN_TEST_TIMEOUT_S} ENVIRONMENT "${VORN_TEST_ENVIRONMENT};PYTHON=${VORN_PYTHON}")

@@ -158,6 +158,13 @@ def test_what_a_process_refuses_is_told(dead):
     peer.end()
 
 
+def test_what_makes_no_sense_at_a_socket_is_an_error_too(dead):
+    peer = FakePeer(dead.state / "hwd.sock", {"entry": {"entry": 5, "version": []}})
+    with vorn.attach(dead.state) as system, pytest.raises(vorn.Error, match="as expected"):
+        system.table("v4").explain(1, "ssh")
+    peer.end()
+
+
 def rot(system, name):
     """Spoils the v4 entry of that name on unit 1."""
     file = next(system.state.glob("asic/*/tableConfig/PolicyCpuV4TcamEntry/1.table"))

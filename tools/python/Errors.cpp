@@ -56,6 +56,10 @@ void translate(std::exception_ptr thrown) {
         raise(kinds().damage, error);
     } catch (const KivShimo::MountError& error) {
         raise(kinds().damage, error);
+    } catch (const Inspect::Json::exception& error) {
+        // A process of another version, or none of ours, at the socket.
+        raise(kinds().error, std::runtime_error(fmt::format(
+                                 "a process does not answer as expected: {}", error.what())));
     }
 }
 

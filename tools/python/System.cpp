@@ -75,10 +75,10 @@ void addIdentity(SystemClass& type) {
             "QuestionError.")
         .def_property_readonly(
             "agent_runs", [](const Holder& self) { return whoRuns(self).agent; },
-            "Whether an agent answers now.")
+            "Whether an agent is there now, and serves its socket.")
         .def_property_readonly(
             "hardware_runs", [](const Holder& self) { return whoRuns(self).hardware; },
-            "Whether a hardware side answers now.")
+            "Whether a hardware side is there now, and serves its socket.")
         .def_property_readonly(
             "source", [](const Holder& self) { return whoRuns(self).agent ? "agent" : "files"; },
             "Who says what is told: \"agent\" beside one that runs, else \"files\".")

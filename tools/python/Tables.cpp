@@ -271,12 +271,11 @@ v4: 8 entries, version 8, 0 behind
 Why an entry is, or is not, in hardware: an Explanation. `key` is its key, or its name or label
 where that is unique. Asks the agent and the hardware side where they run.
 )doc")
-        .def(
-            "log", &logOf, py::arg("unit") = py::none(), py::kw_only(),
-            py::arg("since") = py::none(), py::arg("from_") = py::none(),
-            py::arg("to") = py::none(), py::arg("follow") = false, py::arg("timeout") = py::none(),
-            py::arg("interval") = 0.05, py::arg("compare") = false,
-            R"doc(log(self, unit=None, *, since=None, from_=None, to=None, follow=False,
+        .def("log", &logOf, py::arg("unit") = py::none(), py::kw_only(),
+             py::arg("since") = py::none(), py::arg("from_") = py::none(),
+             py::arg("to") = py::none(), py::arg("follow") = false, py::arg("timeout") = py::none(),
+             py::arg("interval") = 0.05, py::arg("compare") = false,
+             R"doc(log(self, unit=None, *, since=None, from_=None, to=None, follow=False,
     timeout=None, interval=0.05, compare=False)
 --
 
@@ -290,7 +289,7 @@ holds: Change.before, Change.differences.
 `timeout` seconds after it was called (None: never), or behind version `to`. Other threads run
 meanwhile; Ctrl-C ends it. From its first version on (`from_`, `since`, or the oldest that is kept)
 it tells every version once: where hardware was faster than the look, by the value that the change
-wrote, and as operation "lost" where that was replaced as well.
+wrote, and as operation "lost" where that was replaced as well; these are told for every unit.
 
 >>> v4 = system.table("v4")
 >>> v4.log()
