@@ -118,8 +118,9 @@ if(TARGET vorn_python AND TARGET vorn AND TARGET vorn-agent AND TARGET vorn-hwd)
     add_test(NAME test_python COMMAND ${VORN_PYTHON} -m pytest -q -p no:cacheprovider
         --build=${CMAKE_BINARY_DIR} --junit-xml=${VORN_REPORTS}/test_python.xml
         ${CMAKE_SOURCE_DIR}/tests/python)
+    # With a sanitizer all that the interpreter does is slow, type checkers most.
     set_tests_properties(test_python PROPERTIES
-        TIMEOUT ${VORN_TEST_TIMEOUT_S} ENVIRONMENT "${VORN_PYTHON_ENVIRONMENT}")
+        TIMEOUT 900 ENVIRONMENT "${VORN_PYTHON_ENVIRONMENT}")
 endif()
 
 # A user's program against an installed tree, by CMake package and by pkg-config.
