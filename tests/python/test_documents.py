@@ -80,7 +80,7 @@ def test_the_example_runs(live, environment):
 
 @pytest.fixture
 def guarded_router(build, tmp_path, monkeypatch):
-    """An agent with the policy of the document's session."""
+    """An agent with the policy of the document's transcript."""
     where = Surroundings(build, str(tmp_path), (1, 2))
     agent = where.agent(str(SOURCE / "examples" / "rfc6192.yaml"))
     where.hardware()
@@ -91,11 +91,11 @@ def guarded_router(build, tmp_path, monkeypatch):
     where.end()
 
 
-def test_the_session_of_the_document_is_real(guarded_router):
-    session = "\n".join(re.findall(r"^    (.*)$", DOCUMENT[:DOCUMENT.index("## What there is")],
+def test_the_transcript_of_the_document_is_real(guarded_router):
+    transcript = "\n".join(re.findall(r"^    (.*)$", DOCUMENT[:DOCUMENT.index("## What there is")],
                                    re.MULTILINE))
     told = []
-    test = doctest.DocTestParser().get_doctest(session, {}, "python.md", None, 0)
+    test = doctest.DocTestParser().get_doctest(transcript, {}, "python.md", None, 0)
     assert len(test.examples) > 10
     runner = doctest.DocTestRunner(optionflags=doctest.ELLIPSIS)
     assert runner.run(test, out=told.append).failed == 0, "".join(told)

@@ -111,7 +111,7 @@ def test_other_threads_run_while_one_follows(left):
         while follower.is_alive():
             ticks.append(time.monotonic())
             follower.join(0.001)
-        assert len(ticks) > 50
+        assert len(ticks) > 5
 
 
 SCRIPT = """
