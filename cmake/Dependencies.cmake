@@ -24,3 +24,10 @@ if(TARGET yaml-cpp::yaml-cpp)
 endif()
 target_link_libraries(vorn_process_libraries INTERFACE
     ${yaml_cpp} CLI11::CLI11 nlohmann_json::nlohmann_json Threads::Threads ${CMAKE_DL_LIBS})
+
+# The system's packages are seen by the system's interpreter, which need not be the first in PATH.
+find_program(VORN_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH)
+find_program(VORN_PYTHON python3 REQUIRED)
+set(Python_EXECUTABLE ${VORN_PYTHON})
+find_package(Python 3.11 REQUIRED COMPONENTS Interpreter Development.Module)
+find_package(pybind11 REQUIRED)

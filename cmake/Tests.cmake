@@ -1,5 +1,6 @@
 # Each folder below tests/ with sources is one program, one ctest test and one
-# report: tests/a/b is test_a_b and writes test-reports/test_a_b.xml. tests/cli is Python.
+# report: tests/a/b is test_a_b and writes test-reports/test_a_b.xml. tests/cli and tests/python are
+# Python.
 
 find_package(GTest REQUIRED)
 find_package(rapidcheck REQUIRED)
@@ -90,9 +91,6 @@ if(TARGET vorn-agent AND TARGET vorn-hwd)
 endif()
 
 # The command line on real processes, and on what they leave.
-# The system's packages are seen by the system's interpreter, which need not be the first in PATH.
-find_program(VORN_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH)
-find_program(VORN_PYTHON python3 REQUIRED)
 if(TARGET vorn AND TARGET vorn-agent AND TARGET vorn-hwd)
     add_test(NAME test_cli COMMAND ${VORN_PYTHON} -m pytest -q -p no:cacheprovider
         --build=${CMAKE_BINARY_DIR} --junit-xml=${VORN_REPORTS}/test_cli.xml
@@ -101,10 +99,34 @@ if(TARGET vorn AND TARGET vorn-agent AND TARGET vorn-hwd)
         TIMEOUT ${VORN_TEST_TIMEOUT_S} ENVIRONMENT "${VORN_TEST_ENVIRONMENT}")
 endif()
 
+# The Python module on real processes. An interpreter knows nothing of sanitizers, which have to be
+# there before everything else; and before the address sanitizer looks for what it stands in for, the
+# C++ library, which comes with the module, has to be there as well. What the interpreter itself
+# leaves at its end is no leak of ours.
+set(VORN_PYTHON_ENVIRONMENT "${VORN_TEST_ENVIRONMENT}")
+if(VORN_SANITIZE MATCHES "address")
+    foreach(library libasan.so libstdc++.so)
+        execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${library}
+            OUTPUT_VARIABLE path OUTPUT_STRIP_TRAILING_WHITESPACE)
+        list(APPEND preloaded ${path})
+    endforeach()
+    string(JOIN ":" preloaded ${preloaded})
+    list(APPEND VORN_PYTHON_ENVIRONMENT "LD_PRELOAD=${preloaded}"
+        "ASAN_OPTIONS=halt_on_error=1:detect_leaks=0:strict_string_checks=1")
+endif()
+if(TARGET vorn_python AND TARGET vorn AND TARGET vorn-agent AND TARGET vorn-hwd)
+    add_test(NAME test_python COMMAND ${VORN_PYTHON} -m pytest -q -p no:cacheprovider
+        --build=${CMAKE_BINARY_DIR} --junit-xml=${VORN_REPORTS}/test_python.xml
+        ${CMAKE_SOURCE_DIR}/tests/python)
+    # With a sanitizer all that the interpreter does is slow, type checkers most.
+    set_tests_properties(test_python PROPERTIES
+        TIMEOUT 900 ENVIRONMENT "${VORN_PYTHON_ENVIRONMENT}")
+endif()
+
 # A user's program against an installed tree, by CMake package and by pkg-config.
 string(JOIN " " sanitize ${VORN_SANITIZE_FLAGS})
 add_test(NAME installed_consumer
     COMMAND ${CMAKE_SOURCE_DIR}/tests/install/run
         ${CMAKE_BINARY_DIR} ${CMAKE_CXX_COMPILER} "${sanitize}")
 set_tests_properties(installed_consumer PROPERTIES
-    TIMEOUT ${VORN_TEST_TIMEOUT_S} ENVIRONMENT "${VORN_TEST_ENVIRONMENT}")
+    TIMEOUT ${VORN_TEST_TIMEOUT_S} ENVIRONMENT "${VORN_TEST_ENVIRONMENT};PYTHON=${VORN_PYTHON}")

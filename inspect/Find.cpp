@@ -11,6 +11,20 @@
 
 namespace Inspect {
 
+Table tableNamed(const std::string& name) {
+    if (const auto table = tableFromText(name))
+        return *table;
+    throw QuestionError(fmt::format("'{}' is no table; tables are action, v4 and v6", name));
+}
+
+void requireUnit(const State& state, std::uint16_t unit) {
+    const auto units = state.units();
+    if (std::ranges::find(units, unit) == units.end()) {
+        throw QuestionError(
+            fmt::format("there is no unit {} here; units are {}", unit, fmt::join(units, ", ")));
+    }
+}
+
 std::string stagedName(const Json& explained) {
     const Json staged = explained.value("staged", Json());
     const Json entry = staged.is_object() ? staged.value("entry", Json()) : Json();

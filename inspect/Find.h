@@ -9,6 +9,11 @@
 
 namespace Inspect {
 
+/// Throws QuestionError for a name of no table.
+Table tableNamed(const std::string& name);
+/// Throws QuestionError where no table has the unit.
+void requireUnit(const State& state, std::uint16_t unit);
+
 /// Name or label of the entry that an answer to "explain" has as staged; empty where it has none.
 std::string stagedName(const Json& explained);
 

@@ -57,47 +57,48 @@ std::vector<std::string> changesBetween(const Json& before, const Json& after) {
     return changes;
 }
 
+ChangeTeller::ChangeTeller(System& system, Table table, bool asksHardware)
+    : system_(system), table_(table), asksHardware_(asksHardware) {}
+
+const ChangeTeller::Unit& ChangeTeller::unitOf(std::uint16_t number, const Report& report) {
+    auto unit = units_.find(number);
+    if (unit == units_.end()) {
+        unit =
+            units_
+                .emplace(number, Unit{[](const std::string&) { return std::nullopt; },
+                                      asksHardware_ ? heldIfRuns(system_, number) : HeldEntries()})
+                .first;
+        reporting(report, [&] { unit->second.values = system_.state.lookup(table_, number); });
+    }
+    return unit->second;
+}
+
+ToldChange ChangeTeller::told(const Change& change, const Report& report) {
+    ToldChange told;
+    told.change = change;
+    if (change.key.empty())
+        return told;
+    const EntryId id{table_, change.unit, change.key};
+    const Unit& unit = unitOf(change.unit, report);
+    std::optional<Entry> value;
+    reporting(report, [&] { value = unit.values(change.key); });
+    if (value && value->version > change.version)
+        told.supersededBy = value->version;
+    if (value && value->version == change.version && !value->inDeletion)
+        told.entry = std::move(value);
+    const auto held = unit.held.find(id);
+    if (held != unit.held.end() && held->second.version < change.version)
+        told.before = held->second;
+    if (told.before && told.entry)
+        told.differences = changesBetween(told.before->content, told.entry->content);
+    return told;
+}
+
 void tellChanges(System& system, Table table, std::uint64_t from, std::uint64_t to,
                  const std::function<void(const ToldChange&)>& visit, const Report& report) {
-    struct Unit {
-        State::Lookup values;
-        HeldEntries held;
-    };
-    std::map<std::uint16_t, Unit> units;
-    const auto unitOf = [&](std::uint16_t number) -> const Unit& {
-        auto unit = units.find(number);
-        if (unit == units.end()) {
-            unit = units
-                       .emplace(number, Unit{[](const std::string&) { return std::nullopt; },
-                                             heldIfRuns(system, number)})
-                       .first;
-            reporting(report, [&] { unit->second.values = system.state.lookup(table, number); });
-        }
-        return unit->second;
-    };
+    ChangeTeller teller(system, table, true);
     system.state.changes(
-        table, from, to,
-        [&](const Change& change) {
-            ToldChange told;
-            told.change = change;
-            if (change.operation == Change::Operation::allRemoved)
-                return visit(told);
-            const EntryId id{table, change.unit, change.key};
-            const Unit& unit = unitOf(change.unit);
-            std::optional<Entry> value;
-            reporting(report, [&] { value = unit.values(change.key); });
-            if (value && value->version > change.version)
-                told.supersededBy = value->version;
-            if (value && value->version == change.version && !value->inDeletion)
-                told.entry = std::move(value);
-            const auto held = unit.held.find(id);
-            if (held != unit.held.end() && held->second.version < change.version)
-                told.before = held->second;
-            if (told.before && told.entry)
-                told.differences = changesBetween(told.before->content, told.entry->content);
-            visit(told);
-        },
-        report);
+        table, from, to, [&](const Change& change) { visit(teller.told(change, report)); }, report);
 }
 
 Json toJson(const ToldChange& told) {

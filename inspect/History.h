@@ -24,6 +24,28 @@ struct ToldChange {
     std::vector<std::string> differences;       ///< to `before`, "priority 10 -> 20"
 };
 
+/// Tells changes of one table with their content; keeps open what it has looked into.
+class ChangeTeller {
+public:
+    /// `asksHardware`: what hardware holds of each unit is asked for once, where it runs. `system`
+    /// has to stay.
+    ChangeTeller(System& system, Table table, bool asksHardware);
+
+    ToldChange told(const Change& change, const Report& report);
+
+private:
+    struct Unit {
+        State::Lookup values;
+        HeldEntries held;
+    };
+    const Unit& unitOf(std::uint16_t number, const Report& report);
+
+    System& system_;
+    Table table_;
+    bool asksHardware_;
+    std::map<std::uint16_t, Unit> units_;
+};
+
 /// Versions of a table, the lowest first.
 void tellChanges(System& system, Table table, std::uint64_t from, std::uint64_t to,
                  const std::function<void(const ToldChange&)>& visit, const Report& report);

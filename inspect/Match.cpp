@@ -20,10 +20,6 @@ constexpr std::array<std::string_view, 6> kTexts{"key",  "label",       "name",
                                                  "mode", "disposition", "action"};
 constexpr std::array<std::string_view, 5> kNumbers{"priority", "counter", "policer", "rate",
                                                    "burst"};
-constexpr std::array<std::string_view, 11> kFields{"src",       "dst",       "proto",   "sport",
-                                                   "dport",     "tcp-flags", "ttl",     "dscp",
-                                                   "icmp-type", "icmp-code", "fragment"};
-
 /// An address and the bits of it that count, in the order of the wire.
 struct Bits {
     std::vector<std::uint8_t> address;
@@ -161,7 +157,7 @@ Match::Match(const std::string& text) {
     const auto isKnown = [&](const auto& names) {
         return std::ranges::find(names, field_) != names.end();
     };
-    if (isKnown(kFields)) {
+    if (isKnown(kMatchFields)) {
         if (!isValueMet(field_, wanted_))
             throw QuestionError(fmt::format("'{}': no value for field {}", wanted_, field_));
     } else if (field_ == "label" || field_ == "name") {
@@ -170,7 +166,7 @@ Match::Match(const std::string& text) {
             wanted_ = storedName(field_ == "name" ? Table::action : Table::v4, wanted_);
     } else if (!isKnown(kTexts) && !isKnown(kNumbers)) {
         throw QuestionError(fmt::format("'{}': there is no such field; known: {}, {}, {}", field_,
-                                        fmt::join(kFields, ", "), fmt::join(kTexts, ", "),
+                                        fmt::join(kMatchFields, ", "), fmt::join(kTexts, ", "),
                                         fmt::join(kNumbers, ", ")));
     }
 }

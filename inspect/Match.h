@@ -3,14 +3,21 @@
 // Plain values: any thread.
 #pragma once
 
+#include <array>
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "inspect/State.h"
 
 namespace Inspect {
+
+/// Fields of packets that match entries may ask for, as their content names them.
+inline constexpr std::array<std::string_view, 11> kMatchFields{
+    "src",       "dst",       "proto", "sport", "dport",   "tcp-flags",
+    "icmp-type", "icmp-code", "ttl",   "dscp",  "fragment"};
 
 /// "dport=179", "src=192.0.2.0/24", "label=bgp*": a field of an entry and a value.
 ///

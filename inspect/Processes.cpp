@@ -13,6 +13,12 @@ namespace Inspect {
 
 Peer::Peer(std::string name, std::string socket)
     : name_(std::move(name)), socket_(std::move(socket)) {
+    reconnect();
+}
+
+void Peer::reconnect() {
+    client_.reset();
+    reason_.clear();
     try {
         client_ = std::make_shared<Process::ControlClient>(socket_);
     } catch (const std::system_error& error) {

@@ -27,6 +27,8 @@ public:
     /// Why it cannot be asked; empty where it can.
     const std::string& reason() const { return reason_; }
 
+    /// Connects anew: the process may have ended, or started, since.
+    void reconnect();
     /// Asks it no more, for the reason.
     void leaveAlone(std::string reason);
     /// The answer. Throws NotRunningError, also when the process ends meanwhile or does not answer

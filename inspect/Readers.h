@@ -7,12 +7,14 @@
 #include <concepts>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "hwside/Files.h"
 #include "hwside/Group.h"
+#include "inspect/State.h"
 #include "inspect/Tables.h"
 #include "platform/kivshimo/Errors.h"
 #include "platform/kivshimo/MapReader.h"
@@ -89,5 +91,52 @@ auto patiently(const Look& look) {
         }
     }
 }
+
+Change::Operation operationOf(VornPolicyCpu::LogOperation operation);
+
+template <class Types>
+Change changeOf(Table table, const Record<Types>& record) {
+    const Change::Operation operation = operationOf(record.operation);
+    return {table, record.version.value, record.unitId.value, operation,
+            operation == Change::Operation::allRemoved ? std::string() : record.key.toText()};
+}
+
+/// The elements of a file one after the other, in no order; what does not verify is reported.
+template <class Stored>
+class SlotWalk {
+public:
+    using Reader = KivShimo::MapReader<Stored>;
+    using Open = std::function<std::optional<Reader>()>;
+    /// `open` is called by the first step.
+    explicit SlotWalk(Open open) : open_(std::move(open)) {}
+
+    /// Empty after the last, and where there is no file.
+    std::optional<Stored> next(const Report& report) {
+        if (open_) {
+            reporting(report, [&] {
+                if (auto opened = open_())
+                    reader_ = std::make_shared<const Reader>(std::move(*opened));
+            });
+            open_ = nullptr;
+        }
+        const auto rotten = [&](const KivShimo::CorruptionError& error) {
+            report({Damage::Kind::rotten, error.what()});
+        };
+        while (reader_) {
+            try {
+                return patiently([&] { return reader_->nextInSlots(slot_, rotten); });
+            } catch (const KivShimo::BusyError& error) {
+                report({Damage::Kind::busy, error.what()});
+                ++slot_;
+            }
+        }
+        return std::nullopt;
+    }
+
+private:
+    Open open_;
+    std::shared_ptr<const Reader> reader_;  ///< copies of the walk share it
+    std::uint64_t slot_ = 0;
+};
 
 }  // namespace Inspect

@@ -8,6 +8,7 @@
 
 #include "inspect/Errors.h"
 #include "inspect/Readers.h"
+#include "platform/kiv/HashMap2018.h"
 #include "platform/kivshimo/AckMap.h"
 #include "platform/kivshimo/AnnounceLog.h"
 #include "process/KeyText.h"
@@ -47,29 +48,55 @@ bool comesBefore(const Value<Types>& left, const Value<Types>& right) {
     return left.key() < right.key();
 }
 
-/// All values that can be read. A second look after BusyError begins anew.
+template <class Types>
+SlotWalk<Value<Types>> valueWalk(const HwSide::Group& group, std::uint16_t unit) {
+    return SlotWalk<Value<Types>>([&group, unit] { return openConfig<Types>(group, unit); });
+}
+
+/// All values that can be read.
 template <class Types>
 std::vector<Value<Types>> valuesOf(const HwSide::Group& group, std::uint16_t unit,
                                    const Report& report) {
     std::vector<Value<Types>> values;
-    reporting(report, [&] {
-        const auto config = openConfig<Types>(group, unit);
-        if (!config)
-            return;
-        std::vector<Damage> damages;
-        patiently([&] {
-            values.clear();
-            damages.clear();
-            config->visitSlots([&](const Value<Types>& value) { values.push_back(value); },
-                               [&](const KivShimo::CorruptionError& error) {
-                                   damages.push_back({Damage::Kind::rotten, error.what()});
-                               });
-        });
-        for (const Damage& damage : damages)
-            report(damage);
-    });
+    auto walk = valueWalk<Types>(group, unit);
+    while (const auto value = walk.next(report))
+        values.push_back(*value);
     return values;
 }
+
+template <class PoolTypes>
+State::Walk<ResourceRow> poolWalk(std::vector<std::string> files) {
+    using Stored = Asic::ResourceRecord<PoolTypes>;
+    const auto walkOf = [](const std::string& file) {
+        return SlotWalk<Stored>([file] {
+            return std::optional(
+                KivShimo::MapReader<Stored>(file, PoolTypes::kFileType, kResourceCollection));
+        });
+    };
+    std::optional<SlotWalk<Stored>> walk;
+    std::size_t next = 0;
+    return [files = std::move(files), walkOf, walk,
+            next](const Report& report) mutable -> std::optional<ResourceRow> {
+        for (;; walk.reset()) {
+            if (!walk) {
+                if (next == files.size())
+                    return std::nullopt;
+                walk = walkOf(files[next++]);
+            }
+            if (const auto stored = walk->next(report)) {
+                return ResourceRow{PoolTypes::kPool,
+                                   stored->index,
+                                   stored->requestKey.toText(),
+                                   stored->state == Asic::ResourceRecordState::returning,
+                                   stored->version,
+                                   stored->userTable,
+                                   files[next - 1]};
+            }
+        }
+    };
+}
+
+}  // namespace
 
 Change::Operation operationOf(VornPolicyCpu::LogOperation operation) {
     switch (operation) {
@@ -82,39 +109,6 @@ Change::Operation operationOf(VornPolicyCpu::LogOperation operation) {
     }
     return Change::Operation::unknown;
 }
-
-template <class Types>
-Change changeOf(Table table, const Record<Types>& record) {
-    const Change::Operation operation = operationOf(record.operation);
-    return {table, record.version.value, record.unitId.value, operation,
-            operation == Change::Operation::allRemoved ? std::string() : record.key.toText()};
-}
-
-template <class PoolTypes>
-void readPool(const std::string& file, std::vector<ResourceRow>& rows, const Report& report) {
-    using Stored = Asic::ResourceRecord<PoolTypes>;
-    const KivShimo::MapReader<Stored> reader(file, PoolTypes::kFileType, kResourceCollection);
-    std::vector<ResourceRow> found;
-    std::vector<Damage> damages;
-    patiently([&] {
-        found.clear();
-        damages.clear();
-        reader.visitSlots(
-            [&](const Stored& stored) {
-                found.push_back({PoolTypes::kPool, stored.index, stored.requestKey.toText(),
-                                 stored.state == Asic::ResourceRecordState::returning,
-                                 stored.version, stored.userTable, file});
-            },
-            [&](const KivShimo::CorruptionError& error) {
-                damages.push_back({Damage::Kind::rotten, error.what()});
-            });
-    });
-    rows.insert(rows.end(), found.begin(), found.end());
-    for (const Damage& damage : damages)
-        report(damage);
-}
-
-}  // namespace
 
 std::string_view kindText(Damage::Kind kind) {
     switch (kind) {
@@ -154,6 +148,8 @@ std::string_view operationText(Change::Operation operation) {
             return "remove";
         case Change::Operation::allRemoved:
             return "removeAll";
+        case Change::Operation::lost:
+            return "lost";
         case Change::Operation::unknown:
             break;
     }
@@ -212,6 +208,38 @@ std::vector<std::uint16_t> State::units() const {
     std::ranges::sort(all);
     all.erase(std::unique(all.begin(), all.end()), all.end());
     return all;
+}
+
+State::Walk<Entry> State::walk(Table table, std::uint16_t unit) const {
+    return withTypes(table, [&]<class Types>() -> Walk<Entry> {
+        // The group is copied: a walk may outlive the state.
+        const auto group = std::make_shared<const HwSide::Group>(group_);
+        return [group, values = valueWalk<Types>(*group, unit), table,
+                unit](const Report& report) mutable -> std::optional<Entry> {
+            const auto value = values.next(report);
+            if (!value)
+                return std::nullopt;
+            Entry entry = entryOf<Types>(unit, *value);
+            entry.id.table = table;
+            return entry;
+        };
+    });
+}
+
+std::vector<std::string> State::listing(Table table, std::uint16_t unit,
+                                        const Report& report) const {
+    return withTypes(table, [&]<class Types>() {
+        std::vector<Value<Types>> values = valuesOf<Types>(group_, unit, report);
+        std::erase_if(values, [](const Value<Types>& value) { return value.inDeletion; });
+        std::ranges::sort(values, [](const Value<Types>& left, const Value<Types>& right) {
+            return Kiv::KeyOrder(left.key()) < Kiv::KeyOrder(right.key());
+        });
+        std::vector<std::string> lines;
+        lines.reserve(values.size());
+        for (const Value<Types>& value : values)
+            lines.push_back(Types::Entry::from(value.logEntry, value.rsrcKeys).toText());
+        return lines;
+    });
 }
 
 std::vector<Entry> State::entries(Table table, std::uint16_t unit, const Report& report) const {
@@ -281,25 +309,50 @@ LogFigures State::log(Table table, const Report& report) const {
     return figures;
 }
 
+State::Walk<Change> State::walkChanges(Table table, std::uint64_t from, std::uint64_t to) const {
+    return withTypes(table, [&]<class Types>() -> Walk<Change> {
+        struct Open {
+            std::optional<ChangeLog<Types>> log;
+            std::uint64_t version = 0;
+            std::uint64_t last = 0;
+        };
+        const auto opened = [group = group_, from, to](const Report& report) {
+            Open open;
+            reporting(report, [&] {
+                auto log = openChangeLog<Types>(group);
+                if (!log)
+                    return;
+                open.last = std::min(to, log->scratchpad());
+                // What lies further back than there are slots is not kept.
+                open.version =
+                    std::max(from, open.last > log->slots() ? open.last - log->slots() + 1 : 1);
+                open.log = std::move(log);
+            });
+            return open;
+        };
+        return [opened, open = std::shared_ptr<Open>(),
+                table](const Report& report) mutable -> std::optional<Change> {
+            if (!open)
+                open = std::make_shared<Open>(opened(report));
+            std::optional<Change> change;
+            while (open->log && !change && open->version <= open->last) {
+                reporting(report, [&] {
+                    const auto record = patiently([&] { return open->log->find(open->version); });
+                    if (record)
+                        change = changeOf<Types>(table, *record);
+                });
+                ++open->version;
+            }
+            return change;
+        };
+    });
+}
+
 void State::changes(Table table, std::uint64_t from, std::uint64_t to,
                     const std::function<void(const Change&)>& visit, const Report& report) const {
-    withTypes(table, [&]<class Types>() {
-        reporting(report, [&] {
-            const auto log = openChangeLog<Types>(group_);
-            if (!log)
-                return;
-            to = std::min(to, log->scratchpad());
-            // What lies further back than there are slots is not kept.
-            const std::uint64_t first = to > log->slots() ? to - log->slots() + 1 : 1;
-            for (std::uint64_t version = std::max(from, first); version <= to; ++version) {
-                reporting(report, [&] {
-                    const auto record = patiently([&] { return log->find(version); });
-                    if (record)
-                        visit(changeOf<Types>(table, *record));
-                });
-            }
-        });
-    });
+    const Walk<Change> next = walkChanges(table, from, to);
+    while (const auto change = next(report))
+        visit(*change);
 }
 
 Acknowledgements State::acknowledgements(const Report& report) const {
@@ -335,20 +388,27 @@ AnnouncementFigures State::announcements(const Report& report) const {
     return figures;
 }
 
+State::Walk<ResourceRow> State::walkResources(Pool pool) const {
+    const auto walkOf = [&]<class PoolTypes>() -> Walk<ResourceRow> {
+        return [folder = resourceFolder(group_, PoolTypes::kLibrary),
+                walk = Walk<ResourceRow>()](const Report& report) mutable {
+            if (!walk) {
+                std::vector<std::string> files;
+                reporting(report, [&] { files = HwSide::tableFilesIn(folder); });
+                walk = poolWalk<PoolTypes>(std::move(files));
+            }
+            return walk(report);
+        };
+    };
+    return pool == Pool::counter ? walkOf.template operator()<CounterPool>()
+                                 : walkOf.template operator()<PolicerPool>();
+}
+
 std::vector<ResourceRow> State::resources(Pool pool, const Report& report) const {
     std::vector<ResourceRow> rows;
-    const auto read = [&]<class PoolTypes>() {
-        reporting(report, [&] {
-            for (const std::string& file :
-                 HwSide::tableFilesIn(resourceFolder(group_, PoolTypes::kLibrary))) {
-                reporting(report, [&] { readPool<PoolTypes>(file, rows, report); });
-            }
-        });
-    };
-    if (pool == Pool::counter)
-        read.template operator()<CounterPool>();
-    else
-        read.template operator()<PolicerPool>();
+    const Walk<ResourceRow> walk = walkResources(pool);
+    while (auto row = walk(report))
+        rows.push_back(std::move(*row));
     std::ranges::sort(rows, {}, &ResourceRow::index);
     return rows;
 }

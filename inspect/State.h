@@ -52,11 +52,13 @@ struct Change {
     Table table = Table::action;
     std::uint64_t version = 0;
     std::uint16_t unit = 0;
-    enum class Operation : std::uint8_t { written, removed, allRemoved, unknown };
+    /// `lost` is what followers of a log say (Follow.h): published, and nothing tells any more what
+    /// it did.
+    enum class Operation : std::uint8_t { written, removed, allRemoved, unknown, lost };
     Operation operation = Operation::written;
-    std::string key;  ///< empty for allRemoved
+    std::string key;  ///< empty for allRemoved and lost
 };
-/// "write", "remove", "removeAll".
+/// "write", "remove", "removeAll", "unknown", "lost".
 std::string_view operationText(Change::Operation operation);
 
 struct LogFigures {
@@ -116,6 +118,14 @@ public:
     /// Of all tables.
     std::vector<std::uint16_t> units() const;
 
+    /// Gives one after the other and then nothing; what cannot be read is reported, and the walk
+    /// goes on behind it. Opens its file at the first call and keeps it open: one that is put in
+    /// its place is not seen.
+    template <class Element>
+    using Walk = std::function<std::optional<Element>(const Report& report)>;
+
+    /// The unit's values, in no order. One that is there all the time comes once.
+    Walk<Entry> walk(Table table, std::uint16_t unit) const;
     /// The unit's values in the order in which hardware tries them; actions by name.
     std::vector<Entry> entries(Table table, std::uint16_t unit, const Report& report) const;
     /// Nothing where there is none. Throws KivShimo errors.
@@ -126,6 +136,9 @@ public:
     /// when it is called.
     using Lookup = std::function<std::optional<Entry>(const std::string& key)>;
     Lookup lookup(Table table, std::uint16_t unit) const;
+    /// The inspection listing of the unit's table: the text of each live value, in the order of the
+    /// table's own listing.
+    std::vector<std::string> listing(Table table, std::uint16_t unit, const Report& report) const;
     /// Live values and values in deletion.
     struct Count {
         std::uint64_t live = 0;
@@ -134,11 +147,16 @@ public:
     Count count(Table table, std::uint16_t unit, const Report& report) const;
 
     LogFigures log(Table table, const Report& report) const;
-    /// Records of versions `from` to `to`, both included, the lowest first.
+    /// Records of versions `from` to `to`, both included, the lowest first; of what is published
+    /// when the walk begins.
+    Walk<Change> walkChanges(Table table, std::uint64_t from, std::uint64_t to) const;
     void changes(Table table, std::uint64_t from, std::uint64_t to,
                  const std::function<void(const Change&)>& visit, const Report& report) const;
     Acknowledgements acknowledgements(const Report& report) const;
     AnnouncementFigures announcements(const Report& report) const;
+    /// In no order.
+    Walk<ResourceRow> walkResources(Pool pool) const;
+    /// By index.
     std::vector<ResourceRow> resources(Pool pool, const Report& report) const;
 
 private:

@@ -69,13 +69,23 @@ public:
     /// there all the time is visited once. Throws BusyError.
     template <class Visit, class Report>
     void visitSlots(Visit&& visit, Report&& report) const {
-        for (std::uint64_t slot = 0; slot < slots_; ++slot) {
+        std::uint64_t slot = 0;
+        while (const std::optional<Value> value = nextInSlots(slot, report))
+            visit(*value);
+    }
+    /// One step of such a walk: the first element in a slot at or after `slot`, which becomes the
+    /// slot behind it; empty after the last. Where it throws BusyError, `slot` is the busy one.
+    template <class Report>
+    std::optional<Value> nextInSlots(std::uint64_t& slot, Report&& report) const {
+        while (slot < slots_) {
             const Reading reading = settled(slot);
+            const std::uint64_t at = slot++;
             if (reading.state == SlotState::whole)
-                visit(reading.value);
+                return reading.value;
             if (reading.state == SlotState::rotten)
-                report(CorruptionError(file(), name_, slot, "value does not verify"));
+                report(CorruptionError(file(), name_, at, "value does not verify"));
         }
+        return std::nullopt;
     }
     /// Elements there are, counted slot by slot.
     std::uint64_t count() const;

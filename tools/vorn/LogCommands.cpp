@@ -21,16 +21,6 @@ struct LogRange {
     std::uint64_t at = 0;
 };
 
-std::string toldText(const ToldChange& told) {
-    if (told.supersededBy)
-        return fmt::format("superseded by {}", *told.supersededBy);
-    if (!told.differences.empty())
-        return fmt::format("{}", fmt::join(told.differences, ", "));
-    if (told.entry)
-        return (told.before ? "as before: " : "") + entryText(told.entry->content);
-    return told.before ? "was " + entryText(told.before->content) : std::string();
-}
-
 std::string keptText(const LogFigures& log) {
     if (!log.oldest)
         return fmt::format("newest version {}; no records are kept: all is acknowledged",

@@ -125,23 +125,6 @@ void Output::note(std::string_view text) const {
     }
 }
 
-std::string shown(std::string_view text) {
-    std::string result;
-    result.reserve(text.size());
-    for (std::size_t at = 0; at < text.size(); ++at) {
-        const auto byte = static_cast<unsigned char>(text[at]);
-        const auto next = at + 1 < text.size() ? static_cast<unsigned char>(text[at + 1]) : 0U;
-        const bool isLate = byte == 0xC2U && next >= 0x80U && next < 0xA0U;  // U+0080 to U+009F
-        if (byte >= 0x20U && byte != 0x7FU && !isLate) {
-            result += text[at];
-            continue;
-        }
-        result += byte == '\t' ? ' ' : '?';
-        at += isLate ? 1 : 0;
-    }
-    return result;
-}
-
 std::size_t columnsOf(std::string_view text) {
     return static_cast<std::size_t>(std::ranges::count_if(text, startsCharacter));
 }

@@ -8,11 +8,12 @@
 #include <string_view>
 #include <vector>
 
-#include "inspect/State.h"
+#include "inspect/Text.h"
 
 namespace Vorn {
 
 using Inspect::Json;
+using Inspect::shown;
 
 enum class Colour : std::uint8_t { none, dim, bold, red, green, yellow };
 enum class ColourMode : std::uint8_t { automatic, always, never };
@@ -47,8 +48,6 @@ private:
     friend class JsonList;
 };
 
-/// Without control characters, which a terminal would obey: each is a '?', a tab is a space.
-std::string shown(std::string_view text);
 /// Columns that text takes on a terminal, each character as one.
 std::size_t columnsOf(std::string_view text);
 /// Cut to that many columns, the last being "…".

@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include "inspect/Errors.h"
+#include "inspect/Find.h"
 #include "process/StateDirectory.h"
 
 namespace Vorn {
@@ -75,26 +76,13 @@ int Session::printed(const Json& document, int code) {
     return ended(code);
 }
 
-Inspect::Table tableNamed(const std::string& name) {
-    const auto table = Inspect::tableFromText(name);
-    if (!table) {
-        throw Inspect::QuestionError(
-            fmt::format("'{}' is no table; tables are action, v4 and v6", name));
-    }
-    return *table;
-}
-
 void Session::requireUnit(std::uint16_t number) {
-    const auto units = system().state.units();
-    if (std::ranges::find(units, number) == units.end()) {
-        throw Inspect::QuestionError(
-            fmt::format("there is no unit {} here; units are {}", number, fmt::join(units, ", ")));
-    }
+    Inspect::requireUnit(system().state, number);
 }
 
 Inspect::Filter Session::wanted() {
     if (!tableName.empty())
-        filter.table = tableNamed(tableName);
+        filter.table = Inspect::tableNamed(tableName);
     filter.unit = unit;
     filter.matches.clear();
     for (const std::string& text : matchTexts)
@@ -135,17 +123,6 @@ CLI::App* addCommand(CLI::App& parent, Session& session, const std::string& name
     command->fallthrough();
     command->callback([&session, run = std::move(run)] { session.command = run; });
     return command;
-}
-
-std::string ageText(double seconds) {
-    constexpr double kMinute_s = 60;
-    constexpr double kHour_s = 3600;
-    if (seconds < 10)
-        return fmt::format("{:.1f} s", seconds);
-    if (seconds < 2 * kMinute_s)
-        return fmt::format("{:.0f} s", seconds);
-    return seconds < 2 * kHour_s ? fmt::format("{:.0f} min", seconds / kMinute_s)
-                                 : fmt::format("{:.1f} h", seconds / kHour_s);
 }
 
 bool isConfirmed(const Output& out, const std::string& question) {

@@ -67,9 +67,6 @@ private:
     std::vector<Inspect::Damage> damages_;
 };
 
-/// Throws QuestionError for a name of no table.
-Inspect::Table tableNamed(const std::string& name);
-
 void addTableOption(CLI::App& app, Session& session);
 void addUnitOption(CLI::App& app, Session& session);
 /// Adds --table and --unit.
@@ -97,8 +94,6 @@ void addCompletionCommand(CLI::App& app, Session& session);
 /// Prints what may stand in place of the last of the words, one a line.
 int completeWords(const CLI::App& app, const std::vector<std::string>& words);
 
-/// "12.3 s", "5 min", "2.1 h".
-std::string ageText(double seconds);
 /// y/N on the terminal; false where there is none, saying that --yes is needed.
 bool isConfirmed(const Output& out, const std::string& question);
 

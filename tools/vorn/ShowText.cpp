@@ -8,49 +8,6 @@ namespace Vorn {
 using Inspect::Entry;
 using Inspect::Table;
 
-std::string stringIn(const Json& object, const std::string& name) {
-    const auto member = object.find(name);
-    return member != object.end() && member->is_string() ? member->get<std::string>()
-                                                         : std::string();
-}
-
-std::string numberText(const Json& object, const std::string& name) {
-    const auto member = object.find(name);
-    if (member == object.end() || member->is_null())
-        return "-";
-    return member->is_number_float() ? fmt::format("{:.2f}", member->get<double>())
-                                     : member->dump();
-}
-
-std::string matchText(const Json& content) {
-    std::string text;
-    const Json fields = content.value("fields", Json::object());
-    for (const auto& [name, value] : fields.items()) {
-        text += fmt::format("{}{} {}", text.empty() ? "" : " ", name, value.get<std::string>());
-    }
-    return text.empty() ? "any" : text;
-}
-
-std::string rateText(const Json& content) {
-    const std::string mode = stringIn(content, "mode");
-    if (mode.empty() || mode == "none")
-        return {};
-    return fmt::format("{} {}, burst {}", numberText(content, "rate"), mode,
-                       numberText(content, "burst"));
-}
-
-std::string entryText(const Json& content) {
-    if (content.contains("disposition")) {
-        const std::string rate = rateText(content);
-        return fmt::format("{} {}, counter {}, policer {}{}", stringIn(content, "name"),
-                           stringIn(content, "disposition"), numberText(content, "counter"),
-                           numberText(content, "policer"), rate.empty() ? "" : ", " + rate);
-    }
-    return fmt::format("{} priority {}: {}, action {}", stringIn(content, "label"),
-                       numberText(content, "priority"), matchText(content),
-                       stringIn(content, "action"));
-}
-
 ActionNames actionNames(const Inspect::State& state) {
     ActionNames names;
     for (const std::uint16_t unit : state.units(Table::action)) {
@@ -80,12 +37,6 @@ TextTable entryTable(Table table) {
                       {"ACTION"},
                       {"VERSION", Kind::optional},
                       {"STATE"}});
-}
-
-std::string_view placeOf(const Entry& entry, std::uint64_t acknowledged) {
-    if (entry.inDeletion)
-        return "removing";
-    return entry.version > acknowledged ? "under way" : "acked";
 }
 
 std::vector<TextTable::Cell> entryRow(const Entry& entry, std::uint64_t acknowledged,
@@ -133,14 +84,6 @@ Json entryToJson(const Entry& entry, std::uint64_t acknowledged) {
         object["policerRequest"] = orNull(entry.policerRequest);
     }
     return object;
-}
-
-std::string changeText(const Json& change) {
-    const auto table = Inspect::tableFromText(stringIn(change, "table"));
-    const std::string key = stringIn(change, "key");
-    return fmt::format("{} {} unit {}{}", stringIn(change, "operation"),
-                       table ? shortName(*table) : stringIn(change, "table"),
-                       numberText(change, "unit"), key.empty() ? "" : " key " + key);
 }
 
 }  // namespace Vorn

@@ -53,16 +53,13 @@ std::uint64_t writesIn(const Json& table) {
     return writes;
 }
 
-/// The process may start and end while it is watched.
-void reconnect(Inspect::Peer& peer, const std::string& socket) {
-    if (!peer.runs())
-        peer = Inspect::Peer(peer.name(), socket);
-}
-
 Sample sampled(Session& session) {
     Inspect::System& system = session.system();
-    reconnect(system.agent, session.stateDirectory + "/agent.sock");
-    reconnect(system.hardware, session.stateDirectory + "/hwd.sock");
+    // They may start and end while they are watched.
+    for (Inspect::Peer* const peer : {&system.agent, &system.hardware}) {
+        if (!peer->runs())
+            peer->reconnect();
+    }
     Sample sample;
     sample.at = WatchClock::now();
     const auto acks = system.state.acknowledgements([](const auto&) {});

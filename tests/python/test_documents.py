@@ -1,0 +1,112 @@
+"""What doc strings, stubs, examples and documents say is so."""
+
+import doctest
+import inspect
+import re
+import subprocess
+import sys
+
+import pandas
+import pytest
+
+import vorn
+from conftest import SOURCE, Surroundings, wait_until
+
+DOCUMENT = (SOURCE / "docs" / "python.md").read_text(encoding="utf-8")
+NAMES = [name for name in vorn.__all__ if not name.startswith("__")]
+
+
+def documented():
+    """Objects with a doc string, by name: the module, its classes and functions, their members."""
+    yield "vorn", vorn
+    for name in NAMES:
+        thing = getattr(vorn, name)
+        yield name, thing
+        for member, value in vars(thing).items() if inspect.isclass(thing) else ():
+            if not member.startswith("_"):
+                yield f"{name}.{member}", value
+
+
+EXAMPLES = [(name, thing.__doc__) for name, thing in documented() if ">>>" in (thing.__doc__ or "")]
+
+
+@pytest.mark.parametrize("name, text", EXAMPLES, ids=[name for name, _ in EXAMPLES])
+def test_examples_of_doc_strings_print_what_they_say(system, name, text):
+    names = {"system": system, "vorn": vorn, "pandas": pandas}
+    test = doctest.DocTestParser().get_doctest(text, names, name, None, 0)
+    runner = doctest.DocTestRunner(optionflags=doctest.ELLIPSIS)
+    told = []
+    assert runner.run(test, out=told.append).failed == 0, "".join(told)
+
+
+def test_many_doc_strings_have_examples():
+    assert len(EXAMPLES) >= 12
+
+
+def test_every_public_name_has_a_doc_string():
+    assert [name for name, thing in documented() if not (thing.__doc__ or "").strip()] == []
+
+
+@pytest.fixture
+def mypy(environment, tmp_path):
+    """Runs mypy or a part of it with the module in sight."""
+    def run(*words):
+        return subprocess.run([sys.executable, "-m", *map(str, words)], capture_output=True,
+                              text=True, check=False, cwd=tmp_path, timeout=120,
+                              env={**environment, "MYPY_CACHE_DIR": str(tmp_path)})
+    return run
+
+
+def test_the_stubs_are_those_of_the_module(mypy, tmp_path):
+    # What cannot be made by scripts has a constructor that refuses everything.
+    allowed = tmp_path / "allowed"
+    allowed.write_text(r"vorn\.(_vorn\.)?\w+\.__init__", encoding="utf-8")
+    done = mypy("mypy.stubtest", "vorn", "--allowlist", allowed)
+    assert done.returncode == 0, done.stdout + done.stderr
+
+
+def test_the_example_is_typed_strictly(mypy):
+    done = mypy("mypy", "--strict", SOURCE / "examples" / "python" / "behind.py")
+    assert done.returncode == 0, done.stdout + done.stderr
+
+
+def test_the_example_runs(live, environment):
+    done = subprocess.run([sys.executable, SOURCE / "examples" / "python" / "behind.py",
+                           live.state, "0"], capture_output=True, text=True, check=False,
+                          env=environment, timeout=60)
+    assert (done.returncode, done.stdout, done.stderr) == (
+        0, "0 entries are not in hardware yet\n", "")
+
+
+@pytest.fixture
+def guarded_router(build, tmp_path, monkeypatch):
+    """An agent with the policy of the document's transcript."""
+    where = Surroundings(build, str(tmp_path), (1, 2))
+    agent = where.agent(str(SOURCE / "examples" / "rfc6192.yaml"))
+    where.hardware()
+    wait_until(lambda: all(table["logVersion"] == table["acknowledgedVersion"] != 0
+                           for table in agent.ask("status")["tables"]), "all to be acknowledged")
+    monkeypatch.setenv("VORN_STATE_DIR", where.state)
+    yield
+    where.end()
+
+
+def test_the_transcript_of_the_document_is_real(guarded_router):
+    transcript = "\n".join(re.findall(r"^    (.*)$", DOCUMENT[:DOCUMENT.index("## What there is")],
+                                   re.MULTILINE))
+    told = []
+    test = doctest.DocTestParser().get_doctest(transcript, {}, "python.md", None, 0)
+    assert len(test.examples) > 10
+    runner = doctest.DocTestRunner(optionflags=doctest.ELLIPSIS)
+    assert runner.run(test, out=told.append).failed == 0, "".join(told)
+
+
+def test_the_document_lists_every_name_of_the_module():
+    listed = set(re.findall(r"^\| `(?:vorn\.)?(\w+)", DOCUMENT, re.MULTILINE))
+    assert set(NAMES) - listed == set()
+
+
+def test_the_document_lists_every_member_of_system_and_table():
+    for kind in (vorn.System, vorn.Table):
+        members = {name for name in vars(kind) if not name.startswith("_")}
+        assert [name for name in members if f"`{name}" not in DOCUMENT] == []

@@ -1,0 +1,67 @@
+"""The tables of a switch agent, for scripts that look at them.
+
+    import vorn
+
+    with vorn.attach("/dev/shm/vorn") as system:
+        for entry in system.table("v4").entries(match="dport=179"):
+            print(entry)
+
+A state directory is attached for reading, beside a live agent or after its death. Tables, entries,
+changes, acknowledgements and indexes are objects; walks over them are lazy. What is a row (entries,
+changes, figures, ...) is taken by pandas.DataFrame(rows) as it is. What cannot be read on a walk is
+warned of with DamageWarning, collected in System.damages, and the walk goes on.
+"""
+
+from vorn._vorn import (
+    Acknowledgement,
+    Acknowledgements,
+    ActionEntry,
+    Change,
+    ChangeIterator,
+    Damage,
+    DamageError,
+    DamageWarning,
+    Entry,
+    EntryIterator,
+    Error,
+    Explanation,
+    Figures,
+    MatchEntry,
+    NotRunningError,
+    QuestionError,
+    RefusedError,
+    Resource,
+    ResourceIterator,
+    StateDirectoryError,
+    System,
+    Table,
+    __version__,
+    attach,
+)
+
+__all__ = [
+    "Acknowledgement",
+    "Acknowledgements",
+    "ActionEntry",
+    "Change",
+    "ChangeIterator",
+    "Damage",
+    "DamageError",
+    "DamageWarning",
+    "Entry",
+    "EntryIterator",
+    "Error",
+    "Explanation",
+    "Figures",
+    "MatchEntry",
+    "NotRunningError",
+    "QuestionError",
+    "RefusedError",
+    "Resource",
+    "ResourceIterator",
+    "StateDirectoryError",
+    "System",
+    "Table",
+    "__version__",
+    "attach",
+]
