@@ -37,6 +37,8 @@ int fail(int code, const std::string& text) {
 int main(int argc, char** argv) {
     // A reader of our output that has gone must not end the agent.
     std::signal(SIGPIPE, SIG_IGN);
+    // Nor a limit to the size of its recording.
+    std::signal(SIGXFSZ, SIG_IGN);
     try {
         return run(argc, argv);
     } catch (const Agent::UsageError& error) {

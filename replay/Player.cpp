@@ -90,7 +90,6 @@ Player::Player(const Agent::Plugin& plugin, std::string directory)
 
 Player::~Player() {
     stop();
-    KivShimo::EntityManager::forget(kSystem);
 }
 
 void Player::stop() {
@@ -98,6 +97,7 @@ void Player::stop() {
     recorder_.reset();
     tables_.reset();
     loop_.clear();
+    KivShimo::EntityManager::forget(kSystem);  // the next process mounts its own files
     map_.reset();
     mapNumber_ = 0;
 }
