@@ -138,8 +138,7 @@ void AgentProcess::reportRecord() {
     if (record_ == nullptr || record_->failure().empty() || recordFailed_)
         return;
     recordFailed_ = true;
-    logLine(Brumo::Priority::error,
-            fmt::format("the recording ends here: {}", record_->failure()));
+    logLine(Brumo::Priority::error, fmt::format("the recording ends here: {}", record_->failure()));
 }
 
 bool AgentProcess::mayBlock() {

@@ -21,7 +21,7 @@ foreach(source ${fuzz_targets})
         VORN_PLUGIN_PATH="${CMAKE_BINARY_DIR}/libVornPolicyCpu.so")
     # Linked even where no symbol is used: libraries register themselves when loaded.
     target_link_options(${program} PRIVATE LINKER:--no-as-needed -fsanitize=fuzzer)
-    target_link_libraries(${program} PRIVATE vorn_fuzz_support vorn_agent vorn_hwside
+    target_link_libraries(${program} PRIVATE vorn_fuzz_support vorn_agent vorn_recording vorn_hwside
         VornPlatform VornPolicyCpu vorn_process_libraries)
     target_precompile_headers(${program} REUSE_FROM vorn_process_pch)
     add_dependencies(fuzz ${program})

@@ -8,18 +8,50 @@ namespace Recording {
 
 namespace {
 
+/// Of Asic::EntryState.
+constexpr std::uint8_t kLastState = 6;
+
 template <class Kind>
 bool isKnown(const Kind& /*event*/) {
     return true;
 }
+/// Parts in their order, apart, and within the file.
+bool isKnown(const File& file) {
+    std::uint64_t end = 0;
+    for (const Run& run : file.runs) {
+        const bool isApart = &run == &file.runs.front() || run.offset > end;
+        if (!isApart || run.bytes.empty() || run.offset > file.size ||
+            run.bytes.size() > file.size - run.offset)
+            return false;
+        end = run.offset + run.bytes.size();
+    }
+    return true;
+}
 bool isKnown(const Change& change) {
-    return change.operation <= Change::Operation::removeAll;
+    return change.operation <= Change::Operation::removeAll &&
+           (change.operation == Change::Operation::write || change.entry.empty()) &&
+           (change.operation != Change::Operation::removeAll || change.key == 0);
+}
+bool isKnown(const State& state) {
+    return state.state <= kLastState;
+}
+bool isKnown(const ResourceState& state) {
+    return state.state <= kLastState;
+}
+bool isKnown(const OwnChange& own) {
+    return std::ranges::all_of(own.key, [](char each) {
+        return (each >= '0' && each <= '9') || (each >= 'a' && each <= 'f') || each == '.';
+    });
+}
+bool isKnown(const Note& note) {
+    return std::ranges::none_of(note.text, [](char each) { return each >= 0 && each < ' '; });
 }
 bool isKnown(const Look& look) {
     return look.log <= Look::Log::unreadable;
 }
 bool isKnown(const ResourceOperation& made) {
-    return made.operation <= ResourceOperation::Operation::sweep;
+    return made.operation <= ResourceOperation::Operation::sweep &&
+           (made.operation != ResourceOperation::Operation::sweep || made.key == 0);
 }
 
 template <class Kind>

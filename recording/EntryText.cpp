@@ -132,7 +132,7 @@ decltype(auto) withTypes(std::uint32_t table, Use&& use) {
 }
 
 bool isPlain(std::string_view value) {
-    return std::ranges::all_of(value, [](char each) {
+    return !value.empty() && std::ranges::all_of(value, [](char each) {
         return (each >= '0' && each <= '9') || (each >= 'a' && each <= 'z') ||
                (each >= 'A' && each <= 'Z') ||
                std::string_view("-_.:/,#").find(each) != std::string_view::npos;
@@ -229,6 +229,10 @@ std::vector<Word> wordsOf(std::string_view line) {
 }
 
 std::string entryText(std::uint32_t table, std::uint64_t key, Bytes image) {
+    const bool isKnown =
+        tableName(table) == "action" || tableName(table) == "v4" || tableName(table) == "v6";
+    if (!isKnown)
+        return fmt::format(" {}={}", kImage, hexText(image));
     return withTypes(table, [&]<class Types>() {
         const auto entry = EntryImage<Types>::entryOf(image);
         std::string text;

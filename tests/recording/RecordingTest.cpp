@@ -161,6 +161,31 @@ TEST(RecordingCodec, RefusesKindsAndValuesThatItDoesNotKnow) {
     EXPECT_THROW(decode(bytes), FormatError);
 }
 
+TEST(RecordingCodec, RefusesWhatNoTextCouldSay) {
+    const auto isRefused = [](const auto& event) {
+        Buffer encoded;
+        encode(event, encoded);
+        try {
+            decode(encoded.bytes());
+        } catch (const FormatError&) {
+            return true;
+        }
+        return false;
+    };
+    const std::array<std::byte, 2> two{};
+    EXPECT_TRUE(isRefused(File{"f", 9, {{8, two}}}));            // beyond its end
+    EXPECT_TRUE(isRefused(File{"f", 9, {{0, two}, {2, two}}}));  // one part in two
+    EXPECT_TRUE(isRefused(File{"f", 9, {{4, two}, {0, two}}}));  // in the wrong order
+    EXPECT_FALSE(isRefused(File{"f", 9, {{0, two}, {3, two}}}));
+    EXPECT_TRUE(isRefused(Note{"two\nlines"}));
+    EXPECT_TRUE(isRefused(OwnChange{1, 1, "a b"}));
+    EXPECT_TRUE(isRefused(State{1, 7, 1}));
+    Change remove;
+    remove.operation = Change::Operation::remove;
+    remove.entry = two;
+    EXPECT_TRUE(isRefused(remove));
+}
+
 // Files.
 
 class RecordingFile : public testing::Test {
