@@ -6,6 +6,7 @@ import os
 import re
 import resource
 import shutil
+import signal
 import subprocess
 
 import pytest
@@ -154,6 +155,24 @@ def test_steps_are_taken_one_by_one(dead, tmp_path):
 def test_a_scenario_goes_as_its_file_says(dead, scenario):
     result = dead.vorn("replay", scenario)
     assert result.code == 0, result.out + result.err
+
+
+def test_an_interrupted_replay_leaves_nothing(dead, tmp_path):
+    file = rewritten(tmp_path, WRITE)
+    process = subprocess.Popen([dead.vorn.program, "replay", file, "--step"],
+                               stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    for _ in range(3):  # the note, the start and its inputs: the files are there
+        process.stdin.write("\n")
+        process.stdin.flush()
+    while "write #1" not in process.stdout.readline():
+        pass
+    places = [f"/dev/shm/{name}" for name in os.listdir("/dev/shm")
+              if name.startswith("vorn-replay-")]
+    process.send_signal(signal.SIGINT)
+    assert process.wait(timeout=20) == 130
+    process.stdin.close()
+    process.stdout.close()
+    assert len(places) >= 1 and not all(map(os.path.exists, places))
 
 
 def test_a_scenario_is_brought_up_to_what_comes_out(dead, tmp_path):

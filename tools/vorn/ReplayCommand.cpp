@@ -1,6 +1,7 @@
 // vorn replay: what an agent recorded, run again, as text, and from text.
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -35,6 +36,16 @@ struct ReplayWishes {
 
 [[noreturn]] void throwErrno(const std::string& path, const char* operation) {
     throw std::system_error(errno, std::generic_category(), path + ": " + operation);
+}
+
+volatile std::sig_atomic_t interruption = 0;
+
+/// The replay ends before its next input, and its files go: they may fill a large part of memory.
+void catchInterruptions() {
+    struct sigaction action {};
+    action.sa_handler = [](int signal) { interruption = signal; };
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        ::sigaction(signal, &action, nullptr);  // reading a line ends as well
 }
 
 /// A directory for the files of a replay, which goes with it unless somebody wants to keep it.
@@ -117,15 +128,17 @@ Replay::Player::Wishes playerWishes(Session& session, const ReplayWishes& wishes
     Replay::Player::Wishes player;
     if (!wishes.to.empty())
         player.to = toOf(wishes.to);
-    if (!wishes.step)
+    if (!wishes.step) {
+        player.onInput = [](const Recording::Event&) { return interruption == 0; };
         return player;
+    }
     player.onInput = [&session](const Recording::Event& event) {
         session.out().line("> " + lineOf(event));
         if (Recording::is<Recording::File>(event))
             return true;
         std::fflush(stdout);
         std::string line;
-        return std::getline(std::cin, line) && line != "q";
+        return std::getline(std::cin, line) && line != "q" && interruption == 0;
     };
     player.onOutput = [&session](const Recording::Event& event) {
         session.out().line("  " + lineOf(event));
@@ -187,6 +200,7 @@ void print(const Output& out, const Replay::Result& result, const std::string& d
 int play(Session& session, const ReplayWishes& wishes, const Recording::Contents& recording) {
     const Replay::Player::Wishes playerWish = playerWishes(session, wishes);
     const Agent::Plugin plugin = Agent::loadPlugin(pluginPath(wishes));
+    catchInterruptions();
     const Place place(wishes.keep);
     Replay::Result result;
     {
@@ -199,6 +213,8 @@ int play(Session& session, const ReplayWishes& wishes, const Recording::Contents
     } else {
         print(session.out(), result, recording.damage());
     }
+    if (interruption != 0)
+        return 128 + interruption;
     return isFound ? kFound : kDone;
 }
 
