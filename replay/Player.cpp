@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <filesystem>
+#include <limits>
 #include <utility>
 
 #include <fmt/format.h>
@@ -310,6 +311,9 @@ std::size_t Player::startProcess(std::size_t at) {
     for (; files == at || (files < end && is<Recording::File>(eventAt(files))); ++files)
         eventIs(recording_->events()[files].bytes, {});
     loop_.turnTimeIs({});
+    // Of the process before, where this one has none.
+    if (start.capacity == 0)
+        KivShimo::EntityManager::capacityCeilingIs(std::numeric_limits<std::uint64_t>::max());
     starting_ = true;
     recorder_ = std::make_unique<Recorder>(*this);
     tables_ =

@@ -195,6 +195,34 @@ TEST(PlayerTest, RefusesWhatCannotBePlayed) {
               "event 3: the entry is of another size");
 }
 
+TEST(PlayerTest, EachProcessHasItsOwnCapacity) {
+    std::string text =
+        "start units=1 counters=2 policers=2 capacity=2\n"
+        "= mounted action=0 v4=0 v6=0\n"
+        "end\n"
+        "start units=1 counters=2 policers=2\n"
+        "= mounted action=0 v4=0 v6=0\n";
+    for (int i = 1; i <= 9; ++i)
+        text += fmt::format("write #{} v4 1 {}.1 priority=1 action=1.0\n", i, i);
+    text += "turn\n";
+    for (int i = 1; i <= 9; ++i)
+        text += fmt::format("= #{} written version={}\n", i, i);
+    EXPECT_EQ(said(compared(Recording::contentsOfText(text))), "");
+}
+
+TEST(PlayerTest, EachProcessMountsTheFilesThatItsStartSays) {
+    const std::string start =
+        "start units=1 counters=2 policers=2 capacity=16\n"
+        "= mounted action=0 v4=0 v6=0\n";
+    // The second one finds an empty directory, whatever the first one has left.
+    EXPECT_EQ(said(compared(Recording::contentsOfText(std::string(kOneWrite) + start))), "");
+    EXPECT_EQ(said(compared(Recording::contentsOfText(
+                  std::string(kOneWrite) + "end\n" +
+                  with(with(start, "v4=0", "v4=2"), "=16", "=16 on-own-files")))),
+              "event 15, input start units=1 counters=2 policers=2 capacity=16 on-own-files: "
+              "= mounted action=0 v4=2 v6=0 / look map=1 log=this consumed=1 v4=1");
+}
+
 // Random inputs, as an agent might give them.
 
 struct Random {
