@@ -45,6 +45,8 @@ public:
         size_ += static_cast<std::size_t>(place - begin);
     }
     void append(Bytes bytes) {
+        if (bytes.empty())
+            return;  // it may have no place to be copied from
         std::memcpy(room(bytes.size()), bytes.data(), bytes.size());
         size_ += bytes.size();
     }
@@ -109,6 +111,8 @@ public:
         std::uint64_t value = 0;
         for (unsigned shift = 0; shift < 64; shift += 7) {
             const auto byte = std::to_integer<std::uint64_t>(take(1).front());
+            if (shift == 63 && byte > 1)
+                throw FormatError("a number is too large");
             value |= (byte & 0x7FU) << shift;
             if (byte == 0 && shift != 0)
                 throw FormatError("a number is longer than it has to be");

@@ -10,9 +10,8 @@
 namespace Recording {
 
 /// An IPv4 address in an entry, in host byte order.
-template <class Number>
 struct V4Address {
-    Number& value;
+    std::uint32_t& value;
 };
 
 /// Calls `visit(name, field)` for each field but the key, in the order in which people read them.

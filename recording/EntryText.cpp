@@ -56,8 +56,7 @@ std::string valueText(const Asic::IndexRequestKey<Library>& key) {
 std::string valueText(const PolicyCpuTcamActionEntryKey& key) {
     return key.toText();
 }
-template <class Number>
-std::string valueText(const V4Address<Number>& address) {
+std::string valueText(const V4Address& address) {
     return Process::v4Text(address.value);
 }
 std::string valueText(const Process::V6Bytes& address) {
@@ -108,8 +107,7 @@ bool parse(std::string_view text, Asic::IndexRequestKey<Library>& key) {
 bool parse(std::string_view text, PolicyCpuTcamActionEntryKey& key) {
     return readKey(text, key);
 }
-template <class Number>
-bool parse(std::string_view text, const V4Address<Number>& address) {
+bool parse(std::string_view text, const V4Address& address) {
     in_addr found{};
     const bool isRead = ::inet_pton(AF_INET, std::string(text).c_str(), &found) == 1;
     address.value = ntohl(found.s_addr);

@@ -161,6 +161,25 @@ TEST(RecordingCodec, RefusesKindsAndValuesThatItDoesNotKnow) {
     EXPECT_THROW(decode(bytes), FormatError);
 }
 
+TEST(RecordingCodec, HasOneFormForEachNumber) {
+    const auto numberOf = [](std::vector<unsigned> bytes) {
+        std::vector<std::byte> number;
+        for (const unsigned byte : bytes)
+            number.push_back(static_cast<std::byte>(byte));
+        return Decoder(number).number();
+    };
+    EXPECT_EQ(numberOf({0x80, 1}), 128U);
+    EXPECT_THROW(numberOf({0x80, 0}), FormatError);
+    std::vector<unsigned> largest(9, 0xFF);
+    largest.push_back(1);
+    EXPECT_EQ(numberOf(largest), ~std::uint64_t{0});
+    largest.back() = 2;
+    EXPECT_THROW(numberOf(largest), FormatError);
+    largest.back() = 0x81;
+    largest.push_back(0);
+    EXPECT_THROW(numberOf(largest), FormatError);
+}
+
 TEST(RecordingCodec, RefusesWhatNoTextCouldSay) {
     const auto isRefused = [](const auto& event) {
         Buffer encoded;
@@ -379,7 +398,7 @@ TEST(RecordingSnapshot, LaysFilesOutAsTheyWere) {
     sparse[4096] = 'z';
     sparse[99'999] = 'e';
     std::ofstream(from.path() + "/a/b/sparse.table") << sparse;
-    std::ofstream(from.path() + "/a/empty");
+    std::ofstream(from.path() + "/a/empty") << "";
     std::ofstream(from.path() + "/agent.ring") << "left out";
     std::filesystem::create_symlink("/etc/passwd", from.path() + "/a/link");
     std::vector<std::string> told;

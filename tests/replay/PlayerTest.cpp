@@ -234,7 +234,7 @@ struct Random {
 
 /// What hardware may say next: anything that does not go backwards, true or not.
 void addLook(Random& random) {
-    random.consumed += *rc::gen::inRange(0, 4);
+    random.consumed += *rc::gen::inRange(0U, 4U);
     random.text += fmt::format("look map=1 log=this consumed={}", random.consumed);
     if (*rc::gen::inRange(0, 10) == 0)
         random.text += " pause";
