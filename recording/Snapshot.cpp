@@ -78,7 +78,7 @@ void forEachFile(const std::string& directory, const std::function<void(const Fi
     }
     std::ranges::sort(paths);
     for (const std::string& path : paths) {
-        const std::string whole = directory + '/' + path;
+        const std::string whole = fs::path(directory) / path;
         const Descriptor opened(
             ::open(whole.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         if (opened.fd() < 0)
