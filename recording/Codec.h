@@ -1,10 +1,11 @@
 // Events as bytes: the kind, then its fields in their order.
 //
 // Any thread. Numbers are of variable length, seven bits a byte, the lowest first, the high bit set
-// where another byte follows (LEB128 of the DWARF standard); a text or list is its length and its
-// parts.
+// where another byte follows (LEB128 of the DWARF standard), but for Whole ones; a text or list is
+// its length and its parts.
 #pragma once
 
+#include <bit>
 #include <concepts>
 #include <cstring>
 #include <memory>
@@ -29,6 +30,20 @@ concept Number = std::integral<T> || std::is_enum_v<T>;
 
 }  // namespace detail
 
+inline constexpr std::size_t kMostNumberSize = 10;
+
+/// Bytes that a number of variable length takes.
+constexpr std::size_t numberSize(std::uint64_t value) {
+    return (static_cast<std::size_t>(std::bit_width(value | 1U)) + 6) / 7;
+}
+/// Returns the place behind the number.
+inline std::byte* putNumber(std::byte* place, std::uint64_t value) {
+    for (; value >= 0x80; value >>= 7U)
+        *place++ = static_cast<std::byte>(value | 0x80U);
+    *place++ = static_cast<std::byte>(value);
+    return place;
+}
+
 /// Bytes that grow, and keep their memory when they are cleared.
 class Buffer {
 public:
@@ -36,13 +51,14 @@ public:
     Bytes bytes() const { return {memory_.get(), size_}; }
 
     void number(std::uint64_t value) {
-        constexpr std::size_t kMost = 10;
-        std::byte* place = room(kMost);
-        const std::byte* const begin = place;
-        for (; value >= 0x80; value >>= 7U)
-            *place++ = static_cast<std::byte>(value | 0x80U);
-        *place++ = static_cast<std::byte>(value);
-        size_ += static_cast<std::size_t>(place - begin);
+        std::byte* const place = room(kMostNumberSize);
+        size_ += static_cast<std::size_t>(putNumber(place, value) - place);
+    }
+    /// As it lies in memory.
+    template <class T>
+    void whole(const T& value) {
+        std::memcpy(room(sizeof(value)), &value, sizeof(value));
+        size_ += sizeof(value);
     }
     void append(Bytes bytes) {
         if (bytes.empty())
@@ -74,6 +90,10 @@ public:
     }
 
 private:
+    template <class T>
+    void one(const Whole<T>& field) {
+        buffer_->whole(field.value);
+    }
     template <detail::Number T>
     void one(T value) {
         buffer_->number(static_cast<std::uint64_t>(value));
@@ -122,7 +142,7 @@ public:
         throw FormatError("a number is too long");
     }
     template <class... T>
-    void operator()(T&... fields) {
+    void operator()(T&&... fields) {
         (one(fields), ...);
     }
     bool atEnd() const { return rest_.empty(); }
@@ -134,6 +154,10 @@ private:
         const Bytes taken = rest_.first(size);
         rest_ = rest_.subspan(size);
         return taken;
+    }
+    template <class T>
+    void one(Whole<T>& field) {
+        std::memcpy(&field.value, take(sizeof(T)).data(), sizeof(T));
     }
     template <detail::Number T>
     void one(T& value) {

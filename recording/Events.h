@@ -20,6 +20,16 @@ namespace Recording {
 
 using Bytes = std::span<const std::byte>;
 
+/// A field of all its bytes, the lowest first: for what is rarely small, as keys are.
+template <class Number>
+struct Whole {
+    Number& value;
+};
+template <class Number>
+Whole<Number> whole(Number& value) {
+    return {value};
+}
+
 inline bool sameBytes(Bytes a, Bytes b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end());
 }
@@ -84,7 +94,7 @@ struct Change {
 
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
-        each(self.operation, self.number, self.table, self.unit, self.key, self.entry,
+        each(self.operation, self.number, whole(self.table), self.unit, whole(self.key), self.entry,
              self.dependency, self.hasHandler);
     }
 };
@@ -104,7 +114,7 @@ struct Look {
 
         template <class Self, class Fields>
         static void fields(Self& self, Fields& each) {
-            each(self.table, self.version);
+            each(whole(self.table), self.version);
         }
         bool operator==(const Row&) const = default;
     };
@@ -132,7 +142,7 @@ struct ResourceOperation {
 
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
-        each(self.operation, self.table, self.key);
+        each(self.operation, whole(self.table), whole(self.key));
     }
 };
 
@@ -162,7 +172,7 @@ struct OwnChange {
 
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
-        each(self.number, self.table, self.key);
+        each(self.number, whole(self.table), self.key);
     }
 };
 
@@ -199,7 +209,7 @@ struct ResourceState {
 
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
-        each(self.table, self.key, self.state, self.updateVersion, self.index);
+        each(whole(self.table), whole(self.key), self.state, self.updateVersion, self.index);
     }
 };
 

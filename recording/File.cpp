@@ -31,17 +31,6 @@ std::uint32_t checkOf(const std::byte* middle, std::size_t size, std::size_t off
     return static_cast<std::uint32_t>(XXH3_64bits_withSeed(middle, size, offset));
 }
 
-/// A number of variable length, at most ten bytes.
-struct SmallNumber {
-    explicit SmallNumber(std::uint64_t value) {
-        for (; value >= 0x80; value >>= 7U)
-            bytes.at(size++) = static_cast<std::byte>(value | 0x80U);
-        bytes.at(size++) = static_cast<std::byte>(value);
-    }
-    std::array<std::byte, 10> bytes{};
-    std::size_t size = 0;
-};
-
 bool hasHead(Bytes bytes) {
     return bytes.size() >= kHead.size() && std::memcmp(bytes.data(), kHead.data(), 8) == 0;
 }
@@ -118,10 +107,10 @@ void FileWriter::eventIs(Bytes event, std::chrono::nanoseconds time) {
     if (!failure_.empty())
         return;
     const auto passed = last_.count() < 0 ? 0 : std::max<std::int64_t>((time - last_).count(), 0);
-    const SmallNumber delta(static_cast<std::uint64_t>(passed));
-    const std::size_t middle = delta.size + event.size();
-    const SmallNumber length(middle);
-    const std::size_t whole = length.size + middle + kCheckSize;
+    const auto delta = static_cast<std::uint64_t>(passed);
+    const std::size_t middle = numberSize(delta) + event.size();
+    const std::size_t length = numberSize(middle);
+    const std::size_t whole = length + middle + kCheckSize;
     try {
         makeRoom(whole + 1);  // with the zero behind it
     } catch (const std::system_error& error) {
@@ -130,13 +119,15 @@ void FileWriter::eventIs(Bytes event, std::chrono::nanoseconds time) {
     }
     last_ = time;
     std::byte* const frame = window_ + (used_ - windowStart_);
-    std::byte* place = frame + length.size;
-    std::memcpy(place, delta.bytes.data(), delta.size);
-    std::memcpy(place + delta.size, event.data(), event.size());
-    const std::uint32_t check = checkOf(place, middle, used_);
-    std::memcpy(place + middle, &check, kCheckSize);
-    std::memcpy(frame + 1, length.bytes.data() + 1, length.size - 1);
-    std::atomic_ref<std::byte>(*frame).store(length.bytes[0], std::memory_order_release);
+    std::byte* const begin = frame + length;
+    std::memcpy(putNumber(begin, delta), event.data(), event.size());
+    const std::uint32_t check = checkOf(begin, middle, used_);
+    std::memcpy(begin + middle, &check, kCheckSize);
+    std::array<std::byte, kMostNumberSize> number{};
+    putNumber(number.data(), middle);
+    for (std::size_t i = 1; i < length; ++i)
+        frame[i] = number.at(i);
+    std::atomic_ref<std::byte>(*frame).store(number[0], std::memory_order_release);
     used_ += whole;
 }
 
@@ -152,7 +143,7 @@ Contents::Contents(std::vector<std::byte> bytes) {
             const Bytes rest = all.subspan(size_);
             Decoder frame(rest);
             const std::uint64_t length = frame.number();
-            const std::size_t head = SmallNumber(length).size;
+            const std::size_t head = numberSize(length);
             if (length > rest.size() || head + length + kCheckSize > rest.size())
                 throw FormatError("the frame is cut off");
             const Bytes middle = rest.subspan(head, length);
@@ -162,7 +153,7 @@ Contents::Contents(std::vector<std::byte> bytes) {
                 throw FormatError("the frame does not verify");
             Decoder passed(middle);
             const std::uint64_t delta = passed.number();
-            const Bytes event = middle.subspan(SmallNumber(delta).size);
+            const Bytes event = middle.subspan(numberSize(delta));
             const bool begins = is<Start>(decode(event));
             time = begins ? std::chrono::nanoseconds{0}
                           : time + std::chrono::nanoseconds(static_cast<std::int64_t>(delta));
