@@ -31,7 +31,8 @@ EXAMPLES = [(name, thing.__doc__) for name, thing in documented() if ">>>" in (t
 
 
 @pytest.mark.parametrize("name, text", EXAMPLES, ids=[name for name, _ in EXAMPLES])
-def test_examples_of_doc_strings_print_what_they_say(system, name, text):
+def test_examples_of_doc_strings_print_what_they_say(system, recorded, monkeypatch, name, text):
+    monkeypatch.chdir(recorded.parent)  # which has agent.rec
     names = {"system": system, "vorn": vorn, "pandas": pandas}
     test = doctest.DocTestParser().get_doctest(text, names, name, None, 0)
     runner = doctest.DocTestRunner(optionflags=doctest.ELLIPSIS)
@@ -65,8 +66,10 @@ def test_the_stubs_are_those_of_the_module(mypy, tmp_path):
     assert done.returncode == 0, done.stdout + done.stderr
 
 
-def test_the_example_is_typed_strictly(mypy):
-    done = mypy("mypy", "--strict", SOURCE / "examples" / "python" / "behind.py")
+@pytest.mark.parametrize("example", sorted((SOURCE / "examples" / "python").glob("*.py")),
+                         ids=lambda path: path.stem)
+def test_the_examples_are_typed_strictly(mypy, example):
+    done = mypy("mypy", "--strict", example)
     assert done.returncode == 0, done.stdout + done.stderr
 
 
