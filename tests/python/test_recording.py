@@ -72,8 +72,9 @@ def test_columns_are_what_the_lines_say(recorded):
         elif kind == "file":
             assert line.split("\n")[0] == "file {path} size={size}".format(**event.fields)
         else:
-            assert kind in ("start", "mounted", "turn", "look", "answer", "answered", "end")
-            assert (event.unit, event.key, event.state, event.version) == (None,) * 4
+            assert kind in ("start", "mounted", "turn", "look", "own", "sweep", "answer", "answered", "end")
+            assert (event.unit, event.state, event.version) == (None,) * 3
+            assert (event.key is not None) == (kind == "own")
     assert {"start", "file", "mounted", "write", "remove", "state", "look", "end"} <= seen
 
 
@@ -126,6 +127,8 @@ def test_changes_are_put_together_of_their_events(recorded):
     for event in recording:
         if event.kind in ("write", "remove", "remove-all"):
             told[event.run, event.number] = {"made": event, "created": event.time}
+        elif event.kind == "own":
+            told[event.run, event.number] = {"made": event, "created": None}
         elif event.kind == "state":
             told[event.run, event.number].update({event.state: event.time, "last": event})
     changes = recording.changes()
@@ -141,7 +144,7 @@ def test_changes_are_put_together_of_their_events(recorded):
             about["created"], about.get("written"), about.get("complete"))
         assert change.state != "complete" or change.acknowledgement_latency == pytest.approx(
             change.answered - change.committed, abs=1e-9)
-        assert change.committed is None or change.commit_latency == pytest.approx(
+        assert None in (change.staged, change.committed) or change.commit_latency == pytest.approx(
             change.committed - change.staged, abs=1e-9)
     frame = pandas.DataFrame(changes)
     assert list(frame.columns) == list(changes[0].keys()) and len(frame) == len(changes)
@@ -151,13 +154,15 @@ def test_changes_are_put_together_of_their_events(recorded):
 
 def test_what_a_kill_cut_short_waits_and_the_next_process_counts_anew(recorded):
     changes = vorn.Recording(recorded).changes()
-    waiting = [c for c in changes if c.answered is None]
+    waiting = [c for c in changes if c.answered is None and c.operation != "own"]
     # Of the first process only: hardware was paused when it was killed.
     assert waiting and {c.run for c in waiting} == {1}
     assert {c.state for c in waiting} <= {"created", "written"}
     assert all(c.acknowledgement_latency is None for c in waiting)
-    assert [c.number for c in changes if c.run == 2][0] == 1
-    assert {c.state for c in changes if c.run == 2} == {"complete"}
+    second = [c for c in changes if c.run == 2]
+    assert [c.number for c in second] == list(range(1, len(second) + 1))
+    own = [c for c in second if c.operation == "own"]  # what the first had committed
+    assert own and {(c.state, c.staged, c.commit_latency) for c in own} == {("written", None, None)}
 
 
 SCENARIO = """\

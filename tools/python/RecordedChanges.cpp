@@ -118,8 +118,9 @@ Columns<RecordedChange> recordedChangeColumns() {
         {"key", [](const Row& row) { return textOrNone(row.key); },
          "The key; None where all were removed."},
         {"operation", [](const Row& row) { return text(row.operation); },
-         "\"write\", \"remove\", \"remove-all\", or \"own\": written by the table itself, as an "
-         "index has moved."},
+         "\"write\", \"remove\", \"remove-all\", or \"own\": the table itself looked at an entry "
+         "whose index it was told of, as at a start or when one moves; where that changed nothing, "
+         "it stays \"written\" with the version that the entry had."},
         {"state", [](const Row& row) { return text(Recording::stateName(row.state)); },
          "The last that is recorded: \"created\" (staged), \"written\" (committed), \"complete\" "
          "(acknowledged), \"failed\", \"exhausted\" or \"lost\"."},

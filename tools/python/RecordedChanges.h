@@ -13,7 +13,7 @@ struct RecordedChange {
     RecordedRun run;
     std::uint64_t number = 0;
     std::uint32_t table = 0;
-    std::optional<std::uint16_t> unit;  ///< that of a table's own change is not recorded
+    std::optional<std::uint16_t> unit;  ///< nothing of a table's own change
     std::string key;                    ///< empty where all were removed
     std::string_view operation;
     std::uint8_t state = 0;  ///< the last; Asic::EntryState
