@@ -257,7 +257,7 @@ def test_a_file_that_cannot_be_read_is_an_error_of_the_system(tmp_path):
     with pytest.raises(OSError, match="No such file or directory") as failed:
         vorn.Recording(missing)
     assert isinstance(failed.value, vorn.FileError) and isinstance(failed.value, vorn.Error)
-    assert failed.value.errno == 2 and os.fspath(failed.value.filename) == str(missing)
+    assert (failed.value.errno, failed.value.filename) == (2, str(missing))
     with pytest.raises(vorn.FileError, match=re.escape(str(tmp_path))):
         vorn.Recording(tmp_path)
     with pytest.raises(TypeError):

@@ -1,8 +1,6 @@
 // What can go wrong, as exceptions and as a warning.
 #include "tools/python/Errors.h"
 
-#include <filesystem>
-
 #include <fmt/format.h>
 
 #include "inspect/Errors.h"
@@ -127,8 +125,9 @@ void warnOf(const Inspect::Damage& damage) {
 }
 
 void raiseFileError(const std::system_error& error, const std::string& file) {
-    const py::tuple what = py::make_tuple(error.code().value(), text(error.code().message()),
-                                          py::cast(std::filesystem::path(file)));
+    const py::tuple what =
+        py::make_tuple(error.code().value(), text(error.code().message()),
+                       py::reinterpret_steal<py::object>(PyUnicode_DecodeFSDefault(file.c_str())));
     PyErr_SetObject(kinds().file.ptr(), what.ptr());
     throw py::error_already_set();
 }
