@@ -352,6 +352,7 @@ private:
 
     static std::vector<Look::Row> rowsOf(const std::vector<Word>& words) {
         std::vector<Look::Row> rows;
+        rows.reserve(words.size());
         for (const Word& word : words)
             rows.push_back({Line::tableOf(word.name), numberIn(word.value)});
         return rows;

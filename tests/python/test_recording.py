@@ -174,17 +174,22 @@ write #1 action 1 2a.0 name=a
 remove-all #2 v4 1
 write #3 v4 1 2a.1 label=b after=#1
 write #4 v6 1 2a.1 label=c
+remove #6 v6 1 2a.2
 sweep counter
 @ 1.5
 = #1 written version=7
 = #3 failed
+= #6 written version=9
 = own #5 action ?
 = #5 written version=8
 @ 2.25
 = #1 complete version=7
 = #2 complete
+= #6 failed version=9
 = counter 2a/1 complete update=3 index=4
 = #5 complete version=8
+start units=1 counters=1 policers=1
+= #4 complete version=10
 """
 
 
@@ -204,10 +209,11 @@ def test_each_end_of_a_change_is_told_apart(scenario):
         ("remove-all", "complete", None, 1.0, None, 2.25, None, None),
         ("write", "failed", None, 1.0, None, 1.5, None, None),
         ("write", "created", None, 1.0, None, None, None, None),
+        ("remove", "failed", 9, 1.0, 1.5, 2.25, 0.5, None),
         ("own", "complete", 8, None, 1.5, 2.25, None, 0.75)]
-    assert (rest[1].key, rest[4].key, rest[4].unit) == (None, None, None)
+    assert (rest[1].key, rest[5].key, rest[5].unit) == (None, None, None)
     epoch = datetime.datetime.fromtimestamp(10**9, datetime.timezone.utc)
-    assert rest[4].wall_time == epoch + datetime.timedelta(seconds=1.5)
+    assert rest[5].wall_time == epoch + datetime.timedelta(seconds=1.5)
     assert str(rest[0]) == "run 1 #1 action write unit 1 key 0000002a.0: complete, version 7"
 
 
