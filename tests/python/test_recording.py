@@ -260,11 +260,11 @@ def test_what_is_no_recording_is_said_to_be_none(tmp_path):
 
 def test_a_file_that_cannot_be_read_is_an_error_of_the_system(tmp_path):
     missing = tmp_path / "missing"
-    with pytest.raises(OSError, match="No such file or directory") as failed:
+    with pytest.raises(OSError, match="open recording: No such file or directory") as failed:
         vorn.Recording(missing)
     assert isinstance(failed.value, vorn.FileError) and isinstance(failed.value, vorn.Error)
     assert (failed.value.errno, failed.value.filename) == (2, str(missing))
-    with pytest.raises(vorn.FileError, match=re.escape(str(tmp_path))):
+    with pytest.raises(vorn.FileError, match=f"no regular file: .*{re.escape(str(tmp_path))}"):
         vorn.Recording(tmp_path)
     with pytest.raises(TypeError):
         vorn.Recording(7)
@@ -332,7 +332,7 @@ def test_the_example_says_in_a_line_why_it_draws_nothing(latency, scenario, tmp_
     assert (done.returncode, done.stderr) == (
         1, f"latency: {scenario}: no change was acknowledged\n")
     done = latency(tmp_path / "missing", png)
-    assert done.returncode == 1 and done.stderr.startswith("latency: [Errno 2] No such file")
+    assert done.returncode == 1 and done.stderr.startswith("latency: [Errno 2] open recording: No such")
     assert done.stderr.count("\n") == 1
     assert latency(scenario).returncode == 2
     assert not png.exists()

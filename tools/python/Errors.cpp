@@ -125,9 +125,11 @@ void warnOf(const Inspect::Damage& damage) {
 }
 
 void raiseFileError(const std::system_error& error, const std::string& file) {
-    const py::tuple what =
-        py::make_tuple(error.code().value(), text(error.code().message()),
-                       py::reinterpret_steal<py::object>(PyUnicode_DecodeFSDefault(file.c_str())));
+    std::string reason = error.what();
+    if (reason.starts_with(file + ": "))
+        reason.erase(0, file.size() + 2);  // it is shown behind the reason
+    const auto name = py::reinterpret_steal<py::object>(PyUnicode_DecodeFSDefault(file.c_str()));
+    const py::tuple what = py::make_tuple(error.code().value(), text(reason), name);
     PyErr_SetObject(kinds().file.ptr(), what.ptr());
     throw py::error_already_set();
 }

@@ -7,6 +7,7 @@
 #include <memory>
 #include <system_error>
 
+#include <datetime.h>
 #include <fmt/format.h>
 
 #include "inspect/Errors.h"
@@ -313,14 +314,29 @@ py::object secondsOf(std::chrono::nanoseconds time) {
     return py::float_(std::chrono::duration<double>(time).count());
 }
 
+/// Once a row, so made without a call into the interpreter.
 py::object RecordedRun::wallTime(std::chrono::nanoseconds time) const {
+    namespace chrono = std::chrono;
     if (start_ns == 0)
         return py::none();
-    const py::module_ datetime = py::module_::import("datetime");
-    const py::object epoch = datetime.attr("datetime")(
-        1970, 1, 1, py::arg("tzinfo") = datetime.attr("timezone").attr("utc"));
-    const auto now_us = (start_ns + static_cast<std::uint64_t>(time.count())) / 1000;
-    return epoch + datetime.attr("timedelta")(py::arg("microseconds") = now_us);
+    if (PyDateTimeAPI == nullptr)
+        PyDateTime_IMPORT;
+    constexpr std::uint64_t kNanoseconds = 1000;
+    const auto rest = time + chrono::nanoseconds(start_ns % kNanoseconds);
+    const chrono::sys_time<chrono::microseconds> at(chrono::microseconds(start_ns / kNanoseconds) +
+                                                    chrono::floor<chrono::microseconds>(rest));
+    const auto day = chrono::floor<chrono::days>(at);
+    const chrono::year_month_day date(day);
+    const chrono::hh_mm_ss clock(at - day);
+    const auto whole = [](auto count) { return static_cast<int>(count); };
+    PyObject* const made = PyDateTimeAPI->DateTime_FromDateAndTime(
+        whole(date.year()), whole(static_cast<unsigned>(date.month())),
+        whole(static_cast<unsigned>(date.day())), whole(clock.hours().count()),
+        whole(clock.minutes().count()), whole(clock.seconds().count()),
+        whole(clock.subseconds().count()), PyDateTime_TimeZone_UTC, PyDateTimeAPI->DateTimeType);
+    if (made == nullptr)
+        throw py::error_already_set();
+    return py::reinterpret_steal<py::object>(made);
 }
 
 void bindRecordings(py::module_& module) {
