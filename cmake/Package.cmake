@@ -16,6 +16,8 @@ set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Where one package's libraries are found for another; NEEDS says which package has them.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR})
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
@@ -35,15 +37,15 @@ string(TIMESTAMP today "%a, %d %b %Y 00:00:00 +0000" UTC)
 configure_file(packaging/debian/changelog.in ${packaging}/changelog @ONLY)
 
 # vorn_package(component SECTION section SUMMARY line DESCRIPTION text [DEPENDS packages]
-#   [NEEDS component...] [CONTROL file...] [TARGETS target...])
+#   [SUGGESTS packages] [NEEDS component...] [CONTROL file...] [TARGETS target...])
 # A component that others install becomes a package of that name by one such call. Dependencies on
 # shared libraries are found; TARGETS are what `./dev package` builds of it.
 function(vorn_package component)
-    cmake_parse_arguments(P "" "SECTION;SUMMARY;DESCRIPTION;DEPENDS" "NEEDS;CONTROL;TARGETS"
+    cmake_parse_arguments(P "" "SECTION;SUMMARY;DESCRIPTION;DEPENDS;SUGGESTS" "NEEDS;CONTROL;TARGETS"
         ${ARGN})
     string(TOUPPER ${component} upper)
     foreach(pair IN ITEMS "NAME|${component}" "SECTION|${P_SECTION}" "DEPENDS|${P_DEPENDS}"
-            "CONTROL_EXTRA|${P_CONTROL}")
+            "SUGGESTS|${P_SUGGESTS}" "CONTROL_EXTRA|${P_CONTROL}")
         string(REPLACE "|" ";" pair "${pair}")
         list(POP_FRONT pair name)
         set(CPACK_DEBIAN_${upper}_PACKAGE_${name} "${pair}" PARENT_SCOPE)
@@ -82,7 +84,9 @@ install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/vorn
 install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/vorn/examples
     COMPONENT vorn EXCLUDE_FROM_ALL FILES_MATCHING PATTERN "*.yaml" PATTERN demo EXCLUDE
     PATTERN minimal-reader EXCLUDE)
-foreach(component vorn vorn-dev)
+install(DIRECTORY examples/python/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/python3-vorn/examples
+    COMPONENT python3-vorn EXCLUDE_FROM_ALL FILES_MATCHING PATTERN "*.py")
+foreach(component vorn vorn-dev python3-vorn)
     install(FILES packaging/debian/${component}.lintian-overrides
         DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME ${component}
         COMPONENT ${component} EXCLUDE_FROM_ALL)
@@ -111,6 +115,21 @@ vorn_package(vorn-dev SECTION libdevel SUMMARY "control-plane policy tables: hea
     "Headers, CMake package and pkg-config file to build programs on the tables
 that the agent keeps."
     DEPENDS "${dev_depends}" NEEDS vorn TARGETS ${libraries})
+if(TARGET vorn_python)
+    # The extension is of one release of the interpreter.
+    set(python ${Python_VERSION_MAJOR}.${Python_VERSION_MINOR})
+    math(EXPR next_minor "${Python_VERSION_MINOR} + 1")
+    vorn_package(python3-vorn SECTION python SUMMARY "control-plane policy tables: Python module"
+        DESCRIPTION
+        "The module vorn attaches to the tables of an agent that runs or of one that
+has ended, and reads what an agent has recorded of itself: entries, changes,
+why an entry is not in hardware, and how long hardware took, as objects and
+as rows of data frames."
+        DEPENDS "python3 (>= ${python}), python3 (<< ${Python_VERSION_MAJOR}.${next_minor})"
+        SUGGESTS "python3-pandas, python3-matplotlib" NEEDS vorn
+        CONTROL ${scripts}/python3-vorn/postinst ${scripts}/python3-vorn/prerm
+        TARGETS vorn_python)
+endif()
 
 include(CPack)
 

@@ -11,7 +11,7 @@ vorn_common(vorn_python)
 # pybind11's own types are hidden, and so has to be what holds them.
 target_compile_options(vorn_python PRIVATE ${VORN_NOT_HOT} -fvisibility=hidden)
 target_compile_definitions(vorn_python PRIVATE VORN_VERSION="${PROJECT_VERSION}")
-target_link_libraries(vorn_python PRIVATE vorn_fmt vorn_inspect VornPlatform)
+target_link_libraries(vorn_python PRIVATE vorn_fmt vorn_inspect vorn_recording VornPlatform)
 file(RELATIVE_PATH lib_from_package /${VORN_PYTHON_DIR}/vorn /${CMAKE_INSTALL_LIBDIR})
 set_target_properties(vorn_python PROPERTIES
     OUTPUT_NAME _vorn
@@ -26,5 +26,5 @@ foreach(file ${package_files})
     configure_file(${file} ${python_package_dir}/${name} COPYONLY)
 endforeach()
 
-install(TARGETS vorn_python LIBRARY DESTINATION ${VORN_PYTHON_DIR}/vorn)
-install(FILES ${package_files} DESTINATION ${VORN_PYTHON_DIR}/vorn)
+install(TARGETS vorn_python LIBRARY DESTINATION ${VORN_PYTHON_DIR}/vorn COMPONENT python3-vorn)
+install(FILES ${package_files} DESTINATION ${VORN_PYTHON_DIR}/vorn COMPONENT python3-vorn)

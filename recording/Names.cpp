@@ -37,6 +37,9 @@ constexpr std::array<std::pair<std::uint32_t, std::string_view>, 5> kTables{
 constexpr std::array<std::string_view, 7> kStates{"created",  "written", "undefined", "exhausted",
                                                   "complete", "failed",  "lost"};
 
+constexpr std::array<std::string_view, 3> kChanges{"write", "remove", "remove-all"};
+constexpr std::array<std::string_view, 4> kResourceOperations{"move", "fail", "restore", "sweep"};
+
 /// Calls `use.operator()<Key>()` with the type of the table's keys; nothing for an unknown table.
 template <class Use>
 auto withKey(std::uint32_t table, Use&& use)
@@ -107,6 +110,14 @@ std::optional<std::uint8_t> stateOfName(std::string_view name) {
     if (found == kStates.end())
         return std::nullopt;
     return static_cast<std::uint8_t>(found - kStates.begin());
+}
+
+std::string_view operationName(Change::Operation operation) {
+    return kChanges.at(static_cast<std::size_t>(operation));
+}
+
+std::string_view operationName(ResourceOperation::Operation operation) {
+    return kResourceOperations.at(static_cast<std::size_t>(operation));
 }
 
 }  // namespace Recording

@@ -1,4 +1,4 @@
-// Tables, keys and states as recordings name them in text.
+// Tables, keys, states and operations as recordings name them in text.
 //
 // Any thread.
 #pragma once
@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "recording/Events.h"
 
 namespace Recording {
 
@@ -23,5 +25,10 @@ std::optional<std::uint64_t> keyOfName(std::uint32_t table, std::string_view tex
 /// Of Asic::EntryState: "created", "written", "exhausted", "complete", "failed", "lost".
 std::string_view stateName(std::uint8_t state);
 std::optional<std::uint8_t> stateOfName(std::string_view name);
+
+/// "write", "remove", "remove-all".
+std::string_view operationName(Change::Operation operation);
+/// "move", "fail", "restore", "sweep".
+std::string_view operationName(ResourceOperation::Operation operation);
 
 }  // namespace Recording

@@ -14,9 +14,7 @@ namespace Recording {
 
 namespace {
 
-constexpr std::array<std::string_view, 3> kChanges{"write", "remove", "remove-all"};
 constexpr std::array<std::string_view, 4> kLogs{"none", "this", "another", "unreadable"};
-constexpr std::array<std::string_view, 4> kResourceOperations{"move", "fail", "restore", "sweep"};
 
 /// Bytes of a file in a line.
 constexpr std::size_t kBytesInLine = 64;
@@ -56,9 +54,8 @@ struct TextMaker {
         return fmt::format("= mounted{}\n", rowsText(mounted.versions));
     }
     std::string operator()(const Change& change) const {
-        std::string text =
-            fmt::format("{} #{} {} {}", kChanges.at(static_cast<std::size_t>(change.operation)),
-                        change.number, tableName(change.table), change.unit);
+        std::string text = fmt::format("{} #{} {} {}", operationName(change.operation),
+                                       change.number, tableName(change.table), change.unit);
         if (change.operation != Change::Operation::removeAll)
             text += ' ' + keyName(change.table, change.key);
         if (change.operation == Change::Operation::write)
@@ -82,8 +79,7 @@ struct TextMaker {
     }
     std::string operator()(const ResourceOperation& made) const {
         std::string text =
-            fmt::format("{} {}", kResourceOperations.at(static_cast<std::size_t>(made.operation)),
-                        tableName(made.table));
+            fmt::format("{} {}", operationName(made.operation), tableName(made.table));
         if (made.operation != ResourceOperation::Operation::sweep)
             text += ' ' + keyName(made.table, made.key);
         return text + '\n';

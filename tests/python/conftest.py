@@ -30,3 +30,23 @@ def system(live):
     import vorn
     with vorn.attach(live.state) as attached:
         yield attached
+
+
+@pytest.fixture(scope="session")
+def recorded(build, tmp_path_factory):
+    """The recording of an agent that was killed while hardware was paused, and of the one after
+    it."""
+    system = System(build, tmp_path_factory.mktemp("recorded"))
+    path = system.directory / "agent.rec"
+    system.start_agent("--record", path).start_hardware().settle()
+    system.hardware.ask("pause")
+    wait_until(lambda: system.agent.ask("status")["suspended"], "the pause to be known")
+    system.load(OTHER_POLICY)
+    system.agent.kill()
+    system.hardware.ask("resume")
+    system.start_agent("--record", path).settle()
+    system.load(POLICY)
+    system.settle()
+    assert system.agent.end() == 0
+    system.end()
+    return path

@@ -31,7 +31,8 @@ EXAMPLES = [(name, thing.__doc__) for name, thing in documented() if ">>>" in (t
 
 
 @pytest.mark.parametrize("name, text", EXAMPLES, ids=[name for name, _ in EXAMPLES])
-def test_examples_of_doc_strings_print_what_they_say(system, name, text):
+def test_examples_of_doc_strings_print_what_they_say(system, recorded, monkeypatch, name, text):
+    monkeypatch.chdir(recorded.parent)  # which has agent.rec
     names = {"system": system, "vorn": vorn, "pandas": pandas}
     test = doctest.DocTestParser().get_doctest(text, names, name, None, 0)
     runner = doctest.DocTestRunner(optionflags=doctest.ELLIPSIS)
@@ -65,8 +66,10 @@ def test_the_stubs_are_those_of_the_module(mypy, tmp_path):
     assert done.returncode == 0, done.stdout + done.stderr
 
 
-def test_the_example_is_typed_strictly(mypy):
-    done = mypy("mypy", "--strict", SOURCE / "examples" / "python" / "behind.py")
+@pytest.mark.parametrize("example", sorted((SOURCE / "examples" / "python").glob("*.py")),
+                         ids=lambda path: path.stem)
+def test_the_examples_are_typed_strictly(mypy, example):
+    done = mypy("mypy", "--strict", example)
     assert done.returncode == 0, done.stdout + done.stderr
 
 
@@ -101,12 +104,35 @@ def test_the_transcript_of_the_document_is_real(guarded_router):
     assert runner.run(test, out=told.append).failed == 0, "".join(told)
 
 
+class AnyTimes(doctest.OutputChecker):
+    """Another machine has other times."""
+
+    def check_output(self, want, got, flags):
+        timeless = [re.sub(r" *\b\d+\.\d{1,6}\b", " TIME", told) for told in (want, got)]
+        return super().check_output(*timeless, flags | doctest.NORMALIZE_WHITESPACE)
+
+
+def test_the_transcript_of_a_recording_is_real(own, monkeypatch):
+    policy = (SOURCE / "examples" / "rfc6192.yaml").read_text(encoding="utf-8")
+    own.policy.write_text(policy, encoding="utf-8")
+    own.start_agent("--record", own.directory / "agent.rec").start_hardware().settle()
+    own.load(policy.replace("690", "695"))
+    own.settle()
+    monkeypatch.chdir(own.directory)
+    section = DOCUMENT[DOCUMENT.index("## Recordings"):DOCUMENT.index("A change is staged")]
+    transcript = "\n".join(re.findall(r"^    (.*)$", section, re.MULTILINE))
+    told = []
+    test = doctest.DocTestParser().get_doctest(transcript, {}, "python.md", None, 0)
+    assert len(test.examples) > 7
+    assert doctest.DocTestRunner(AnyTimes()).run(test, out=told.append).failed == 0, "".join(told)
+
+
 def test_the_document_lists_every_name_of_the_module():
     listed = set(re.findall(r"^\| `(?:vorn\.)?(\w+)", DOCUMENT, re.MULTILINE))
     assert set(NAMES) - listed == set()
 
 
-def test_the_document_lists_every_member_of_system_and_table():
-    for kind in (vorn.System, vorn.Table):
+def test_the_document_lists_every_member_of_what_one_begins_with():
+    for kind in (vorn.System, vorn.Table, vorn.Recording):
         members = {name for name in vars(kind) if not name.startswith("_")}
         assert [name for name in members if f"`{name}" not in DOCUMENT] == []

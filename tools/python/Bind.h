@@ -24,6 +24,7 @@ void bindResources(py::module_& module);
 void bindExplanation(py::module_& module);
 void bindTables(py::module_& module);
 void bindSystem(py::module_& module);
+void bindRecordings(py::module_& module);
 
 /// For each class: the ordinary metaclass, as stubs know no other.
 inline py::metaclass plainType() {

@@ -20,6 +20,7 @@ struct Kinds {
     py::handle question;
     py::handle damage;
     py::handle damageWarning;
+    py::handle file;
 };
 Kinds& kinds() {
     static Kinds all;
@@ -107,6 +108,8 @@ void bindErrors(py::module_& module) {
     all.damage = add("DamageError", error,
                      "The one thing that was asked for cannot be read: it does not verify, its "
                      "writer is in the middle of it, or the file cannot be opened.");
+    all.file = add("FileError", py::make_tuple(all.error, builtins.attr("OSError")),
+                   "A file cannot be read; `errno` and `filename` say which and why.");
     all.damageWarning =
         add("DamageWarning", py::make_tuple(builtins.attr("UserWarning")),
             "Something met on a walk cannot be read; the walk goes on behind it. All that were met "
@@ -119,6 +122,16 @@ void warnOf(const Inspect::Damage& damage) {
     const std::string line = fmt::format("{}: {}", kindText(damage.kind), damage.what);
     if (PyErr_WarnEx(kinds().damageWarning.ptr(), line.c_str(), 1) != 0)
         throw py::error_already_set();
+}
+
+void raiseFileError(const std::system_error& error, const std::string& file) {
+    std::string reason = error.what();
+    if (reason.starts_with(file + ": "))
+        reason.erase(0, file.size() + 2);  // it is shown behind the reason
+    const auto name = py::reinterpret_steal<py::object>(PyUnicode_DecodeFSDefault(file.c_str()));
+    const py::tuple what = py::make_tuple(error.code().value(), text(reason), name);
+    PyErr_SetObject(kinds().file.ptr(), what.ptr());
+    throw py::error_already_set();
 }
 
 }  // namespace Python

@@ -27,6 +27,7 @@ PYBIND11_MODULE(_vorn, module) {
     Python::bindExplanation(module);
     Python::bindTables(module);
     Python::bindSystem(module);
+    Python::bindRecordings(module);
     nameAfterPackage(module);
     module.attr("__version__") = VORN_VERSION;
 }

@@ -10,6 +10,9 @@ A state directory is attached for reading, beside a live agent or after its deat
 changes, acknowledgements and indexes are objects; walks over them are lazy. What is a row (entries,
 changes, figures, ...) is taken by pandas.DataFrame(rows) as it is. What cannot be read on a walk is
 warned of with DamageWarning, collected in System.damages, and the walk goes on.
+
+A Recording is what an agent has recorded of itself: every change, when it was committed and when
+hardware had it.
 """
 
 from vorn._vorn import (
@@ -25,10 +28,15 @@ from vorn._vorn import (
     EntryIterator,
     Error,
     Explanation,
+    FileError,
     Figures,
     MatchEntry,
     NotRunningError,
     QuestionError,
+    RecordedChange,
+    RecordedEvent,
+    RecordedEventIterator,
+    Recording,
     RefusedError,
     Resource,
     ResourceIterator,
@@ -52,10 +60,15 @@ __all__ = [
     "EntryIterator",
     "Error",
     "Explanation",
+    "FileError",
     "Figures",
     "MatchEntry",
     "NotRunningError",
     "QuestionError",
+    "RecordedChange",
+    "RecordedEvent",
+    "RecordedEventIterator",
+    "Recording",
     "RefusedError",
     "Resource",
     "ResourceIterator",
