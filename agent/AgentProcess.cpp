@@ -76,8 +76,14 @@ AgentProcess::AgentProcess(const Options& options)
     const auto policy = std::make_shared<const CompiledPolicy>(loadPolicy(options.policy));
     const Plugin plugin = loadPlugin(options.plugin);
 
-    if (!options.record.empty())
+    if (!options.record.empty()) {
         record_ = std::make_unique<Record>(options, loop_);
+        if (!record_->setAside().empty()) {
+            logLine(Brumo::Priority::warning,
+                    fmt::format("the recording was damaged, and is {} now; another begins",
+                                record_->setAside()));
+        }
+    }
     tables_ = std::make_unique<Tables>(options, plugin, loop_);
     if (record_ != nullptr)
         record_->mounted(*tables_);

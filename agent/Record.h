@@ -21,9 +21,11 @@ public:
     ~Record();
 
     /// The tables stand.
-    void mounted(const Tables& tables) { recorder_.tell(mountedOf(tables)); }
+    void mounted(const Tables& tables) { recorder_.mounted(mountedOf(tables)); }
     /// Why no more is recorded; empty while all is well.
     const std::string& failure() const { return file_.failure(); }
+    /// As Recording::FileWriter.
+    const std::string& setAside() const { return file_.setAside(); }
 
     static Recording::Start startOf(const Options& options);
     static Recording::Mounted mountedOf(const Tables& tables);

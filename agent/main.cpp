@@ -54,6 +54,10 @@ int main(int argc, char** argv) {
     } catch (const KivShimo::DuplicateWriterError& error) {
         return fail(Agent::kExitSecondAgent,
                     std::string("another agent has the state directory: ") + error.what());
+    } catch (const Recording::BusyError& error) {
+        return fail(Agent::kExitSecondAgent, error.what());
+    } catch (const Recording::FormatError& error) {
+        return fail(Agent::kExitUsage, error.what());
     } catch (const KivShimo::MountError& error) {
         return fail(Agent::kExitStateDirectory, error.what());
     } catch (const std::exception& error) {

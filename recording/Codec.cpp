@@ -47,7 +47,8 @@ bool isKnown(const Note& note) {
     return std::ranges::none_of(note.text, [](char each) { return each >= 0 && each < ' '; });
 }
 bool isKnown(const Look& look) {
-    return look.log <= Look::Log::unreadable;
+    return look.log <= Look::Log::another &&
+           std::ranges::is_sorted(look.rows, {}, &Look::Row::table);
 }
 bool isKnown(const ResourceOperation& made) {
     return made.operation <= ResourceOperation::Operation::sweep &&

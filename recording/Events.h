@@ -107,7 +107,7 @@ struct Turn {
 
 /// The agent looks at what the hardware side says.
 struct Look {
-    enum class Log : std::uint8_t { none, thisOne, another, unreadable };
+    enum class Log : std::uint8_t { none, thisOne, another };
     struct Row {
         std::uint32_t table = 0;
         std::uint64_t version = 0;
@@ -123,11 +123,12 @@ struct Look {
     Log log = Log::none;
     std::uint64_t consumed = 0;
     bool pauseRequested = false;
-    std::vector<Row> rows;
+    std::uint64_t call = 0;  ///< while a process starts: which of its looks that is, from 1
+    std::vector<Row> rows;   ///< by table
 
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
-        each(self.map, self.log, self.consumed, self.pauseRequested, self.rows);
+        each(self.map, self.log, self.consumed, self.pauseRequested, self.call, self.rows);
     }
     bool operator==(const Look&) const = default;
 };

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,6 +27,8 @@ namespace {
 constexpr std::array<char, 16> kHead{'V', 'o', 'r', 'n', 'R', 'e', 'c', '1'};
 constexpr std::size_t kWindow = std::size_t{1} << 20U;
 constexpr std::size_t kCheckSize = 4;
+/// Of an event since its process began: some hundred years.
+constexpr std::chrono::nanoseconds kMostTime = std::chrono::hours(1'000'000);
 
 std::uint32_t checkOf(const std::byte* middle, std::size_t size, std::size_t offset) {
     return static_cast<std::uint32_t>(XXH3_64bits_withSeed(middle, size, offset));
@@ -33,6 +36,56 @@ std::uint32_t checkOf(const std::byte* middle, std::size_t size, std::size_t off
 
 bool hasHead(Bytes bytes) {
     return bytes.size() >= kHead.size() && std::memcmp(bytes.data(), kHead.data(), 8) == 0;
+}
+
+/// Calls `visit` for the middle of each frame that verifies, up to the end or to what does not;
+/// `visit` may refuse one by FormatError. Returns where that is, and why.
+template <class Visit>
+std::size_t forEachFrame(Bytes all, std::string& damage, Visit&& visit) {
+    std::size_t at = kHead.size();
+    for (std::size_t number = 1; at < all.size() && all[at] != std::byte{0}; ++number) {
+        try {
+            const Bytes rest = all.subspan(at);
+            Decoder frame(rest);
+            const std::uint64_t length = frame.number();
+            const std::size_t head = numberSize(length);
+            if (length > rest.size() || head + length + kCheckSize > rest.size())
+                throw FormatError("the frame is cut off");
+            const Bytes middle = rest.subspan(head, length);
+            std::uint32_t check = 0;
+            std::memcpy(&check, rest.data() + head + length, kCheckSize);
+            if (check != checkOf(middle.data(), middle.size(), at))
+                throw FormatError("the frame does not verify");
+            visit(middle);
+            at += head + length + kCheckSize;
+        } catch (const FormatError& error) {
+            damage = fmt::format("event {} at byte {}: {}", number, at, error.what());
+            break;
+        }
+    }
+    return at;
+}
+
+/// Where its writer goes on; 0 for an empty file. Nothing of it is taken into this process's
+/// memory.
+std::size_t endOfRecording(const Descriptor& opened, const std::string& file, std::string& damage) {
+    struct stat status {};
+    if (::fstat(opened.fd(), &status) != 0)
+        throwErrno(file, "look at");
+    if (!S_ISREG(status.st_mode))
+        throw FormatError(file + ": go on with recording: is no regular file");
+    const auto size = static_cast<std::size_t>(status.st_size);
+    if (size == 0)
+        return 0;
+    void* const mapped = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, opened.fd(), 0);
+    if (mapped == MAP_FAILED)
+        throwErrno(file, "map recording");
+    const auto unmap = [size](void* base) { ::munmap(base, size); };
+    const std::unique_ptr<void, decltype(unmap)> mapping(mapped, unmap);
+    const Bytes all(static_cast<const std::byte*>(mapped), size);
+    if (!hasHead(all))
+        throw FormatError(file + ": go on with recording: is none");
+    return forEachFrame(all, damage, [](Bytes) {});
 }
 
 /// Only one process writes: the lock ends with its last descriptor of the file.
@@ -43,33 +96,42 @@ void lock(int fd, const std::string& file) {
     if (::fcntl(fd, F_OFD_SETLK, &wanted) == 0)
         return;
     if (errno == EAGAIN || errno == EACCES)
-        throw FormatError(file + ": lock recording: another process writes it");
+        throw BusyError(file + ": lock recording: another process writes it");
     throwErrno(file, "lock recording");
+}
+
+Descriptor openedForWriting(const std::string& file) {
+    Descriptor opened(
+        ::open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0640));
+    if (opened.fd() < 0)
+        throwErrno(file, "open recording");
+    lock(opened.fd(), file);
+    return opened;
 }
 
 }  // namespace
 
 FileWriter::FileWriter(std::string file) : file_(std::move(file)) {
-    Descriptor opened(
-        ::open(file_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0640));
-    if (opened.fd() < 0)
-        throwErrno(file_, "open recording");
-    lock(opened.fd(), file_);
-    const std::vector<std::byte> before = allOf(opened, file_);
-    used_ = kHead.size();
-    if (!before.empty()) {
-        if (!hasHead(before))
-            throw FormatError(file_ + ": go on with recording: is none");
-        const Contents kept(before);
-        if (!kept.damage().empty())
-            throw FormatError(file_ + ": go on with recording: " + kept.damage());
-        used_ = kept.size();
+    Descriptor opened = openedForWriting(file_);
+    std::string damage;
+    used_ = endOfRecording(opened, file_, damage);
+    if (!damage.empty()) {
+        // What can be read of it stays, and a rotten file keeps no agent from its work.
+        setAside_ = file_ + ".damaged";
+        if (::rename(file_.c_str(), setAside_.c_str()) != 0)
+            throwErrno(file_, "set damaged recording aside");
+        opened = openedForWriting(file_);
+        used_ = 0;
+    }
+    if (used_ == 0) {
+        // At once: a kill leaves it with a head, or empty.
+        if (::pwrite(opened.fd(), kHead.data(), kHead.size(), 0) !=
+            static_cast<ssize_t>(kHead.size()))
+            throwErrno(file_, "write recording");
+        used_ = kHead.size();
     }
     if (::ftruncate(opened.fd(), static_cast<off_t>(used_)) != 0)
         throwErrno(file_, "cut recording");
-    if (before.empty() &&
-        ::pwrite(opened.fd(), kHead.data(), kHead.size(), 0) != static_cast<ssize_t>(kHead.size()))
-        throwErrno(file_, "write recording");
     fd_ = opened.release();
 }
 
@@ -135,36 +197,19 @@ Contents::Contents(std::vector<std::byte> bytes) {
     if (!hasHead(bytes))
         throw FormatError("no recording: its head is of another kind of file");
     storage_.push_back(std::move(bytes));
-    const Bytes all = storage_.back();
-    size_ = kHead.size();
     std::chrono::nanoseconds time{0};
-    while (size_ < all.size() && all[size_] != std::byte{0}) {
-        try {
-            const Bytes rest = all.subspan(size_);
-            Decoder frame(rest);
-            const std::uint64_t length = frame.number();
-            const std::size_t head = numberSize(length);
-            if (length > rest.size() || head + length + kCheckSize > rest.size())
-                throw FormatError("the frame is cut off");
-            const Bytes middle = rest.subspan(head, length);
-            std::uint32_t check = 0;
-            std::memcpy(&check, rest.data() + head + length, kCheckSize);
-            if (check != checkOf(middle.data(), middle.size(), size_))
-                throw FormatError("the frame does not verify");
-            Decoder passed(middle);
-            const std::uint64_t delta = passed.number();
-            const Bytes event = middle.subspan(numberSize(delta));
-            const bool begins = is<Start>(decode(event));
-            time = begins ? std::chrono::nanoseconds{0}
-                          : time + std::chrono::nanoseconds(static_cast<std::int64_t>(delta));
-            events_.push_back({time, event});
-            size_ += head + length + kCheckSize;
-        } catch (const FormatError& error) {
-            damage_ =
-                fmt::format("event {} at byte {}: {}", events_.size() + 1, size_, error.what());
-            return;
-        }
-    }
+    size_ = forEachFrame(storage_.back(), damage_, [&](Bytes middle) {
+        Decoder passed(middle);
+        const std::uint64_t delta = passed.number();
+        if (delta > static_cast<std::uint64_t>(kMostTime.count()) -
+                        static_cast<std::uint64_t>(time.count()))
+            throw FormatError("a time is too late");
+        const Bytes event = middle.subspan(numberSize(delta));
+        const bool begins = is<Start>(decode(event));
+        time = begins ? std::chrono::nanoseconds{0}
+                      : time + std::chrono::nanoseconds(static_cast<std::int64_t>(delta));
+        events_.push_back({time, event});
+    });
 }
 
 Contents Contents::ofFile(const std::string& file) {

@@ -15,6 +15,8 @@
 //  2. A process that goes on with a file goes on behind its last whole frame; its first event is a
 //     start.
 //  3. Storing an event takes a system call once a megabyte.
+//
+// The file is mapped while it is written: whoever cuts it meanwhile ends its writer (SIGBUS).
 #pragma once
 
 #include <cstddef>
@@ -27,11 +29,17 @@
 
 namespace Recording {
 
+/// Another process writes the recording.
+class BusyError : public FormatError {
+public:
+    using FormatError::FormatError;
+};
+
 class FileWriter final : public Sink {
 public:
-    /// Goes on with the recording in the file, or makes it, for this user and group to read. Throws
-    /// std::system_error with path and operation, FormatError where the file is no recording or
-    /// another process writes it.
+    /// Goes on with the recording in the file, or makes it, for this user and group to read. One
+    /// that is damaged is renamed to "<name>.damaged", and another begun. Throws std::system_error
+    /// with path and operation, FormatError where the file is no recording, BusyError.
     explicit FileWriter(std::string file);
     FileWriter(const FileWriter&) = delete;
     FileWriter& operator=(const FileWriter&) = delete;
@@ -41,6 +49,8 @@ public:
     void eventIs(Bytes event, std::chrono::nanoseconds time) override;
     /// Empty while all is stored.
     const std::string& failure() const { return failure_; }
+    /// What a damaged recording is called now; empty: there was none.
+    const std::string& setAside() const { return setAside_; }
 
 private:
     void makeRoom(std::size_t bytes);
@@ -54,6 +64,7 @@ private:
     std::size_t used_ = 0;  ///< of the file
     std::chrono::nanoseconds last_{-1};
     std::string failure_;
+    std::string setAside_;
 };
 
 /// One event of a recording.

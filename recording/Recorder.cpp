@@ -1,5 +1,6 @@
 #include "recording/Recorder.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace Recording {
@@ -50,19 +51,23 @@ void Recorder::resourceOperation(Asic::SwTableId table, Asic::Recorder::Resource
 }
 
 /// A look that finds what the one before has found is told only where it makes a difference: an
-/// agent at work looks after each piece of it.
+/// agent at work looks after each piece of it. While a process starts, its looks are counted: what
+/// one of them has found is found by the ones that follow, up to the next that is told.
 void Recorder::mapRead(const Asic::AckMapReading& reading, bool takesUp) {
     const bool isAnother = look_.map == 0 || mapIdentity_ != reading.identity;
     mapIdentity_ = reading.identity;
     next_.map = look_.map + (isAnother ? 1 : 0);
-    next_.log = reading.log ? static_cast<Look::Log>(*reading.log) : Look::Log::unreadable;
+    next_.log = static_cast<Look::Log>(*reading.log);
     next_.consumed = reading.consumed.value_or(look_.consumed);
     next_.pauseRequested = reading.pauseRequested.value_or(look_.pauseRequested);
+    next_.call = look_.call;
     next_.rows.clear();
     for (const auto& [table, version] : reading.versions)
         next_.rows.push_back({table, version});
+    std::ranges::sort(next_.rows, {}, &Look::Row::table);
     if (next_ == look_ && !takesUp)
         return;
+    next_.call = isStarting_ ? calls_ : 0;
     std::swap(look_, next_);
     tell(look_);
 }

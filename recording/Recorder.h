@@ -31,12 +31,20 @@ public:
     void resourceOperation(Asic::SwTableId table, Asic::Recorder::ResourceOperation operation,
                            std::uint64_t key) override;
     void turnBegins() override { tell(Turn{}); }
-    /// For whoever replays.
-    void mapWillBeRead() override {}
+    /// The tables stand.
+    void mounted(const Mounted& mounted) {
+        isStarting_ = false;
+        tell(mounted);
+    }
+    void mapWillBeRead() override { ++calls_; }
     void mapRead(const Asic::AckMapReading& reading, bool takesUp) override;
     void stateIs(const Asic::DependencyEntryHandle& handle) override;
     void handlerIs(const Asic::DependencyEntryHandle& handle, bool runs) override;
     void resourceStateIs(const Asic::Recorder::ResourceState& state) override;
+
+protected:
+    /// Looks since the recorder was made.
+    std::uint64_t calls() const { return calls_; }
 
 private:
     template <class Kind>
@@ -52,6 +60,8 @@ private:
     Buffer buffer_;
     std::uint64_t lastNumber_ = 0;
     std::uint64_t mapIdentity_ = 0;
+    std::uint64_t calls_ = 0;
+    bool isStarting_ = true;
     Look look_;                          ///< the last one
     Look next_;                          ///< kept for its memory
     std::vector<std::uint64_t> silent_;  ///< handlers at work that have not done anything yet

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "platform/kivshimo/Paths.h"
 #include "recording/Codec.h"
 #include "recording/FileAccess.h"
 
@@ -23,12 +24,14 @@ namespace fs = std::filesystem;
 constexpr std::size_t kGap = 16;
 /// Largest part of a file that is looked at together: a page.
 constexpr std::size_t kStep = 4096;
-/// No table is larger; a size that somebody made up does not fill the memory.
+/// No table is larger.
 constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 32U;
 
+/// Tables and the manifests beside them: what else lies in the directory, a recording perhaps, a
+/// process that begins does not look at.
 bool isTold(const std::string& path) {
-    const std::string name = fs::path(path).filename();
-    return !name.starts_with("agent.ring") && path.find(".damaged-") == std::string::npos;
+    return path.ends_with(KivShimo::kTableSuffix) ||
+           path.ends_with(std::string(KivShimo::kTableSuffix) + ".manifest");
 }
 
 /// The parts that are not zero. Whole pages of zeros, of which a table is full, are passed over at

@@ -1,7 +1,7 @@
 // The files of a state directory in a recording: as a process found them, and laid out again.
 //
-// Any thread. Rings, sockets and files that were kept aside are left out: a process that begins
-// does not look at them.
+// Any thread. Only tables and their manifests are told: what else lies there, as rings, sockets,
+// files that were kept aside and recordings, a process that begins does not look at.
 #pragma once
 
 #include <functional>

@@ -14,7 +14,7 @@ namespace Recording {
 
 namespace {
 
-constexpr std::array<std::string_view, 4> kLogs{"none", "this", "another", "unreadable"};
+constexpr std::array<std::string_view, 3> kLogs{"none", "this", "another"};
 
 /// Bytes of a file in a line.
 constexpr std::size_t kBytesInLine = 64;
@@ -75,6 +75,8 @@ struct TextMaker {
             text += fmt::format(" consumed={}", look.consumed);
         if (look.pauseRequested)
             text += " pause";
+        if (look.call != 0)
+            text += fmt::format(" call={}", look.call);
         return text + rowsText(look.rows) + '\n';
     }
     std::string operator()(const ResourceOperation& made) const {
@@ -187,8 +189,6 @@ public:
             text.remove_prefix(std::min(end + 1, text.size()));
         }
         endFile();
-        if (!open_.empty())
-            throw FormatError(fmt::format("answer #{} has no end", open_.back()));
         return std::move(contents_);
     }
 
@@ -197,6 +197,7 @@ private:
     void add(const Kind& event) {
         buffer_.clear();
         encode(event, buffer_);
+        static_cast<void>(decode(buffer_.bytes()));  // refuses what no recording has
         contents_.add(buffer_.bytes(), time_);
     }
 
@@ -278,13 +279,14 @@ private:
                 start.capacity = numberIn(word.value);
             } else if (word.name == "time") {
                 start.time_ns = numberIn(word.value);
-            } else if (word.name == "on-own-files") {
+            } else if (word.name == "on-own-files" && !word.hasValue) {
                 start.onOwnFiles = true;
             } else {
                 refuse(word);
             }
         }
         time_ = {};
+        open_.clear();  // what the process before was in the middle of has no end
         add(start);
     }
 
@@ -370,11 +372,14 @@ private:
                 look.consumed = numberIn(word.value);
             } else if (word.name == "pause" && !word.hasValue) {
                 look.pauseRequested = true;
+            } else if (word.name == "call") {
+                look.call = numberIn(word.value);
             } else {
                 rows.push_back(std::move(word));
             }
         }
         look.rows = rowsOf(rows);
+        std::ranges::sort(look.rows, {}, &Look::Row::table);
         add(look);
     }
 
@@ -498,6 +503,7 @@ std::string textOf(const Contents& contents) {
             --depth;
         if (is<Start>(event)) {
             time = {};
+            depth = 0;  // a kill ends answers as well
         } else if (recorded.time != time) {
             time = recorded.time;
             text += std::string(depth * 2, ' ') + timeText(time);

@@ -11,7 +11,7 @@
 //   remove #NUMBER TABLE UNIT KEY [after=#NUMBER] [handler]
 //   remove-all #NUMBER TABLE UNIT [after=#NUMBER] [handler]
 //   turn
-//   look map=N log=none|this|another|unreadable [consumed=N] [pause] [TABLE=VERSION…]
+//   look map=N log=none|this|another [consumed=N] [pause] [call=N] [TABLE=VERSION…]
 //   move|fail|restore POOL KEY
 //   sweep POOL
 //   end

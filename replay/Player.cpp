@@ -80,7 +80,10 @@ class Player::Recorder final : public Recording::Recorder {
 public:
     explicit Recorder(Player& player)
         : Recording::Recorder(player.loop_, player), player_(player) {}
-    void mapWillBeRead() override { player_.mapWillBeRead(); }
+    void mapWillBeRead() override {
+        Recording::Recorder::mapWillBeRead();
+        player_.mapWillBeRead(calls());
+    }
 
 private:
     Player& player_;
@@ -110,7 +113,20 @@ Result Player::compare(const Recording::Contents& recording, const Wishes& wishe
 
 Recording::Contents Player::recordAnew(const Recording::Contents& recording) {
     anew_.emplace();
+    handlersDone_ = 0;
     play(recording, {});
+    std::size_t handlers = 0;
+    for (const Recording::Recorded& recorded : recording.events()) {
+        const Event event = Recording::decode(recorded.bytes);
+        const auto* const handler = std::get_if<Recording::Handler>(&event);
+        handlers += handler != nullptr && handler->runs ? 1 : 0;
+    }
+    if (handlers != handlersDone_) {
+        throw FormatError(
+            fmt::format("{} of {} answers did not come: what their handlers do would "
+                        "be lost",
+                        handlers - handlersDone_, handlers));
+    }
     return std::move(*std::exchange(anew_, std::nullopt));
 }
 
@@ -121,7 +137,7 @@ Result Player::play(const Recording::Contents& recording, const Wishes& wishes) 
     killed_ = stopped_ = false;
     result_ = {};
     performRange(0, recording.events().size(), true);
-    if (!isOver() && !anew_ && cursor_ != recording.events().size())
+    if (!isOver() && !anew_ && !isDue(recording.events().size()))
         differs("nothing");
     result_.events = anew_ ? recording.events().size() : cursor_;
     if (tables_ != nullptr)
@@ -159,13 +175,7 @@ void Player::performRange(std::size_t begin, std::size_t end, bool isTopLevel) {
         const Event event = eventAt(at);
         if (const auto* const handler = std::get_if<Recording::Handler>(&event)) {
             const std::uint64_t number = handler->number;
-            while (++at < end) {
-                const Event inner = eventAt(at);
-                const auto* const last = std::get_if<Recording::Handler>(&inner);
-                if (last != nullptr && last->number == number && !last->runs)
-                    break;
-            }
-            ++at;
+            at = std::min(endOfHandler(at, number), end);
             continue;
         }
         if (!Recording::isInput(event)) {
@@ -185,6 +195,9 @@ void Player::performRange(std::size_t begin, std::size_t end, bool isTopLevel) {
             differs("nothing");
             return;
         }
+        if (!isTopLevel && !is<Change>(event) && !is<Recording::ResourceOperation>(event) &&
+            !is<Recording::Note>(event))
+            refuse("no handler does that");
         if (isTopLevel && wishes_->onInput && !wishes_->onInput(event)) {
             stopped_ = true;
             return;
@@ -215,22 +228,28 @@ void Player::perform(std::size_t at) {
         event);
 }
 
+/// Behind the end of a handler that begins at `at`; a kill may have ended it, and a process begins
+/// there.
+std::size_t Player::endOfHandler(std::size_t at, std::uint64_t number) const {
+    while (++at < recording_->events().size()) {
+        const Event event = eventAt(at);
+        if (is<Recording::Start>(event))
+            return at;
+        const auto* const handler = std::get_if<Recording::Handler>(&event);
+        if (handler != nullptr && handler->number == number && !handler->runs)
+            return at + 1;
+    }
+    return at;
+}
+
 /// Called by the handler of a change; what it then does stands behind where it begins.
 void Player::performHandler(std::uint64_t number) {
     const auto found = handlers_.find(number);
     if (found == handlers_.end() || killed_ || isOver())
         return;
-    std::size_t end = found->second + 1;
-    const auto isEnd = [&](std::size_t at) {
-        const Event event = eventAt(at);
-        const auto* const handler = std::get_if<Recording::Handler>(&event);
-        return is<Recording::Start>(event) ||
-               (handler != nullptr && handler->number == number && !handler->runs);
-    };
-    while (end < recording_->events().size() && !isEnd(end))
-        ++end;
+    ++handlersDone_;
     const std::size_t outer = input_;
-    performRange(found->second + 1, end, false);
+    performRange(found->second + 1, endOfHandler(found->second, number), false);
     input_ = outer;
 }
 
@@ -243,12 +262,27 @@ std::size_t Player::endOfStart(std::size_t at) const {
     std::size_t files = at + 1;
     while (files < size && is<Recording::File>(eventAt(files)))
         ++files;
-    std::size_t looks = files;
-    while (looks < size && is<Look>(eventAt(looks)))
-        ++looks;
-    if (looks < size && is<Recording::Mounted>(eventAt(looks)))
-        return looks + 1;
-    return files;
+    std::size_t stands = files;
+    while (stands < size && (is<Look>(eventAt(stands)) || !Recording::isInput(eventAt(stands))) &&
+           !is<Recording::Mounted>(eventAt(stands)))
+        ++stands;
+    return stands < size && is<Recording::Mounted>(eventAt(stands)) ? stands + 1 : files;
+}
+
+/// Whether the process that begins at `at` never had its tables: they could not be made, or it was
+/// killed before. It has left nothing that somebody could find.
+bool Player::hasFailed(std::size_t at) const {
+    for (++at; at < recording_->events().size(); ++at) {
+        const Event event = eventAt(at);
+        if (is<Recording::Start>(event))
+            return true;
+        const bool isOfStart = is<Recording::File>(event) || is<Look>(event) ||
+                               is<Recording::OwnChange>(event) || is<Recording::State>(event) ||
+                               is<Recording::End>(event) || is<Recording::Note>(event);
+        if (!isOfStart)
+            return false;
+    }
+    return true;
 }
 
 /// What belongs to the process that begins here, by the numbers of its changes.
@@ -302,6 +336,13 @@ void Player::layOutFiles(std::size_t at, std::size_t end, const Recording::Start
 std::size_t Player::startProcess(std::size_t at) {
     const Event event = eventAt(at);
     const auto& start = std::get<Recording::Start>(event);
+    if (!anew_ && hasFailed(at)) {
+        stop();
+        ++result_.starts;
+        for (++at; at < recording_->events().size() && !is<Recording::Start>(eventAt(at));)
+            ++at;
+        return cursor_ = at;
+    }
     const std::size_t end = endOfStart(at);
     killed_ = false;
     ++result_.starts;
@@ -319,7 +360,7 @@ std::size_t Player::startProcess(std::size_t at) {
     tables_ =
         std::make_unique<Agent::Tables>(optionsOf(start, directory_), plugin_, loop_, kSystem);
     starting_ = false;
-    recorder_->tell(Agent::Record::mountedOf(*tables_));
+    recorder_->mounted(Agent::Record::mountedOf(*tables_));
     return anew_ ? end : std::max(end, cursor_);
 }
 
@@ -426,24 +467,23 @@ void Player::doIt(const Look& look) {
 
 /// What was read then stands next in the recording: while a process starts, and where it finds
 /// another map in the middle of a look.
-void Player::mapWillBeRead() {
+void Player::mapWillBeRead(std::uint64_t call) {
     if (isOver() || killed_ || (anew_ && !starting_))
         return;
-    std::size_t at = cursor_;
-    if (anew_) {
-        at = endOfStart(input_);  // all at once: the last look is as good as any
-        while (at > input_ && !is<Look>(eventAt(at - 1)))
-            --at;
-        if (at == input_)
-            return;
-        --at;
+    std::size_t at = anew_ ? input_ + 1 : cursor_;
+    const std::size_t end =
+        anew_ ? endOfStart(input_) : std::min(at + 1, recording_->events().size());
+    for (; at < end; ++at) {
+        const Event event = eventAt(at);
+        const auto* const look = std::get_if<Look>(&event);
+        if (look == nullptr)
+            continue;
+        // One that was written by hand is as good for all looks of a start.
+        const bool isDue =
+            starting_ ? look->call == 0 || look->call == call : look->map != mapNumber_;
+        if (isDue)
+            layOutMap(*look);
     }
-    if (at >= recording_->events().size())
-        return;
-    const Event event = eventAt(at);
-    const auto* const look = std::get_if<Look>(&event);
-    if (look != nullptr && (starting_ || look->map != mapNumber_))
-        layOutMap(*look);
 }
 
 /// The map becomes what the look says of it; another map takes its place where the look says so.

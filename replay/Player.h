@@ -89,6 +89,8 @@ private:
     void performHandler(std::uint64_t number);
     std::size_t startProcess(std::size_t at);
     std::size_t endOfStart(std::size_t at) const;
+    bool hasFailed(std::size_t at) const;
+    std::size_t endOfHandler(std::size_t at, std::uint64_t number) const;
     void layOutFiles(std::size_t at, std::size_t end, const Recording::Start& start);
     void findRun(std::size_t at);
 
@@ -101,7 +103,7 @@ private:
     void change(VornPolicyCpu::TableOperations<Types>& table, const Recording::Change& change);
 
     void layOutMap(const Recording::Look& look);
-    void mapWillBeRead();
+    void mapWillBeRead(std::uint64_t call);
     void differs(std::string replayed);
     bool isOver() const;
     bool isDue(std::size_t at) const;
@@ -121,6 +123,7 @@ private:
     std::optional<Recording::Contents> anew_;  ///< where what comes out is kept, not compared
     std::size_t cursor_ = 0;                   ///< event that is to come out next
     std::size_t input_ = 0;                    ///< event that is under way
+    std::size_t handlersDone_ = 0;
     bool starting_ = false;
     bool killed_ = false;  ///< the recorded process ended here; this one goes on to no avail
     bool stopped_ = false;

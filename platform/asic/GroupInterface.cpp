@@ -153,31 +153,56 @@ void GroupInterface::tellOfLook() {
         recorder()->mapWillBeRead();
 }
 
-/// All that is to be known of the open map; what cannot be read is reported. The log comes first,
-/// as the hardware side notes it first.
-AckMapReading GroupInterface::readMap() const {
+/// What the open map says, as far as it is taken up at the start of the process or later: a map of
+/// a lost log acknowledges nothing later on, and one whose log cannot be read says nothing at all.
+/// The log comes first, as the hardware side notes it first.
+AckMapReading GroupInterface::readMap(bool atStart,
+                                      const KivShimo::CorruptionReport& report) const {
     const KivShimo::AckMapReader& map = *shm_->reader;
-    const auto read = [this](const auto& look) {
+    const auto read = [&report](const auto& look) {
         try {
             look();
+            return true;
         } catch (const KivShimo::CorruptionError& error) {
-            doCorruptionDetected(error.what());
+            report(error);
+            return false;
         }
     };
     AckMapReading reading;
     reading.identity = map.identity();
-    read([&] { reading.log = shm_->logOfMap(); });
-    reading.isWhole = reading.log.has_value();
-    reading.versions = map.all([&](const KivShimo::CorruptionError& error) {
-        doCorruptionDetected(error.what());
-        reading.isWhole = false;
-    });
+    reading.isWhole = read([&] { reading.log = shm_->logOfMap(); });
+    if (!reading.log.has_value() && !atStart)
+        return reading;
+    if (atStart || *reading.log != AckMapReading::Log::another) {
+        reading.versions = map.all([&](const KivShimo::CorruptionError& error) {
+            report(error);
+            reading.isWhole = false;
+        });
+    }
     if (reading.log == AckMapReading::Log::thisOne)
         read([&] { reading.consumed = map.consumed(); });
-    read([&] { reading.pauseRequested = map.pauseRequested(); });
-    if (recorder() != nullptr) [[unlikely]]
-        recorder()->mapRead(reading, resolver_->waitsForMore());
+    if (!atStart)
+        read([&] { reading.pauseRequested = map.pauseRequested(); });
     return reading;
+}
+
+KivShimo::CorruptionReport GroupInterface::corruptionReport() const {
+    return [this](const KivShimo::CorruptionError& error) { doCorruptionDetected(error.what()); };
+}
+
+/// Whether taking up what the map says does anything, whatever was taken up before.
+bool GroupInterface::isNews(const AckMapReading& reading) const {
+    if (reading.pauseRequested.has_value() && *reading.pauseRequested != resolver_->suspended())
+        return true;
+    const KivShimo::AnnounceLogWriter& announcements = shm_->announcements;
+    if (reading.consumed.has_value() && *reading.consumed > announcements.consumed() &&
+        *reading.consumed <= announcements.tail())
+        return true;
+    return std::ranges::any_of(reading.versions, [this](const auto& each) {
+        const SwTableId table(each.tableId);
+        const LogVersion version{each.version};
+        return version != acknowledgedVersion(table) && whyNot(table, version).empty();
+    });
 }
 
 /// Takes up what the hardware side says at the start; false when not all of it can be read. Where
@@ -186,8 +211,11 @@ bool GroupInterface::takeUpAtStart() {
     tellOfLook();
     if (shm_->map() == nullptr)
         return true;
-    const AckMapReading reading = readMap();
-    acknowledgedOfThisLog_ = reading.log.has_value() && *reading.log != AckMapReading::Log::another;
+    AckMapReading reading = readMap(true, corruptionReport());
+    reading.log = reading.log.value_or(AckMapReading::Log::another);
+    if (recorder() != nullptr)
+        recorder()->mapRead(reading, true);
+    acknowledgedOfThisLog_ = *reading.log != AckMapReading::Log::another;
     for (const auto& [tableId, version] : reading.versions)
         acknowledgedBefore_[SwTableId(tableId)] = {version};
     takeUpConsumed(reading);
@@ -309,14 +337,28 @@ void GroupInterface::announcedVersionRestored(SwTableId tableId, LogVersion vers
     acknowledgedBefore_.erase(tableId);
 }
 
+/// What is read of one table is told with all of the map, of which the rest may be later.
+void GroupInterface::tellOfVersion(SwTableId tableId, std::uint64_t version) const {
+    AckMapReading reading = readMap(true, [](const auto&) {});  // whoever takes it up reports it
+    KivShimo::Acknowledgements versions;
+    for (KivShimo::Acknowledged row : reading.versions) {
+        if (row.tableId == tableId.whole())
+            row.version = version;
+        versions.add(row);
+    }
+    reading.versions = versions;
+    reading.log = reading.log.value_or(AckMapReading::Log::none);
+    recorder()->mapRead(reading, false);
+}
+
 std::optional<LogVersion> GroupInterface::tableVersionInMap(SwTableId tableId) const {
     tellOfLook();
     KivShimo::AckMapReader* map = shm_->map();
-    if (map != nullptr && recorder() != nullptr)
-        readMap();
     if (map == nullptr || shm_->isOfLostLog())
         return std::nullopt;
     const auto version = map->acknowledged(tableId.whole());
+    if (version.has_value() && recorder() != nullptr)
+        tellOfVersion(tableId, *version);
     if (!version.has_value())
         return std::nullopt;
     const auto announced = announced_.find(tableId);
@@ -359,18 +401,18 @@ void GroupInterface::acknowledgementsArrived() {
 /// Takes up what the open map says. Returns whether anything in it has moved; false also where that
 /// cannot be read.
 bool GroupInterface::takeUpMap() {
-    const AckMapReading reading = readMap();
+    const AckMapReading reading = readMap(false, corruptionReport());
     if (!reading.log.has_value())
         return false;
+    if (recorder() != nullptr) [[unlikely]]
+        recorder()->mapRead(reading, resolver_->waitsForMore() || isNews(reading));
     const std::uint64_t consumedBefore = shm_->announcements.consumed();
     takeUpConsumed(reading);
     appendWaiting();
     takeUpPauseRequest(reading);
     bool moved = false;
-    if (*reading.log != AckMapReading::Log::another) {
-        for (const auto& [tableId, version] : reading.versions)
-            moved |= acknowledge(SwTableId(tableId), {version});
-    }
+    for (const auto& [tableId, version] : reading.versions)
+        moved |= acknowledge(SwTableId(tableId), {version});
     if (moved)
         publisher().publish(kAcknowledged);
     resolver_->updateGenId();

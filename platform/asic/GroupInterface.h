@@ -26,6 +26,7 @@
 #include "platform/asic/WaitingAnnouncements.h"
 #include "platform/brumo/String.h"
 #include "platform/kiv/EventLoop.h"
+#include "platform/kivshimo/Errors.h"
 #include "platform/regdb/EntityManager.h"
 
 namespace Asic {
@@ -110,7 +111,10 @@ private:
 
     void takeUpAnnouncements();
     static void tellOfLook();
-    AckMapReading readMap() const;
+    AckMapReading readMap(bool atStart, const KivShimo::CorruptionReport& report) const;
+    KivShimo::CorruptionReport corruptionReport() const;
+    bool isNews(const AckMapReading& reading) const;
+    void tellOfVersion(SwTableId tableId, std::uint64_t version) const;
     bool takeUpMap();
     bool takeUpAtStart();
     bool hasRoomForWaiting();

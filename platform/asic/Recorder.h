@@ -1,5 +1,5 @@
-// Everything that goes into the tables of a process and everything that comes out of them, in
-// order.
+// Everything that goes into the tables of a process by their operations and everything that comes
+// out of them, in order. What the process does to make its tables, it tells itself.
 //
 // Event thread only. At most one recorder a process. A recorder is told while the tables are at
 // work: it must not change them, but from within handlerIs().

@@ -113,7 +113,7 @@ public:
     /// Empty when the table was never acknowledged. Throws CorruptionError.
     std::optional<std::uint64_t> acknowledged(std::uint32_t tableId) const;
     /// What can be read; each row that cannot is reported, and holds no other up.
-    Acknowledgements all(const std::function<void(const CorruptionError&)>& report) const;
+    Acknowledgements all(const CorruptionReport& report) const;
     /// Throws CorruptionError.
     std::uint64_t consumed() const;
     /// Throws CorruptionError.

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -23,6 +24,9 @@ public:
     CorruptionError(std::string_view file, std::string_view collection, std::uint64_t slot,
                     std::string_view what);
 };
+
+/// Hears of what cannot be read.
+using CorruptionReport = std::function<void(const CorruptionError&)>;
 
 /// A file could not be mounted: path, operation and reason.
 class MountError : public std::runtime_error {

@@ -231,10 +231,11 @@ def agent_command(system, recording):
             "--record", recording]
 
 
-@pytest.mark.parametrize("content, said", [
-    (b"no recording, but somebody's notes", "go on with recording: is none"),
-    (None, "lock recording: another process writes it")])
-def test_an_agent_that_cannot_record_says_so_and_does_not_start(own, build, tmp_path, content, said):
+@pytest.mark.parametrize("content, code, said", [
+    (b"no recording, but somebody's notes", 2, "go on with recording: is none"),
+    (None, 6, "lock recording: another process writes it")])
+def test_an_agent_that_cannot_record_says_so_and_does_not_start(own, build, tmp_path, content, code,
+                                                                said):
     from live_systems import System
     recording = own.directory / "a.rec"
     if content is not None:
@@ -245,10 +246,42 @@ def test_an_agent_that_cannot_record_says_so_and_does_not_start(own, build, tmp_
     other = System(build, tmp_path / "other")
     result = subprocess.run(list(map(str, agent_command(other, recording))), capture_output=True,
                             text=True, check=False, timeout=60)
-    assert result.returncode == 1
+    assert result.returncode == code
     assert result.stderr.splitlines()[-1] == f"vorn-agent: {recording}: {said}"
     if content is not None:
         assert recording.read_bytes() == content
+
+
+def test_a_damaged_recording_is_set_aside(own):
+    recording = own.directory / "a.rec"
+    own.start_agent("--record", recording).agent.end()
+    content = bytearray(recording.read_bytes())
+    content[40] ^= 1
+    recording.write_bytes(content)
+    own.start_agent("--record", recording)
+    aside = own.directory / "a.rec.damaged"
+    assert f"the recording was damaged, and is {aside} now" in own.agent.log()
+    assert aside.read_bytes() == content
+    assert own.vorn("replay", recording).code == 0
+
+
+def test_a_recording_in_the_state_directory_does_not_hold_itself(own):
+    recording = own.state / "a.rec"
+    for _ in range(2):
+        own.start_agent("--record", recording).agent.end()
+    assert "file a.rec" not in own.vorn("replay", "--text", recording).out
+
+
+def test_an_agent_that_did_not_come_up_spoils_no_recording(own, build, tmp_path):
+    """A second agent on the same tables, with a recording of its own; later it is the only one."""
+    own.start_agent()
+    recording = tmp_path / "late.rec"
+    command = list(map(str, agent_command(own, recording)))
+    assert subprocess.run(command, capture_output=True, check=False, timeout=60).returncode == 6
+    own.agent.end()
+    own.start_agent("--record", recording).agent.end()
+    result = own.vorn.json("replay", "replay", recording)
+    assert result["difference"] is None and result["starts"] == 2
 
 
 def test_an_agent_goes_on_when_its_recording_cannot(own):

@@ -119,6 +119,41 @@ TEST(PlayerTest, ChangesOfAHandlerAreMadeFromWithinIt) {
     EXPECT_EQ(said(compared(outside)), "");
 }
 
+TEST(PlayerTest, AKillWithinAHandlerIsNoDifferenceAndTheNextProcessGoesOn) {
+    const std::string killed = with(kOneWrite, "}\nturn\n= #2 written version=2\n", "");
+    const std::string next =
+        "start units=1 counters=2 policers=2 capacity=16\n"
+        "= mounted action=0 v4=0 v6=0\n"
+        "write #1 v4 1 1.1\n"
+        "turn\n"
+        "= #1 written version=1\n";
+    const Contents recording = Recording::contentsOfText(killed + next);
+    const Result result = compared(recording);
+    EXPECT_EQ(said(result), "");
+    EXPECT_EQ(result.starts, 2U);
+    EXPECT_EQ(result.changes, 3U);
+    const std::string text = Recording::textOf(recording);
+    EXPECT_EQ(Recording::textOf(Recording::contentsOfText(text)), text);
+}
+
+TEST(PlayerTest, AHandlerDoesNothingButChanges) {
+    const Contents recording = Recording::contentsOfText(
+        with(kOneWrite, "  remove #2 v4 1 1.1\n", "  remove #2 v4 1 1.1\n  end\n"));
+    EXPECT_THROW(compared(recording), Recording::FormatError);
+}
+
+TEST(PlayerTest, AnAnswerThatDoesNotComeIsNotLeftOut) {
+    const Contents recording =
+        Recording::contentsOfText(with(kOneWrite, "look map=1 log=this consumed=1 v4=1\n", ""));
+    EXPECT_THROW(recordedAnew(recording), Recording::FormatError);
+}
+
+TEST(PlayerTest, AProcessThatNeverHadItsTablesIsPassedOver) {
+    const Contents recording = Recording::contentsOfText(
+        "start units=1 counters=2 policers=2 capacity=16\nend\n" + std::string(kOneWrite));
+    EXPECT_EQ(said(compared(recording)), "");
+}
+
 TEST(PlayerTest, TellsADifferenceWithWhatWasRecordedAndWhatCameOut) {
     const Contents recording =
         Recording::contentsOfText(with(kOneWrite, "= #2 written version=2", "= #2 failed"));
@@ -220,7 +255,7 @@ TEST(PlayerTest, EachProcessMountsTheFilesThatItsStartSays) {
                   std::string(kOneWrite) + "end\n" +
                   with(with(start, "v4=0", "v4=2"), "=16", "=16 on-own-files")))),
               "event 15, input start units=1 counters=2 policers=2 capacity=16 on-own-files: "
-              "= mounted action=0 v4=2 v6=0 / look map=1 log=this consumed=1 v4=1");
+              "= mounted action=0 v4=2 v6=0 / look map=1 log=this consumed=1 call=1 v4=1");
 }
 
 // Random inputs, as an agent might give them.
