@@ -24,7 +24,7 @@ constexpr std::string_view kFooter =
     "Exit status: 0 done; 1 another failure; 2 wrong use; 3 the state directory is missing, no\n"
     "directory, not writable or somebody else's, or a file in it cannot be made or mapped;\n"
     "4 the plug-in cannot be loaded or is none; 5 the policy cannot be used;\n"
-    "6 another agent has the state directory.";
+    "6 another agent has the state directory, or writes the recording.";
 
 }  // namespace
 
