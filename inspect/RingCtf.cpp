@@ -103,17 +103,17 @@ public:
         for (const Message& message : reading.messages) {
             const auto id = static_cast<std::uint32_t>(ids_.size());
             if (ids_.try_emplace(classOf(message), id).second)
-                formats_.push_back(&message);
+                examples_.push_back(&message);
         }
     }
 
     std::uint32_t idOf(const Message& message) const { return ids_.at(classOf(message)); }
     /// The first message of each.
-    const std::vector<const Message*>& examples() const { return formats_; }
+    const std::vector<const Message*>& examples() const { return examples_; }
 
 private:
     std::map<EventClass, std::uint32_t> ids_;
-    std::vector<const Message*> formats_;
+    std::vector<const Message*> examples_;
 };
 
 /// Messages without a gap between them.

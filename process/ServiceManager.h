@@ -31,7 +31,7 @@ public:
     void reloading();
     void ready();
     void statusChanged();
-    /// The same, once what has begun now has settled: in a second.
+    /// The same, once what has begun now has settled: a second after the last call.
     void statusChanges();
     /// The process has been told to end.
     void stopping();

@@ -148,7 +148,7 @@ public:
             throw FormatError(fmt::format("'{}' is no key of {}", text, tableName(table)));
         return *key;
     }
-    /// The words with values that are left.
+    /// The words that are left.
     std::vector<Word> rest() { return {words_.begin() + static_cast<long>(next_), words_.end()}; }
     /// Throws FormatError where anything is left.
     void end() const {

@@ -17,11 +17,13 @@
 //   end
 //   @ SECONDS                                   the time of what follows, since the start
 //   = mounted [TABLE=VERSION…]
-//   = own #NUMBER TABLE KEY
+//   = own #NUMBER TABLE KEY                     KEY is ? where it is not known
 //   = #NUMBER STATE [version=N]
 //   = counter|policer KEY STATE [update=N] [index=N]
 //   answer #NUMBER {                            what the handler does, until
-//   }
+//   } [#NUMBER]
+//
+// A change that waits for something that is not recorded has after=#foreign.
 #pragma once
 
 #include <string>

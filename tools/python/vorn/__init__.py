@@ -2,7 +2,7 @@
 
     import vorn
 
-    with vorn.attach("/dev/shm/vorn") as system:
+    with vorn.attach("/run/vorn") as system:
         for entry in system.table("v4").entries(match="dport=179"):
             print(entry)
 
