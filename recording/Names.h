@@ -22,7 +22,8 @@ std::string keyName(std::uint32_t table, std::uint64_t key);
 /// Nothing where the text is no key of the table.
 std::optional<std::uint64_t> keyOfName(std::uint32_t table, std::string_view text);
 
-/// Of Asic::EntryState: "created", "written", "undefined", "exhausted", "complete", "failed", "lost".
+/// Of Asic::EntryState: "created", "written", "undefined", "exhausted", "complete", "failed",
+/// "lost".
 std::string_view stateName(std::uint8_t state);
 std::optional<std::uint8_t> stateOfName(std::string_view name);
 
