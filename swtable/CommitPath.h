@@ -269,10 +269,9 @@ void OrderedSwTableAccessor<B>::answer(const HandlePtr& handle, Asic::EntryState
         handler(handle);
         return;
     }
-    const HandlePtr keep(handle);
-    recorder->handlerIs(*keep, true);
-    handler(keep);
-    recorder->handlerIs(*keep, false);
+    recorder->handlerIs(*handle, true);
+    handler(handle);
+    recorder->handlerIs(*handle, false);
 }
 
 }  // namespace VornPolicyCpu
