@@ -117,6 +117,12 @@ bool parse(std::string_view text, Process::V6Bytes& address) {
     return ::inet_pton(AF_INET6, std::string(text).c_str(), address.data()) == 1;
 }
 
+bool isTableOfEntries(std::uint32_t table) {
+    return table == PolicyCpuTcamActionTypes::kTableId.whole() ||
+           table == PolicyCpuV4TcamEntryTypes::kTableId.whole() ||
+           table == PolicyCpuV6TcamEntryTypes::kTableId.whole();
+}
+
 /// Calls `use.operator()<Types>()` with the types of a table of entries. Throws FormatError.
 template <class Use>
 decltype(auto) withTypes(std::uint32_t table, Use&& use) {
@@ -227,9 +233,7 @@ std::vector<Word> wordsOf(std::string_view line) {
 }
 
 std::string entryText(std::uint32_t table, std::uint64_t key, Bytes image) {
-    const bool isKnown =
-        tableName(table) == "action" || tableName(table) == "v4" || tableName(table) == "v6";
-    if (!isKnown)
+    if (!isTableOfEntries(table))
         return fmt::format(" {}={}", kImage, hexText(image));
     return withTypes(table, [&]<class Types>() {
         const auto entry = EntryImage<Types>::entryOf(image);

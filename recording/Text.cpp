@@ -492,6 +492,12 @@ std::string textOf(const Event& event) {
     return std::visit(TextMaker{}, event);
 }
 
+std::string firstLineOf(const Event& event) {
+    std::string text = textOf(event);
+    text.erase(text.find('\n'));
+    return text;
+}
+
 std::string textOf(const Contents& contents) {
     std::string text;
     std::size_t depth = 0;

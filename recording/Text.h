@@ -35,6 +35,8 @@ namespace Recording {
 
 /// One line, or several of a file, each with its end.
 std::string textOf(const Event& event);
+/// The first line without its end.
+std::string firstLineOf(const Event& event);
 /// All of them, with times and with what handlers do set in.
 std::string textOf(const Contents& contents);
 /// Throws FormatError, which names the line.

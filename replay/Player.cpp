@@ -31,12 +31,6 @@ namespace {
 
 constexpr const char* kSystem = "replay";
 
-std::string lineOf(const Event& event) {
-    std::string text = Recording::textOf(event);
-    text.erase(text.find('\n'));
-    return text;
-}
-
 std::string mapFile(const std::string& directory) {
     return KivShimo::tableFile(
         directory, Asic::Constants::acknowledgementsPath(VornPolicyCpu::canonicalGroupName()));
@@ -531,7 +525,7 @@ void Player::eventIs(Recording::Bytes bytes, std::chrono::nanoseconds time) {
             killed_ = true;
             return;
         }
-        differs(lineOf(event));
+        differs(Recording::firstLineOf(event));
         return;
     }
     ++cursor_;
@@ -551,8 +545,9 @@ void Player::differs(std::string replayed) {
     const auto& events = recording_->events();
     Difference difference;
     difference.event = std::min(cursor_, events.size()) + 1;
-    difference.input = lineOf(eventAt(input_));
-    difference.recorded = cursor_ < events.size() ? lineOf(eventAt(cursor_)) : "nothing";
+    difference.input = Recording::firstLineOf(eventAt(input_));
+    difference.recorded =
+        cursor_ < events.size() ? Recording::firstLineOf(eventAt(cursor_)) : "nothing";
     difference.replayed = std::move(replayed);
     if (cursor_ < events.size())
         difference.time = events[cursor_].time;

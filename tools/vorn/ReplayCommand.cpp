@@ -117,12 +117,6 @@ Replay::To toOf(const std::string& text) {
     return to;
 }
 
-std::string lineOf(const Recording::Event& event) {
-    std::string text = Recording::textOf(event);
-    text.erase(text.find('\n'));
-    return text;
-}
-
 /// Shows each input before it is given, and waits for a line on stdin.
 Replay::Player::Wishes playerWishes(Session& session, const ReplayWishes& wishes) {
     Replay::Player::Wishes player;
@@ -133,7 +127,7 @@ Replay::Player::Wishes playerWishes(Session& session, const ReplayWishes& wishes
         return player;
     }
     player.onInput = [&session](const Recording::Event& event) {
-        session.out().line("> " + lineOf(event));
+        session.out().line("> " + Recording::firstLineOf(event));
         if (Recording::is<Recording::File>(event))
             return true;
         std::fflush(stdout);
@@ -141,7 +135,7 @@ Replay::Player::Wishes playerWishes(Session& session, const ReplayWishes& wishes
         return std::getline(std::cin, line) && line != "q" && interruption == 0;
     };
     player.onOutput = [&session](const Recording::Event& event) {
-        session.out().line("  " + lineOf(event));
+        session.out().line("  " + Recording::firstLineOf(event));
     };
     return player;
 }

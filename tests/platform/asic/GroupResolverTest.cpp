@@ -268,6 +268,25 @@ TEST_F(GroupResolverTest, LetsWhatIsDroppedEndAnotherTable) {
     EXPECT_THAT(committed(), IsEmpty());
 }
 
+TEST_F(GroupResolverTest, TablesWhoseLogsWereFullGoOnInTheOrderOfTheirUnits) {
+    // Made the other way round, so that their places in memory would most likely say otherwise.
+    std::vector<Brumo::Ptr<FakeTable>> tables;
+    std::vector<Change> changes;
+    for (std::uint16_t unit = 8; unit > 0; --unit) {
+        tables.push_back(Brumo::make<FakeTable>(resolver_, kTable, unit));
+        changes.push_back(
+            Brumo::make<FakeChange>(journal_, tables.back().get(), unit, std::to_string(unit)));
+        changes.back()->waitsFor = {Blocker::Cause::logFull, nullptr};
+        resolver_->resolverQueueEnq(changes.back());
+    }
+    settle();
+    for (const Change& full : changes)
+        full->waitsFor = {};
+    resolver_->updateGenId();
+    settle();
+    EXPECT_THAT(committed(), ElementsAre("1", "2", "3", "4", "5", "6", "7", "8"));
+}
+
 TEST_F(GroupResolverTest, HoldsEverythingWhileThereIsNoRoomAndThenGoesOn) {
     bool room = false;
     resolver_->hasRoomIs([&room] { return room; });
