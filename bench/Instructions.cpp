@@ -10,6 +10,8 @@
 #include "bench/FullActions.h"
 #include "bench/FullLog.h"
 #include "bench/NeverDone.h"
+#include "recording/File.h"
+#include "recording/Recorder.h"
 
 namespace {
 
@@ -53,6 +55,16 @@ void wholeChange() {
     counted([&](std::uint32_t) { system.change(nextMatch()); });
 }
 
+void recordedChange() {
+    auto system = smallSystem();
+    for (std::uint32_t i = 0; i < kFewKeys; ++i)
+        system.change(nextMatch());
+    const TestSupport::TempDir dir;
+    Recording::FileWriter file(dir.file("recording"));
+    const Recording::Recorder recorder(system.agent().loop(), file);
+    counted([&](std::uint32_t) { system.change(nextMatch()); });
+}
+
 void wholeActionChange() {
     constexpr std::uint32_t kSharing = 64;
     FullActions actions(kSharing, kFewKeys);
@@ -90,6 +102,7 @@ void writeWhileOthersWait() {
 const std::map<std::string, std::function<void()>> kRows{
     {"entryIs", entryIs},
     {"wholeChange", wholeChange},
+    {"recordedChange", recordedChange},
     {"wholeActionChange", wholeActionChange},
     {"entryRead", entryRead},
     {"writeWhileOthersWait", writeWhileOthersWait},

@@ -4,6 +4,8 @@
 #include <array>
 #include <utility>
 
+#include "recording/PackedEntry.h"
+
 namespace Recording {
 
 namespace {
@@ -29,7 +31,8 @@ bool isKnown(const File& file) {
 }
 bool isKnown(const Change& change) {
     return change.operation <= Change::Operation::removeAll &&
-           (change.operation == Change::Operation::write || change.entry.empty()) &&
+           (change.operation == Change::Operation::write ? isPackedEntry(change.entry)
+                                                         : change.entry.empty()) &&
            (change.operation != Change::Operation::removeAll || change.key == 0);
 }
 bool isKnown(const State& state) {
@@ -71,12 +74,18 @@ constexpr auto decodersOf(std::index_sequence<I...> /*kinds*/) {
 
 }  // namespace
 
-void Buffer::grow(std::size_t more) {
-    constexpr std::size_t kLeast = 1024;
-    const std::size_t capacity = std::max({2 * capacity_, size_ + more, kLeast});
-    auto memory = std::make_unique<std::byte[]>(capacity);
-    if (size_ != 0)
-        std::memcpy(memory.get(), memory_.get(), size_);
+Buffer::Buffer(Bytes event) {
+    grow(0, (event.size() + 7) / 8);
+    if (!event.empty())
+        std::memcpy(memory_.get(), event.data(), event.size());
+    size_ = event.size();
+}
+
+void Buffer::grow(std::size_t used, std::size_t more) {
+    constexpr std::size_t kLeast = 128;
+    const std::size_t capacity = std::max({2 * capacity_, used + more, kLeast});
+    auto memory = std::make_unique<std::uint64_t[]>(capacity);
+    std::copy_n(memory_.get(), used, memory.get());
     memory_ = std::move(memory);
     capacity_ = capacity;
 }
@@ -88,7 +97,8 @@ void encode(const Event& event, Buffer& buffer) {
 Event decode(Bytes bytes) {
     constexpr auto kDecoders = decodersOf(std::make_index_sequence<std::variant_size_v<Event>>());
     Decoder decoder(bytes);
-    const std::uint64_t kind = decoder.number();
+    std::uint8_t kind = 0;
+    decoder(kind);
     if (kind >= kDecoders.size())
         throw FormatError("an event is of a kind that this program does not know");
     Event event = kDecoders.at(kind)(decoder);

@@ -1,10 +1,10 @@
 // Events as bytes: the kind, then its fields in their order.
 //
-// Any thread. Numbers are of variable length, seven bits a byte, the lowest first, the high bit set
-// where another byte follows (LEB128 of the DWARF standard), but for Whole ones; a text or list is
-// its length and its parts.
+// Any thread. Numbers take the bytes of their type, those of changes six, the lowest first; a text
+// or list is its length in four bytes and its parts.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <concepts>
 #include <cstring>
@@ -28,79 +28,97 @@ namespace detail {
 template <class T>
 concept Number = std::integral<T> || std::is_enum_v<T>;
 
+/// Of the number's bytes.
+template <class T>
+using Unsigned = std::conditional_t<
+    sizeof(T) == 1, std::uint8_t,
+    std::conditional_t<sizeof(T) == 2, std::uint16_t,
+                       std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>>>;
+
+/// The place of the kind in the list of events.
+template <class Kind, std::uint8_t place = 0>
+constexpr std::uint8_t kindOf() {
+    if constexpr (std::is_same_v<Kind, std::variant_alternative_t<place, Event>>) {
+        return place;
+    } else {
+        return kindOf<Kind, place + 1>();
+    }
+}
+
 }  // namespace detail
 
-inline constexpr std::size_t kMostNumberSize = 10;
+inline constexpr std::size_t kWordSize = sizeof(std::uint64_t);
 
-/// Bytes that a number of variable length takes.
-constexpr std::size_t numberSize(std::uint64_t value) {
-    return (static_cast<std::size_t>(std::bit_width(value | 1U)) + 6) / 7;
-}
-/// Returns the place behind the number.
-inline std::byte* putNumber(std::byte* place, std::uint64_t value) {
-    for (; value >= 0x80; value >>= 7U)
-        *place++ = static_cast<std::byte>(value | 0x80U);
-    *place++ = static_cast<std::byte>(value);
-    return place;
+/// One of the words that the bytes make, filled with zeros. REQUIRES: it begins within them.
+inline std::uint64_t wordAt(Bytes bytes, std::size_t word) {
+    std::uint64_t value = 0;
+    const Bytes rest = bytes.subspan(word * kWordSize);
+    std::memcpy(&value, rest.data(), std::min(rest.size(), kWordSize));
+    return value;
 }
 
-/// Bytes that grow, and keep their memory when they are cleared.
+/// An event as bytes, in whole words: zeros fill the last one. Keeps its memory.
 class Buffer {
 public:
-    void clear() { size_ = 0; }
-    Bytes bytes() const { return {memory_.get(), size_}; }
+    Buffer() = default;
+    /// A copy of an event.
+    explicit Buffer(Bytes event);
 
-    void number(std::uint64_t value) {
-        std::byte* const place = room(kMostNumberSize);
-        size_ += static_cast<std::size_t>(putNumber(place, value) - place);
-    }
-    /// As it lies in memory.
-    template <class T>
-    void whole(const T& value) {
-        std::memcpy(room(sizeof(value)), &value, sizeof(value));
-        size_ += sizeof(value);
-    }
-    void append(Bytes bytes) {
-        if (bytes.empty())
-            return;  // it may have no place to be copied from
-        std::memcpy(room(bytes.size()), bytes.data(), bytes.size());
-        size_ += bytes.size();
+    Bytes bytes() const { return std::as_bytes(words()).first(size_); }
+    std::span<const std::uint64_t> words() const {
+        return {memory_.get(), (size_ + kWordSize - 1) / kWordSize};
     }
 
 private:
-    std::byte* room(std::size_t more) {
-        if (size_ + more > capacity_) [[unlikely]]
-            grow(more);
-        return memory_.get() + size_;
-    }
-    void grow(std::size_t more);
+    friend class Encoder;
 
-    std::unique_ptr<std::byte[]> memory_;
-    std::size_t size_ = 0;
-    std::size_t capacity_ = 0;
+    /// Memory of more words, the first `used` of which stay.
+    void grow(std::size_t used, std::size_t more);
+
+    std::unique_ptr<std::uint64_t[]> memory_;
+    std::size_t capacity_ = 0;  ///< words
+    std::size_t size_ = 0;      ///< bytes
 };
 
+/// Puts the fields of one event into a buffer, whose event before is gone. What it has put is in
+/// whole words, so that whoever reads them next does not wait for smaller stores.
 class Encoder {
 public:
-    explicit Encoder(Buffer& buffer) : buffer_(&buffer) {}
+    explicit Encoder(Buffer& buffer)
+        : buffer_(&buffer), next_(buffer.memory_.get()), last_(next_ + buffer.capacity_) {
+        makeRoom(0);
+    }
 
     template <class... T>
     void operator()(const T&... fields) {
         (one(fields), ...);
     }
+    /// REQUIRES: called once, in the end.
+    void finish() {
+        *next_ = gathered_;
+        buffer_->size_ =
+            static_cast<std::size_t>(next_ - buffer_->memory_.get()) * kWordSize + filled_ / 8;
+    }
 
 private:
-    template <class T>
-    void one(const Whole<T>& field) {
-        buffer_->whole(field.value);
-    }
     template <detail::Number T>
     void one(T value) {
-        buffer_->number(static_cast<std::uint64_t>(value));
+        put(static_cast<std::uint64_t>(static_cast<detail::Unsigned<T>>(value)), sizeof(T));
+    }
+    template <class T>
+    void one(const ChangeNumber<T>& number) {
+        put(number.value, 6);
     }
     void one(Bytes value) {
-        buffer_->number(value.size());
-        buffer_->append(value);
+        one(static_cast<std::uint32_t>(value.size()));
+        makeRoom(value.size() / kWordSize);
+        for (; value.size() >= kWordSize; value = value.subspan(kWordSize)) {
+            std::uint64_t word = 0;
+            std::memcpy(&word, value.data(), kWordSize);
+            put(word, kWordSize);
+        }
+        for (const std::byte byte : value)
+            put(std::to_integer<std::uint64_t>(byte), 1);
     }
     void one(std::string_view value) { one(std::as_bytes(std::span(value))); }
     template <class T>
@@ -111,15 +129,44 @@ private:
     }
     template <class T>
     void one(const std::vector<T>& values) {
-        buffer_->number(values.size());
-        for (const T& value : values)
+        one(static_cast<std::uint32_t>(values.size()));
+        for (const T& value : values) {
+            makeRoom(0);
             one(value);
+        }
     }
     template <class T>
     requires requires(const T& value, Encoder& encoder) { T::fields(value, encoder); }
     void one(const T& value) { T::fields(value, *this); }
 
+    /// REQUIRES: `value` has `bytes` bytes, at most 8; there is room. Where all of the event before
+    /// it is of fixed size, the compiler knows what stands where.
+    void put(std::uint64_t value, unsigned bytes) {
+        const std::uint64_t beyond = (value >> 1U) >> (63 - filled_);
+        gathered_ |= value << filled_;
+        filled_ += 8 * bytes;
+        if (filled_ < 64)
+            return;
+        *next_++ = gathered_;
+        gathered_ = beyond;
+        filled_ -= 64;
+    }
+    /// For that many words, and for the fields of fixed size that an event or a part of it has.
+    void makeRoom(std::size_t words) {
+        constexpr std::size_t kFixed = 16;
+        if (static_cast<std::size_t>(last_ - next_) >= words + kFixed) [[likely]]
+            return;
+        const auto used = static_cast<std::size_t>(next_ - buffer_->memory_.get());
+        buffer_->grow(used, words + kFixed);
+        next_ = buffer_->memory_.get() + used;
+        last_ = buffer_->memory_.get() + buffer_->capacity_;
+    }
+
     Buffer* buffer_;
+    std::uint64_t* next_;  ///< where the word that is being gathered goes
+    std::uint64_t* last_;  ///< behind the buffer's memory
+    std::uint64_t gathered_ = 0;
+    unsigned filled_ = 0;  ///< bits of it, always whole bytes
 };
 
 class Decoder {
@@ -127,20 +174,6 @@ public:
     explicit Decoder(Bytes bytes) : rest_(bytes) {}
 
     /// Throws FormatError.
-    std::uint64_t number() {
-        std::uint64_t value = 0;
-        for (unsigned shift = 0; shift < 64; shift += 7) {
-            const auto byte = std::to_integer<std::uint64_t>(take(1).front());
-            if (shift == 63 && byte > 1)
-                throw FormatError("a number is too large");
-            value |= (byte & 0x7FU) << shift;
-            if (byte == 0 && shift != 0)
-                throw FormatError("a number is longer than it has to be");
-            if (byte < 0x80)
-                return value;
-        }
-        throw FormatError("a number is too long");
-    }
     template <class... T>
     void operator()(T&&... fields) {
         (one(fields), ...);
@@ -155,20 +188,27 @@ private:
         rest_ = rest_.subspan(size);
         return taken;
     }
-    template <class T>
-    void one(Whole<T>& field) {
-        std::memcpy(&field.value, take(sizeof(T)).data(), sizeof(T));
-    }
     template <detail::Number T>
     void one(T& value) {
-        const std::uint64_t read = number();
+        detail::Unsigned<T> read = 0;
+        std::memcpy(&read, take(sizeof(T)).data(), sizeof(T));
         value = static_cast<T>(read);
-        if (static_cast<std::uint64_t>(value) != read)
+        if (static_cast<detail::Unsigned<T>>(value) != read)
             throw FormatError("a number is too large");
     }
-    void one(Bytes& value) { value = take(number()); }
+    template <class T>
+    void one(ChangeNumber<T>& number) {
+        number.value = 0;
+        std::memcpy(&number.value, take(6).data(), 6);
+    }
+    std::uint32_t length() {
+        std::uint32_t length = 0;
+        one(length);
+        return length;
+    }
+    void one(Bytes& value) { value = take(length()); }
     void one(std::string_view& value) {
-        const Bytes bytes = take(number());
+        const Bytes bytes = take(length());
         value = {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
     }
     template <class T>
@@ -180,7 +220,7 @@ private:
     }
     template <class T>
     void one(std::vector<T>& values) {
-        const std::uint64_t count = number();
+        const std::size_t count = length();
         if (count > rest_.size())
             throw FormatError("a list is longer than its event");
         values.resize(count);
@@ -194,13 +234,13 @@ private:
     Bytes rest_;
 };
 
-/// Appends the event.
+/// Makes the buffer the event. Flat: the encoder stays in registers.
 template <class Kind>
-void encode(const Kind& event, Buffer& buffer) {
-    static const std::uint64_t kKind = Event(std::in_place_type<Kind>).index();
-    buffer.number(kKind);
+[[gnu::flatten]] void encode(const Kind& event, Buffer& buffer) {
     Encoder encoder(buffer);
+    encoder(detail::kindOf<Kind>());
     Kind::fields(event, encoder);
+    encoder.finish();
 }
 void encode(const Event& event, Buffer& buffer);
 

@@ -14,6 +14,7 @@
 #include "recording/Codec.h"
 #include "recording/EntryFields.h"
 #include "recording/Names.h"
+#include "recording/PackedEntry.h"
 #include "types/EntryImage.h"
 
 namespace Recording {
@@ -263,8 +264,12 @@ std::string entryText(std::uint32_t table, std::uint64_t key, Bytes image) {
 
 std::vector<std::byte> entryImage(std::uint32_t table, std::uint64_t key,
                                   std::span<const Word> words) {
-    if (words.size() == 1 && words.front().name == kImage)
-        return bytesOfHex(words.front().value);
+    if (words.size() == 1 && words.front().name == kImage) {
+        std::vector<std::byte> image = bytesOfHex(words.front().value);
+        if (image.size() > PackedEntry::kMostBytes)
+            throw FormatError(fmt::format("an image of {} bytes is too large", image.size()));
+        return image;
+    }
     return withTypes(table, [&]<class Types>() { return imageOf<Types>(key, words); });
 }
 

@@ -20,15 +20,16 @@ namespace Recording {
 
 using Bytes = std::span<const std::byte>;
 
-/// A field of all its bytes, the lowest first: for what is rarely small, as keys are.
+/// The number of a change, in six bytes.
 template <class Number>
-struct Whole {
+struct ChangeNumber {
     Number& value;
 };
 template <class Number>
-Whole<Number> whole(Number& value) {
+ChangeNumber<Number> changeNumber(Number& value) {
     return {value};
 }
+inline constexpr std::uint64_t kMostChanges = (std::uint64_t{1} << 48U) - 1;
 
 inline bool sameBytes(Bytes a, Bytes b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end());
@@ -88,14 +89,14 @@ struct Change {
     std::uint32_t table = 0;
     std::uint16_t unit = 0;
     std::uint64_t key = 0;         ///< 0 for removeAll
-    Bytes entry;                   ///< VornPolicyCpu::EntryImage; of a write
+    Bytes entry;                   ///< of a write: VornPolicyCpu::EntryImage, a PackedEntry
     std::uint64_t dependency = 0;  ///< number of the change that it waits for; 0: none
     bool hasHandler = false;
 
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
-        each(self.operation, self.number, whole(self.table), self.unit, whole(self.key), self.entry,
-             self.dependency, self.hasHandler);
+        each(self.operation, changeNumber(self.number), self.table, self.unit, self.key,
+             self.dependency, self.hasHandler, self.entry);
     }
 };
 
@@ -114,21 +115,23 @@ struct Look {
 
         template <class Self, class Fields>
         static void fields(Self& self, Fields& each) {
-            each(whole(self.table), self.version);
+            each(self.table, self.version);
         }
         bool operator==(const Row&) const = default;
     };
 
-    std::uint64_t map = 0;  ///< counts the maps since the start, from 1
+    std::uint32_t map = 0;  ///< counts the maps since the start, from 1
     Log log = Log::none;
     std::uint64_t consumed = 0;
     bool pauseRequested = false;
-    std::uint64_t call = 0;  ///< while a process starts: which of its looks that is, from 1
+    std::uint32_t call = 0;  ///< while a process starts: which of its looks that is, from 1
+    bool isWhole = true;     ///< the rows are all; otherwise the others are as in the look before
     std::vector<Row> rows;   ///< by table
 
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
-        each(self.map, self.log, self.consumed, self.pauseRequested, self.call, self.rows);
+        each(self.map, self.log, self.consumed, self.pauseRequested, self.call, self.isWhole,
+             self.rows);
     }
     bool operator==(const Look&) const = default;
 };
@@ -143,7 +146,7 @@ struct ResourceOperation {
 
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
-        each(self.operation, whole(self.table), whole(self.key));
+        each(self.operation, self.table, self.key);
     }
 };
 
@@ -173,7 +176,7 @@ struct OwnChange {
 
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
-        each(self.number, whole(self.table), self.key);
+        each(changeNumber(self.number), self.table, self.key);
     }
 };
 
@@ -185,7 +188,7 @@ struct State {
 
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
-        each(self.number, self.state, self.version);
+        each(changeNumber(self.number), self.state, self.version);
     }
 };
 
@@ -196,7 +199,7 @@ struct Handler {
 
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
-        each(self.number, self.runs);
+        each(changeNumber(self.number), self.runs);
     }
 };
 
@@ -210,7 +213,7 @@ struct ResourceState {
 
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
-        each(whole(self.table), whole(self.key), self.state, self.updateVersion, self.index);
+        each(self.table, self.key, self.state, self.updateVersion, self.index);
     }
 };
 

@@ -1,8 +1,5 @@
 #include "recording/File.h"
 
-#define XXH_INLINE_ALL
-#include <xxhash.h>
-
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -12,63 +9,105 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
+#include <limits>
+#include <memory>
+#include <optional>
 #include <system_error>
+#include <utility>
 
 #include <fmt/format.h>
 
 #include "recording/FileAccess.h"
+#include "recording/Frames.h"
 #include "recording/Text.h"
 
 namespace Recording {
 
 namespace {
 
-constexpr std::array<char, 16> kHead{'V', 'o', 'r', 'n', 'R', 'e', 'c', '1'};
-constexpr std::size_t kWindow = std::size_t{1} << 20U;
-constexpr std::size_t kCheckSize = 4;
+constexpr std::array<char, 8> kMagic{'V', 'o', 'r', 'n', 'R', 'e', 'c', '2'};
+constexpr std::size_t kMovedAt = kMagic.size();
+constexpr std::size_t kFrontAt = kMovedAt + kWordSize;
+constexpr std::size_t kBodyAt = 65'536;
+constexpr std::size_t kFrontSize = kBodyAt - kFrontAt;
 /// Of an event since its process began: some hundred years.
 constexpr std::chrono::nanoseconds kMostTime = std::chrono::hours(1'000'000);
 
-std::uint32_t checkOf(const std::byte* middle, std::size_t size, std::size_t offset) {
-    return static_cast<std::uint32_t>(XXH3_64bits_withSeed(middle, size, offset));
-}
-
 bool hasHead(Bytes bytes) {
-    return bytes.size() >= kHead.size() && std::memcmp(bytes.data(), kHead.data(), 8) == 0;
+    return bytes.size() >= kFrontAt && std::memcmp(bytes.data(), kMagic.data(), kMagic.size()) == 0;
 }
 
-/// Calls `visit` for the middle of each frame that verifies, up to the end or to what does not;
-/// `visit` may refuse one by FormatError. Returns where that is, and why.
+std::uint64_t movedIn(Bytes bytes) {
+    std::uint64_t moved = 0;
+    std::memcpy(&moved, bytes.data() + kMovedAt, sizeof(moved));
+    return moved;
+}
+
+/// The frames of a file, of the body and then of the front.
 template <class Visit>
-std::size_t forEachFrame(Bytes all, std::string& damage, Visit&& visit) {
-    std::size_t at = kHead.size();
-    for (std::size_t number = 1; at < all.size() && all[at] != std::byte{0}; ++number) {
+class Walk {
+public:
+    /// `visit` is called for each frame that verifies, and may refuse it by FormatError.
+    Walk(Bytes file, Visit visit) : visit_(std::move(visit)) {
+        const std::uint64_t moved = movedIn(file);
+        through(file, std::min(kBodyAt, file.size()), file.size());
+        inBody_ = end_;
+        if (moved > end_) {
+            if (damage_.empty())
+                damage_ = placed(kBodyAt + end_, "the file is cut off");
+            return;
+        }
+        const std::size_t inFront = end_ - moved;
+        if (inFront >= kFrontSize)
+            return;
+        // A kill may have kept what stands in the front from being moved whole.
+        std::string damageOfBody = std::exchange(damage_, {});
+        through(file, kFrontAt + inFront, std::min(kBodyAt, file.size()));
+        if (end_ == inBody_ && !damageOfBody.empty())
+            damage_ = std::move(damageOfBody);
+    }
+
+    /// Bytes of whole frames: in the body, and with those that follow in the front.
+    std::size_t inBody() const { return inBody_; }
+    std::size_t end() const { return end_; }
+    /// Why there are no more; empty where there are not.
+    const std::string& damage() const { return damage_; }
+
+private:
+    std::string placed(std::size_t at, std::string_view what) const {
+        return fmt::format("event {} at byte {}: {}", events_ + 1, at, what);
+    }
+    void through(Bytes file, std::size_t at, std::size_t last) {
         try {
-            const Bytes rest = all.subspan(at);
-            Decoder frame(rest);
-            const std::uint64_t length = frame.number();
-            const std::size_t head = numberSize(length);
-            if (length > rest.size() || head + length + kCheckSize > rest.size())
-                throw FormatError("the frame is cut off");
-            const Bytes middle = rest.subspan(head, length);
-            std::uint32_t check = 0;
-            std::memcpy(&check, rest.data() + head + length, kCheckSize);
-            if (check != checkOf(middle.data(), middle.size(), at))
-                throw FormatError("the frame does not verify");
-            visit(middle);
-            at += head + length + kCheckSize;
+            while (const auto frame = frameIn(file.subspan(at, last - std::min(at, last)), end_)) {
+                visit_(*frame);
+                at += frame->size;
+                end_ += frame->size;
+                ++events_;
+            }
         } catch (const FormatError& error) {
-            damage = fmt::format("event {} at byte {}: {}", number, at, error.what());
-            break;
+            damage_ = placed(at, error.what());
         }
     }
-    return at;
-}
 
-/// Where its writer goes on; 0 for an empty file. Nothing of it is taken into this process's
-/// memory.
-std::size_t endOfRecording(const Descriptor& opened, const std::string& file, std::string& damage) {
+    Visit visit_;
+    std::size_t inBody_ = 0;
+    std::size_t end_ = 0;
+    std::size_t events_ = 0;
+    std::string damage_;
+};
+
+/// What a writer finds.
+struct Left {
+    std::size_t inBody = 0;
+    std::vector<std::byte> inFront;  ///< frames that have not been moved
+    std::string damage;
+};
+
+/// Nothing for an empty file. Nothing of the body is taken into this process's memory.
+std::optional<Left> leftIn(const Descriptor& opened, const std::string& file) {
     struct stat status {};
     if (::fstat(opened.fd(), &status) != 0)
         throwErrno(file, "look at");
@@ -76,7 +115,7 @@ std::size_t endOfRecording(const Descriptor& opened, const std::string& file, st
         throw FormatError(file + ": go on with recording: is no regular file");
     const auto size = static_cast<std::size_t>(status.st_size);
     if (size == 0)
-        return 0;
+        return std::nullopt;
     void* const mapped = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, opened.fd(), 0);
     if (mapped == MAP_FAILED)
         throwErrno(file, "map recording");
@@ -85,7 +124,14 @@ std::size_t endOfRecording(const Descriptor& opened, const std::string& file, st
     const Bytes all(static_cast<const std::byte*>(mapped), size);
     if (!hasHead(all))
         throw FormatError(file + ": go on with recording: is none");
-    return forEachFrame(all, damage, [](Bytes) {});
+    const Walk walk(all, [](const Framed&) {});
+    Left left{walk.inBody(), {}, walk.damage()};
+    if (walk.end() > walk.inBody()) {
+        const Bytes front =
+            all.subspan(kFrontAt + walk.inBody() - movedIn(all), walk.end() - walk.inBody());
+        left.inFront.assign(front.begin(), front.end());
+    }
+    return left;
 }
 
 /// Only one process writes: the lock ends with its last descriptor of the file.
@@ -111,112 +157,156 @@ Descriptor openedForWriting(const std::string& file) {
 
 }  // namespace
 
-FileWriter::FileWriter(std::string file) : file_(std::move(file)) {
-    Descriptor opened = openedForWriting(file_);
-    std::string damage;
-    used_ = endOfRecording(opened, file_, damage);
-    if (!damage.empty()) {
+/// What is mapped.
+struct FileWriter::Head {
+    std::array<char, kMagic.size()> magic;
+    std::uint64_t moved;
+    std::array<std::uint64_t, kFrontSize / kWordSize> front;
+};
+
+FileWriter::FileWriter(std::string file)
+    : file_(std::move(file)), opened_(openedForWriting(file_)) {
+    static_assert(sizeof(Head) == kBodyAt && offsetof(Head, front) == kFrontAt);
+    std::optional<Left> left = leftIn(opened_, file_);
+    if (left && !left->damage.empty()) {
         // What can be read of it stays, and a rotten file keeps no agent from its work.
         setAside_ = file_ + ".damaged";
         if (::rename(file_.c_str(), setAside_.c_str()) != 0)
             throwErrno(file_, "set damaged recording aside");
-        opened = openedForWriting(file_);
-        used_ = 0;
+        opened_ = openedForWriting(file_);
+        left.reset();
     }
-    if (used_ == 0) {
+    if (left) {
+        writeAt(opened_, file_, "extend recording", left->inFront, kBodyAt + left->inBody);
+        moved_ = left->inBody + left->inFront.size();
+    } else {
         // At once: a kill leaves it with a head, or empty.
-        if (::pwrite(opened.fd(), kHead.data(), kHead.size(), 0) !=
-            static_cast<ssize_t>(kHead.size()))
-            throwErrno(file_, "write recording");
-        used_ = kHead.size();
+        std::array<char, kFrontAt> head{};
+        std::ranges::copy(kMagic, head.begin());
+        writeAt(opened_, file_, "write recording", std::as_bytes(std::span(head)), 0);
     }
-    if (::ftruncate(opened.fd(), static_cast<off_t>(used_)) != 0)
+    if (::ftruncate(opened_.fd(), static_cast<off_t>(kBodyAt + moved_)) != 0)
         throwErrno(file_, "cut recording");
-    fd_ = opened.release();
+    mapHead();
+    clearFront();
 }
 
 FileWriter::~FileWriter() {
-    unmap();
-    static_cast<void>(::ftruncate(fd_, static_cast<off_t>(used_)));  // zeros stay, which do no harm
-    ::close(fd_);
+    try {
+        if (failure_.empty())
+            moveToBody();
+    } catch (const std::system_error&) {
+        // All of it stays in the front, from where it is read as well.
+    }
+    ::munmap(head_, sizeof(Head));
 }
 
-void FileWriter::unmap() {
-    if (window_ != nullptr)
-        ::munmap(std::exchange(window_, nullptr), windowSize_);
-}
-
-/// Maps the next part of the file, which is allocated: no store into it can fail.
-void FileWriter::makeRoom(std::size_t bytes) {
-    if (window_ != nullptr && used_ + bytes <= windowStart_ + windowSize_)
-        return;
-    unmap();
-    const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-    windowStart_ = used_ / page * page;
-    windowSize_ = std::max(kWindow, (used_ - windowStart_ + bytes + page - 1) / page * page);
-    errno =
-        ::posix_fallocate(fd_, static_cast<off_t>(windowStart_), static_cast<off_t>(windowSize_));
+/// Allocated: no store into it can fail.
+void FileWriter::mapHead() {
+    errno = ::posix_fallocate(opened_.fd(), 0, sizeof(Head));
     if (errno != 0)
         throwErrno(file_, "extend recording");
-    void* const mapped = ::mmap(nullptr, windowSize_, PROT_READ | PROT_WRITE,
-                                MAP_SHARED | MAP_POPULATE, fd_, static_cast<off_t>(windowStart_));
+    void* const mapped = ::mmap(nullptr, sizeof(Head), PROT_READ | PROT_WRITE,
+                                MAP_SHARED | MAP_POPULATE, opened_.fd(), 0);
     if (mapped == MAP_FAILED)
         throwErrno(file_, "map recording");
-    window_ = static_cast<std::byte*>(mapped);
+    head_ = static_cast<Head*>(mapped);
 }
 
-void FileWriter::eventIs(Bytes event, std::chrono::nanoseconds time) {
-    if (!failure_.empty())
-        return;
-    const auto passed = last_.count() < 0 ? 0 : std::max<std::int64_t>((time - last_).count(), 0);
-    const auto delta = static_cast<std::uint64_t>(passed);
-    const std::size_t middle = numberSize(delta) + event.size();
-    const std::size_t length = numberSize(middle);
-    const std::size_t whole = length + middle + kCheckSize;
+/// REQUIRES: all that it holds stands in the body. Killed before `moved` is stored, what is told by
+/// zeros in its place is read there.
+void FileWriter::clearFront() {
+    used_ = 0;
+    head_->front.fill(0);
+    std::atomic_ref<std::uint64_t>(head_->moved).store(moved_, std::memory_order_release);
+}
+
+void FileWriter::moveToBody() {
+    writeAt(opened_, file_, "extend recording", std::as_bytes(std::span(head_->front)).first(used_),
+            kBodyAt + moved_);
+    moved_ += used_;
+    clearFront();
+}
+
+/// REQUIRES: the front is empty.
+void FileWriter::storeInBody(const Buffer& event, std::chrono::nanoseconds passed) {
+    std::vector<std::uint64_t> frame(frameSize(event, passed) / kWordSize);
+    storeFrame(frame.data(), event, passed, moved_);
+    const Bytes bytes = std::as_bytes(std::span(frame));
+    const std::size_t place = kBodyAt + moved_;
+    writeAt(opened_, file_, "extend recording", bytes.subspan(kWordSize), place + kWordSize);
+    writeAt(opened_, file_, "extend recording", bytes.first(kWordSize), place);
+    moved_ += bytes.size();
+    clearFront();
+}
+
+/// The front becomes empty. Returns whether nothing is to be done for the event any more: it is
+/// stored, or cannot be.
+bool FileWriter::makeRoom(const Buffer& event, std::chrono::nanoseconds passed) {
     try {
-        makeRoom(whole + 1);  // with the zero behind it
+        moveToBody();
+        if (frameSize(event, passed) <= kFrontSize)
+            return false;
+        storeInBody(event, passed);
     } catch (const std::system_error& error) {
         failure_ = error.what();
-        return;
     }
-    last_ = time;
-    std::byte* const frame = window_ + (used_ - windowStart_);
-    std::byte* const begin = frame + length;
-    std::memcpy(putNumber(begin, delta), event.data(), event.size());
-    const std::uint32_t check = checkOf(begin, middle, used_);
-    std::memcpy(begin + middle, &check, kCheckSize);
-    std::array<std::byte, kMostNumberSize> number{};
-    putNumber(number.data(), middle);
-    for (std::size_t i = 1; i < length; ++i)
-        frame[i] = number.at(i);
-    std::atomic_ref<std::byte>(*frame).store(number[0], std::memory_order_release);
-    used_ += whole;
+    return true;
 }
 
-Contents::Contents(std::vector<std::byte> bytes) {
+void FileWriter::eventIs(const Buffer& event, std::chrono::nanoseconds time) {
+    if (!failure_.empty())
+        return;
+    const std::chrono::nanoseconds none{0};
+    const auto passed = last_.count() < 0 ? none : std::max(time - last_, none);
+    last_ = time;
+    const std::size_t size = frameSize(event, passed);
+    if (size > kFrontSize - used_) [[unlikely]] {
+        if (makeRoom(event, passed))
+            return;
+    }
+    storeFrame(head_->front.data() + used_ / kWordSize, event, passed, moved_ + used_);
+    used_ += size;
+}
+
+namespace {
+
+/// The front is read before the body, and again where it was being moved.
+std::vector<std::byte> bytesOf(const Descriptor& opened, const std::string& file) {
+    std::vector<std::byte> bytes;
+    std::vector<std::byte> head;
+    do {
+        bytes = partOf(opened, file, 0, kBodyAt);
+        head = partOf(opened, file, 0, kFrontAt);
+    } while (hasHead(bytes) && hasHead(head) && movedIn(bytes) != movedIn(head));
+    const std::vector<std::byte> body =
+        partOf(opened, file, kBodyAt, std::numeric_limits<std::size_t>::max());
+    bytes.insert(bytes.end(), body.begin(), body.end());
+    return bytes;
+}
+
+}  // namespace
+
+Contents::Contents(std::vector<std::byte> bytes) : isBinary_(true) {
     if (!hasHead(bytes))
         throw FormatError("no recording: its head is of another kind of file");
     storage_.push_back(std::move(bytes));
     std::chrono::nanoseconds time{0};
-    size_ = forEachFrame(storage_.back(), damage_, [&](Bytes middle) {
-        Decoder passed(middle);
-        const std::uint64_t delta = passed.number();
-        if (delta > static_cast<std::uint64_t>(kMostTime.count()) -
-                        static_cast<std::uint64_t>(time.count()))
+    const Walk walk(storage_.back(), [&](const Framed& frame) {
+        if (frame.passed.count() < 0 || frame.passed > kMostTime - time)
             throw FormatError("a time is too late");
-        const Bytes event = middle.subspan(numberSize(delta));
-        const bool begins = is<Start>(decode(event));
-        time = begins ? std::chrono::nanoseconds{0}
-                      : time + std::chrono::nanoseconds(static_cast<std::int64_t>(delta));
-        events_.push_back({time, event});
+        const bool begins = is<Start>(decode(frame.event));
+        time = begins ? std::chrono::nanoseconds{0} : time + frame.passed;
+        events_.push_back({time, frame.event});
     });
+    damage_ = walk.damage();
 }
 
 Contents Contents::ofFile(const std::string& file) {
     const Descriptor opened(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (opened.fd() < 0)
         throwErrno(file, "open recording");
-    std::vector<std::byte> bytes = allOf(opened, file);
+    std::vector<std::byte> bytes = bytesOf(opened, file);
     if (hasHead(bytes))
         return Contents(std::move(bytes));
     try {

@@ -2,29 +2,31 @@
 //
 // Written by one process at a time, on its event thread; read by anybody, also while it grows.
 //
-//   0       8          16      16 + n
-//   | magic | reserved | frame | frame | … | zeros
+//   0       8       16                 65,536
+//   | magic | moved | front: the last  | body: the first frames, all that have been moved
 //
-// A frame is the length of its middle, the nanoseconds since the event before and the event, and
-// four bytes of their check. Numbers are of variable length, as in the events. The first byte of a
-// frame is stored last, and is never zero: what stands behind the last whole frame is zero. The
-// check is the lower half of XXH3, seeded with the frame's offset.
+// The newest frames (see Frames.h) stand in the front, which is mapped and always the same memory.
+// When it is full they are moved behind those in the body, and then `moved` says how many bytes of
+// frames stand there. A frame that is too large for the front goes to the body at once, its first
+// word last. In the body of a recording that has ended in good order are all frames.
 //
 // What always holds:
 //  1. Whatever instruction a kill strikes at, what was told before is there, and nothing else.
-//  2. A process that goes on with a file goes on behind its last whole frame; its first event is a
+//  2. What is taken out of the front stands in the body before: read first the front and then the
+//     body, no frame is missed.
+//  3. A process that goes on with a file goes on behind its last whole frame; its first event is a
 //     start.
-//  3. Storing an event takes a system call once a megabyte.
+//  4. Storing an event takes a system call once in some hundred events.
 //
-// The file is mapped while it is written: whoever cuts it meanwhile ends its writer (SIGBUS).
+// Whoever cuts the file below the body while it is written ends its writer (SIGBUS).
 #pragma once
 
 #include <cstddef>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "recording/Codec.h"
+#include "recording/FileAccess.h"
 #include "recording/Sink.h"
 
 namespace Recording {
@@ -46,22 +48,26 @@ public:
     ~FileWriter() override;
 
     /// Where the file cannot grow any more, it keeps what it has: failure() says why.
-    void eventIs(Bytes event, std::chrono::nanoseconds time) override;
+    void eventIs(const Buffer& event, std::chrono::nanoseconds time) override;
     /// Empty while all is stored.
     const std::string& failure() const { return failure_; }
     /// What a damaged recording is called now; empty: there was none.
     const std::string& setAside() const { return setAside_; }
 
 private:
-    void makeRoom(std::size_t bytes);
-    void unmap();
+    struct Head;
+
+    void mapHead();
+    void clearFront();
+    void moveToBody();
+    bool makeRoom(const Buffer& event, std::chrono::nanoseconds passed);
+    void storeInBody(const Buffer& event, std::chrono::nanoseconds passed);
 
     std::string file_;
-    int fd_ = -1;
-    std::byte* window_ = nullptr;  ///< mapped at windowStart_, a page's beginning
-    std::size_t windowSize_ = 0;
-    std::size_t windowStart_ = 0;
-    std::size_t used_ = 0;  ///< of the file
+    Descriptor opened_;
+    Head* head_ = nullptr;   ///< mapped
+    std::size_t moved_ = 0;  ///< bytes of frames in the body
+    std::size_t used_ = 0;   ///< bytes of frames in the front
     std::chrono::nanoseconds last_{-1};
     std::string failure_;
     std::string setAside_;
@@ -79,7 +85,7 @@ public:
     /// Of a file, or of a text (see Text.h), whichever it is. Throws std::system_error,
     /// FormatError.
     static Contents ofFile(const std::string& file);
-    /// Of the frames in bytes that begin with the file's head. Throws FormatError.
+    /// Of a file's bytes, the front not later than the body. Throws FormatError.
     explicit Contents(std::vector<std::byte> bytes);
     /// Made event by event.
     Contents() = default;
@@ -94,14 +100,14 @@ public:
     const std::vector<Recorded>& events() const { return events_; }
     /// What of the file could not be read; empty where all could.
     const std::string& damage() const { return damage_; }
-    /// Bytes of the file up to the end of the last event.
-    std::size_t size() const { return size_; }
+    /// Whether it was read of a file that a writer makes, and not of a text.
+    bool isBinary() const { return isBinary_; }
 
 private:
     std::vector<std::vector<std::byte>> storage_;  ///< moved, it keeps its bytes where they are
     std::vector<Recorded> events_;
     std::string damage_;
-    std::size_t size_ = 0;
+    bool isBinary_ = false;
 };
 
 }  // namespace Recording

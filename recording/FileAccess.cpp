@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <system_error>
 
 namespace Recording {
@@ -17,7 +19,8 @@ Descriptor::~Descriptor() {
         ::close(fd_);
 }
 
-std::vector<std::byte> allOf(const Descriptor& opened, const std::string& file) {
+std::vector<std::byte> partOf(const Descriptor& opened, const std::string& file, std::size_t offset,
+                              std::size_t most) {
     struct stat status {};
     if (::fstat(opened.fd(), &status) != 0)
         throwErrno(file, "look at");
@@ -25,11 +28,12 @@ std::vector<std::byte> allOf(const Descriptor& opened, const std::string& file) 
         throw std::system_error(std::make_error_code(std::errc::invalid_argument),
                                 file + ": no regular file");
     }
-    std::vector<std::byte> bytes(static_cast<std::size_t>(status.st_size));
+    const auto size = static_cast<std::size_t>(status.st_size);
+    std::vector<std::byte> bytes(std::min(most, size - std::min(size, offset)));
     std::size_t had = 0;
     while (had < bytes.size()) {
-        const ssize_t got =
-            ::pread(opened.fd(), bytes.data() + had, bytes.size() - had, static_cast<off_t>(had));
+        const ssize_t got = ::pread(opened.fd(), bytes.data() + had, bytes.size() - had,
+                                    static_cast<off_t>(offset + had));
         if (got < 0 && errno != EINTR)
             throwErrno(file, "read");
         if (got == 0)
@@ -38,6 +42,23 @@ std::vector<std::byte> allOf(const Descriptor& opened, const std::string& file) 
     }
     bytes.resize(had);
     return bytes;
+}
+
+std::vector<std::byte> allOf(const Descriptor& opened, const std::string& file) {
+    return partOf(opened, file, 0, std::numeric_limits<std::size_t>::max());
+}
+
+void writeAt(const Descriptor& opened, const std::string& file, const char* operation, Bytes bytes,
+             std::size_t offset) {
+    while (!bytes.empty()) {
+        const ssize_t put =
+            ::pwrite(opened.fd(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (put < 0 && errno != EINTR)
+            throwErrno(file, operation);
+        const std::size_t did = put < 0 ? 0 : static_cast<std::size_t>(put);
+        bytes = bytes.subspan(did);
+        offset += did;
+    }
 }
 
 }  // namespace Recording

@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "recording/Events.h"
+
 namespace Recording {
 
 /// Of the last system call that failed. Throws std::system_error.
@@ -15,7 +17,7 @@ namespace Recording {
 
 class Descriptor {
 public:
-    explicit Descriptor(int fd) : fd_(fd) {}
+    explicit Descriptor(int fd = -1) : fd_(fd) {}
     Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
     Descriptor& operator=(Descriptor&& other) noexcept {
         std::swap(fd_, other.fd_);
@@ -33,8 +35,15 @@ private:
     int fd_;
 };
 
-/// What a regular file holds. One that grows meanwhile is read as far as it went at first, one that
-/// is cut meanwhile as far as it still goes. Throws std::system_error.
+/// What a regular file holds from the offset on, at most `most` bytes. One that grows meanwhile is
+/// read as far as it went at first, one that is cut meanwhile as far as it still goes. Throws
+/// std::system_error.
+std::vector<std::byte> partOf(const Descriptor& opened, const std::string& file, std::size_t offset,
+                              std::size_t most);
+/// All of it.
 std::vector<std::byte> allOf(const Descriptor& opened, const std::string& file);
+/// Throws std::system_error.
+void writeAt(const Descriptor& opened, const std::string& file, const char* operation, Bytes bytes,
+             std::size_t offset);
 
 }  // namespace Recording

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "recording/PackedEntry.h"
+
 namespace Recording {
 
 namespace {
@@ -21,6 +23,25 @@ std::uint64_t numberOfDependency(const Asic::DependencyEntryHandle* dependency) 
     return dependency->recordNumber() == 0 ? Change::kForeign : dependency->recordNumber();
 }
 
+/// The rows that say something else than before. False where it takes all of them to say it: a row
+/// has gone, or back.
+bool keepMoved(const std::vector<Look::Row>& before, const std::vector<Look::Row>& now,
+               std::vector<Look::Row>& moved) {
+    moved.clear();
+    auto old = before.begin();
+    for (const Look::Row& row : now) {
+        const bool isNew = old == before.end() || row.table < old->table;
+        if (isNew || row.version != old->version)
+            moved.push_back(row);
+        if (isNew)
+            continue;
+        if (old->table != row.table || row.version < old->version)
+            return false;
+        ++old;
+    }
+    return old == before.end();
+}
+
 }  // namespace
 
 Recorder::Recorder(const Kiv::EventLoop& loop, Sink& sink) : loop_(loop), sink_(sink) {
@@ -34,12 +55,19 @@ Recorder::~Recorder() {
 
 void Recorder::changeStaged(const Asic::Recorder::Change& change) {
     change.handle.recordNumberIs(++lastNumber_);
+    if (change.operation != Asic::Recorder::Operation::write)
+        return tellOfChange(change, {});
+    const PackedEntry entry(change.entry);
+    tellOfChange(change, entry.bytes());
+}
+
+void Recorder::tellOfChange(const Asic::Recorder::Change& change, Bytes entry) {
     tell(Recording::Change{.operation = static_cast<Recording::Change::Operation>(change.operation),
                            .number = lastNumber_,
                            .table = change.table.tableId().whole(),
                            .unit = change.table.unitId().value,
                            .key = change.key,
-                           .entry = change.entry,
+                           .entry = entry,
                            .dependency = numberOfDependency(change.dependency),
                            .hasHandler = change.hasHandler});
 }
@@ -54,21 +82,27 @@ void Recorder::resourceOperation(Asic::SwTableId table, Asic::Recorder::Resource
 /// agent at work looks after each piece of it. While a process starts, its looks are counted: what
 /// one of them has found is found by the ones that follow, up to the next that is told.
 void Recorder::mapRead(const Asic::AckMapReading& reading, bool takesUp) {
-    const bool isAnother = look_.map == 0 || mapIdentity_ != reading.identity;
-    mapIdentity_ = reading.identity;
-    next_.map = look_.map + (isAnother ? 1 : 0);
-    next_.log = static_cast<Look::Log>(*reading.log);
-    next_.consumed = reading.consumed.value_or(look_.consumed);
-    next_.pauseRequested = reading.pauseRequested.value_or(look_.pauseRequested);
-    next_.call = look_.call;
-    next_.rows.clear();
+    nextRows_.clear();
     for (const auto& [table, version] : reading.versions)
-        next_.rows.push_back({table, version});
-    std::ranges::sort(next_.rows, {}, &Look::Row::table);
-    if (next_ == look_ && !takesUp)
+        nextRows_.push_back({table, version});
+    std::ranges::sort(nextRows_, {}, &Look::Row::table);
+    const bool isAnother = look_.map == 0 || mapIdentity_ != reading.identity;
+    const auto log = static_cast<Look::Log>(*reading.log);
+    const std::uint64_t consumed = reading.consumed.value_or(look_.consumed);
+    const bool pauseRequested = reading.pauseRequested.value_or(look_.pauseRequested);
+    if (!takesUp && !isAnother && log == look_.log && consumed == look_.consumed &&
+        pauseRequested == look_.pauseRequested && nextRows_ == rows_)
         return;
-    next_.call = isStarting_ ? calls_ : 0;
-    std::swap(look_, next_);
+    look_.isWhole = isAnother || isStarting_ || !keepMoved(rows_, nextRows_, look_.rows);
+    if (look_.isWhole)
+        look_.rows = nextRows_;
+    std::swap(rows_, nextRows_);
+    mapIdentity_ = reading.identity;
+    look_.map += isAnother ? 1 : 0;
+    look_.log = log;
+    look_.consumed = consumed;
+    look_.pauseRequested = pauseRequested;
+    look_.call = isStarting_ ? calls_ : 0;
     tell(look_);
 }
 

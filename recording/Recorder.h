@@ -44,26 +44,27 @@ public:
 
 protected:
     /// Looks since the recorder was made.
-    std::uint64_t calls() const { return calls_; }
+    std::uint32_t calls() const { return calls_; }
 
 private:
     template <class Kind>
     void put(const Kind& event) {
-        buffer_.clear();
         encode(event, buffer_);
-        sink_.eventIs(buffer_.bytes(), loop_.turnTime());
+        sink_.eventIs(buffer_, loop_.turnTime());
     }
     void tellOfHandlers();
+    void tellOfChange(const Asic::Recorder::Change& change, Bytes packedEntry);
 
     const Kiv::EventLoop& loop_;
     Sink& sink_;
     Buffer buffer_;
     std::uint64_t lastNumber_ = 0;
     std::uint64_t mapIdentity_ = 0;
-    std::uint64_t calls_ = 0;
+    std::uint32_t calls_ = 0;
     bool isStarting_ = true;
-    Look look_;                          ///< the last one
-    Look next_;                          ///< kept for its memory
+    Look look_;                          ///< the last that was told
+    std::vector<Look::Row> rows_;        ///< all that stood in the map then
+    std::vector<Look::Row> nextRows_;    ///< kept for its memory
     std::vector<std::uint64_t> silent_;  ///< handlers at work that have not done anything yet
 };
 

@@ -5,15 +5,15 @@
 
 #include <chrono>
 
-#include "recording/Events.h"
+#include "recording/Codec.h"
 
 namespace Recording {
 
 class Sink {
 public:
     virtual ~Sink() = default;
-    /// `event`: as encode() makes it. `time`: of the turn of the event loop, by a clock of its own.
-    virtual void eventIs(Bytes event, std::chrono::nanoseconds time) = 0;
+    /// `time`: of the turn of the event loop, by a clock of its own.
+    virtual void eventIs(const Buffer& event, std::chrono::nanoseconds time) = 0;
 };
 
 }  // namespace Recording

@@ -9,6 +9,7 @@
 
 #include "recording/EntryText.h"
 #include "recording/Names.h"
+#include "recording/PackedEntry.h"
 
 namespace Recording {
 
@@ -59,7 +60,7 @@ struct TextMaker {
         if (change.operation != Change::Operation::removeAll)
             text += ' ' + keyName(change.table, change.key);
         if (change.operation == Change::Operation::write)
-            text += entryText(change.table, change.key, change.entry);
+            text += entryText(change.table, change.key, unpackedEntry(change.entry));
         if (change.dependency == Change::kForeign) {
             text += " after=#foreign";
         } else if (change.dependency != 0) {
@@ -77,6 +78,8 @@ struct TextMaker {
             text += " pause";
         if (look.call != 0)
             text += fmt::format(" call={}", look.call);
+        if (!look.isWhole)
+            text += " moved";
         return text + rowsText(look.rows) + '\n';
     }
     std::string operator()(const ResourceOperation& made) const {
@@ -132,7 +135,7 @@ public:
     static std::uint64_t numberOf(std::string_view text) {
         if (!text.starts_with('#'))
             throw FormatError(fmt::format("'{}' is no number such as #1", text));
-        return numberIn(text.substr(1));
+        return numberIn(text.substr(1), kMostChanges);
     }
     std::uint32_t table() { return tableOf(word("a table")); }
     static std::uint32_t tableOf(std::string_view name) {
@@ -195,7 +198,6 @@ public:
 private:
     template <class Kind>
     void add(const Kind& event) {
-        buffer_.clear();
         encode(event, buffer_);
         static_cast<void>(decode(buffer_.bytes()));  // refuses what no recording has
         contents_.add(buffer_.bytes(), time_);
@@ -345,10 +347,10 @@ private:
                 refuse(word);
             }
         }
-        std::vector<std::byte> image;
-        if (operation == Change::Operation::write)
-            image = entryImage(change.table, change.key, fields);
-        change.entry = image;
+        if (operation != Change::Operation::write)
+            return add(change);
+        const PackedEntry entry(entryImage(change.table, change.key, fields));
+        change.entry = entry.bytes();
         add(change);
     }
 
@@ -365,7 +367,7 @@ private:
         std::vector<Word> rows;
         for (Word& word : words.rest()) {
             if (word.name == "map") {
-                look.map = numberIn(word.value);
+                look.map = static_cast<std::uint32_t>(numberIn(word.value, 0xFFFFFFFF));
             } else if (word.name == "log") {
                 look.log = placeOf<Look::Log>(kLogs, word.value);
             } else if (word.name == "consumed") {
@@ -373,7 +375,9 @@ private:
             } else if (word.name == "pause" && !word.hasValue) {
                 look.pauseRequested = true;
             } else if (word.name == "call") {
-                look.call = numberIn(word.value);
+                look.call = static_cast<std::uint32_t>(numberIn(word.value, 0xFFFFFFFF));
+            } else if (word.name == "moved" && !word.hasValue) {
+                look.isWhole = false;
             } else {
                 rows.push_back(std::move(word));
             }

@@ -11,7 +11,7 @@
 //   remove #NUMBER TABLE UNIT KEY [after=#NUMBER] [handler]
 //   remove-all #NUMBER TABLE UNIT [after=#NUMBER] [handler]
 //   turn
-//   look map=N log=none|this|another [consumed=N] [pause] [call=N] [TABLE=VERSION…]
+//   look map=N log=none|this|another [consumed=N] [pause] [call=N] [moved] [TABLE=VERSION…]
 //   move|fail|restore POOL KEY
 //   sweep POOL
 //   end
@@ -23,7 +23,8 @@
 //   answer #NUMBER {                            what the handler does, until
 //   } [#NUMBER]
 //
-// A change that waits for something that is not recorded has after=#foreign.
+// A look with `moved` names the tables that moved since the one before. A change that waits for
+// something that is not recorded has after=#foreign.
 #pragma once
 
 #include <string>

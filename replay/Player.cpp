@@ -14,6 +14,7 @@
 #include "platform/kivshimo/EntityManager.h"
 #include "platform/kivshimo/Paths.h"
 #include "recording/Names.h"
+#include "recording/PackedEntry.h"
 #include "recording/Snapshot.h"
 #include "recording/Text.h"
 #include "types/Constants.h"
@@ -208,7 +209,7 @@ void Player::performRange(std::size_t begin, std::size_t end, bool isTopLevel) {
 void Player::perform(std::size_t at) {
     const Event event = eventAt(at);
     if (is<Recording::Note>(event)) {
-        eventIs(recording_->events()[at].bytes, loop_.turnTime());
+        told(recording_->events()[at].bytes, loop_.turnTime());
         return;
     }
     if (tables_ == nullptr)
@@ -344,7 +345,7 @@ std::size_t Player::startProcess(std::size_t at) {
     layOutFiles(at, end, start);
     std::size_t files = at;
     for (; files == at || (files < end && is<Recording::File>(eventAt(files))); ++files)
-        eventIs(recording_->events()[files].bytes, {});
+        told(recording_->events()[files].bytes, {});
     loop_.turnTimeIs({});
     // Of the process before, where this one has none.
     if (start.capacity == 0)
@@ -436,7 +437,8 @@ void Player::change(VornPolicyCpu::TableOperations<Types>& table, const Change& 
     } else if (made.operation == Change::Operation::remove) {
         handle = table.remove(key, dependency, handler);
     } else {
-        const auto entry = VornPolicyCpu::EntryImage<Types>::entryOf(made.entry);
+        const auto entry =
+            VornPolicyCpu::EntryImage<Types>::entryOf(Recording::unpackedEntry(made.entry));
         if (!entry)
             refuse("the entry is of another size");
         handle = table.write(key, *entry, dependency, handler);
@@ -493,9 +495,10 @@ void Player::layOutMap(const Look& look) {
     mapNumber_ = look.map;
     map_->announceIdentityIs(identityFor(look.log, directory_));
     for (const KivShimo::Acknowledged& row : map_->all()) {
-        const bool stays = std::ranges::any_of(look.rows, [&](const Look::Row& wanted) {
-            return wanted.table == row.tableId && wanted.version >= row.version;
-        });
+        const bool stays =
+            !look.isWhole || std::ranges::any_of(look.rows, [&](const Look::Row& wanted) {
+                return wanted.table == row.tableId && wanted.version >= row.version;
+            });
         if (!stays)
             map_->forget(row.tableId);
     }
@@ -507,7 +510,7 @@ void Player::layOutMap(const Look& look) {
 
 // What comes out.
 
-void Player::eventIs(Recording::Bytes bytes, std::chrono::nanoseconds time) {
+void Player::told(Recording::Bytes bytes, std::chrono::nanoseconds time) {
     if (isOver() || killed_)
         return;
     const Event event = Recording::decode(bytes);

@@ -81,7 +81,10 @@ private:
     class Recorder;
     using Handle = Brumo::Ptr<const Asic::OrderedSwTable::EntryHandle>;
 
-    void eventIs(Recording::Bytes event, std::chrono::nanoseconds time) override;
+    void eventIs(const Recording::Buffer& event, std::chrono::nanoseconds time) override {
+        told(event.bytes(), time);
+    }
+    void told(Recording::Bytes event, std::chrono::nanoseconds time);
 
     Result play(const Recording::Contents& recording, const Wishes& wishes);
     void performRange(std::size_t begin, std::size_t end, bool isTopLevel);

@@ -14,6 +14,7 @@
 
 #include <fmt/format.h>
 
+#include "recording/PackedEntry.h"
 #include "recording/Snapshot.h"
 #include "recording/Text.h"
 #include "tests/support/TempDir.h"
@@ -107,7 +108,8 @@ void roundTrip(const std::vector<std::uint8_t>& bytes, std::uint64_t key) {
     change.number = 1;
     change.table = Types::kTableId.whole();
     change.key = key;
-    change.entry = image;
+    const PackedEntry packed(image);
+    change.entry = packed.bytes();
     Contents contents;
     Buffer encoded;
     encode(change, encoded);
@@ -135,7 +137,8 @@ TEST(RecordingText, HasFieldsAndNotBytesOfAnEntryThatFeatureCodeWrites) {
     change.table = VornPolicyCpu::PolicyCpuV4TcamEntryTypes::kTableId.whole();
     change.unit = 3;
     change.key = std::bit_cast<std::uint64_t>(entry.key);
-    change.entry = image;
+    const PackedEntry packed(image);
+    change.entry = packed.bytes();
     EXPECT_EQ(textOf(Event(change)), "write #1 v4 3 00000001.00000002 priority=7 ttl-mask=255\n");
 }
 
@@ -159,23 +162,39 @@ TEST(RecordingCodec, RefusesKindsAndValuesThatItDoesNotKnow) {
     EXPECT_THROW(decode(bytes), FormatError);
 }
 
-TEST(RecordingCodec, HasOneFormForEachNumber) {
-    const auto numberOf = [](std::vector<unsigned> bytes) {
-        std::vector<std::byte> number;
-        for (const unsigned byte : bytes)
-            number.push_back(static_cast<std::byte>(byte));
-        return Decoder(number).number();
+TEST(RecordingCodec, HasOneFormForEachEntry) {
+    std::vector<std::byte> image(20);
+    image[2] = image[17] = std::byte{1};
+    const PackedEntry packed(image);
+    const std::vector<std::byte> good(packed.bytes().begin(), packed.bytes().end());
+    ASSERT_EQ(good.size(), 24U);
+    EXPECT_TRUE(isPackedEntry(good));
+    EXPECT_EQ(unpackedEntry(good), image);
+    const auto isRefused = [&good](auto change) {
+        std::vector<std::byte> bytes = good;
+        change(bytes);
+        return !isPackedEntry(bytes);
     };
-    EXPECT_EQ(numberOf({0x80, 1}), 128U);
-    EXPECT_THROW(numberOf({0x80, 0}), FormatError);
-    std::vector<unsigned> largest(9, 0xFF);
-    largest.push_back(1);
-    EXPECT_EQ(numberOf(largest), ~std::uint64_t{0});
-    largest.back() = 2;
-    EXPECT_THROW(numberOf(largest), FormatError);
-    largest.back() = 0x81;
-    largest.push_back(0);
-    EXPECT_THROW(numberOf(largest), FormatError);
+    EXPECT_TRUE(isRefused([](auto& bytes) { bytes.clear(); }));
+    EXPECT_TRUE(isRefused([](auto& bytes) { bytes.pop_back(); }));
+    EXPECT_TRUE(isRefused([](auto& bytes) { bytes.resize(16); }));
+    EXPECT_TRUE(isRefused([](auto& bytes) { bytes.resize(32); }));
+    EXPECT_TRUE(
+        isRefused([](auto& bytes) { bytes[0] = std::byte{16}; }));         // shorter than its words
+    EXPECT_TRUE(isRefused([](auto& bytes) { bytes[1] = std::byte{2}; }));  // larger than any
+    EXPECT_TRUE(isRefused([](auto& bytes) { bytes[10] = std::byte{0}; }));  // a word of zeros
+    EXPECT_TRUE(isRefused([](auto& bytes) { bytes[20] = std::byte{1}; }));  // behind its end
+}
+
+TEST(RecordingCodec, PacksTheLargestEntryAndTheEmptyOne) {
+    for (const std::size_t size : {std::size_t{0}, PackedEntry::kMostBytes}) {
+        const std::vector<std::byte> image(size, std::byte{9});
+        const PackedEntry packed(image);
+        EXPECT_TRUE(isPackedEntry(packed.bytes()));
+        EXPECT_EQ(unpackedEntry(packed.bytes()), image);
+    }
+    EXPECT_THROW(contentsOfText("write #1 v4 1 00000001.00000002 image=" + std::string(770, '0')),
+                 FormatError);
 }
 
 TEST(RecordingCodec, RefusesWhatNoTextCouldSay) {
@@ -210,7 +229,7 @@ protected:
     std::string file() const { return dir_.path() + "/a.rec"; }
     static void write(FileWriter& writer, const Contents& contents) {
         for (const Recorded& event : contents.events())
-            writer.eventIs(event.bytes, event.time);
+            writer.eventIs(Buffer(event.bytes), event.time);
     }
     std::vector<std::byte> bytes() const {
         std::ifstream in(file(), std::ios::binary);
@@ -236,7 +255,7 @@ TEST_F(RecordingFile, HoldsEventsWithTheirTimes) {
         EXPECT_EQ(writer.failure(), "");
     }
     EXPECT_EQ(textOf(Contents::ofFile(file())), kAllKinds);
-    EXPECT_EQ(std::filesystem::file_size(file()), Contents::ofFile(file()).size());
+    EXPECT_TRUE(Contents::ofFile(file()).isBinary());
 }
 
 TEST_F(RecordingFile, IsReadWhileItGrows) {
@@ -262,9 +281,9 @@ TEST_F(RecordingFile, GrowsBeyondWhatIsMappedAtOnce) {
     {
         FileWriter writer(file());
         for (int i = 0; i < 3; ++i) {
-            writer.eventIs(encoded.bytes(), nanoseconds(i));
+            writer.eventIs(encoded, nanoseconds(i));
             for (int small = 0; small < 1000; ++small)
-                writer.eventIs(contentsOfText("turn\n").events()[0].bytes, nanoseconds(i));
+                writer.eventIs(Buffer(contentsOfText("turn\n").events()[0].bytes), nanoseconds(i));
         }
     }
     const Contents read = Contents::ofFile(file());
@@ -305,41 +324,92 @@ TEST_F(RecordingFile, IsReadableAfterAKillWithAllThatWasTold) {
     EXPECT_EQ(Contents::ofFile(file()).events().size(), read.events().size() + 1);
 }
 
-TEST_F(RecordingFile, TellsWhereItHasRottedAndWhatStandsBeforeIsRead) {
-    {
-        FileWriter writer(file());
-        write(writer, contentsOfText("turn\nturn\nend\n"));
-    }
-    const std::vector<std::byte> whole = bytes();
-    for (std::size_t at = 16; at < whole.size(); ++at) {
+/// Where a file of three small events has them: at rest, and while its writer is at work.
+constexpr std::size_t kBody = 65'536;
+constexpr std::size_t kFront = 16;
+constexpr const char* kThree = "turn\n@ 0.000001\nturn\nend\n";
+
+void expectRotIsFound(const std::vector<std::byte>& whole, std::size_t begin, std::size_t end) {
+    for (std::size_t at = begin; at < end; ++at) {
         for (const unsigned bit : {1U, 0x80U}) {
             std::vector<std::byte> rotten = whole;
             rotten[at] ^= static_cast<std::byte>(bit);
             const std::string text = textOf(Contents(rotten));
-            ASSERT_TRUE(std::string("turn\nturn\nend\n").starts_with(text)) << at << ' ' << text;
-            ASSERT_NE(text, "turn\nturn\nend\n") << at;
+            ASSERT_TRUE(std::string(kThree).starts_with(text)) << at << ' ' << text;
+            ASSERT_NE(text, kThree) << at;
+            ASSERT_NE(Contents(rotten).damage(), "") << at;
         }
     }
+}
+
+TEST_F(RecordingFile, TellsWhereItHasRottedAndWhatStandsBeforeIsRead) {
+    std::vector<std::byte> atWork;
+    {
+        FileWriter writer(file());
+        write(writer, contentsOfText(kThree));
+        atWork = bytes();
+    }
+    const std::vector<std::byte> whole = bytes();
+    EXPECT_EQ(textOf(Contents(atWork)), kThree);
+    expectRotIsFound(whole, kBody, whole.size());
+    // A head that has become zero tells no more than that nothing was written there.
+    expectRotIsFound(atWork, kFront, kFront + whole.size() - kBody);
     std::vector<std::byte> rotten = whole;
     rotten.back() ^= std::byte{1};
     EXPECT_EQ(Contents(rotten).damage(),
-              fmt::format("event 3 at byte {}: the frame does not verify", whole.size() - 7));
+              fmt::format("event 3 at byte {}: the frame does not verify", whole.size() - 16));
     bytesAre(rotten);
     const FileWriter writer(file());
     EXPECT_EQ(writer.setAside(), file() + ".damaged");
     EXPECT_EQ(std::filesystem::file_size(writer.setAside()), rotten.size());
 }
 
-TEST_F(RecordingFile, IsCutAnywhereAndReadUpToThere) {
+TEST_F(RecordingFile, TellsThatItIsCutWhereverThatIs) {
     {
         FileWriter writer(file());
         write(writer, contentsOfText(kAllKinds));
     }
     const std::vector<std::byte> whole = bytes();
-    for (std::size_t size = 16; size < whole.size(); ++size) {
+    for (std::size_t size = kFront; size < whole.size(); size += size < kBody - 8 ? 1000 : 1) {
         const Contents part({whole.begin(), whole.begin() + static_cast<long>(size)});
-        ASSERT_TRUE(part.size() == size || !part.damage().empty()) << size;
+        ASSERT_NE(part.damage(), "") << size;
+        ASSERT_TRUE(std::string(kAllKinds).starts_with(textOf(part)) || !part.events().empty());
     }
+}
+
+/// What a kill leaves of the front when it strikes while the frames in it are being moved.
+TEST_F(RecordingFile, IsWholeWhereverItsFramesHaveBeenMovedTo) {
+    std::vector<std::byte> atWork;
+    {
+        FileWriter writer(file());
+        write(writer, contentsOfText(kAllKinds));
+        atWork = bytes();
+    }
+    const std::vector<std::byte> whole = bytes();
+    const std::size_t size = whole.size() - kBody;
+    const auto isWhole = [&](const std::vector<std::byte>& found) {
+        bytesAre(found);
+        if (textOf(Contents::ofFile(file())) != kAllKinds)
+            return false;
+        { FileWriter writer(file()); }
+        return bytes() == whole;
+    };
+    for (std::size_t moved = 0; moved <= size; moved += moved < 64 ? 1 : 37) {
+        std::vector<std::byte> found = atWork;  // part of it stands in the body
+        found.insert(found.end(), whole.begin() + kBody,
+                     whole.begin() + static_cast<long>(kBody + moved));
+        ASSERT_TRUE(isWhole(found)) << moved;
+    }
+    for (std::size_t cleared = 0; cleared <= size; cleared += cleared < 64 ? 1 : 37) {
+        std::vector<std::byte> found = atWork;  // all does, and part of the front is cleared
+        found.insert(found.end(), whole.begin() + kBody, whole.end());
+        std::fill_n(found.begin() + kFront, cleared, std::byte{0});
+        ASSERT_TRUE(isWhole(found)) << cleared;
+    }
+    std::vector<std::byte> found = whole;  // a large frame whose first word is missing
+    found.resize(found.size() + 8);
+    found.resize(found.size() + 100, std::byte{7});
+    EXPECT_TRUE(isWhole(found));
 }
 
 TEST_F(RecordingFile, HasOneWriter) {

@@ -218,14 +218,14 @@ void writeBinary(const std::string& file, const Recording::Contents& recording) 
         throw Inspect::QuestionError(file + ": is there already");
     Recording::FileWriter writer(file);
     for (const Recording::Recorded& event : recording.events())
-        writer.eventIs(event.bytes, event.time);
+        writer.eventIs(Recording::Buffer(event.bytes), event.time);
     if (!writer.failure().empty())
         throw std::runtime_error(writer.failure());
 }
 
 /// The scenario with what really comes out, in place of the one before.
 void update(const ReplayWishes& wishes, const Recording::Contents& recording) {
-    if (recording.size() != 0)
+    if (recording.isBinary())
         throw Inspect::QuestionError(wishes.file + ": is no text; make one by --text");
     const Agent::Plugin plugin = Agent::loadPlugin(pluginPath(wishes));
     const Place place("");
