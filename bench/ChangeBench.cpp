@@ -50,22 +50,26 @@ BENCHMARK(wholeChange)->UseManualTime();
 void recordedChange(benchmark::State& state) {
     FullTable& table = theTable();
     const TestSupport::TempDir dir;
-    std::optional<Recording::FileWriter> file(dir.file("0"));
-    std::optional<Recording::Recorder> recorder(std::in_place, table.loop(), *file);
+    std::optional<Recording::FileWriter> file;
+    std::optional<Recording::Recorder> recorder;
     int files = 0;
+    const auto begin = [&] {
+        recorder.reset();
+        file.reset();
+        std::filesystem::remove(dir.file(std::to_string(files)));
+        file.emplace(dir.file(std::to_string(++files)));
+        recorder.emplace(table.loop(), *file);
+        recorder->mounted({});
+    };
+    begin();
     const auto size = [&] { return std::filesystem::file_size(dir.file(std::to_string(files))); };
     inRounds(
         state, [&](std::uint32_t number) { table.write(number); },
         [&] {
             // The recordings of a long measurement do not fill the memory.
             constexpr std::uintmax_t kMost = std::uintmax_t{64} << 20U;
-            if (size() < kMost)
-                return;
-            recorder.reset();
-            file.reset();
-            std::filesystem::remove(dir.file(std::to_string(files)));
-            file.emplace(dir.file(std::to_string(++files)));
-            recorder.emplace(table.loop(), *file);
+            if (size() >= kMost)
+                begin();
         });
 }
 BENCHMARK(recordedChange)->UseManualTime();

@@ -61,7 +61,8 @@ void recordedChange() {
         system.change(nextMatch());
     const TestSupport::TempDir dir;
     Recording::FileWriter file(dir.file("recording"));
-    const Recording::Recorder recorder(system.agent().loop(), file);
+    Recording::Recorder recorder(system.agent().loop(), file);
+    recorder.mounted({});
     counted([&](std::uint32_t) { system.change(nextMatch()); });
 }
 

@@ -41,7 +41,8 @@ def main():
     parser.add_argument("--write", action="store_true", help="make what is counted the budget")
     options = parser.parse_args()
     budgets = json.loads(BUDGET.read_text()) if BUDGET.exists() else {}
-    rows = ["entryIs", "wholeChange", "wholeActionChange", "entryRead", "writeWhileOthersWait"]
+    rows = ["entryIs", "wholeChange", "recordedChange", "wholeActionChange", "entryRead",
+            "writeWhileOthersWait"]
     counts = {row: round(instructions_of(options.program, row)) for row in rows}
     if options.write:
         BUDGET.write_text(json.dumps(counts, indent=1) + "\n")

@@ -52,8 +52,14 @@ inline constexpr std::size_t kWordSize = sizeof(std::uint64_t);
 /// One of the words that the bytes make, filled with zeros. REQUIRES: it begins within them.
 inline std::uint64_t wordAt(Bytes bytes, std::size_t word) {
     std::uint64_t value = 0;
-    const Bytes rest = bytes.subspan(word * kWordSize);
-    std::memcpy(&value, rest.data(), std::min(rest.size(), kWordSize));
+    const std::size_t at = word * kWordSize;
+    const std::size_t there = std::min(bytes.size() - at, kWordSize);
+    if (there == kWordSize) {
+        std::memcpy(&value, bytes.data() + at, kWordSize);
+        return value;
+    }
+    for (std::size_t byte = 0; byte < there; ++byte)
+        value |= std::to_integer<std::uint64_t>(bytes[at + byte]) << 8 * byte;
     return value;
 }
 
@@ -111,6 +117,12 @@ private:
     }
     void one(Bytes value) {
         one(static_cast<std::uint32_t>(value.size()));
+        one(rest(value));
+    }
+    template <class T>
+    requires std::same_as<std::remove_const_t<T>, Bytes>
+    void one(const Rest<T>& last) {
+        Bytes value = last.value;
         makeRoom(value.size() / kWordSize);
         for (; value.size() >= kWordSize; value = value.subspan(kWordSize)) {
             std::uint64_t word = 0;
@@ -130,7 +142,11 @@ private:
     template <class T>
     void one(const std::vector<T>& values) {
         one(static_cast<std::uint32_t>(values.size()));
-        for (const T& value : values) {
+        one(rest(values));
+    }
+    template <class T>
+    void one(const Rest<const std::vector<T>>& values) {
+        for (const T& value : values.value) {
             makeRoom(0);
             one(value);
         }
@@ -207,6 +223,12 @@ private:
         return length;
     }
     void one(Bytes& value) { value = take(length()); }
+    void one(Rest<Bytes>& last) { last.value = take(rest_.size()); }
+    template <class T>
+    void one(Rest<std::vector<T>>& last) {
+        while (!rest_.empty())
+            one(last.value.emplace_back());
+    }
     void one(std::string_view& value) {
         const Bytes bytes = take(length());
         value = {reinterpret_cast<const char*>(bytes.data()), bytes.size()};

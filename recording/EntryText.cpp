@@ -202,8 +202,8 @@ std::vector<std::byte> imageOf(std::uint64_t key, std::span<const Word> words) {
         if (!isKnown)
             throw FormatError(fmt::format("no field '{}'", word.name));
     }
-    const auto image = EntryImage<Types>::of(entry);
-    return {image.begin(), image.end()};
+    const EntryImage<Types> image(entry);
+    return {image.bytes().begin(), image.bytes().end()};
 }
 
 }  // namespace

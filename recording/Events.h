@@ -31,6 +31,16 @@ ChangeNumber<Number> changeNumber(Number& value) {
 }
 inline constexpr std::uint64_t kMostChanges = (std::uint64_t{1} << 48U) - 1;
 
+/// The last field of an event: as long as the event is.
+template <class List>
+struct Rest {
+    List& value;
+};
+template <class List>
+Rest<List> rest(List& value) {
+    return {value};
+}
+
 inline bool sameBytes(Bytes a, Bytes b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end());
 }
@@ -89,14 +99,14 @@ struct Change {
     std::uint32_t table = 0;
     std::uint16_t unit = 0;
     std::uint64_t key = 0;         ///< 0 for removeAll
-    Bytes entry;                   ///< of a write: VornPolicyCpu::EntryImage, a PackedEntry
     std::uint64_t dependency = 0;  ///< number of the change that it waits for; 0: none
     bool hasHandler = false;
+    Bytes entry;  ///< of a write: VornPolicyCpu::EntryImage, a PackedEntry
 
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
         each(self.operation, changeNumber(self.number), self.table, self.unit, self.key,
-             self.dependency, self.hasHandler, self.entry);
+             self.dependency, self.hasHandler, rest(self.entry));
     }
 };
 
@@ -131,7 +141,7 @@ struct Look {
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
         each(self.map, self.log, self.consumed, self.pauseRequested, self.call, self.isWhole,
-             self.rows);
+             rest(self.rows));
     }
     bool operator==(const Look&) const = default;
 };

@@ -258,7 +258,7 @@ void FileWriter::eventIs(const Buffer& event, std::chrono::nanoseconds time) {
     if (!failure_.empty())
         return;
     const std::chrono::nanoseconds none{0};
-    const auto passed = last_.count() < 0 ? none : std::max(time - last_, none);
+    const auto passed = time > last_ ? time - last_ : none;
     last_ = time;
     const std::size_t size = frameSize(event, passed);
     if (size > kFrontSize - used_) [[unlikely]] {

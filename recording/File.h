@@ -68,7 +68,7 @@ private:
     Head* head_ = nullptr;   ///< mapped
     std::size_t moved_ = 0;  ///< bytes of frames in the body
     std::size_t used_ = 0;   ///< bytes of frames in the front
-    std::chrono::nanoseconds last_{-1};
+    std::chrono::nanoseconds last_ = std::chrono::nanoseconds::max();  ///< before the first: none
     std::string failure_;
     std::string setAside_;
 };

@@ -31,7 +31,7 @@ public:
     FrameSum(std::uint64_t length, std::size_t offset) : sum_(length << 32U ^ offset) {}
     void add(std::uint64_t word) {
         constexpr std::uint64_t kSpread = 0x9E3779B97F4A7C15;  // 2^64 divided by the golden ratio
-        sum_ = std::rotl(sum_ ^ word, 29) * kSpread;
+        sum_ = (std::rotl(sum_, 29) ^ word) * kSpread;
     }
     std::uint64_t check() const { return sum_ >> 32U; }
 

@@ -18,24 +18,38 @@ std::size_t wordCount(std::size_t bytes) {
 
 }  // namespace
 
+/// Which words are zero is nearly always the same for one kind of entry, and foreseen.
 PackedEntry::PackedEntry(Bytes image) {
     Brumo::require(image.size() <= kMostBytes, "an entry can be packed");
     std::uint64_t mask = 0;
     std::uint64_t* next = words_.data() + 1;
     const auto add = [&](std::size_t word, std::uint64_t value) {
-        const bool isThere = value != 0;
-        *next = value;  // the next one takes the place of a zero
-        next += isThere ? 1 : 0;
-        mask |= std::uint64_t{isThere} << word;
+        if (value == 0)
+            return;
+        *next++ = value;
+        mask |= std::uint64_t{1} << word;
+    };
+    const auto load = [&](std::size_t at) {
+        std::uint64_t value = 0;
+        std::memcpy(&value, image.data() + at, kWordSize);
+        return value;
     };
     const std::size_t whole = image.size() / kWordSize;
-    for (std::size_t word = 0; word < whole; ++word) {
-        std::uint64_t value = 0;
-        std::memcpy(&value, image.data() + word * kWordSize, kWordSize);
-        add(word, value);
+    std::size_t word = 0;
+    for (; word + 1 < whole; word += 2) {
+        const std::uint64_t first = load(word * kWordSize);
+        const std::uint64_t second = load((word + 1) * kWordSize);
+        if ((first | second) == 0)
+            continue;
+        add(word, first);
+        add(word + 1, second);
     }
-    if (whole * kWordSize != image.size())
-        add(whole, wordAt(image, whole));
+    if (word < whole) {
+        add(word, load(word * kWordSize));
+        ++word;
+    }
+    if (word * kWordSize < image.size())
+        add(word, wordAt(image, word));
     words_[0] = mask << kMaskPlace | image.size();
     size_ = static_cast<std::size_t>(next - words_.data()) * kWordSize;
 }

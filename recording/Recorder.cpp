@@ -23,23 +23,44 @@ std::uint64_t numberOfDependency(const Asic::DependencyEntryHandle* dependency) 
     return dependency->recordNumber() == 0 ? Change::kForeign : dependency->recordNumber();
 }
 
-/// The rows that say something else than before. False where it takes all of them to say it: a row
-/// has gone, or back.
-bool keepMoved(const std::vector<Look::Row>& before, const std::vector<Look::Row>& now,
-               std::vector<Look::Row>& moved) {
+/// By table.
+std::vector<Look::Row> sortedRows(const KivShimo::Acknowledgements& rows) {
+    std::vector<Look::Row> sorted;
+    for (const auto& [table, version] : rows)
+        sorted.push_back({table, version});
+    std::ranges::sort(sorted, {}, &Look::Row::table);
+    return sorted;
+}
+
+/// Brings what was known of a map up to date; `moved` are the rows that say something else, by
+/// table. False where that does not say it all: a table has gone, or back.
+bool bringUpToDate(std::vector<KivShimo::Acknowledged>& known,
+                   const KivShimo::Acknowledgements& now, std::vector<Look::Row>& moved) {
     moved.clear();
-    auto old = before.begin();
-    for (const Look::Row& row : now) {
-        const bool isNew = old == before.end() || row.table < old->table;
-        if (isNew || row.version != old->version)
-            moved.push_back(row);
-        if (isNew)
+    const std::size_t before = known.size();
+    std::size_t found = 0;
+    std::size_t place = 0;
+    bool isOnward = true;
+    for (const auto& [table, version] : now) {
+        // Nearly always in the same place.
+        auto old = known.begin() + static_cast<long>(std::min(place++, before));
+        if (old == known.end() || old->tableId != table)
+            old = std::ranges::find(known, table, &KivShimo::Acknowledged::tableId);
+        if (old == known.end()) {
+            known.push_back({table, version});
+            moved.push_back({table, version});
             continue;
-        if (old->table != row.table || row.version < old->version)
-            return false;
-        ++old;
+        }
+        ++found;
+        if (old->version == version)
+            continue;
+        isOnward &= version > old->version;
+        old->version = version;
+        moved.push_back({table, version});
     }
-    return old == before.end();
+    if (moved.size() > 1)
+        std::ranges::sort(moved, {}, &Look::Row::table);
+    return isOnward && found == before;
 }
 
 }  // namespace
@@ -55,21 +76,19 @@ Recorder::~Recorder() {
 
 void Recorder::changeStaged(const Asic::Recorder::Change& change) {
     change.handle.recordNumberIs(++lastNumber_);
-    if (change.operation != Asic::Recorder::Operation::write)
-        return tellOfChange(change, {});
-    const PackedEntry entry(change.entry);
-    tellOfChange(change, entry.bytes());
-}
-
-void Recorder::tellOfChange(const Asic::Recorder::Change& change, Bytes entry) {
-    tell(Recording::Change{.operation = static_cast<Recording::Change::Operation>(change.operation),
+    Recording::Change told{.operation = static_cast<Recording::Change::Operation>(change.operation),
                            .number = lastNumber_,
                            .table = change.table.tableId().whole(),
                            .unit = change.table.unitId().value,
                            .key = change.key,
-                           .entry = entry,
                            .dependency = numberOfDependency(change.dependency),
-                           .hasHandler = change.hasHandler});
+                           .hasHandler = change.hasHandler,
+                           .entry = {}};
+    if (told.operation != Recording::Change::Operation::write)
+        return tell(told);
+    const PackedEntry entry(change.entry);
+    told.entry = entry.bytes();
+    tell(told);
 }
 
 void Recorder::resourceOperation(Asic::SwTableId table, Asic::Recorder::ResourceOperation operation,
@@ -82,21 +101,19 @@ void Recorder::resourceOperation(Asic::SwTableId table, Asic::Recorder::Resource
 /// agent at work looks after each piece of it. While a process starts, its looks are counted: what
 /// one of them has found is found by the ones that follow, up to the next that is told.
 void Recorder::mapRead(const Asic::AckMapReading& reading, bool takesUp) {
-    nextRows_.clear();
-    for (const auto& [table, version] : reading.versions)
-        nextRows_.push_back({table, version});
-    std::ranges::sort(nextRows_, {}, &Look::Row::table);
     const bool isAnother = look_.map == 0 || mapIdentity_ != reading.identity;
     const auto log = static_cast<Look::Log>(*reading.log);
     const std::uint64_t consumed = reading.consumed.value_or(look_.consumed);
     const bool pauseRequested = reading.pauseRequested.value_or(look_.pauseRequested);
-    if (!takesUp && !isAnother && log == look_.log && consumed == look_.consumed &&
-        pauseRequested == look_.pauseRequested && nextRows_ == rows_)
+    const bool isWhole = !bringUpToDate(versions_, reading.versions, look_.rows);
+    if (!takesUp && !isAnother && !isWhole && look_.rows.empty() && log == look_.log &&
+        consumed == look_.consumed && pauseRequested == look_.pauseRequested)
         return;
-    look_.isWhole = isAnother || isStarting_ || !keepMoved(rows_, nextRows_, look_.rows);
-    if (look_.isWhole)
-        look_.rows = nextRows_;
-    std::swap(rows_, nextRows_);
+    look_.isWhole = isWhole || isAnother || isStarting_;
+    if (look_.isWhole) {
+        versions_.assign(reading.versions.begin(), reading.versions.end());
+        look_.rows = sortedRows(reading.versions);
+    }
     mapIdentity_ = reading.identity;
     look_.map += isAnother ? 1 : 0;
     look_.log = log;
@@ -107,14 +124,17 @@ void Recorder::mapRead(const Asic::AckMapReading& reading, bool takesUp) {
 }
 
 void Recorder::stateIs(const Asic::DependencyEntryHandle& handle) {
-    if (handle.recordNumber() == 0) {
-        handle.recordNumberIs(++lastNumber_);
-        const auto* const own = dynamic_cast<const Asic::OrderedSwTable::EntryHandle*>(&handle);
-        const std::string key = own == nullptr ? std::string() : own->keyText();
-        tell(OwnChange{lastNumber_, handle.tableId().whole(), key});
-    }
+    if (handle.recordNumber() == 0) [[unlikely]]
+        tellOfOwn(handle);
     tell(State{handle.recordNumber(), static_cast<std::uint8_t>(handle.entryState()),
                handle.entryTableVersion().version.value});
+}
+
+void Recorder::tellOfOwn(const Asic::DependencyEntryHandle& handle) {
+    handle.recordNumberIs(++lastNumber_);
+    const auto* const own = dynamic_cast<const Asic::OrderedSwTable::EntryHandle*>(&handle);
+    const std::string key = own == nullptr ? std::string() : own->keyText();
+    tell(OwnChange{lastNumber_, handle.tableId().whole(), key});
 }
 
 /// Most handlers only take note: one that gives nothing to the tables is not told of.

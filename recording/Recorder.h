@@ -3,9 +3,12 @@
 // Event thread only. Installed while it lives; one a process.
 #pragma once
 
+#include <vector>
+
 #include "platform/asic/GroupInterface.h"
 #include "platform/asic/Recorder.h"
 #include "platform/kiv/EventLoop.h"
+#include "platform/kivshimo/AckMap.h"
 #include "recording/Codec.h"
 #include "recording/Sink.h"
 
@@ -53,7 +56,7 @@ private:
         sink_.eventIs(buffer_, loop_.turnTime());
     }
     void tellOfHandlers();
-    void tellOfChange(const Asic::Recorder::Change& change, Bytes packedEntry);
+    void tellOfOwn(const Asic::DependencyEntryHandle& handle);
 
     const Kiv::EventLoop& loop_;
     Sink& sink_;
@@ -62,9 +65,8 @@ private:
     std::uint64_t mapIdentity_ = 0;
     std::uint32_t calls_ = 0;
     bool isStarting_ = true;
-    Look look_;                          ///< the last that was told
-    std::vector<Look::Row> rows_;        ///< all that stood in the map then
-    std::vector<Look::Row> nextRows_;    ///< kept for its memory
+    Look look_;                                     ///< the last that was told
+    std::vector<KivShimo::Acknowledged> versions_;  ///< all that stood in the map then
     std::vector<std::uint64_t> silent_;  ///< handlers at work that have not done anything yet
 };
 

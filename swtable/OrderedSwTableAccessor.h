@@ -88,7 +88,7 @@ private:
     static HandlePtr newHandle(Table& table, Asic::EntryVersion version, const Key& key,
                                const ResponseHandler& handler);
     static void recordChange(const Table& table, Asic::Recorder::Operation operation,
-                             const Handle& handle, const Entry* entry,
+                             const Handle& handle, std::span<const std::byte> image,
                              const DependencyPtr& dependency);
     static void enqueue(Table& table, const DependencyPtr& dependency, Asic::EntryFlags flags,
                         const WrapperPtr& wrapper);

@@ -14,7 +14,7 @@ auto OrderedSwTableAccessor<B>::entryRemoveGeneric(Table& table, const Key& key,
     const Asic::EntryVersion version = nextVersion(table, key);
     const HandlePtr handle = newHandle(table, version, key, handler);
     if (Asic::recorder() != nullptr) [[unlikely]]
-        recordChange(table, Asic::Recorder::Operation::remove, *handle, nullptr, dependency);
+        recordChange(table, Asic::Recorder::Operation::remove, *handle, {}, dependency);
     Entry removed;
     removed.key = key;
     const WrapperPtr wrapper = Brumo::make<Wrapper>(removed, handle);
@@ -36,7 +36,7 @@ void OrderedSwTableAccessor<B>::entryRemoveAllGeneric(Table& table, const Depend
     Traces<B>::engine(8, "");
     const HandlePtr handle = newHandle(table, Asic::EntryVersion{0, 0}, Key{}, handler);
     if (Asic::recorder() != nullptr) [[unlikely]]
-        recordChange(table, Asic::Recorder::Operation::removeAll, *handle, nullptr, dependency);
+        recordChange(table, Asic::Recorder::Operation::removeAll, *handle, {}, dependency);
     const WrapperPtr wrapper = Brumo::make<Wrapper>(Entry{}, handle);
     table.transientAddEntryDelAll();
     table.transientRemoveEntryDelAll();

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <bit>
+#include <optional>
+#include <span>
 
 #include "platform/asic/Recorder.h"
 #include "platform/brumo/Assert.h"
@@ -21,10 +23,14 @@ auto OrderedSwTableAccessor<B>::entryWriteGeneric(Table& table, const Key& key, 
     table.transientPrefetch(key);
     if (table.entryLog() != nullptr)
         table.entryLog()->prefetch(key, table.unitId());
+    // Whoever reads what was only just stored waits for it: the recorder does so later on.
+    std::optional<EntryImage<typename B::Types>> image;
+    if (Asic::recorder() != nullptr) [[unlikely]]
+        image.emplace(entry);
     const Asic::EntryVersion version = nextVersion(table, key);
     const HandlePtr handle = newHandle(table, version, key, handler);
-    if (Asic::recorder() != nullptr) [[unlikely]]
-        recordChange(table, Asic::Recorder::Operation::write, *handle, &entry, dependency);
+    if (image.has_value()) [[unlikely]]
+        recordChange(table, Asic::Recorder::Operation::write, *handle, image->bytes(), dependency);
     const WrapperPtr wrapper = Brumo::make<Wrapper>(entry, handle);
     wrapper->keyIs(key);
     table.transientRemoveEntryDel(key);
@@ -63,22 +69,15 @@ auto OrderedSwTableAccessor<B>::newHandle(Table& table, Asic::EntryVersion versi
     return handle;
 }
 
-/// `entry` is null where nothing is written.
+/// `image` is empty where nothing is written.
 template <class B>
 void OrderedSwTableAccessor<B>::recordChange(const Table& table,
                                              Asic::Recorder::Operation operation,
-                                             const Handle& handle, const Entry* entry,
+                                             const Handle& handle, std::span<const std::byte> image,
                                              const DependencyPtr& dependency) {
-    const auto tell = [&](std::span<const std::byte> image) {
-        Asic::recorder()->changeStaged(
-            {operation, table, handle, std::bit_cast<std::uint64_t>(handle.key()), image,
-             dependency.get(), static_cast<bool>(handle.responseHandler())});
-    };
-    if (entry == nullptr) {
-        tell({});
-    } else {
-        tell(EntryImage<typename B::Types>::of(*entry));
-    }
+    Asic::recorder()->changeStaged({operation, table, handle,
+                                    std::bit_cast<std::uint64_t>(handle.key()), image,
+                                    dependency.get(), static_cast<bool>(handle.responseHandler())});
 }
 
 template <class B>

@@ -3,7 +3,6 @@
 // Plain values: any thread.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstring>
 #include <optional>
@@ -15,24 +14,19 @@
 namespace VornPolicyCpu {
 
 template <TableTypes T>
-struct EntryImage {
+class EntryImage {
+public:
     static constexpr std::size_t kKeysSize =
         std::is_empty_v<typename T::ResourceKeys> ? 0 : sizeof(typename T::ResourceKeys);
-    using Bytes = std::array<std::byte, sizeof(typename T::LogEntry) + kKeysSize>;
+    static constexpr std::size_t kSize = sizeof(typename T::LogEntry) + kKeysSize;
 
-    static Bytes of(const typename T::Entry& entry) {
-        Bytes bytes;
-        const typename T::LogEntry logEntry = entry.toLogEntry();
-        std::memcpy(bytes.data(), &logEntry, sizeof(logEntry));
-        const typename T::ResourceKeys keys = entry.resourceKeys();
-        if constexpr (kKeysSize != 0)
-            std::memcpy(bytes.data() + sizeof(logEntry), &keys, kKeysSize);
-        return bytes;
-    }
+    explicit EntryImage(const typename T::Entry& entry) : parts_(partsOf(entry)) {}
+
+    std::span<const std::byte> bytes() const { return std::as_bytes(std::span(&parts_, 1)); }
 
     /// Nothing where the bytes are of another size.
     static std::optional<typename T::Entry> entryOf(std::span<const std::byte> bytes) {
-        if (bytes.size() != sizeof(Bytes))
+        if (bytes.size() != kSize)
             return std::nullopt;
         typename T::LogEntry logEntry;
         std::memcpy(&logEntry, bytes.data(), sizeof(logEntry));
@@ -41,6 +35,27 @@ struct EntryImage {
             std::memcpy(&keys, bytes.data() + sizeof(logEntry), kKeysSize);
         return T::Entry::from(logEntry, keys);
     }
+
+private:
+    struct LogEntryAlone {
+        typename T::LogEntry logEntry;
+    };
+    struct LogEntryAndKeys {
+        typename T::LogEntry logEntry;
+        typename T::ResourceKeys keys;
+    };
+    using Parts = std::conditional_t<kKeysSize == 0, LogEntryAlone, LogEntryAndKeys>;
+    static_assert(sizeof(Parts) == kSize);
+
+    static Parts partsOf(const typename T::Entry& entry) {
+        if constexpr (kKeysSize == 0) {
+            return {entry.toLogEntry()};
+        } else {
+            return {entry.toLogEntry(), entry.resourceKeys()};
+        }
+    }
+
+    Parts parts_;
 };
 
 }  // namespace VornPolicyCpu
