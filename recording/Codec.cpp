@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <utility>
 
 #include "recording/PackedEntry.h"
@@ -33,7 +34,8 @@ bool isKnown(const Change& change) {
     return change.operation <= Change::Operation::removeAll &&
            (change.operation == Change::Operation::write ? isPackedEntry(change.entry)
                                                          : change.entry.empty()) &&
-           (change.operation != Change::Operation::removeAll || change.key == 0);
+           (change.operation != Change::Operation::removeAll || change.key == 0) &&
+           (change.dependency <= kMostChanges || change.dependency == Change::kForeign);
 }
 bool isKnown(const State& state) {
     return state.state <= kLastState;
@@ -51,7 +53,8 @@ bool isKnown(const Note& note) {
 }
 bool isKnown(const Look& look) {
     return look.log <= Look::Log::another &&
-           std::ranges::is_sorted(look.rows, {}, &Look::Row::table);
+           std::ranges::adjacent_find(look.rows, std::greater_equal(), &Look::Row::table) ==
+               look.rows.end();
 }
 bool isKnown(const ResourceOperation& made) {
     return made.operation <= ResourceOperation::Operation::sweep &&
@@ -75,7 +78,7 @@ constexpr auto decodersOf(std::index_sequence<I...> /*kinds*/) {
 }  // namespace
 
 Buffer::Buffer(Bytes event) {
-    grow(0, (event.size() + 7) / 8);
+    grow(0, (event.size() + kWordSize - 1) / kWordSize);
     if (!event.empty())
         std::memcpy(memory_.get(), event.data(), event.size());
     size_ = event.size();

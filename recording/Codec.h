@@ -10,7 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
-#include <string>
+#include <string_view>
 #include <type_traits>
 
 #include "recording/Events.h"
@@ -48,6 +48,7 @@ constexpr std::uint8_t kindOf() {
 }  // namespace detail
 
 inline constexpr std::size_t kWordSize = sizeof(std::uint64_t);
+static_assert(std::endian::native == std::endian::little, "files are as words lie in memory");
 
 /// One of the words that the bytes make, filled with zeros. REQUIRES: it begins within them.
 inline std::uint64_t wordAt(Bytes bytes, std::size_t word) {

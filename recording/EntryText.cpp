@@ -127,6 +127,9 @@ bool isTableOfEntries(std::uint32_t table) {
 /// Calls `use.operator()<Types>()` with the types of a table of entries. Throws FormatError.
 template <class Use>
 decltype(auto) withTypes(std::uint32_t table, Use&& use) {
+    static_assert(EntryImage<PolicyCpuTcamActionTypes>::kSize <= PackedEntry::kMostBytes &&
+                  EntryImage<PolicyCpuV4TcamEntryTypes>::kSize <= PackedEntry::kMostBytes &&
+                  EntryImage<PolicyCpuV6TcamEntryTypes>::kSize <= PackedEntry::kMostBytes);
     if (table == PolicyCpuTcamActionTypes::kTableId.whole())
         return use.template operator()<PolicyCpuTcamActionTypes>();
     if (table == PolicyCpuV4TcamEntryTypes::kTableId.whole())

@@ -8,6 +8,7 @@
 // are as the platform has them: a table's whole identity, the eight bytes of a key.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -84,7 +85,7 @@ struct File {
 
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
-        each(self.path, self.size, self.runs);
+        each(self.path, self.size, rest(self.runs));
     }
 };
 
@@ -174,7 +175,7 @@ struct Mounted {
 
     template <class Self, class Fields>
     static void fields(Self& self, Fields& each) {
-        each(self.versions);
+        each(rest(self.versions));
     }
 };
 

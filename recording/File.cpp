@@ -28,6 +28,7 @@ namespace Recording {
 namespace {
 
 constexpr std::array<char, 8> kMagic{'V', 'o', 'r', 'n', 'R', 'e', 'c', '2'};
+constexpr const char* kExtend = "extend recording";
 constexpr std::size_t kMovedAt = kMagic.size();
 constexpr std::size_t kFrontAt = kMovedAt + kWordSize;
 constexpr std::size_t kBodyAt = 65'536;
@@ -61,7 +62,7 @@ public:
         }
         const std::size_t inFront = end_ - moved;
         if (inFront >= kFrontSize)
-            return;
+            return;  // the front was read long before the body: nothing in it follows
         // A kill may have kept what stands in the front from being moved whole.
         std::string damageOfBody = std::exchange(damage_, {});
         through(file, kFrontAt + inFront, std::min(kBodyAt, file.size()));
@@ -176,18 +177,23 @@ FileWriter::FileWriter(std::string file)
         opened_ = openedForWriting(file_);
         left.reset();
     }
-    if (left) {
-        writeAt(opened_, file_, "extend recording", left->inFront, kBodyAt + left->inBody);
-        moved_ = left->inBody + left->inFront.size();
-    } else {
+    if (!left) {
         // At once: a kill leaves it with a head, or empty.
         std::array<char, kFrontAt> head{};
         std::ranges::copy(kMagic, head.begin());
         writeAt(opened_, file_, "write recording", std::as_bytes(std::span(head)), 0);
+        left.emplace();
     }
-    if (::ftruncate(opened_.fd(), static_cast<off_t>(kBodyAt + moved_)) != 0)
-        throwErrno(file_, "cut recording");
-    mapHead();
+    try {
+        writeAt(opened_, file_, kExtend, left->inFront, kBodyAt + left->inBody);
+        moved_ = left->inBody + left->inFront.size();
+        if (::ftruncate(opened_.fd(), static_cast<off_t>(kBodyAt + moved_)) != 0)
+            throwErrno(file_, "cut recording");
+        mapHead();
+    } catch (const std::system_error& error) {
+        failure_ = error.what();  // what the file has stays
+        return;
+    }
     clearFront();
 }
 
@@ -198,14 +204,15 @@ FileWriter::~FileWriter() {
     } catch (const std::system_error&) {
         // All of it stays in the front, from where it is read as well.
     }
-    ::munmap(head_, sizeof(Head));
+    if (head_ != nullptr)
+        ::munmap(head_, sizeof(Head));
 }
 
 /// Allocated: no store into it can fail.
 void FileWriter::mapHead() {
     errno = ::posix_fallocate(opened_.fd(), 0, sizeof(Head));
     if (errno != 0)
-        throwErrno(file_, "extend recording");
+        throwErrno(file_, kExtend);
     void* const mapped = ::mmap(nullptr, sizeof(Head), PROT_READ | PROT_WRITE,
                                 MAP_SHARED | MAP_POPULATE, opened_.fd(), 0);
     if (mapped == MAP_FAILED)
@@ -219,10 +226,11 @@ void FileWriter::clearFront() {
     used_ = 0;
     head_->front.fill(0);
     std::atomic_ref<std::uint64_t>(head_->moved).store(moved_, std::memory_order_release);
+    std::atomic_signal_fence(std::memory_order_seq_cst);  // no frame is stored before
 }
 
 void FileWriter::moveToBody() {
-    writeAt(opened_, file_, "extend recording", std::as_bytes(std::span(head_->front)).first(used_),
+    writeAt(opened_, file_, kExtend, std::as_bytes(std::span(head_->front)).first(used_),
             kBodyAt + moved_);
     moved_ += used_;
     clearFront();
@@ -234,19 +242,22 @@ void FileWriter::storeInBody(const Buffer& event, std::chrono::nanoseconds passe
     storeFrame(frame.data(), event, passed, moved_);
     const Bytes bytes = std::as_bytes(std::span(frame));
     const std::size_t place = kBodyAt + moved_;
-    writeAt(opened_, file_, "extend recording", bytes.subspan(kWordSize), place + kWordSize);
-    writeAt(opened_, file_, "extend recording", bytes.first(kWordSize), place);
+    writeAt(opened_, file_, kExtend, bytes.subspan(kWordSize), place + kWordSize);
+    writeAt(opened_, file_, kExtend, bytes.first(kWordSize), place);
     moved_ += bytes.size();
     clearFront();
 }
 
-/// The front becomes empty. Returns whether nothing is to be done for the event any more: it is
-/// stored, or cannot be.
-bool FileWriter::makeRoom(const Buffer& event, std::chrono::nanoseconds passed) {
+/// For an event that has no place in the front as it is. Returns whether the event is settled:
+/// stored, or not to be stored; it has a place in the front otherwise.
+bool FileWriter::isSettled(const Buffer& event, std::chrono::nanoseconds passed) {
     try {
         moveToBody();
         if (frameSize(event, passed) <= kFrontSize)
             return false;
+        if (event.bytes().size() >= kPassedFollows)
+            throw std::system_error(std::make_error_code(std::errc::file_too_large),
+                                    file_ + ": store event");
         storeInBody(event, passed);
     } catch (const std::system_error& error) {
         failure_ = error.what();
@@ -261,10 +272,8 @@ void FileWriter::eventIs(const Buffer& event, std::chrono::nanoseconds time) {
     const auto passed = time > last_ ? time - last_ : none;
     last_ = time;
     const std::size_t size = frameSize(event, passed);
-    if (size > kFrontSize - used_) [[unlikely]] {
-        if (makeRoom(event, passed))
-            return;
-    }
+    if (size > kFrontSize - used_ && isSettled(event, passed)) [[unlikely]]
+        return;
     storeFrame(head_->front.data() + used_ / kWordSize, event, passed, moved_ + used_);
     used_ += size;
 }
@@ -276,12 +285,14 @@ std::vector<std::byte> bytesOf(const Descriptor& opened, const std::string& file
     std::vector<std::byte> bytes;
     std::vector<std::byte> head;
     do {
-        bytes = partOf(opened, file, 0, kBodyAt);
-        head = partOf(opened, file, 0, kFrontAt);
+        bytes.clear();
+        head.clear();
+        readOn(opened, file, bytes, kBodyAt);
+        readOn(opened, file, head, kFrontAt);
     } while (hasHead(bytes) && hasHead(head) && movedIn(bytes) != movedIn(head));
-    const std::vector<std::byte> body =
-        partOf(opened, file, kBodyAt, std::numeric_limits<std::size_t>::max());
-    bytes.insert(bytes.end(), body.begin(), body.end());
+    if (hasHead(bytes))
+        bytes.resize(kBodyAt);  // its writer has only begun
+    readOn(opened, file, bytes, std::numeric_limits<std::size_t>::max());
     return bytes;
 }
 
@@ -307,8 +318,19 @@ Contents Contents::ofFile(const std::string& file) {
     if (opened.fd() < 0)
         throwErrno(file, "open recording");
     std::vector<std::byte> bytes = bytesOf(opened, file);
-    if (hasHead(bytes))
-        return Contents(std::move(bytes));
+    if (hasHead(bytes)) {
+        // What a writer is moving is cut off in one place now and in another then; what has rotted
+        // stays where it is.
+        Contents contents(std::move(bytes));
+        while (!contents.damage().empty()) {
+            Contents again(bytesOf(opened, file));
+            const bool isDamaged = again.damage() == contents.damage();
+            contents = std::move(again);
+            if (isDamaged)
+                break;
+        }
+        return contents;
+    }
     try {
         return contentsOfText({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
     } catch (const FormatError& error) {

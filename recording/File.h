@@ -16,7 +16,7 @@
 //     body, no frame is missed.
 //  3. A process that goes on with a file goes on behind its last whole frame; its first event is a
 //     start.
-//  4. Storing an event takes a system call once in some hundred events.
+//  4. Storing an event takes a system call once in a thousand events.
 //
 // Whoever cuts the file below the body while it is written ends its writer (SIGBUS).
 #pragma once
@@ -60,12 +60,12 @@ private:
     void mapHead();
     void clearFront();
     void moveToBody();
-    bool makeRoom(const Buffer& event, std::chrono::nanoseconds passed);
+    bool isSettled(const Buffer& event, std::chrono::nanoseconds passed);
     void storeInBody(const Buffer& event, std::chrono::nanoseconds passed);
 
     std::string file_;
     Descriptor opened_;
-    Head* head_ = nullptr;   ///< mapped
+    Head* head_ = nullptr;   ///< mapped; null where that has failed
     std::size_t moved_ = 0;  ///< bytes of frames in the body
     std::size_t used_ = 0;   ///< bytes of frames in the front
     std::chrono::nanoseconds last_ = std::chrono::nanoseconds::max();  ///< before the first: none

@@ -19,8 +19,8 @@ Descriptor::~Descriptor() {
         ::close(fd_);
 }
 
-std::vector<std::byte> partOf(const Descriptor& opened, const std::string& file, std::size_t offset,
-                              std::size_t most) {
+void readOn(const Descriptor& opened, const std::string& file, std::vector<std::byte>& bytes,
+            std::size_t most) {
     struct stat status {};
     if (::fstat(opened.fd(), &status) != 0)
         throwErrno(file, "look at");
@@ -29,11 +29,11 @@ std::vector<std::byte> partOf(const Descriptor& opened, const std::string& file,
                                 file + ": no regular file");
     }
     const auto size = static_cast<std::size_t>(status.st_size);
-    std::vector<std::byte> bytes(std::min(most, size - std::min(size, offset)));
-    std::size_t had = 0;
+    std::size_t had = bytes.size();
+    bytes.resize(had + std::min(most, size - std::min(size, had)));
     while (had < bytes.size()) {
-        const ssize_t got = ::pread(opened.fd(), bytes.data() + had, bytes.size() - had,
-                                    static_cast<off_t>(offset + had));
+        const ssize_t got =
+            ::pread(opened.fd(), bytes.data() + had, bytes.size() - had, static_cast<off_t>(had));
         if (got < 0 && errno != EINTR)
             throwErrno(file, "read");
         if (got == 0)
@@ -41,11 +41,12 @@ std::vector<std::byte> partOf(const Descriptor& opened, const std::string& file,
         had += got < 0 ? 0 : static_cast<std::size_t>(got);
     }
     bytes.resize(had);
-    return bytes;
 }
 
 std::vector<std::byte> allOf(const Descriptor& opened, const std::string& file) {
-    return partOf(opened, file, 0, std::numeric_limits<std::size_t>::max());
+    std::vector<std::byte> bytes;
+    readOn(opened, file, bytes, std::numeric_limits<std::size_t>::max());
+    return bytes;
 }
 
 void writeAt(const Descriptor& opened, const std::string& file, const char* operation, Bytes bytes,
@@ -53,11 +54,12 @@ void writeAt(const Descriptor& opened, const std::string& file, const char* oper
     while (!bytes.empty()) {
         const ssize_t put =
             ::pwrite(opened.fd(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (put < 0 && errno != EINTR)
+        if (put < 0 && errno == EINTR)
+            continue;
+        if (put <= 0)
             throwErrno(file, operation);
-        const std::size_t did = put < 0 ? 0 : static_cast<std::size_t>(put);
-        bytes = bytes.subspan(did);
-        offset += did;
+        bytes = bytes.subspan(static_cast<std::size_t>(put));
+        offset += static_cast<std::size_t>(put);
     }
 }
 

@@ -1,6 +1,6 @@
 // Files opened, read and refused, each failure with path and operation.
 //
-// Used by this folder only. Any thread.
+// Any thread.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,7 @@ namespace Recording {
 
 class Descriptor {
 public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
+    explicit Descriptor(int fd) : fd_(fd) {}
     Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
     Descriptor& operator=(Descriptor&& other) noexcept {
         std::swap(fd_, other.fd_);
@@ -35,11 +35,11 @@ private:
     int fd_;
 };
 
-/// What a regular file holds from the offset on, at most `most` bytes. One that grows meanwhile is
-/// read as far as it went at first, one that is cut meanwhile as far as it still goes. Throws
-/// std::system_error.
-std::vector<std::byte> partOf(const Descriptor& opened, const std::string& file, std::size_t offset,
-                              std::size_t most);
+/// Adds what a regular file holds behind the bytes that were read of it before, at most `most`. One
+/// that grows meanwhile is read as far as it went at first, one that is cut meanwhile as far as it
+/// still goes. Throws std::system_error.
+void readOn(const Descriptor& opened, const std::string& file, std::vector<std::byte>& bytes,
+            std::size_t most);
 /// All of it.
 std::vector<std::byte> allOf(const Descriptor& opened, const std::string& file);
 /// Throws std::system_error.

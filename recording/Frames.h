@@ -6,7 +6,7 @@
 // The length is that of the event, in bytes; where its highest bit is set, the nanoseconds since
 // the event before follow, otherwise none have passed. The check is the upper half of FrameSum of
 // all that follows the length, begun with the length and the frame's place. A frame's first word is
-// never zero, and is stored last: zeros stand behind the last whole frame.
+// never zero, and is stored last: a word of zeros stands behind the last whole frame.
 //
 // Plain functions: any thread.
 #pragma once

@@ -1,5 +1,6 @@
 #include "recording/PackedEntry.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 

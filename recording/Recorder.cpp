@@ -23,13 +23,11 @@ std::uint64_t numberOfDependency(const Asic::DependencyEntryHandle* dependency) 
     return dependency->recordNumber() == 0 ? Change::kForeign : dependency->recordNumber();
 }
 
-/// By table.
-std::vector<Look::Row> sortedRows(const KivShimo::Acknowledgements& rows) {
-    std::vector<Look::Row> sorted;
-    for (const auto& [table, version] : rows)
-        sorted.push_back({table, version});
-    std::ranges::sort(sorted, {}, &Look::Row::table);
-    return sorted;
+/// By table, each one once: a map that names one twice lies.
+void putInOrder(std::vector<Look::Row>& rows) {
+    std::ranges::sort(rows, {}, &Look::Row::table);
+    const auto twice = std::ranges::unique(rows, {}, &Look::Row::table);
+    rows.erase(twice.begin(), twice.end());
 }
 
 /// Brings what was known of a map up to date; `moved` are the rows that say something else, by
@@ -43,7 +41,7 @@ bool bringUpToDate(std::vector<KivShimo::Acknowledged>& known,
     bool isOnward = true;
     for (const auto& [table, version] : now) {
         // Nearly always in the same place.
-        auto old = known.begin() + static_cast<long>(std::min(place++, before));
+        auto old = known.begin() + static_cast<long>(std::min(place++, known.size()));
         if (old == known.end() || old->tableId != table)
             old = std::ranges::find(known, table, &KivShimo::Acknowledged::tableId);
         if (old == known.end()) {
@@ -51,7 +49,7 @@ bool bringUpToDate(std::vector<KivShimo::Acknowledged>& known,
             moved.push_back({table, version});
             continue;
         }
-        ++found;
+        found += old - known.begin() < static_cast<long>(before) ? 1 : 0;
         if (old->version == version)
             continue;
         isOnward &= version > old->version;
@@ -59,7 +57,7 @@ bool bringUpToDate(std::vector<KivShimo::Acknowledged>& known,
         moved.push_back({table, version});
     }
     if (moved.size() > 1)
-        std::ranges::sort(moved, {}, &Look::Row::table);
+        putInOrder(moved);
     return isOnward && found == before;
 }
 
@@ -112,7 +110,10 @@ void Recorder::mapRead(const Asic::AckMapReading& reading, bool takesUp) {
     look_.isWhole = isWhole || isAnother || isStarting_;
     if (look_.isWhole) {
         versions_.assign(reading.versions.begin(), reading.versions.end());
-        look_.rows = sortedRows(reading.versions);
+        look_.rows.clear();
+        for (const auto& [table, version] : versions_)
+            look_.rows.push_back({table, version});
+        putInOrder(look_.rows);
     }
     mapIdentity_ = reading.identity;
     look_.map += isAnother ? 1 : 0;

@@ -57,19 +57,6 @@ std::vector<Run> runsOf(Bytes bytes) {
     return runs;
 }
 
-void writeAll(int fd, Bytes bytes, std::uint64_t offset, const std::string& file) {
-    while (!bytes.empty()) {
-        const ssize_t written =
-            ::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            throwErrno(file, "write");
-        bytes = bytes.subspan(static_cast<std::size_t>(written));
-        offset += static_cast<std::uint64_t>(written);
-    }
-}
-
 }  // namespace
 
 void forEachFile(const std::string& directory, const std::function<void(const File&)>& tell) {
@@ -115,7 +102,7 @@ void layOut(const File& file, const std::string& directory) {
     for (const Run& run : file.runs) {
         if (run.offset > file.size || run.bytes.size() > file.size - run.offset)
             throw FormatError(path.string() + ": a part lies outside of its file");
-        writeAll(made.fd(), run.bytes, run.offset, whole);
+        writeAt(made, whole, "write", run.bytes, run.offset);
     }
 }
 

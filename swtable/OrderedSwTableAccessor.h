@@ -7,6 +7,8 @@
 // The bodies stand by subject: WritePath.h, CommitPath.h, RemovePath.h, ReadPath.h, RestorePath.h.
 #pragma once
 
+#include <span>
+
 #include "entrylog/StoredValue.h"
 #include "platform/asic/Recorder.h"
 #include "swtable/EntryWrapper.h"

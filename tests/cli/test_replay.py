@@ -256,7 +256,7 @@ def test_a_damaged_recording_is_set_aside(own):
     recording = own.directory / "a.rec"
     own.start_agent("--record", recording).agent.end()
     content = bytearray(recording.read_bytes())
-    content[40] ^= 1
+    content[-3] ^= 1
     recording.write_bytes(content)
     own.start_agent("--record", recording)
     aside = own.directory / "a.rec.damaged"
@@ -291,7 +291,7 @@ def test_an_agent_goes_on_when_its_recording_cannot(own):
     own.start_agent("--record", recording).start_hardware().settle()
     resource.prlimit(own.agent.process.pid, resource.RLIMIT_FSIZE, (1 << 20, 1 << 20))
     policies = itertools.cycle([OTHER_POLICY, POLICY])
-    # The agent has allocated its first megabyte; what comes behind that does not fit.
+    # What is behind a megabyte does not fit.
     wait_until(lambda: own.load(next(policies)) and "the recording ends here" in own.agent.log(),
                "the recording to end", 60)
     own.settle()

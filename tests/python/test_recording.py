@@ -78,6 +78,12 @@ def test_columns_are_what_the_lines_say(recorded):
     assert {"start", "file", "mounted", "write", "remove", "state", "look", "end"} <= seen
 
 
+def test_a_look_says_whether_it_names_all_tables_or_those_that_moved(recorded):
+    looks = [event.fields for event in vorn.Recording(recorded) if event.kind == "look"]
+    assert "moved" not in looks[0]
+    assert any(look.get("moved") is True for look in looks)
+
+
 def test_fields_are_what_else_a_line_has(recorded):
     events = list(vorn.Recording(recorded))
     assert events[0].fields["units"] == "1,2" and events[0].fields["capacity"] == "1024"

@@ -137,7 +137,7 @@ std::string lineOf(const Recording::Event& event) {
 
 /// What the line of the event has as NAME=VALUE or as a word of its own.
 py::dict fieldsOf(const Recording::Event& event) {
-    constexpr std::array<std::string_view, 3> kAlone{"on-own-files", "handler", "pause"};
+    constexpr std::array<std::string_view, 4> kAlone{"on-own-files", "handler", "pause", "moved"};
     py::dict fields;
     if (const auto* const file = std::get_if<Recording::File>(&event)) {
         fields["path"] = text(file->path);
