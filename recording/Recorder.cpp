@@ -26,8 +26,8 @@ std::uint64_t numberOfDependency(const Asic::DependencyEntryHandle* dependency) 
 /// By table, each one once: a map that names one twice lies.
 void putInOrder(std::vector<Look::Row>& rows) {
     std::ranges::sort(rows, {}, &Look::Row::table);
-    const auto twice = std::ranges::unique(rows, {}, &Look::Row::table);
-    rows.erase(twice.begin(), twice.end());
+    const auto isSame = [](const Look::Row& a, const Look::Row& b) { return a.table == b.table; };
+    rows.erase(std::unique(rows.begin(), rows.end(), isSame), rows.end());
 }
 
 /// Brings what was known of a map up to date; `moved` are the rows that say something else, by
