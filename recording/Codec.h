@@ -1,7 +1,7 @@
 // Events as bytes: the kind, then its fields in their order.
 //
 // Any thread. Numbers take the bytes of their type, those of changes six, the lowest first; a text
-// or list is its length in four bytes and its parts.
+// or list is its length in four bytes and its parts; a list that ends an event has no length.
 #pragma once
 
 #include <algorithm>

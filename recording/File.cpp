@@ -248,9 +248,9 @@ void FileWriter::storeInBody(const Buffer& event, std::chrono::nanoseconds passe
     clearFront();
 }
 
-/// For an event that has no place in the front as it is. Returns whether the event is settled:
-/// stored, or not to be stored; it has a place in the front otherwise.
-bool FileWriter::isSettled(const Buffer& event, std::chrono::nanoseconds passed) {
+/// For an event that has no place in the front as it is: empties the front, and stores the event in
+/// the body where it is too large for any front. False: it has a place in the front now.
+bool FileWriter::settleElsewhere(const Buffer& event, std::chrono::nanoseconds passed) {
     try {
         moveToBody();
         if (frameSize(event, passed) <= kFrontSize)
@@ -272,7 +272,7 @@ void FileWriter::eventIs(const Buffer& event, std::chrono::nanoseconds time) {
     const auto passed = time > last_ ? time - last_ : none;
     last_ = time;
     const std::size_t size = frameSize(event, passed);
-    if (size > kFrontSize - used_ && isSettled(event, passed)) [[unlikely]]
+    if (size > kFrontSize - used_ && settleElsewhere(event, passed)) [[unlikely]]
         return;
     storeFrame(head_->front.data() + used_ / kWordSize, event, passed, moved_ + used_);
     used_ += size;

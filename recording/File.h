@@ -41,7 +41,8 @@ class FileWriter final : public Sink {
 public:
     /// Goes on with the recording in the file, or makes it, for this user and group to read. One
     /// that is damaged is renamed to "<name>.damaged", and another begun. Throws std::system_error
-    /// with path and operation, FormatError where the file is no recording, BusyError.
+    /// with path and operation, FormatError where the file is no recording, BusyError. Where it has
+    /// a head and cannot grow, failure() says why from the start.
     explicit FileWriter(std::string file);
     FileWriter(const FileWriter&) = delete;
     FileWriter& operator=(const FileWriter&) = delete;
@@ -60,7 +61,7 @@ private:
     void mapHead();
     void clearFront();
     void moveToBody();
-    bool isSettled(const Buffer& event, std::chrono::nanoseconds passed);
+    bool settleElsewhere(const Buffer& event, std::chrono::nanoseconds passed);
     void storeInBody(const Buffer& event, std::chrono::nanoseconds passed);
 
     std::string file_;

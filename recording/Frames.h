@@ -23,9 +23,9 @@
 
 namespace Recording {
 
-/// What tells a frame from rot: each word changes all of it, however far apart two of them stand.
-/// A checksum of a library takes three times as many instructions for the few words of an event,
-/// most of them to find its way (docs/performance.md).
+/// What tells a frame from rot. A step maps sums to sums one to one, so that a word that is another
+/// makes another sum. A checksum of a library takes more instructions for the few words of an event
+/// (docs/performance.md).
 class FrameSum {
 public:
     FrameSum(std::uint64_t length, std::size_t offset) : sum_(length << 32U ^ offset) {}

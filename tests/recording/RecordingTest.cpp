@@ -270,6 +270,21 @@ protected:
         const auto all = std::as_bytes(std::span(text));
         return {all.begin(), all.end()};
     }
+    struct Images {
+        std::vector<std::byte> atWork;
+        std::vector<std::byte> atRest;
+    };
+    /// Of the file while its writer has all of the text's events, and when it has ended.
+    Images imagesOf(const std::string& text) const {
+        Images images;
+        {
+            FileWriter writer(file());
+            write(writer, contentsOfText(text));
+            images.atWork = bytes();
+        }
+        images.atRest = bytes();
+        return images;
+    }
     void bytesAre(const std::vector<std::byte>& bytes) const {
         std::ofstream out(file(), std::ios::binary | std::ios::trunc);
         out.write(reinterpret_cast<const char*>(bytes.data()),
@@ -396,13 +411,7 @@ void expectRotIsFound(const std::vector<std::byte>& whole, std::size_t begin, st
 }
 
 TEST_F(RecordingFile, TellsWhereItHasRottedAndWhatStandsBeforeIsRead) {
-    std::vector<std::byte> atWork;
-    {
-        FileWriter writer(file());
-        write(writer, contentsOfText(kThree));
-        atWork = bytes();
-    }
-    const std::vector<std::byte> whole = bytes();
+    const auto [atWork, whole] = imagesOf(kThree);
     EXPECT_EQ(textOf(Contents(atWork)), kThree);
     expectRotIsFound(whole, kBody, whole.size());
     // A head that has become zero tells no more than that nothing was written there.
@@ -432,13 +441,9 @@ TEST_F(RecordingFile, TellsThatItIsCutWhereverThatIs) {
 
 /// What a kill leaves of the front when it strikes while the frames in it are being moved.
 TEST_F(RecordingFile, IsWholeWhereverItsFramesHaveBeenMovedTo) {
-    std::vector<std::byte> atWork;
-    {
-        FileWriter writer(file());
-        write(writer, contentsOfText(kAllKinds));
-        atWork = bytes();
-    }
-    const std::vector<std::byte> whole = bytes();
+    const auto images = imagesOf(kAllKinds);
+    const std::vector<std::byte>& atWork = images.atWork;
+    const std::vector<std::byte>& whole = images.atRest;
     const std::size_t size = whole.size() - kBody;
     const auto isWhole = [&](const std::vector<std::byte>& found) {
         bytesAre(found);
