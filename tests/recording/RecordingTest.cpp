@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
@@ -424,6 +425,15 @@ TEST_F(RecordingFile, TellsWhereItHasRottedAndWhatStandsBeforeIsRead) {
     const FileWriter writer(file());
     EXPECT_EQ(writer.setAside(), file() + ".damaged");
     EXPECT_EQ(std::filesystem::file_size(writer.setAside()), rotten.size());
+}
+
+TEST_F(RecordingFile, HoldsEachFrameInItsPlaceOnly) {
+    std::vector<std::byte> swapped = imagesOf("turn\nend\n").atRest;
+    ASSERT_EQ(swapped.size(), kBody + 32);
+    std::swap_ranges(swapped.begin() + kBody, swapped.begin() + kBody + 16,
+                     swapped.begin() + kBody + 16);
+    EXPECT_EQ(textOf(Contents(swapped)), "");
+    EXPECT_NE(Contents(swapped).damage(), "");
 }
 
 TEST_F(RecordingFile, TellsThatItIsCutWhereverThatIs) {
