@@ -148,6 +148,8 @@ void AgentProcess::reportRecord() {
 }
 
 bool AgentProcess::mayBlock() {
+    if (record_ != nullptr)
+        record_->makeRoom();
     reportRecord();
     lookLater();
     if (tables_->group().sleepPrepared())

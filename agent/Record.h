@@ -22,6 +22,8 @@ public:
 
     /// The tables stand.
     void mounted(const Tables& tables) { recorder_.mounted(mountedOf(tables)); }
+    /// As Recording::FileWriter.
+    void makeRoom() { file_.makeRoom(); }
     /// Why no more is recorded; empty while all is well.
     const std::string& failure() const { return file_.failure(); }
     /// As Recording::FileWriter.

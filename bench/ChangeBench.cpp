@@ -47,7 +47,9 @@ void wholeChange(benchmark::State& state) {
 }
 BENCHMARK(wholeChange)->UseManualTime();
 
-void recordedChange(benchmark::State& state) {
+/// `rest`: what a loop with nothing else to do lets the writer do, between two rounds.
+template <class Rest>
+void recorded(benchmark::State& state, const Rest& rest) {
     FullTable& table = theTable();
     const TestSupport::TempDir dir;
     std::optional<Recording::FileWriter> file;
@@ -66,13 +68,23 @@ void recordedChange(benchmark::State& state) {
     inRounds(
         state, [&](std::uint32_t number) { table.write(number); },
         [&] {
+            rest(*file);
             // The recordings of a long measurement do not fill the memory.
             constexpr std::uintmax_t kMost = std::uintmax_t{64} << 20U;
             if (size() >= kMost)
                 begin();
         });
 }
+
+void recordedChange(benchmark::State& state) {
+    recorded(state, [](Recording::FileWriter& file) { file.makeRoom(); });
+}
 BENCHMARK(recordedChange)->UseManualTime();
+
+void recordedWithoutRest(benchmark::State& state) {
+    recorded(state, [](Recording::FileWriter& /*file*/) {});
+}
+BENCHMARK(recordedWithoutRest)->UseManualTime();
 
 void floorOfChange(benchmark::State& state) {
     static Floor<B> floor(kKeys);

@@ -78,19 +78,18 @@ constexpr auto decodersOf(std::index_sequence<I...> /*kinds*/) {
 }  // namespace
 
 Buffer::Buffer(Bytes event) {
-    grow(0, (event.size() + kWordSize - 1) / kWordSize);
-    if (!event.empty())
-        std::memcpy(memory_.get(), event.data(), event.size());
-    size_ = event.size();
+    std::uint64_t* const words = sizeIs(event.size());
+    for (std::size_t word = 0; word < wordCount(event.size()); ++word)
+        words[word] = wordAt(event, word);
 }
 
-void Buffer::grow(std::size_t used, std::size_t more) {
-    constexpr std::size_t kLeast = 128;
-    const std::size_t capacity = std::max({2 * capacity_, used + more, kLeast});
-    auto memory = std::make_unique<std::uint64_t[]>(capacity);
-    std::copy_n(memory_.get(), used, memory.get());
-    memory_ = std::move(memory);
-    capacity_ = capacity;
+std::uint64_t* Buffer::sizeIs(std::size_t size) {
+    if (wordCount(size) > capacity_) {
+        capacity_ = std::max(wordCount(size), 2 * capacity_);
+        memory_ = std::make_unique<std::uint64_t[]>(capacity_);
+    }
+    size_ = size;
+    return memory_.get();
 }
 
 void encode(const Event& event, Buffer& buffer) {

@@ -25,6 +25,9 @@ public:
 
 namespace detail {
 
+using Length = std::uint32_t;
+inline constexpr unsigned kNumberSize = 6;  ///< of a change
+
 template <class T>
 concept Number = std::integral<T> || std::is_enum_v<T>;
 
@@ -57,11 +60,18 @@ inline std::uint64_t wordAt(Bytes bytes, std::size_t word) {
     const std::size_t there = std::min(bytes.size() - at, kWordSize);
     if (there == kWordSize) {
         std::memcpy(&value, bytes.data() + at, kWordSize);
-        return value;
+    } else if (at != 0) {
+        std::memcpy(&value, bytes.data() + bytes.size() - kWordSize, kWordSize);
+        value >>= 8 * (kWordSize - there);
+    } else {
+        std::memcpy(&value, bytes.data(), there);
     }
-    for (std::size_t byte = 0; byte < there; ++byte)
-        value |= std::to_integer<std::uint64_t>(bytes[at + byte]) << 8 * byte;
     return value;
+}
+
+/// Words that so many bytes take.
+constexpr std::size_t wordCount(std::size_t bytes) {
+    return (bytes + kWordSize - 1) / kWordSize;
 }
 
 /// An event as bytes, in whole words: zeros fill the last one. Keeps its memory.
@@ -72,67 +82,92 @@ public:
     explicit Buffer(Bytes event);
 
     Bytes bytes() const { return std::as_bytes(words()).first(size_); }
-    std::span<const std::uint64_t> words() const {
-        return {memory_.get(), (size_ + kWordSize - 1) / kWordSize};
-    }
+    std::span<const std::uint64_t> words() const { return {memory_.get(), wordCount(size_)}; }
+    /// For so many bytes; what it held is gone. Whoever calls stores all words.
+    std::uint64_t* sizeIs(std::size_t size);
 
 private:
-    friend class Encoder;
-
-    /// Memory of more words, the first `used` of which stay.
-    void grow(std::size_t used, std::size_t more);
-
     std::unique_ptr<std::uint64_t[]> memory_;
     std::size_t capacity_ = 0;  ///< words
     std::size_t size_ = 0;      ///< bytes
 };
 
-/// Puts the fields of one event into a buffer, whose event before is gone. What it has put is in
-/// whole words, so that whoever reads them next does not wait for smaller stores.
+namespace detail {
+
+/// Counts the bytes of an event. Of fields that are of fixed size the compiler knows how many.
+struct Count {
+    std::size_t bytes = 0;
+
+    void operator()(std::uint64_t /*value*/, unsigned size) { bytes += size; }
+    void operator()(Bytes value) { bytes += value.size(); }
+};
+
+/// Puts an event together in a register, and gives it to `store` as whole words, so that whoever
+/// reads them next does not wait for smaller stores.
+template <class Store>
+class Pack {
+public:
+    explicit Pack(Store store) : store_(std::move(store)) {}
+
+    /// REQUIRES: `value` has `size` bytes, at most 8. Where all of the event before it is of fixed
+    /// size, the compiler knows what stands where.
+    void operator()(std::uint64_t value, unsigned size) {
+        const std::uint64_t beyond = (value >> 1U) >> (63 - filled_);
+        gathered_ |= value << filled_;
+        filled_ += 8 * size;
+        if (filled_ < 64)
+            return;
+        store_(gathered_);
+        gathered_ = beyond;
+        filled_ -= 64;
+    }
+    void operator()(Bytes value) {
+        for (; value.size() >= kWordSize; value = value.subspan(kWordSize))
+            (*this)(wordAt(value, 0), kWordSize);
+        if (!value.empty())
+            (*this)(wordAt(value, 0), static_cast<unsigned>(value.size()));
+    }
+    /// REQUIRES: called once, in the end.
+    Store finish() {
+        if (filled_ != 0)
+            store_(gathered_);
+        return std::move(store_);
+    }
+
+private:
+    Store store_;
+    std::uint64_t gathered_ = 0;
+    unsigned filled_ = 0;  ///< bits of it, always whole bytes
+};
+
+/// Gives the fields of an event to `put`, as numbers with their sizes and as bytes.
+template <class Put>
 class Encoder {
 public:
-    explicit Encoder(Buffer& buffer)
-        : buffer_(&buffer), next_(buffer.memory_.get()), last_(next_ + buffer.capacity_) {
-        makeRoom(0);
-    }
+    explicit Encoder(Put put) : put_(std::move(put)) {}
 
     template <class... T>
     void operator()(const T&... fields) {
         (one(fields), ...);
     }
-    /// REQUIRES: called once, in the end.
-    void finish() {
-        *next_ = gathered_;
-        buffer_->size_ =
-            static_cast<std::size_t>(next_ - buffer_->memory_.get()) * kWordSize + filled_ / 8;
-    }
+    Put& put() { return put_; }
 
 private:
-    template <detail::Number T>
+    template <Number T>
     void one(T value) {
-        put(static_cast<std::uint64_t>(static_cast<detail::Unsigned<T>>(value)), sizeof(T));
+        put_(static_cast<std::uint64_t>(static_cast<Unsigned<T>>(value)), sizeof(T));
     }
     template <class T>
     void one(const ChangeNumber<T>& number) {
-        put(number.value, 6);
+        put_(number.value, kNumberSize);
     }
     void one(Bytes value) {
-        one(static_cast<std::uint32_t>(value.size()));
-        one(rest(value));
+        one(static_cast<Length>(value.size()));
+        put_(value);
     }
     template <class T>
     requires std::same_as<std::remove_const_t<T>, Bytes>
-    void one(const Rest<T>& last) {
-        Bytes value = last.value;
-        makeRoom(value.size() / kWordSize);
-        for (; value.size() >= kWordSize; value = value.subspan(kWordSize)) {
-            std::uint64_t word = 0;
-            std::memcpy(&word, value.data(), kWordSize);
-            put(word, kWordSize);
-        }
-        for (const std::byte byte : value)
-            put(std::to_integer<std::uint64_t>(byte), 1);
-    }
+    void one(const Rest<T>& last) { put_(last.value); }
     void one(std::string_view value) { one(std::as_bytes(std::span(value))); }
     template <class T>
     void one(const std::optional<T>& value) {
@@ -142,49 +177,30 @@ private:
     }
     template <class T>
     void one(const std::vector<T>& values) {
-        one(static_cast<std::uint32_t>(values.size()));
+        one(static_cast<Length>(values.size()));
         one(rest(values));
     }
     template <class T>
     void one(const Rest<const std::vector<T>>& values) {
-        for (const T& value : values.value) {
-            makeRoom(0);
+        for (const T& value : values.value)
             one(value);
-        }
     }
     template <class T>
     requires requires(const T& value, Encoder& encoder) { T::fields(value, encoder); }
     void one(const T& value) { T::fields(value, *this); }
 
-    /// REQUIRES: `value` has `bytes` bytes, at most 8; there is room. Where all of the event before
-    /// it is of fixed size, the compiler knows what stands where.
-    void put(std::uint64_t value, unsigned bytes) {
-        const std::uint64_t beyond = (value >> 1U) >> (63 - filled_);
-        gathered_ |= value << filled_;
-        filled_ += 8 * bytes;
-        if (filled_ < 64)
-            return;
-        *next_++ = gathered_;
-        gathered_ = beyond;
-        filled_ -= 64;
-    }
-    /// For that many words, and for the fields of fixed size that an event or a part of it has.
-    void makeRoom(std::size_t words) {
-        constexpr std::size_t kFixed = 16;
-        if (static_cast<std::size_t>(last_ - next_) >= words + kFixed) [[likely]]
-            return;
-        const auto used = static_cast<std::size_t>(next_ - buffer_->memory_.get());
-        buffer_->grow(used, words + kFixed);
-        next_ = buffer_->memory_.get() + used;
-        last_ = buffer_->memory_.get() + buffer_->capacity_;
-    }
-
-    Buffer* buffer_;
-    std::uint64_t* next_;  ///< where the word that is being gathered goes
-    std::uint64_t* last_;  ///< behind the buffer's memory
-    std::uint64_t gathered_ = 0;
-    unsigned filled_ = 0;  ///< bits of it, always whole bytes
+    Put put_;
 };
+
+template <class Kind, class Put>
+Put encoded(const Kind& event, Put put) {
+    Encoder<Put> encoder(std::move(put));
+    encoder(kindOf<Kind>());
+    Kind::fields(event, encoder);
+    return std::move(encoder.put());
+}
+
+}  // namespace detail
 
 class Decoder {
 public:
@@ -216,10 +232,10 @@ private:
     template <class T>
     void one(ChangeNumber<T>& number) {
         number.value = 0;
-        std::memcpy(&number.value, take(6).data(), 6);
+        std::memcpy(&number.value, take(detail::kNumberSize).data(), detail::kNumberSize);
     }
-    std::uint32_t length() {
-        std::uint32_t length = 0;
+    detail::Length length() {
+        detail::Length length = 0;
         one(length);
         return length;
     }
@@ -257,13 +273,22 @@ private:
     Bytes rest_;
 };
 
-/// Makes the buffer the event. Flat: the encoder stays in registers.
+/// Bytes of an event.
+template <class Kind>
+std::size_t sizeOf(const Kind& event) {
+    return detail::encoded(event, detail::Count()).bytes;
+}
+/// Gives the words of an event to `store` in their order, and returns it. By value: in a caller
+/// that is flat all of it stays in registers.
+template <class Kind, class Store>
+Store storeWords(const Kind& event, Store store) {
+    return detail::encoded(event, detail::Pack<Store>(std::move(store))).finish();
+}
+/// Makes the buffer the event.
 template <class Kind>
 [[gnu::flatten]] void encode(const Kind& event, Buffer& buffer) {
-    Encoder encoder(buffer);
-    encoder(detail::kindOf<Kind>());
-    Kind::fields(event, encoder);
-    encoder.finish();
+    std::uint64_t* words = buffer.sizeIs(sizeOf(event));
+    storeWords(event, [words](std::uint64_t word) mutable { *words++ = word; });
 }
 void encode(const Event& event, Buffer& buffer);
 

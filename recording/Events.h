@@ -91,7 +91,8 @@ struct File {
 
 /// A change is staged.
 struct Change {
-    enum class Operation : std::uint8_t { write, remove, removeAll };
+    /// In two bytes, so that the entry stands in whole words.
+    enum class Operation : std::uint16_t { write, remove, removeAll };
     /// The change waits for one of something that is not recorded.
     static constexpr std::uint64_t kForeign = ~std::uint64_t{0};
 

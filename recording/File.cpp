@@ -27,12 +27,14 @@ namespace Recording {
 
 namespace {
 
-constexpr std::array<char, 8> kMagic{'V', 'o', 'r', 'n', 'R', 'e', 'c', '2'};
+constexpr std::array<char, 8> kMagic{'V', 'o', 'r', 'n', 'R', 'e', 'c', '3'};
 constexpr const char* kExtend = "extend recording";
 constexpr std::size_t kMovedAt = kMagic.size();
 constexpr std::size_t kFrontAt = kMovedAt + kWordSize;
-constexpr std::size_t kBodyAt = 65'536;
+constexpr std::size_t kBodyAt = std::size_t{1} << 20U;
 constexpr std::size_t kFrontSize = kBodyAt - kFrontAt;
+/// What is worth a system call at rest.
+constexpr std::size_t kWorthMoving = 32'768;
 /// Of an event since its process began: some hundred years.
 constexpr std::chrono::nanoseconds kMostTime = std::chrono::hours(1'000'000);
 
@@ -156,6 +158,12 @@ Descriptor openedForWriting(const std::string& file) {
     return opened;
 }
 
+FrameStore store(const Buffer& event, FrameStore frame) {
+    for (const std::uint64_t word : event.words())
+        frame(word);
+    return frame;
+}
+
 }  // namespace
 
 /// What is mapped.
@@ -218,29 +226,31 @@ void FileWriter::mapHead() {
     if (mapped == MAP_FAILED)
         throwErrno(file_, "map recording");
     head_ = static_cast<Head*>(mapped);
+    window_.next = window_.end = head_->front.data() + head_->front.size();
 }
 
 /// REQUIRES: all that it holds stands in the body. Killed before `moved` is stored, what is told by
 /// zeros in its place is read there.
 void FileWriter::clearFront() {
-    used_ = 0;
-    head_->front.fill(0);
+    std::fill(head_->front.data(), window_.next, 0);
+    window_.offset = moved_;
+    window_.next = head_->front.data();
     std::atomic_ref<std::uint64_t>(head_->moved).store(moved_, std::memory_order_release);
     std::atomic_signal_fence(std::memory_order_seq_cst);  // no frame is stored before
 }
 
 void FileWriter::moveToBody() {
-    writeAt(opened_, file_, kExtend, std::as_bytes(std::span(head_->front)).first(used_),
+    writeAt(opened_, file_, kExtend, std::as_bytes(std::span(head_->front)).first(inFront()),
             kBodyAt + moved_);
-    moved_ += used_;
+    moved_ = window_.offset;
     clearFront();
 }
 
 /// REQUIRES: the front is empty.
 void FileWriter::storeInBody(const Buffer& event, std::chrono::nanoseconds passed) {
-    std::vector<std::uint64_t> frame(frameSize(event, passed) / kWordSize);
-    storeFrame(frame.data(), event, passed, moved_);
-    const Bytes bytes = std::as_bytes(std::span(frame));
+    std::vector<std::uint64_t> words(frameWords(event.bytes().size(), passed));
+    store(event, {words.data(), event.bytes().size(), passed, moved_}).finish();
+    const Bytes bytes = std::as_bytes(std::span(words));
     const std::size_t place = kBodyAt + moved_;
     writeAt(opened_, file_, kExtend, bytes.subspan(kWordSize), place + kWordSize);
     writeAt(opened_, file_, kExtend, bytes.first(kWordSize), place);
@@ -248,34 +258,47 @@ void FileWriter::storeInBody(const Buffer& event, std::chrono::nanoseconds passe
     clearFront();
 }
 
+void FileWriter::fail(const std::system_error& error) {
+    failure_ = error.what();
+    window_ = {};
+}
+
 /// For an event that has no place in the front as it is: empties the front, and stores the event in
 /// the body where it is too large for any front. False: it has a place in the front now.
 bool FileWriter::settleElsewhere(const Buffer& event, std::chrono::nanoseconds passed) {
     try {
         moveToBody();
-        if (frameSize(event, passed) <= kFrontSize)
+        if (window_.hasRoom(event.bytes().size(), passed))
             return false;
         if (event.bytes().size() >= kPassedFollows)
             throw std::system_error(std::make_error_code(std::errc::file_too_large),
                                     file_ + ": store event");
         storeInBody(event, passed);
     } catch (const std::system_error& error) {
-        failure_ = error.what();
+        fail(error);
     }
     return true;
+}
+
+void FileWriter::makeRoom() {
+    if (!failure_.empty() || inFront() < kWorthMoving)
+        return;
+    try {
+        moveToBody();
+    } catch (const std::system_error& error) {
+        fail(error);
+    }
 }
 
 void FileWriter::eventIs(const Buffer& event, std::chrono::nanoseconds time) {
     if (!failure_.empty())
         return;
-    const std::chrono::nanoseconds none{0};
-    const auto passed = time > last_ ? time - last_ : none;
-    last_ = time;
-    const std::size_t size = frameSize(event, passed);
-    if (size > kFrontSize - used_ && settleElsewhere(event, passed)) [[unlikely]]
+    const std::chrono::nanoseconds passed = window_.passedUntil(time);
+    window_.last = time;
+    const std::size_t size = event.bytes().size();
+    if (!window_.hasRoom(size, passed) && settleElsewhere(event, passed))
         return;
-    storeFrame(head_->front.data() + used_ / kWordSize, event, passed, moved_ + used_);
-    used_ += size;
+    window_.take(store(event, window_.frame(size, passed)));
 }
 
 namespace {

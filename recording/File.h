@@ -2,13 +2,14 @@
 //
 // Written by one process at a time, on its event thread; read by anybody, also while it grows.
 //
-//   0       8       16                 65,536
+//   0       8       16                 1 MiB
 //   | magic | moved | front: the last  | body: the first frames, all that have been moved
 //
 // The newest frames (see Frames.h) stand in the front, which is mapped and always the same memory.
-// When it is full they are moved behind those in the body, and then `moved` says how many bytes of
-// frames stand there. A frame that is too large for the front goes to the body at once, its first
-// word last. In the body of a recording that has ended in good order are all frames.
+// When the process rests, and when the front is full, they are moved behind those in the body, and
+// then `moved` says how many bytes of frames stand there. A frame that is too large for the front
+// goes to the body at once, its first word last. In the body of a recording that has ended in good
+// order are all frames.
 //
 // What always holds:
 //  1. Whatever instruction a kill strikes at, what was told before is there, and nothing else.
@@ -16,13 +17,14 @@
 //     body, no frame is missed.
 //  3. A process that goes on with a file goes on behind its last whole frame; its first event is a
 //     start.
-//  4. Storing an event takes a system call once in a thousand events.
+//  4. Between two rests, no event takes a system call before a megabyte has been told.
 //
 // Whoever cuts the file below the body while it is written ends its writer (SIGBUS).
 #pragma once
 
 #include <cstddef>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "recording/Codec.h"
@@ -50,6 +52,9 @@ public:
 
     /// Where the file cannot grow any more, it keeps what it has: failure() says why.
     void eventIs(const Buffer& event, std::chrono::nanoseconds time) override;
+    /// For when nothing else is to do: moves what stands in the front, where that is worth a system
+    /// call, so that later on no event has to wait for it.
+    void makeRoom();
     /// Empty while all is stored.
     const std::string& failure() const { return failure_; }
     /// What a damaged recording is called now; empty: there was none.
@@ -59,6 +64,8 @@ private:
     struct Head;
 
     void mapHead();
+    void fail(const std::system_error& error);
+    std::size_t inFront() const { return window_.offset - moved_; }
     void clearFront();
     void moveToBody();
     bool settleElsewhere(const Buffer& event, std::chrono::nanoseconds passed);
@@ -68,8 +75,6 @@ private:
     Descriptor opened_;
     Head* head_ = nullptr;   ///< mapped; null where that has failed
     std::size_t moved_ = 0;  ///< bytes of frames in the body
-    std::size_t used_ = 0;   ///< bytes of frames in the front
-    std::chrono::nanoseconds last_ = std::chrono::nanoseconds::max();  ///< before the first: none
     std::string failure_;
     std::string setAside_;
 };

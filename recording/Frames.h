@@ -41,32 +41,43 @@ private:
 
 inline constexpr std::uint64_t kPassedFollows = std::uint64_t{1} << 31U;  ///< of a length
 
-/// Bytes that the frame of an event takes.
-inline std::size_t frameSize(const Buffer& event, std::chrono::nanoseconds passed) {
-    return (1 + (passed.count() == 0 ? 0 : 1) + event.words().size()) * kWordSize;
+/// Words that the frame of an event of so many bytes takes.
+constexpr std::size_t frameWords(std::size_t bytes, std::chrono::nanoseconds passed) {
+    return 1 + (passed.count() == 0 ? 0 : 1) + wordCount(bytes);
 }
 
-/// The place is of the frame's size, and a multiple of eight. `offset`: of the frame in all that
-/// the recording's frames take. Whoever looks at the place meanwhile, and a kill at any
-/// instruction, finds all of the frame or none. REQUIRES: `passed` is not negative, and the event
-/// of less than 2 GiB.
-inline void storeFrame(std::uint64_t* place, const Buffer& event, std::chrono::nanoseconds passed,
-                       std::size_t offset) {
-    const bool follows = passed.count() != 0;
-    const std::uint64_t length = event.bytes().size() | (follows ? kPassedFollows : 0);
-    FrameSum sum(length, offset);
-    std::uint64_t* next = place;
-    const auto put = [&](std::uint64_t word) {
-        *++next = word;
-        sum.add(word);
-    };
-    if (follows)
-        put(static_cast<std::uint64_t>(passed.count()));
-    for (const std::uint64_t word : event.words())
-        put(word);
-    std::atomic_ref<std::uint64_t>(*place).store(length << 32U | sum.check(),
-                                                 std::memory_order_release);
-}
+/// Stores the words of an event as a frame. Whoever looks at its place meanwhile, and a kill at any
+/// instruction, finds all of the frame or none.
+class FrameStore {
+public:
+    /// `place` has room for the frame; `offset`: of the frame in all that the recording's frames
+    /// take. REQUIRES: `passed` is not negative, and the event of less than 2 GiB.
+    FrameStore(std::uint64_t* place, std::size_t bytes, std::chrono::nanoseconds passed,
+               std::size_t offset)
+        : place_(place),
+          next_(place),
+          length_(bytes | (passed.count() == 0 ? 0 : kPassedFollows)),
+          sum_(length_, offset) {
+        if (passed.count() != 0)
+            (*this)(static_cast<std::uint64_t>(passed.count()));
+    }
+    void operator()(std::uint64_t word) {
+        *++next_ = word;
+        sum_.add(word);
+    }
+    /// REQUIRES: all words are stored. Returns what is behind the frame.
+    std::uint64_t* finish() {
+        std::atomic_ref<std::uint64_t>(*place_).store(length_ << 32U | sum_.check(),
+                                                      std::memory_order_release);
+        return next_ + 1;
+    }
+
+private:
+    std::uint64_t* place_;
+    std::uint64_t* next_;  ///< the last that was stored
+    std::uint64_t length_;
+    FrameSum sum_;
+};
 
 /// A frame that verifies.
 struct Framed {

@@ -13,10 +13,6 @@ namespace {
 
 constexpr unsigned kMaskPlace = 16;
 
-std::size_t wordCount(std::size_t bytes) {
-    return (bytes + kWordSize - 1) / kWordSize;
-}
-
 }  // namespace
 
 /// Which words are zero is nearly always the same for one kind of entry, and foreseen.
@@ -32,25 +28,27 @@ PackedEntry::PackedEntry(Bytes image) {
     };
     const auto load = [&](std::size_t at) {
         std::uint64_t value = 0;
-        std::memcpy(&value, image.data() + at, kWordSize);
+        std::memcpy(&value, image.data() + at * kWordSize, kWordSize);
         return value;
     };
     const std::size_t whole = image.size() / kWordSize;
     std::size_t word = 0;
-    for (; word + 1 < whole; word += 2) {
-        const std::uint64_t first = load(word * kWordSize);
-        const std::uint64_t second = load((word + 1) * kWordSize);
-        if ((first | second) == 0)
+    for (; word + 3 < whole; word += 4) {
+        const std::uint64_t first = load(word);
+        const std::uint64_t second = load(word + 1);
+        const std::uint64_t third = load(word + 2);
+        const std::uint64_t fourth = load(word + 3);
+        if ((first | second | third | fourth) == 0)
             continue;
         add(word, first);
         add(word + 1, second);
+        add(word + 2, third);
+        add(word + 3, fourth);
     }
-    if (word < whole) {
-        add(word, load(word * kWordSize));
-        ++word;
-    }
-    if (word * kWordSize < image.size())
-        add(word, wordAt(image, word));
+    for (; word < whole; ++word)
+        add(word, load(word));
+    if (image.size() % kWordSize != 0)
+        add(whole, wordAt(image, whole));
     words_[0] = mask << kMaskPlace | image.size();
     size_ = static_cast<std::size_t>(next - words_.data()) * kWordSize;
 }

@@ -31,34 +31,29 @@ void putInOrder(std::vector<Look::Row>& rows) {
 }
 
 /// Brings what was known of a map up to date; `moved` are the rows that say something else, by
-/// table. False where that does not say it all: a table has gone, or back.
+/// table. False where that does not say it all: other tables, or a version that has gone back.
 bool bringUpToDate(std::vector<KivShimo::Acknowledged>& known,
                    const KivShimo::Acknowledgements& now, std::vector<Look::Row>& moved) {
     moved.clear();
-    const std::size_t before = known.size();
-    std::size_t found = 0;
-    std::size_t place = 0;
-    bool isOnward = true;
-    for (const auto& [table, version] : now) {
-        // Nearly always in the same place.
-        auto old = known.begin() + static_cast<long>(std::min(place++, known.size()));
-        if (old == known.end() || old->tableId != table)
-            old = std::ranges::find(known, table, &KivShimo::Acknowledged::tableId);
-        if (old == known.end()) {
-            known.push_back({table, version});
-            moved.push_back({table, version});
+    if (known.size() > now.size())
+        return false;
+    const KivShimo::Acknowledged* row = now.begin();
+    for (KivShimo::Acknowledged& old : known) {
+        const auto& [table, version] = *row++;
+        if (old.tableId != table || old.version > version)
+            return false;
+        if (old.version == version)
             continue;
-        }
-        found += old - known.begin() < static_cast<long>(before) ? 1 : 0;
-        if (old->version == version)
-            continue;
-        isOnward &= version > old->version;
-        old->version = version;
+        old.version = version;
         moved.push_back({table, version});
+    }
+    for (; row != now.end(); ++row) {
+        known.push_back(*row);
+        moved.push_back({row->tableId, row->version});
     }
     if (moved.size() > 1)
         putInOrder(moved);
-    return isOnward && found == before;
+    return true;
 }
 
 }  // namespace
@@ -74,19 +69,17 @@ Recorder::~Recorder() {
 
 void Recorder::changeStaged(const Asic::Recorder::Change& change) {
     change.handle.recordNumberIs(++lastNumber_);
-    Recording::Change told{.operation = static_cast<Recording::Change::Operation>(change.operation),
+    const PackedEntry entry(change.entry);
+    const auto operation = static_cast<Recording::Change::Operation>(change.operation);
+    const bool isWrite = operation == Recording::Change::Operation::write;
+    tell(Recording::Change{.operation = operation,
                            .number = lastNumber_,
                            .table = change.table.tableId().whole(),
                            .unit = change.table.unitId().value,
                            .key = change.key,
                            .dependency = numberOfDependency(change.dependency),
                            .hasHandler = change.hasHandler,
-                           .entry = {}};
-    if (told.operation != Recording::Change::Operation::write)
-        return tell(told);
-    const PackedEntry entry(change.entry);
-    told.entry = entry.bytes();
-    tell(told);
+                           .entry = isWrite ? entry.bytes() : Bytes{}});
 }
 
 void Recorder::resourceOperation(Asic::SwTableId table, Asic::Recorder::ResourceOperation operation,

@@ -9,7 +9,6 @@
 #include "platform/asic/Recorder.h"
 #include "platform/kiv/EventLoop.h"
 #include "platform/kivshimo/AckMap.h"
-#include "recording/Codec.h"
 #include "recording/Sink.h"
 
 namespace Recording {
@@ -52,15 +51,13 @@ protected:
 private:
     template <class Kind>
     void put(const Kind& event) {
-        encode(event, buffer_);
-        sink_.eventIs(buffer_, loop_.turnTime());
+        sink_.tell(event, loop_.turnTime());
     }
     void tellOfHandlers();
     void tellOfOwn(const Asic::DependencyEntryHandle& handle);
 
     const Kiv::EventLoop& loop_;
     Sink& sink_;
-    Buffer buffer_;
     std::uint64_t lastNumber_ = 0;
     std::uint64_t mapIdentity_ = 0;
     std::uint32_t calls_ = 0;

@@ -85,6 +85,20 @@ def test_a_recording_is_text_and_the_same_recording_again(recorded, tmp_path):
     assert (tmp_path / "again.rec").read_bytes() == recorded.recording.read_bytes()
 
 
+def test_an_agent_at_rest_moves_what_it_has_told_behind_the_front_of_its_recording(own):
+    recording = own.directory / "live.rec"
+    own.start_agent("--record", recording).start_hardware().settle()
+    front = 1 << 20
+    policies = itertools.cycle((OTHER_POLICY, POLICY))
+
+    def has_moved():
+        own.load(next(policies))
+        own.settle()
+        return recording.stat().st_size > front
+    wait_until(has_moved, "frames to be moved")
+    assert recording.stat().st_size < front + front // 2  # the front has never been full
+
+
 def test_a_recording_of_a_running_agent_is_replayed_as_far_as_it_goes(own):
     recording = own.directory / "live.rec"
     own.start_agent("--record", recording).start_hardware().settle()

@@ -14,6 +14,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <optional>
 #include <thread>
 
@@ -258,18 +259,23 @@ TEST(RecordingCodec, RefusesWhatNoTextCouldSay) {
 
 // Files.
 
+/// Where a file has its frames: in the end, and the newest while its writer is at work.
+constexpr std::size_t kBody = std::size_t{1} << 20U;
+constexpr std::size_t kFront = 16;
+
 class RecordingFile : public testing::Test {
 protected:
     std::string file() const { return dir_.path() + "/a.rec"; }
     static void write(FileWriter& writer, const Contents& contents) {
-        for (const Recorded& event : contents.events())
-            writer.eventIs(Buffer(event.bytes), event.time);
+        for (const Recorded& each : contents.events())
+            std::visit([&](const auto& event) { writer.tell(event, each.time); },
+                       decode(each.bytes));
     }
     std::vector<std::byte> bytes() const {
         std::ifstream in(file(), std::ios::binary);
-        const std::string text{std::istreambuf_iterator<char>(in), {}};
-        const auto all = std::as_bytes(std::span(text));
-        return {all.begin(), all.end()};
+        std::vector<std::byte> all(std::filesystem::file_size(file()));
+        in.read(reinterpret_cast<char*>(all.data()), static_cast<std::streamsize>(all.size()));
+        return all;
     }
     struct Images {
         std::vector<std::byte> atWork;
@@ -314,13 +320,49 @@ TEST_F(RecordingFile, IsReadWhileItGrows) {
     EXPECT_EQ(textOf(Contents::ofFile(file())), kAllKinds);
 }
 
+TEST_F(RecordingFile, IsTheSameOfEventsAndOfTheirBytes) {
+    const Contents contents = contentsOfText(kAllKinds);
+    const std::vector<std::byte> ofEvents = imagesOf(kAllKinds).atRest;
+    std::filesystem::remove(file());
+    {
+        FileWriter writer(file());
+        for (const Recorded& event : contents.events())
+            writer.eventIs(Buffer(event.bytes), event.time);
+    }
+    EXPECT_TRUE(bytes() == ofEvents);
+}
+
+TEST_F(RecordingFile, MovesItsFramesAtRestWhereThatIsWorthIt) {
+    const Contents contents = contentsOfText(kAllKinds);
+    FileWriter writer(file());
+    write(writer, contents);
+    writer.makeRoom();
+    EXPECT_EQ(std::filesystem::file_size(file()), kBody);
+    for (int round = 1; round < 200; ++round)
+        write(writer, contents);
+    EXPECT_EQ(std::filesystem::file_size(file()), kBody);
+    writer.makeRoom();
+    const std::vector<std::byte> found = bytes();
+    EXPECT_GT(found.size(), kBody);
+    EXPECT_TRUE(std::all_of(found.begin() + kFront, found.begin() + kBody,
+                            [](std::byte each) { return each == std::byte{0}; }));
+    write(writer, contents);
+    const Contents read = Contents::ofFile(file());
+    EXPECT_EQ(read.damage(), "");
+    EXPECT_EQ(read.events().size(), 201 * contents.events().size());
+}
+
 TEST_F(RecordingFile, IsReadWithoutDamageBesideAWriterThatMovesItsFrames) {
     const Contents contents = contentsOfText(kAllKinds);
     std::optional<FileWriter> writer(file());
     std::atomic<bool> isOver{false};
     std::thread other([&] {
-        for (int round = 0; round < 10'000; ++round)
+        for (int round = 0; round < 10'000; ++round) {
             write(*writer, contents);
+            const bool rests = round / 2500 % 2 == 0;  // otherwise the front becomes full
+            if (rests)
+                writer->makeRoom();
+        }
         isOver = true;
     });
     std::size_t before = 0;
@@ -370,6 +412,7 @@ TEST_F(RecordingFile, IsReadableAfterAKillWithAllThatWasTold) {
         const Contents contents = contentsOfText(kAllKinds);
         for (std::uint32_t told = 0;; ++told) {
             write(writer, contents);
+            writer.makeRoom();
             static_cast<void>(::write(ready[1], &told, sizeof(told)));
         }
     }
@@ -393,9 +436,7 @@ TEST_F(RecordingFile, IsReadableAfterAKillWithAllThatWasTold) {
     EXPECT_EQ(Contents::ofFile(file()).events().size(), read.events().size() + 1);
 }
 
-/// Where a file of three small events has them: at rest, and while its writer is at work.
-constexpr std::size_t kBody = 65'536;
-constexpr std::size_t kFront = 16;
+/// Of three small events.
 constexpr const char* kThree = "turn\n@ 0.000001\nturn\nend\n";
 
 void expectRotIsFound(const std::vector<std::byte>& whole, std::size_t begin, std::size_t end) {
@@ -442,7 +483,7 @@ TEST_F(RecordingFile, TellsThatItIsCutWhereverThatIs) {
         write(writer, contentsOfText(kAllKinds));
     }
     const std::vector<std::byte> whole = bytes();
-    for (std::size_t size = kFront; size < whole.size(); size += size < kBody - 8 ? 1000 : 1) {
+    for (std::size_t size = kFront; size < whole.size(); size += size < kBody - 8 ? 4000 : 1) {
         const Contents part({whole.begin(), whole.begin() + static_cast<long>(size)});
         ASSERT_NE(part.damage(), "") << size;
         ASSERT_TRUE(std::string(kAllKinds).starts_with(textOf(part)) || !part.events().empty());
@@ -503,38 +544,47 @@ TEST_F(RecordingFile, OfAnotherKindIsRefusedAndLeftAlone) {
     EXPECT_THROW(FileWriter writer(file()), std::system_error);
 }
 
-TEST_F(RecordingFile, ThatCannotGrowKeepsWhatItHas) {
+/// Writes for as long as it can in a process whose files may not grow beyond a size; true where the
+/// file then says why it cannot.
+template <class Write>
+bool endsForLackOfRoom(const std::string& file, const Write& write) {
     const pid_t child = ::fork();
     if (child == 0) {
         std::signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{1U << 20U, 1U << 20U};
+        const rlimit limit{3U << 20U, 3U << 20U};
         ::setrlimit(RLIMIT_FSIZE, &limit);
-        FileWriter writer(file());
-        const Contents contents = contentsOfText(kAllKinds);
+        FileWriter writer(file);
         for (int i = 0; i < 100000 && writer.failure().empty(); ++i)
+            write(writer);
+        ::_exit(writer.failure() == file + ": extend recording: File too large" ? 0 : 1);
+    }
+    int status = -1;
+    return ::waitpid(child, &status, 0) == child && status == 0;
+}
+
+TEST_F(RecordingFile, ThatCannotGrowKeepsWhatItHas) {
+    const Contents contents = contentsOfText(kAllKinds);
+    const auto told = [&] { return Contents::ofFile(file()).events().size(); };
+    std::size_t before = std::numeric_limits<std::size_t>::max();
+    for (const bool rests : {false, true}) {
+        EXPECT_TRUE(endsForLackOfRoom(file(), [&](FileWriter& writer) {
             write(writer, contents);
-        ::_exit(writer.failure() == file() + ": extend recording: File too large" ? 0 : 1);
+            if (rests)
+                writer.makeRoom();
+        }));
+        const std::size_t had = told();
+        EXPECT_GT(had, 1000U);
+        EXPECT_LT(had + had / 4, before);  // at rest it fails before the front is full
+        before = had;
+        // Its next writer has no more room.
+        EXPECT_TRUE(endsForLackOfRoom(file(), [&](FileWriter& writer) {
+            write(writer, contents);
+            writer.makeRoom();
+        }));
+        EXPECT_EQ(told(), had);
+        EXPECT_EQ(Contents::ofFile(file()).damage(), "");
+        std::filesystem::remove(file());
     }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-    const std::size_t had = Contents::ofFile(file()).events().size();
-    EXPECT_GT(had, 1000U);
-    // Its next writer has no more room.
-    const pid_t next = ::fork();
-    if (next == 0) {
-        std::signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{1U << 20U, 1U << 20U};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-        FileWriter writer(file());
-        write(writer, contentsOfText(kAllKinds));
-        ::_exit(writer.failure() == file() + ": extend recording: File too large" ? 0 : 1);
-    }
-    ASSERT_EQ(::waitpid(next, &status, 0), next);
-    EXPECT_EQ(status, 0);
-    const Contents read = Contents::ofFile(file());
-    EXPECT_EQ(read.damage(), "");
-    EXPECT_EQ(read.events().size(), had);
 }
 
 // Files of a state directory.
