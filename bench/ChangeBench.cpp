@@ -47,7 +47,8 @@ void wholeChange(benchmark::State& state) {
 }
 BENCHMARK(wholeChange)->UseManualTime();
 
-/// `rest`: what a loop with nothing else to do lets the writer do, between two rounds.
+/// `rest`: what a loop with nothing else to do lets the writer do, between two rounds; not timed,
+/// as no change waits for it.
 template <class Rest>
 void recorded(benchmark::State& state, const Rest& rest) {
     FullTable& table = theTable();

@@ -85,8 +85,9 @@ Buffer::Buffer(Bytes event) {
 
 std::uint64_t* Buffer::sizeIs(std::size_t size) {
     if (wordCount(size) > capacity_) {
-        capacity_ = std::max(wordCount(size), 2 * capacity_);
-        memory_ = std::make_unique<std::uint64_t[]>(capacity_);
+        const std::size_t capacity = std::max(wordCount(size), 2 * capacity_);
+        memory_ = std::make_unique_for_overwrite<std::uint64_t[]>(capacity);
+        capacity_ = capacity;
     }
     size_ = size;
     return memory_.get();

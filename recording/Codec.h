@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "recording/Events.h"
 
@@ -144,13 +145,12 @@ private:
 template <class Put>
 class Encoder {
 public:
-    explicit Encoder(Put put) : put_(std::move(put)) {}
+    explicit Encoder(Put& put) : put_(put) {}
 
     template <class... T>
     void operator()(const T&... fields) {
         (one(fields), ...);
     }
-    Put& put() { return put_; }
 
 private:
     template <Number T>
@@ -189,15 +189,15 @@ private:
     requires requires(const T& value, Encoder& encoder) { T::fields(value, encoder); }
     void one(const T& value) { T::fields(value, *this); }
 
-    Put put_;
+    Put& put_;
 };
 
 template <class Kind, class Put>
 Put encoded(const Kind& event, Put put) {
-    Encoder<Put> encoder(std::move(put));
+    Encoder<Put> encoder(put);
     encoder(kindOf<Kind>());
     Kind::fields(event, encoder);
-    return std::move(encoder.put());
+    return put;
 }
 
 }  // namespace detail

@@ -216,7 +216,8 @@ FileWriter::~FileWriter() {
         ::munmap(head_, sizeof(Head));
 }
 
-/// Allocated: no store into it can fail.
+/// Allocated: no store into it can fail. Counts as full, so that all that was left in it is
+/// cleared.
 void FileWriter::mapHead() {
     errno = ::posix_fallocate(opened_.fd(), 0, sizeof(Head));
     if (errno != 0)
@@ -229,8 +230,8 @@ void FileWriter::mapHead() {
     window_.next = window_.end = head_->front.data() + head_->front.size();
 }
 
-/// REQUIRES: all that it holds stands in the body. Killed before `moved` is stored, what is told by
-/// zeros in its place is read there.
+/// Behind what was used are zeros already. REQUIRES: all that it holds stands in the body. Killed
+/// before `moved` is stored, what is told by zeros in its place is read there.
 void FileWriter::clearFront() {
     std::fill(head_->front.data(), window_.next, 0);
     window_.offset = moved_;
@@ -258,11 +259,6 @@ void FileWriter::storeInBody(const Buffer& event, std::chrono::nanoseconds passe
     clearFront();
 }
 
-void FileWriter::fail(const std::system_error& error) {
-    failure_ = error.what();
-    window_ = {};
-}
-
 /// For an event that has no place in the front as it is: empties the front, and stores the event in
 /// the body where it is too large for any front. False: it has a place in the front now.
 bool FileWriter::settleElsewhere(const Buffer& event, std::chrono::nanoseconds passed) {
@@ -275,7 +271,8 @@ bool FileWriter::settleElsewhere(const Buffer& event, std::chrono::nanoseconds p
                                     file_ + ": store event");
         storeInBody(event, passed);
     } catch (const std::system_error& error) {
-        fail(error);
+        failure_ = error.what();
+        window_ = {};
     }
     return true;
 }
@@ -285,8 +282,8 @@ void FileWriter::makeRoom() {
         return;
     try {
         moveToBody();
-    } catch (const std::system_error& error) {
-        fail(error);
+    } catch (const std::system_error&) {
+        // Nothing is lost yet. The next rest tries again; when the front is full, it is told of.
     }
 }
 

@@ -6,10 +6,10 @@
 //   | magic | moved | front: the last  | body: the first frames, all that have been moved
 //
 // The newest frames (see Frames.h) stand in the front, which is mapped and always the same memory.
-// When the process rests, and when the front is full, they are moved behind those in the body, and
-// then `moved` says how many bytes of frames stand there. A frame that is too large for the front
-// goes to the body at once, its first word last. In the body of a recording that has ended in good
-// order are all frames.
+// When the process rests and 32 KiB have gathered, and when the front is full, they are moved
+// behind those in the body, and then `moved` says how many bytes of frames stand there. A frame
+// that is too large for the front goes to the body at once, its first word last. In the body of a
+// recording that has ended in good order are all frames.
 //
 // What always holds:
 //  1. Whatever instruction a kill strikes at, what was told before is there, and nothing else.
@@ -17,14 +17,14 @@
 //     body, no frame is missed.
 //  3. A process that goes on with a file goes on behind its last whole frame; its first event is a
 //     start.
-//  4. Between two rests, no event takes a system call before a megabyte has been told.
+//  4. After a rest, no event takes a system call before nearly a MiB has been told, but one that is
+//     too large for the front.
 //
 // Whoever cuts the file below the body while it is written ends its writer (SIGBUS).
 #pragma once
 
 #include <cstddef>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "recording/Codec.h"
@@ -53,7 +53,7 @@ public:
     /// Where the file cannot grow any more, it keeps what it has: failure() says why.
     void eventIs(const Buffer& event, std::chrono::nanoseconds time) override;
     /// For when nothing else is to do: moves what stands in the front, where that is worth a system
-    /// call, so that later on no event has to wait for it.
+    /// call, so that later on no event has to wait for it. Where it cannot, the front goes on.
     void makeRoom();
     /// Empty while all is stored.
     const std::string& failure() const { return failure_; }
@@ -64,7 +64,7 @@ private:
     struct Head;
 
     void mapHead();
-    void fail(const std::system_error& error);
+    /// Bytes of frames. REQUIRES: no failure.
     std::size_t inFront() const { return window_.offset - moved_; }
     void clearFront();
     void moveToBody();

@@ -13,7 +13,7 @@ std::optional<Framed> frameIn(Bytes bytes, std::size_t offset) {
     const std::uint64_t length = head >> 32U;
     const std::size_t size = length & ~kPassedFollows;
     const std::size_t before = (length & kPassedFollows) == 0 ? 1 : 2;
-    const std::size_t words = before + (size + kWordSize - 1) / kWordSize;
+    const std::size_t words = before + wordCount(size);
     if (words * kWordSize > bytes.size())
         throw FormatError("the frame is cut off");
     FrameSum sum(length, offset);

@@ -17,7 +17,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
 
 #include "recording/Codec.h"
 
@@ -50,8 +49,9 @@ constexpr std::size_t frameWords(std::size_t bytes, std::chrono::nanoseconds pas
 /// instruction, finds all of the frame or none.
 class FrameStore {
 public:
-    /// `place` has room for the frame; `offset`: of the frame in all that the recording's frames
-    /// take. REQUIRES: `passed` is not negative, and the event of less than 2 GiB.
+    /// `place` has room for the frame, and begins with a word of zeros; `offset`: of the frame in
+    /// all that the recording's frames take. REQUIRES: `passed` is not negative, the event is of
+    /// less than 2 GiB, and the words that follow are as many as its bytes take.
     FrameStore(std::uint64_t* place, std::size_t bytes, std::chrono::nanoseconds passed,
                std::size_t offset)
         : place_(place),

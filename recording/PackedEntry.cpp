@@ -26,6 +26,7 @@ PackedEntry::PackedEntry(Bytes image) {
         *next++ = value;
         mask |= std::uint64_t{1} << word;
     };
+    // A whole word, of which wordAt() would ask each time whether it is one.
     const auto load = [&](std::size_t at) {
         std::uint64_t value = 0;
         std::memcpy(&value, image.data() + at * kWordSize, kWordSize);

@@ -1,7 +1,6 @@
 #include "recording/Recorder.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "recording/PackedEntry.h"
 
@@ -31,29 +30,35 @@ void putInOrder(std::vector<Look::Row>& rows) {
 }
 
 /// Brings what was known of a map up to date; `moved` are the rows that say something else, by
-/// table. False where that does not say it all: other tables, or a version that has gone back.
+/// table. False where that does not say it all: a table has gone, or back; both are of no use then.
+/// The order of the map's rows must not matter: a replay lays them out in another.
 bool bringUpToDate(std::vector<KivShimo::Acknowledged>& known,
                    const KivShimo::Acknowledgements& now, std::vector<Look::Row>& moved) {
     moved.clear();
-    if (known.size() > now.size())
-        return false;
-    const KivShimo::Acknowledged* row = now.begin();
-    for (KivShimo::Acknowledged& old : known) {
-        const auto& [table, version] = *row++;
-        if (old.tableId != table || old.version > version)
-            return false;
-        if (old.version == version)
+    const std::size_t before = known.size();
+    std::size_t found = 0;
+    std::size_t place = 0;
+    bool isOnward = true;
+    for (const auto& [table, version] : now) {
+        // Nearly always in the same place.
+        auto old = known.begin() + static_cast<long>(std::min(place++, known.size()));
+        if (old == known.end() || old->tableId != table)
+            old = std::ranges::find(known, table, &KivShimo::Acknowledged::tableId);
+        if (old == known.end()) {
+            known.push_back({table, version});
+            moved.push_back({table, version});
             continue;
-        old.version = version;
+        }
+        found += old - known.begin() < static_cast<long>(before) ? 1 : 0;
+        if (old->version == version)
+            continue;
+        isOnward &= version > old->version;
+        old->version = version;
         moved.push_back({table, version});
-    }
-    for (; row != now.end(); ++row) {
-        known.push_back(*row);
-        moved.push_back({row->tableId, row->version});
     }
     if (moved.size() > 1)
         putInOrder(moved);
-    return true;
+    return isOnward && found == before;
 }
 
 }  // namespace
@@ -69,7 +74,7 @@ Recorder::~Recorder() {
 
 void Recorder::changeStaged(const Asic::Recorder::Change& change) {
     change.handle.recordNumberIs(++lastNumber_);
-    const PackedEntry entry(change.entry);
+    const PackedEntry entry(change.entry);  // of nothing where nothing is written: one call of tell
     const auto operation = static_cast<Recording::Change::Operation>(change.operation);
     const bool isWrite = operation == Recording::Change::Operation::write;
     tell(Recording::Change{.operation = operation,

@@ -14,8 +14,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <limits>
-#include <optional>
 #include <thread>
 
 #include <fmt/format.h>
@@ -156,6 +154,48 @@ bool areRefusedOrAnother(Bytes bytes) {
     } catch (const FormatError&) {
         return true;
     }
+}
+
+/// Numbers in their sizes, the lowest byte first, and texts, one behind the other.
+class Laid {
+public:
+    Laid& number(std::uint64_t value, std::size_t size) {
+        for (std::size_t byte = 0; byte < size; ++byte)
+            bytes_.push_back(static_cast<std::byte>(value >> 8 * byte));
+        return *this;
+    }
+    Laid& all(Bytes value) {
+        bytes_.insert(bytes_.end(), value.begin(), value.end());
+        return *this;
+    }
+    Bytes bytes() const { return bytes_; }
+
+private:
+    std::vector<std::byte> bytes_;
+};
+
+TEST(RecordingCodec, LaysFieldsOneBehindTheOtherWhereverWordsEnd) {
+    const std::string text = "abcdefgh12345678ABCDEFGH";
+    const Bytes letters = std::as_bytes(std::span(text));
+    for (std::size_t path = 0; path <= 8; ++path) {
+        for (std::size_t run = 1; run <= 17; ++run) {
+            const File file{std::string_view(text).substr(0, path),
+                            99,
+                            {{3, letters.first(run)}, {50, letters.last(run)}}};
+            Laid laid;
+            laid.number(1, 1).number(path, 4).all(letters.first(path)).number(99, 8);
+            laid.number(3, 8).number(run, 4).all(letters.first(run));
+            laid.number(50, 8).number(run, 4).all(letters.last(run));
+            Buffer encoded;
+            encode(file, encoded);
+            ASSERT_TRUE(sameBytes(encoded.bytes(), laid.bytes())) << path << ' ' << run;
+            ASSERT_EQ(sizeOf(file), laid.bytes().size());
+            const Laid behind = Laid().all(laid.bytes()).number(0, 8);  // zeros fill the last word
+            ASSERT_TRUE(sameBytes(std::as_bytes(encoded.words()),
+                                  behind.bytes().first(encoded.words().size_bytes())));
+        }
+    }
+    EXPECT_EQ(sizeOf(Change()) % kWordSize, 0U);  // so that the entry stands in whole words
 }
 
 TEST(RecordingCodec, RefusesEventsThatAreCutOffOrTooLong) {
@@ -354,14 +394,14 @@ TEST_F(RecordingFile, MovesItsFramesAtRestWhereThatIsWorthIt) {
 
 TEST_F(RecordingFile, IsReadWithoutDamageBesideAWriterThatMovesItsFrames) {
     const Contents contents = contentsOfText(kAllKinds);
-    std::optional<FileWriter> writer(file());
+    FileWriter writer(file());
     std::atomic<bool> isOver{false};
     std::thread other([&] {
         for (int round = 0; round < 10'000; ++round) {
-            write(*writer, contents);
+            write(writer, contents);
             const bool rests = round / 2500 % 2 == 0;  // otherwise the front becomes full
             if (rests)
-                writer->makeRoom();
+                writer.makeRoom();
         }
         isOver = true;
     });
@@ -386,21 +426,43 @@ TEST_F(RecordingFile, GoesOnBehindWhatItHas) {
 }
 
 TEST_F(RecordingFile, GrowsBeyondWhatIsMappedAtOnce) {
-    std::vector<std::byte> large(3'000'001, std::byte{7});
-    Buffer encoded;
-    encode(File{"large", large.size(), {{0, large}}}, encoded);
+    const std::vector<std::byte> large(3'000'001, std::byte{7});
+    const File event{"large", large.size(), {{0, large}}};
     {
         FileWriter writer(file());
         for (int i = 0; i < 3; ++i) {
-            writer.eventIs(encoded, nanoseconds(i));
-            for (int small = 0; small < 1000; ++small)
-                writer.eventIs(Buffer(contentsOfText("turn\n").events()[0].bytes), nanoseconds(i));
+            writer.tell(event, nanoseconds(i));
+            for (int small = 0; small < 3000; ++small)
+                writer.tell(Turn(), nanoseconds(i));
+            writer.makeRoom();
         }
     }
     const Contents read = Contents::ofFile(file());
     EXPECT_EQ(read.damage(), "");
-    ASSERT_EQ(read.events().size(), 3003U);
-    EXPECT_TRUE(sameBytes(read.events()[2002].bytes, encoded.bytes()));
+    ASSERT_EQ(read.events().size(), 9003U);
+    Buffer encoded;
+    encode(event, encoded);
+    EXPECT_TRUE(sameBytes(read.events()[6002].bytes, encoded.bytes()));
+}
+
+TEST_F(RecordingFile, HoldsEventsThatJustFillItsFrontAndThoseThatJustDoNot) {
+    const std::vector<std::byte> bytes(kBody, std::byte{7});
+    const auto event = [&](std::size_t size) {
+        return File{"f", kBody, {{0, Bytes(bytes).first(size)}}};
+    };
+    const std::size_t most = kBody - kFront - 8 - sizeOf(event(0));  // beside the frame's own word
+    for (const std::size_t size : {most - 8, most, most + 1, most + 8}) {
+        {
+            FileWriter writer(file());
+            writer.tell(event(size), nanoseconds(0));
+            EXPECT_EQ(std::filesystem::file_size(file()) == kBody, size <= most) << size;
+            writer.tell(Turn(), nanoseconds(0));
+        }
+        const Contents read = Contents::ofFile(file());
+        EXPECT_EQ(read.damage(), "");
+        EXPECT_EQ(read.events().size(), 2U) << size;
+        std::filesystem::remove(file());
+    }
 }
 
 TEST_F(RecordingFile, IsReadableAfterAKillWithAllThatWasTold) {
@@ -490,35 +552,51 @@ TEST_F(RecordingFile, TellsThatItIsCutWhereverThatIs) {
     }
 }
 
-/// What a kill leaves of the front when it strikes while the frames in it are being moved.
+/// What a kill leaves of the front when it strikes while the frames in it are being moved, for the
+/// first time and later on.
 TEST_F(RecordingFile, IsWholeWhereverItsFramesHaveBeenMovedTo) {
-    const auto images = imagesOf(kAllKinds);
-    const std::vector<std::byte>& atWork = images.atWork;
-    const std::vector<std::byte>& whole = images.atRest;
-    const std::size_t size = whole.size() - kBody;
-    const auto isWhole = [&](const std::vector<std::byte>& found) {
-        bytesAre(found);
-        if (textOf(Contents::ofFile(file())) != kAllKinds)
-            return false;
-        { FileWriter writer(file()); }
-        return bytes() == whole;
-    };
-    for (std::size_t moved = 0; moved <= size; moved += moved < 64 ? 1 : 37) {
-        std::vector<std::byte> found = atWork;  // part of it stands in the body
-        found.insert(found.end(), whole.begin() + kBody,
-                     whole.begin() + static_cast<long>(kBody + moved));
-        ASSERT_TRUE(isWhole(found)) << moved;
+    const Contents contents = contentsOfText(kAllKinds);
+    for (const std::size_t before : {0U, 100U}) {
+        std::vector<std::byte> atWork;
+        {
+            FileWriter writer(file());
+            for (std::size_t round = 0; round < before; ++round)
+                write(writer, contents);
+            writer.makeRoom();
+            write(writer, contents);
+            atWork = bytes();
+        }
+        const std::vector<std::byte> whole = bytes();
+        const auto beginOfMoved = static_cast<long>(atWork.size());
+        const std::size_t size = whole.size() - atWork.size();
+        ASSERT_EQ(atWork.size() > kBody, before != 0);
+        const auto isWhole = [&](const std::vector<std::byte>& found) {
+            bytesAre(found);
+            const Contents read = Contents::ofFile(file());
+            if (read.events().size() != (before + 1) * contents.events().size() ||
+                !textOf(read).ends_with(kAllKinds))
+                return false;
+            { FileWriter writer(file()); }
+            return bytes() == whole;
+        };
+        for (std::size_t moved = 0; moved <= size; moved += moved < 64 ? 1 : 37) {
+            std::vector<std::byte> found = atWork;  // part of it stands in the body
+            found.insert(found.end(), whole.begin() + beginOfMoved,
+                         whole.begin() + beginOfMoved + static_cast<long>(moved));
+            ASSERT_TRUE(isWhole(found)) << moved;
+        }
+        for (std::size_t cleared = 0; cleared <= size; cleared += cleared < 64 ? 1 : 37) {
+            std::vector<std::byte> found = atWork;  // all does, and part of the front is cleared
+            found.insert(found.end(), whole.begin() + beginOfMoved, whole.end());
+            std::fill_n(found.begin() + kFront, cleared, std::byte{0});
+            ASSERT_TRUE(isWhole(found)) << cleared;
+        }
+        std::vector<std::byte> found = whole;  // a large frame whose first word is missing
+        found.resize(found.size() + 8);
+        found.resize(found.size() + 100, std::byte{7});
+        EXPECT_TRUE(isWhole(found));
+        std::filesystem::remove(file());
     }
-    for (std::size_t cleared = 0; cleared <= size; cleared += cleared < 64 ? 1 : 37) {
-        std::vector<std::byte> found = atWork;  // all does, and part of the front is cleared
-        found.insert(found.end(), whole.begin() + kBody, whole.end());
-        std::fill_n(found.begin() + kFront, cleared, std::byte{0});
-        ASSERT_TRUE(isWhole(found)) << cleared;
-    }
-    std::vector<std::byte> found = whole;  // a large frame whose first word is missing
-    found.resize(found.size() + 8);
-    found.resize(found.size() + 100, std::byte{7});
-    EXPECT_TRUE(isWhole(found));
 }
 
 TEST_F(RecordingFile, HasOneWriter) {
@@ -544,19 +622,15 @@ TEST_F(RecordingFile, OfAnotherKindIsRefusedAndLeftAlone) {
     EXPECT_THROW(FileWriter writer(file()), std::system_error);
 }
 
-/// Writes for as long as it can in a process whose files may not grow beyond a size; true where the
-/// file then says why it cannot.
-template <class Write>
-bool endsForLackOfRoom(const std::string& file, const Write& write) {
+/// In a process whose files may not grow beyond a size, and do not end it.
+template <class Work>
+bool isTrueWithoutRoom(const Work& work) {
     const pid_t child = ::fork();
     if (child == 0) {
         std::signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{3U << 20U, 3U << 20U};
+        const rlimit limit{3U << 20U, RLIM_INFINITY};
         ::setrlimit(RLIMIT_FSIZE, &limit);
-        FileWriter writer(file);
-        for (int i = 0; i < 100000 && writer.failure().empty(); ++i)
-            write(writer);
-        ::_exit(writer.failure() == file + ": extend recording: File too large" ? 0 : 1);
+        ::_exit(work() ? 0 : 1);
     }
     int status = -1;
     return ::waitpid(child, &status, 0) == child && status == 0;
@@ -564,27 +638,51 @@ bool endsForLackOfRoom(const std::string& file, const Write& write) {
 
 TEST_F(RecordingFile, ThatCannotGrowKeepsWhatItHas) {
     const Contents contents = contentsOfText(kAllKinds);
-    const auto told = [&] { return Contents::ofFile(file()).events().size(); };
-    std::size_t before = std::numeric_limits<std::size_t>::max();
-    for (const bool rests : {false, true}) {
-        EXPECT_TRUE(endsForLackOfRoom(file(), [&](FileWriter& writer) {
+    const std::string why = file() + ": extend recording: File too large";
+    EXPECT_TRUE(isTrueWithoutRoom([&] {
+        FileWriter writer(file());
+        for (int i = 0; i < 100000 && writer.failure().empty(); ++i)
             write(writer, contents);
-            if (rests)
-                writer.makeRoom();
-        }));
-        const std::size_t had = told();
-        EXPECT_GT(had, 1000U);
-        EXPECT_LT(had + had / 4, before);  // at rest it fails before the front is full
-        before = had;
-        // Its next writer has no more room.
-        EXPECT_TRUE(endsForLackOfRoom(file(), [&](FileWriter& writer) {
-            write(writer, contents);
+        write(writer, contents);
+        writer.makeRoom();
+        return writer.failure() == why;
+    }));
+    const std::size_t had = Contents::ofFile(file()).events().size();
+    EXPECT_GT(had, 1000U);
+    // Its next writer has no more room from the start.
+    EXPECT_TRUE(isTrueWithoutRoom([&] {
+        FileWriter writer(file());
+        write(writer, contents);
+        writer.makeRoom();
+        return writer.failure() == why;
+    }));
+    const Contents read = Contents::ofFile(file());
+    EXPECT_EQ(read.damage(), "");
+    EXPECT_EQ(read.events().size(), had);
+}
+
+TEST_F(RecordingFile, ThatCouldNotGrowAtRestGoesOnWhenItCanAgain) {
+    const Contents contents = contentsOfText(kAllKinds);
+    EXPECT_TRUE(isTrueWithoutRoom([&] {
+        FileWriter writer(file());
+        const auto writeABit = [&] {
+            for (int i = 0; i < 100; ++i)
+                write(writer, contents);
             writer.makeRoom();
-        }));
-        EXPECT_EQ(told(), had);
-        EXPECT_EQ(Contents::ofFile(file()).damage(), "");
-        std::filesystem::remove(file());
-    }
+        };
+        std::uintmax_t size = 0;
+        do {
+            size = std::filesystem::file_size(file());
+            writeABit();
+        } while (std::filesystem::file_size(file()) != size);
+        const rlimit limit{RLIM_INFINITY, RLIM_INFINITY};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        writeABit();
+        return writer.failure().empty() && std::filesystem::file_size(file()) > size;
+    }));
+    const Contents read = Contents::ofFile(file());
+    EXPECT_EQ(read.damage(), "");
+    EXPECT_EQ(read.events().size() % (100 * contents.events().size()), 0U);
 }
 
 // Files of a state directory.
