@@ -237,7 +237,8 @@ def test_a_text_is_a_recording_too(scenario):
 def test_damage_ends_a_recording_with_a_warning(recorded, tmp_path):
     whole = list(vorn.Recording(recorded))
     image = bytearray(recorded.read_bytes())
-    image[len(image) // 2] ^= 1
+    body = 1 << 20
+    image[(body + len(image)) // 2] ^= 1
     path = tmp_path / "rotten.rec"
     path.write_bytes(image)
     with pytest.warns(vorn.DamageWarning, match=f"^rotten: {path}: event [0-9]+ at byte"):
