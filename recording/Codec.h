@@ -84,7 +84,8 @@ public:
 
     Bytes bytes() const { return std::as_bytes(words()).first(size_); }
     std::span<const std::uint64_t> words() const { return {memory_.get(), wordCount(size_)}; }
-    /// For so many bytes; what it held is gone. Whoever calls stores all words.
+    /// Makes it of so many bytes; what it held is gone. Returns its words, which whoever calls
+    /// stores, all of them; valid until the next call.
     std::uint64_t* sizeIs(std::size_t size);
 
 private:
@@ -192,6 +193,7 @@ private:
     Put& put_;
 };
 
+/// What `put` is when it has been given all of the event.
 template <class Kind, class Put>
 Put encoded(const Kind& event, Put put) {
     Encoder<Put> encoder(put);

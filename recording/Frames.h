@@ -8,7 +8,7 @@
 // all that follows the length, begun with the length and the frame's place. A frame's first word is
 // never zero, and is stored last: a word of zeros stands behind the last whole frame.
 //
-// Plain functions: any thread.
+// Plain values and functions: any thread.
 #pragma once
 
 #include <atomic>
