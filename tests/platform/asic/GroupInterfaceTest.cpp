@@ -97,8 +97,11 @@ protected:
     }
     static void rot(const std::string& path, std::initializer_list<std::size_t> places) {
         std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-        for (const std::size_t place : places)
-            file.seekp(static_cast<std::streamoff>(place)).put('\x55');
+        for (const std::size_t place : places) {
+            const auto at = static_cast<std::streamoff>(place);
+            const int before = file.seekg(at).get();  // a byte of something random, often
+            file.seekp(at).put(static_cast<char>(before ^ 0x55));
+        }
         ASSERT_TRUE(file.good());
     }
     void rotAcknowledgement() { rot(hardware().file(), {KivShimo::detail::kAreasOffset}); }
